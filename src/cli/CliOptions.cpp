@@ -1,0 +1,78 @@
+#include "cli/CliOptions.h"
+
+namespace cutlark {
+
+QString CliOptions::usage() {
+    return QStringLiteral(
+        "Usage:\n"
+        "  cutlark-cli process [--set NAME=VALUE]... [--preset FILE.json] [-o DIR | --in-place] [--jobs N] INPUT...\n"
+        "  cutlark-cli info INPUT...\n"
+        "  cutlark-cli settings\n"
+        "\n"
+        "INPUT may be an image file or a folder (its images, in name order).\n"
+        "process writes <stem>-out.<ext> beside each input, or into DIR, or over the input with --in-place,\n"
+        "and prints one JSON object per input. Settings are named as `cutlark-cli settings` lists them.\n");
+}
+
+std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOptions& out) {
+    out = CliOptions();
+    if (arguments.isEmpty()) return QStringLiteral("no command given");
+    const QString& command = arguments.first();
+    if (command == QLatin1String("settings")) out.command = Command::settings;
+    else if (command == QLatin1String("info")) out.command = Command::info;
+    else if (command == QLatin1String("process")) out.command = Command::process;
+    else if (command == QLatin1String("help") || command == QLatin1String("--help") || command == QLatin1String("-h"))
+        out.command = Command::help;
+    else return QStringLiteral("unknown command “%1”").arg(command);
+
+    const bool takesOptions = out.command == Command::process;
+    bool onlyInputs = false;
+    for (qsizetype i = 1; i < arguments.size(); ++i) {
+        const QString& a = arguments[i];
+        auto value = [&](const QString& option) -> std::optional<QString> {
+            if (i + 1 >= arguments.size()) return std::nullopt;
+            Q_UNUSED(option);
+            return arguments[++i];
+        };
+        if (onlyInputs || !a.startsWith(QLatin1Char('-')) || a == QLatin1String("-")) {
+            out.inputs << a;
+            continue;
+        }
+        if (a == QLatin1String("--")) {
+            onlyInputs = true;
+            continue;
+        }
+        if (!takesOptions) return QStringLiteral("%1 takes no option “%2”").arg(command, a);
+        if (a == QLatin1String("--set")) {
+            const auto v = value(a);
+            if (!v) return QStringLiteral("--set needs NAME=VALUE");
+            const qsizetype eq = v->indexOf(QLatin1Char('='));
+            if (eq <= 0) return QStringLiteral("--set needs NAME=VALUE, got “%1”").arg(*v);
+            out.sets.append({v->left(eq).trimmed(), v->mid(eq + 1)});
+        } else if (a == QLatin1String("--preset")) {
+            const auto v = value(a);
+            if (!v) return QStringLiteral("--preset needs a file");
+            out.presetPath = *v;
+        } else if (a == QLatin1String("-o") || a == QLatin1String("--output")) {
+            const auto v = value(a);
+            if (!v) return QStringLiteral("-o needs a folder");
+            out.outputDir = *v;
+        } else if (a == QLatin1String("--in-place")) {
+            out.inPlace = true;
+        } else if (a == QLatin1String("--jobs") || a == QLatin1String("-j")) {
+            const auto v = value(a);
+            bool ok = false;
+            const int n = v ? v->toInt(&ok) : 0;
+            if (!ok || n < 1 || n > 256) return QStringLiteral("--jobs needs a number from 1 to 256");
+            out.jobs = n;
+        } else {
+            return QStringLiteral("unknown option “%1”").arg(a);
+        }
+    }
+    if (out.inPlace && !out.outputDir.isEmpty()) return QStringLiteral("-o and --in-place exclude each other");
+    if ((out.command == Command::process || out.command == Command::info) && out.inputs.isEmpty())
+        return QStringLiteral("no input given");
+    return std::nullopt;
+}
+
+} // namespace cutlark

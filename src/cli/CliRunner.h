@@ -1,0 +1,31 @@
+#pragma once
+
+#include "cli/CliOptions.h"
+
+#include <QJsonObject>
+
+#include <cstdio>
+
+namespace cutlark {
+
+/// The headless front end: each command drives the same `CropModel` code as the window.
+class CliRunner {
+public:
+    CliRunner(FILE* out, FILE* err) : m_out(out), m_err(err) {}
+
+    /// Runs the command; the process exit code (0 all done, 1 some input failed, 2 bad usage).
+    int run(const QStringList& arguments);
+
+private:
+    int runSettings();
+    int runInfo(const CliOptions& options);
+    int runProcess(const CliOptions& options);
+    void print(const QJsonObject& object);
+    void progress(qsizetype done, qsizetype total);
+    int reportFailures(const QStringList& failures);
+
+    FILE* m_out;
+    FILE* m_err;
+};
+
+} // namespace cutlark

@@ -1,0 +1,9 @@
+#include "cli/CliRunner.h"
+
+#include <QCoreApplication>
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    cutlark::CliRunner runner(stdout, stderr);
+    return runner.run(QCoreApplication::arguments().mid(1));
+}

@@ -1,0 +1,98 @@
+#pragma once
+
+#include <QImage>
+#include <QRectF>
+#include <QSizeF>
+
+#include <cmath>
+#include <optional>
+
+/// Pixel operations on immutable images. Every function is pure; "returns the image itself" means a
+/// shallow copy with the same `cacheKey()`, which costs nothing.
+namespace cutlark::CropEngine {
+
+/// An image together with its pixels as premultiplied sRGB RGBA bytes, top row first, stride exactly
+/// width × 4. When the image already has that layout (how `ImageFile::load` delivers 8-bit sRGB
+/// images) both share one pixel store; otherwise the buffer holds its own converted copy.
+class Buffer {
+public:
+    /// Absent when the image is empty or its pixels can't be converted (out of memory).
+    static std::optional<Buffer> make(const QImage& image);
+
+    const QImage& cgImage() const { return m_image; }
+    qint64 width() const { return m_width; }
+    qint64 height() const { return m_height; }
+    /// width × height × 4 bytes, R, G, B, A premultiplied.
+    const uchar* pixels() const { return m_store.constBits(); }
+    /// The pixels as an image (shares `pixels`): `Format_RGBA8888_Premultiplied`, or `Format_RGBX8888`
+    /// for an opaque source, which has the same bytes.
+    const QImage& pixelImage() const { return m_store; }
+    /// True when `cgImage` and `pixels` are one and the same store.
+    bool sharesStore() const { return m_store.constBits() == m_image.constBits(); }
+
+private:
+    Buffer(QImage image, QImage store);
+
+    QImage m_image;
+    QImage m_store;
+    qint64 m_width = 0;
+    qint64 m_height = 0;
+};
+
+/// The image mirrored left to right (when `mirrored`) and then turned clockwise by `quarterTurns`
+/// quarter turns; only the two low bits of the count matter, so −1 turns like 3. Returns the image
+/// itself for no turn and no mirror; absent when the new image can't be allocated.
+std::optional<QImage> oriented(const QImage& image, qint64 quarterTurns, bool mirrored);
+
+/// Crop to a normalized rectangle (fractions of the size, top-left origin), rounded to whole pixels
+/// and kept inside the image with at least one pixel each way. Returns the image itself for the
+/// whole-image rectangle or when the crop can't be made. Shares the source's pixels.
+QImage cropNormalized(const QImage& image, const QRectF& rect);
+
+/// Crop the buffer's image to a pixel rectangle (top-left origin). Returns the buffer's image itself
+/// when the rectangle, truncated, has the buffer's size; absent when it lies outside the image.
+/// Shares the source's pixels: no copy is made.
+std::optional<QImage> crop(const Buffer& buffer, const QRectF& rect);
+
+/// A view of `rect` inside `image` that shares its pixels (the view keeps the source alive).
+/// The rectangle is clipped to the image; null when nothing is left.
+QImage subImage(const QImage& image, const QRect& rect);
+
+/// Rounds to the nearest integer, halves away from zero (the system's rounding everywhere).
+inline double roundHalfAway(double v) { return std::round(v); }
+
+// --- Content bounds ---
+
+/// The tight box of the pixels that are neither near-transparent nor near-white at `threshold`
+/// percent; the whole buffer for a threshold of 0 or less. Absent when no pixel qualifies.
+std::optional<QRectF> contentRect(const Buffer& buffer, double threshold);
+
+/// The tight box of the pixels whose alpha is strictly above `minAlpha`; absent when none is.
+std::optional<QRectF> alphaContentRect(const Buffer& buffer, quint8 minAlpha);
+
+/// True when at least three of the four edge bands are `perEdgeFraction` white (or transparent).
+bool backgroundIsMostlyWhite(const Buffer& buffer, double perEdgeFraction);
+
+// --- White keying ---
+
+/// Clears the white background to transparent, from the border inwards, or everywhere with
+/// `includeInternal`. Returns the image itself when nothing was cleared.
+std::optional<QImage> keyOutWhite(const QImage& image, double threshold, bool includeInternal);
+
+// --- Canvas operations ---
+
+/// Transparent margins around the image; negative amounts count as 0. The image itself for none.
+std::optional<QImage> pad(const QImage& image, qint64 top, qint64 right, qint64 bottom, qint64 left);
+/// The image over a solid colour (sRGB components 0…1).
+std::optional<QImage> fillColorBackground(const QImage& image, double r, double g, double b, double a);
+/// The image over a two-stop linear gradient through its centre at `angleDegrees` (clockwise on screen).
+std::optional<QImage> fillGradientBackground(const QImage& image, double r0, double g0, double b0, double a0,
+                                             double r1, double g1, double b1, double a1, double angleDegrees);
+/// The image over `background`, scaled to cover and centred.
+std::optional<QImage> fillImageBackground(const QImage& image, const QImage& background);
+/// The image unscaled and centred on a canvas of the target size (rounded, at least 1).
+std::optional<QImage> canvas(const QImage& image, const QSizeF& target);
+/// The image scaled to the target size (rounded, at least 1), with high-quality filtering.
+std::optional<QImage> resize(const QImage& image, const QSizeF& target);
+
+} // namespace cutlark::CropEngine

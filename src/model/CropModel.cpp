@@ -1,0 +1,391 @@
+#include "model/CropModel.h"
+
+#include "engines/CollageSplitter.h"
+#include "engines/VisionEngine.h"
+
+namespace cutlark {
+
+namespace {
+
+// The "went from false to true" tests of the hooks need the old value of flags only.
+bool flagOf(bool v) { return v; }
+template <class T> bool flagOf(const T&) { return false; }
+
+// Every writer of the quarter turns keeps them in 0…3.
+qint64 normalized(qint64 v) { return ((v % 4) + 4) % 4; }
+template <class T> const T& normalized(const T& v) { return v; }
+
+} // namespace
+
+CropModel::CropModel(QObject* parent) : QObject(parent) {}
+
+CropModel::~CropModel() = default;
+
+// Each setter stores, notifies, then runs the field's hook — also for an unchanged value.
+#define CUTLARK_SETTER(Type, name, Name, def, kind)                                                         \
+    void CropModel::set##Name(const Type& value) {                                                          \
+        const bool wasOn = flagOf(m_settings.name);                                                         \
+        m_settings.name = normalized(value);                                                                \
+        notify(Field::name);                                                                                \
+        runHook(Field::name, wasOn);                                                                        \
+    }
+CUTLARK_SETTINGS(CUTLARK_SETTER)
+#undef CUTLARK_SETTER
+
+bool CropModel::writeSetting(const QString& name, const Settings& from) {
+#define CUTLARK_WRITE_BY_NAME(Type, field, Name, def, kind)                                                 \
+    if (name == QLatin1String(#field)) {                                                                     \
+        set##Name(from.field);                                                                               \
+        return true;                                                                                         \
+    }
+    CUTLARK_SETTINGS(CUTLARK_WRITE_BY_NAME)
+#undef CUTLARK_WRITE_BY_NAME
+    return false;
+}
+
+// The change hooks, all in one place. To rebuild is `recomputeActive()`, to retrace `updateVector()`.
+void CropModel::runHook(Field field, bool wasOn) {
+    const Settings& s = m_settings;
+    switch (field) {
+    case Field::quarterTurns:
+    case Field::mirrored:
+    case Field::manualCropEnabled:
+    case Field::trimEnabled:
+    case Field::bgRemovalMode:
+    case Field::stickerEnabled:
+    case Field::paddingEnabled:
+    case Field::backgroundEnabled:
+    case Field::vectorizeEnabled:
+        recomputeActive();
+        break;
+    case Field::manualCropRect:
+        if (s.manualCropEnabled) recomputeActive();
+        break;
+    case Field::threshold:
+        if (s.trimEnabled) recomputeActive();
+        break;
+    case Field::keyWhiteEnabled:
+        if (!wasOn && s.keyWhiteEnabled) autoPickRemovalMode();
+        recomputeActive();
+        break;
+    case Field::keyThreshold:
+    case Field::keyInternal:
+        if (s.keyWhiteEnabled && s.bgRemovalMode == BGRemovalMode::white) recomputeActive();
+        break;
+    case Field::strokeWidth:
+        if (s.stickerEnabled) recomputeActive();
+        break;
+    case Field::paddingUniform:
+        if (wasOn && !s.paddingUniform) {
+            // Leaving uniform padding starts each side from the uniform amount.
+            const double amount = s.padAmount;
+            setPadTop(amount);
+            setPadRight(amount);
+            setPadBottom(amount);
+            setPadLeft(amount);
+        }
+        if (m_settings.paddingEnabled) recomputeActive();
+        break;
+    case Field::padAmount:
+        if (s.paddingEnabled && s.paddingUniform) recomputeActive();
+        break;
+    case Field::padTop:
+    case Field::padRight:
+    case Field::padBottom:
+    case Field::padLeft:
+        if (s.paddingEnabled && !s.paddingUniform) recomputeActive();
+        break;
+    case Field::backgroundKind:
+        if (s.backgroundEnabled) recomputeActive();
+        break;
+    case Field::backgroundColor:
+        if (s.backgroundEnabled && s.backgroundKind == BackgroundKind::color) recomputeActive();
+        break;
+    case Field::gradientStart:
+    case Field::gradientEnd:
+    case Field::gradientAngle:
+        if (s.backgroundEnabled && s.backgroundKind == BackgroundKind::gradient) recomputeActive();
+        break;
+    case Field::resizeEnabled:
+        if (!wasOn && s.resizeEnabled) seedResizePixels();
+        recomputeActive();
+        break;
+    case Field::resizeWidth:
+        if (m_linkingResizeFields) break;
+        if (s.resizeLockAspect) linkResizeHeightToWidth();
+        if (m_settings.resizeEnabled) recomputeActive();
+        break;
+    case Field::resizeHeight:
+        if (m_linkingResizeFields) break;
+        if (s.resizeLockAspect) linkResizeWidthToHeight();
+        if (m_settings.resizeEnabled) recomputeActive();
+        break;
+    case Field::resizeLockAspect:
+        if (s.resizeLockAspect) linkResizeHeightToWidth();
+        if (m_settings.resizeEnabled) recomputeActive();
+        break;
+    case Field::resizeCanvas:
+        if (s.resizeEnabled) recomputeActive();
+        break;
+    case Field::vectorFullColor:
+    case Field::vectorizeStyle:
+        if (s.vectorizeEnabled) updateVector();
+        break;
+    case Field::vectorStrokeWidth:
+        if (s.vectorizeEnabled && s.vectorizeStyle == VectorizeStyle::outline) updateVector();
+        break;
+    case Field::vectorTolerance:
+    case Field::vectorMinFeature:
+    case Field::vectorDenoise:
+    case Field::vectorCleanup:
+        if (s.vectorizeEnabled && s.vectorFullColor) updateVector();
+        break;
+    default:
+        // backgroundImage and backgroundImageURL have no hook; nor do the non-setting fields.
+        break;
+    }
+}
+
+// --- private writers of the observable fields ---
+
+void CropModel::setSyncSettingsAcrossQueue(bool on) {
+    m_syncSettingsAcrossQueue = on;
+    notify(Field::syncSettingsAcrossQueue);
+}
+
+void CropModel::setActiveID(std::optional<QUuid> id) {
+    m_activeID = id;
+    notify(Field::activeID);
+}
+
+void CropModel::setActiveContentRect(std::optional<QRectF> rect) {
+    m_activeContentRect = rect;
+    notify(Field::activeContentRect);
+}
+
+void CropModel::setProcessedImage(const QImage& image) {
+    m_processedImage = image;
+    notify(Field::processedImage);
+}
+
+void CropModel::setErrorMessage(std::optional<QString> text) {
+    m_errorMessage = std::move(text);
+    notify(Field::errorMessage);
+}
+
+void CropModel::setSaveConfirmation(std::optional<QString> text) {
+    m_saveConfirmation = std::move(text);
+    notify(Field::saveConfirmation);
+}
+
+void CropModel::setNoticeMessage(std::optional<QString> text) {
+    m_noticeMessage = std::move(text);
+    notify(Field::noticeMessage);
+}
+
+void CropModel::setCollageRects(const QList<QRectF>& rects) {
+    m_collageRects = rects;
+    notify(Field::collageRects);
+}
+
+void CropModel::setVisionComputing(const QSet<QUuid>& ids) {
+    m_visionComputing = ids;
+    notify(Field::visionComputing);
+}
+
+void CropModel::setVectorTrace(std::optional<VectorTrace> trace) {
+    m_vectorTrace = std::move(trace);
+    notify(Field::vectorTrace);
+}
+
+void CropModel::setVectorColorTrace(std::optional<VectorColorTrace> trace) {
+    m_vectorColorTrace = std::move(trace);
+    notify(Field::vectorColorTrace);
+}
+
+void CropModel::setVectorPreview(const QImage& image) {
+    m_vectorPreview = image;
+    notify(Field::vectorPreview);
+}
+
+void CropModel::setIsVectorizing(bool on) {
+    m_isVectorizing = on;
+    notify(Field::isVectorizing);
+}
+
+void CropModel::setVectorTooDetailed(bool on) {
+    m_vectorTooDetailed = on;
+    notify(Field::vectorTooDetailed);
+}
+
+// --- derived values ---
+
+const CropModel::Item* CropModel::active() const {
+    if (!m_activeID) return nullptr;
+    for (const Item& item : m_items)
+        if (item.id == *m_activeID) return &item;
+    return nullptr;
+}
+
+std::optional<qsizetype> CropModel::activePosition() const {
+    if (!m_activeID) return std::nullopt;
+    for (size_t i = 0; i < m_items.size(); ++i)
+        if (m_items[i].id == *m_activeID) return qsizetype(i + 1);
+    return std::nullopt;
+}
+
+bool CropModel::allSaved() const {
+    if (m_items.empty()) return false;
+    for (const Item& item : m_items)
+        if (!item.saved) return false;
+    return true;
+}
+
+CropModel::Item* CropModel::findItem(const QUuid& id) {
+    for (Item& item : m_items)
+        if (item.id == id) return &item;
+    return nullptr;
+}
+
+// --- queue and settings ---
+
+void CropModel::select(const QUuid& id) {
+    if (m_activeID && *m_activeID == id) return; // the status texts stay
+    captureSettingsBeforeSwitch();
+    setActiveID(id);
+    setSaveConfirmation(std::nullopt);
+    setErrorMessage(std::nullopt);
+    restoreSettingsAfterSwitch();
+    detectCollage();
+}
+
+void CropModel::remove(const QUuid& id) {
+    auto it = std::find_if(m_items.begin(), m_items.end(), [&](const Item& item) { return item.id == id; });
+    if (it == m_items.end()) return;
+    const size_t index = size_t(it - m_items.begin());
+    const bool wasActive = m_activeID && *m_activeID == id;
+    // No settings are captured: they leave with the item.
+    invalidateVision(id);
+    m_items.erase(m_items.begin() + qsizetype(index));
+    itemsChanged();
+    setSaveConfirmation(std::nullopt);
+    setErrorMessage(std::nullopt);
+    if (m_items.empty()) {
+        // The live settings stay as they are.
+        setActiveID(std::nullopt);
+        setCollageRects({});
+        recomputeActive();
+        return;
+    }
+    if (wasActive) {
+        const size_t next = std::min(index, m_items.size() - 1);
+        setActiveID(m_items[next].id);
+        restoreSettingsAfterSwitch();
+        detectCollage();
+    }
+}
+
+void CropModel::setManualCrop(const QRectF& rect) {
+    setManualCropRect(rect);
+    if (!m_settings.manualCropEnabled) setManualCropEnabled(true);
+}
+
+// Mirroring comes before turning, so a flip of the result is a mirror plus a compensating turn.
+void CropModel::flipHorizontal() {
+    setQuarterTurns((4 - m_settings.quarterTurns) % 4);
+    setMirrored(!m_settings.mirrored);
+}
+
+void CropModel::flipVertical() {
+    setQuarterTurns((6 - m_settings.quarterTurns) % 4);
+    setMirrored(!m_settings.mirrored);
+}
+
+CropModel::Settings CropModel::snapshotCurrentSettings() const { return m_settings; }
+
+void CropModel::applySettings(const Settings& settings) {
+    m_isApplyingSettingsSnapshot = true;
+    // Each field through its own write path, in table order, so every hook runs; rebuilds and
+    // retraces asked for meanwhile return at once, and the one below does the work.
+#define CUTLARK_APPLY(Type, name, Name, def, kind) set##Name(settings.name);
+    CUTLARK_SETTINGS(CUTLARK_APPLY)
+#undef CUTLARK_APPLY
+    m_isApplyingSettingsSnapshot = false;
+    recomputeActive();
+}
+
+void CropModel::captureSettingsBeforeSwitch() {
+    if (m_syncSettingsAcrossQueue || !m_activeID) return;
+    if (Item* item = findItem(*m_activeID)) item->settingsSnapshot = snapshotCurrentSettings();
+}
+
+void CropModel::restoreSettingsAfterSwitch() {
+    const Item* item = (m_syncSettingsAcrossQueue || !m_activeID) ? nullptr : active();
+    if (!item) {
+        recomputeActive();
+        return;
+    }
+    applySettings(item->settingsSnapshot);
+}
+
+// --- collage ---
+
+void CropModel::detectCollage() {
+    const Item* item = active();
+    setCollageRects(item ? CollageSplitter::pieces(item->buffer, 10) : QList<QRectF>());
+}
+
+// --- subject cutout ---
+
+void CropModel::autoPickRemovalMode() {
+    const Item* item = active();
+    BGRemovalMode mode = BGRemovalMode::white;
+    // The measurement reads the untouched source, so turns and crops don't sway it.
+    if (VisionEngine::isAvailable() && item)
+        mode = CropEngine::backgroundIsMostlyWhite(item->buffer, 0.85) ? BGRemovalMode::white
+                                                                       : BGRemovalMode::subject;
+    setBgRemovalMode(mode);
+    recomputeActive();
+}
+
+bool CropModel::wantsVision() const {
+    return m_settings.keyWhiteEnabled && m_settings.bgRemovalMode == BGRemovalMode::subject;
+}
+
+bool CropModel::isDetectingSubject() const { return m_activeID && m_visionComputing.contains(*m_activeID); }
+
+bool CropModel::subjectNotFound() const {
+    return wantsVision() && m_activeID && m_visionAttempted.contains(*m_activeID) &&
+           !m_visionCache.contains(*m_activeID) && !m_visionComputing.contains(*m_activeID);
+}
+
+void CropModel::invalidateVision(const QUuid& id) {
+    m_visionCache.remove(id);
+    m_visionAttempted.remove(id);
+    QSet<QUuid> computing = m_visionComputing;
+    computing.remove(id);
+    setVisionComputing(computing);
+}
+
+void CropModel::ensureVisionCutout() {
+    if (!wantsVision() || !m_activeID) return;
+    const QUuid id = *m_activeID;
+    if (m_visionAttempted.contains(id) || m_visionComputing.contains(id)) return;
+    // Without the network there is no cutout to start; subject mode isn't offered then.
+    if (!VisionEngine::isAvailable()) return;
+}
+
+// --- vector output ---
+
+void CropModel::updateVector() {
+    if (m_isApplyingSettingsSnapshot) return;
+    // Tracing isn't wired in yet: with nothing to run, the vector output stays cleared.
+    m_vectorNeedsTrace = false;
+    setIsVectorizing(false);
+    setVectorTooDetailed(false);
+    setVectorTrace(std::nullopt);
+    setVectorColorTrace(std::nullopt);
+    setVectorPreview(QImage());
+}
+
+} // namespace cutlark

@@ -1,0 +1,234 @@
+#pragma once
+
+#include "engines/CropEngine.h"
+#include "model/Panels.h"
+#include "model/Settings.h"
+#include "vectorize/VectorTrace.h"
+
+#include <QHash>
+#include <QList>
+#include <QObject>
+#include <QSet>
+#include <QUuid>
+
+#include <optional>
+#include <vector>
+
+namespace cutlark {
+
+/// The state of one window: the queue, the active item, the 40 live settings, the processed result,
+/// the status texts and the bookkeeping of background work. Lives on the main thread; every write of
+/// an observable field emits `changed`, also when the value is the same, and every write of a setting
+/// runs its change hook, which decides whether the image is rebuilt.
+class CropModel : public QObject {
+    Q_OBJECT
+
+public:
+    using Settings = cutlark::Settings;
+
+    /// One queued image.
+    struct Item {
+        QUuid id;                ///< identity, the item's key in the queue and the cutout cache
+        QString url;             ///< the file; changes when a save had to change the extension
+        QString type;            ///< the MIME type the file was read as; changes with `url`
+        CropEngine::Buffer buffer; ///< the upright source and its pixels
+        bool saved = false;      ///< set by a successful save, never cleared
+        Settings settingsSnapshot; ///< the settings the item had when it was last left
+    };
+
+    /// Every observable field, for change notifications.
+    enum class Field {
+        items,
+        activeID,
+        syncSettingsAcrossQueue,
+        activeContentRect,
+        processedImage,
+        errorMessage,
+        saveConfirmation,
+        noticeMessage,
+        collageRects,
+#define CUTLARK_FIELD_ENUM(Type, name, Name, def, kind) name,
+        CUTLARK_SETTINGS(CUTLARK_FIELD_ENUM)
+#undef CUTLARK_FIELD_ENUM
+        visionComputing,
+        vectorTrace,
+        vectorColorTrace,
+        vectorPreview,
+        isVectorizing,
+        vectorTooDetailed,
+    };
+    Q_ENUM(Field)
+
+    struct Insets {
+        qint64 top = 0, right = 0, bottom = 0, left = 0;
+    };
+
+    explicit CropModel(QObject* parent = nullptr);
+    ~CropModel() override;
+
+    /// The choosers used by `openPanel`, `chooseBackgroundImage`, `saveAsNewFile` and the like.
+    /// Not owned; without one every panel counts as cancelled.
+    void setPanels(Panels* panels) { m_panels = panels; }
+    Panels* panels() const { return m_panels; }
+
+    // --- stored fields ---
+
+    const std::vector<Item>& items() const { return m_items; }
+    std::optional<QUuid> activeID() const { return m_activeID; }
+    bool syncSettingsAcrossQueue() const { return m_syncSettingsAcrossQueue; }
+    void setSyncSettingsAcrossQueue(bool on);
+    std::optional<QRectF> activeContentRect() const { return m_activeContentRect; }
+    /// The result of the pipeline for the active item; null when there is none.
+    const QImage& processedImage() const { return m_processedImage; }
+    std::optional<QString> errorMessage() const { return m_errorMessage; }
+    std::optional<QString> saveConfirmation() const { return m_saveConfirmation; }
+    std::optional<QString> noticeMessage() const { return m_noticeMessage; }
+    const QList<QRectF>& collageRects() const { return m_collageRects; }
+
+    // The 40 settings: a getter and a setter each. Every write notifies and runs the field's hook.
+#define CUTLARK_ACCESSORS(Type, name, Name, def, kind)                                                      \
+    const Type& name() const { return m_settings.name; }                                                    \
+    void set##Name(const Type& value);
+    CUTLARK_SETTINGS(CUTLARK_ACCESSORS)
+#undef CUTLARK_ACCESSORS
+
+    /// Writes the field called `name` with its value in `from`, through its setter (so with its hook).
+    /// False for an unknown name.
+    bool writeSetting(const QString& name, const Settings& from);
+
+    const QHash<QUuid, QImage>& visionCache() const { return m_visionCache; }
+    const QSet<QUuid>& visionAttempted() const { return m_visionAttempted; }
+    const QSet<QUuid>& visionComputing() const { return m_visionComputing; }
+    QSizeF preResizeSize() const { return m_preResizeSize; }
+    bool linkingResizeFields() const { return m_linkingResizeFields; }
+    const std::optional<VectorTrace>& vectorTrace() const { return m_vectorTrace; }
+    const std::optional<VectorColorTrace>& vectorColorTrace() const { return m_vectorColorTrace; }
+    const QImage& vectorPreview() const { return m_vectorPreview; }
+    bool isVectorizing() const { return m_isVectorizing; }
+    bool vectorTooDetailed() const { return m_vectorTooDetailed; }
+    bool vectorNeedsTrace() const { return m_vectorNeedsTrace; }
+    bool vectorWorkerRunning() const { return m_vectorWorkerRunning; }
+    bool isApplyingSettingsSnapshot() const { return m_isApplyingSettingsSnapshot; }
+
+    // --- derived values ---
+
+    const Item* active() const;
+    /// 1-based place of the active item, absent without one.
+    std::optional<qsizetype> activePosition() const;
+    bool allSaved() const;
+    Insets paddingInsets() const;
+    std::optional<QSizeF> resizeTargetSize(const QSizeF& size) const;
+    bool willTrim() const;
+    bool producesTransparency() const;
+    bool backgroundIsOpaque() const;
+    bool wantsVision() const;
+    bool isDetectingSubject() const;
+    bool subjectNotFound() const;
+
+    // --- queue and settings ---
+
+    void select(const QUuid& id);
+    void remove(const QUuid& id);
+    void setManualCrop(const QRectF& rect);
+    void flipHorizontal();
+    void flipVertical();
+    Settings snapshotCurrentSettings() const;
+    void applySettings(const Settings& settings);
+    void captureSettingsBeforeSwitch();
+    void restoreSettingsAfterSwitch();
+
+    // --- pipeline ---
+
+    /// Rebuilds `processedImage` from the active item's source; does nothing while a snapshot is applied.
+    void recomputeActive();
+    void seedResizePixels();
+    void linkResizeHeightToWidth();
+    void linkResizeWidthToHeight();
+
+    // --- opening ---
+
+    void open(const QStringList& paths);
+    void openPanel();
+    void chooseBackgroundImage();
+    void clearBackgroundImage();
+    /// Each folder replaced by its direct children of an accepted type (by name), in listing order;
+    /// anything else passed on untested.
+    static QStringList expandingFolders(const QStringList& paths);
+    /// True when the file name's extension names one of the accepted types. Never reads the file.
+    static bool passesTypeTest(const QString& path);
+
+    // --- saving ---
+
+    void saveOverOriginal();
+    void saveAsNewFile();
+    /// The type a save of the active result writes, and whether transparency forced PNG.
+    struct SaveChoice {
+        QString type;
+        bool forcedPng = false;
+    };
+    SaveChoice saveTypeChoice(const Item& item) const;
+    /// The name `saveAsNewFile` proposes for the active item: stem, "-out.", extension.
+    QString proposedNewFileName(const Item& item) const;
+
+    // --- collage, subject, vector ---
+
+    void detectCollage();
+    void autoPickRemovalMode();
+    void invalidateVision(const QUuid& id);
+    void ensureVisionCutout();
+    void updateVector();
+
+signals:
+    void changed(cutlark::CropModel::Field field);
+
+private:
+    QImage buildProcessed(const Item& item);
+    void advanceToNextUnsaved(const QUuid& after);
+    void runHook(Field field, bool wasOn);
+    void notify(Field field) { emit changed(field); }
+    Item* findItem(const QUuid& id);
+    QString skipMessage(int count) const;
+
+    void setActiveID(std::optional<QUuid> id);
+    void setActiveContentRect(std::optional<QRectF> rect);
+    void setProcessedImage(const QImage& image);
+    void setErrorMessage(std::optional<QString> text);
+    void setSaveConfirmation(std::optional<QString> text);
+    void setNoticeMessage(std::optional<QString> text);
+    void setCollageRects(const QList<QRectF>& rects);
+    void setVisionComputing(const QSet<QUuid>& ids);
+    void setVectorTrace(std::optional<VectorTrace> trace);
+    void setVectorColorTrace(std::optional<VectorColorTrace> trace);
+    void setVectorPreview(const QImage& image);
+    void setIsVectorizing(bool on);
+    void setVectorTooDetailed(bool on);
+    void itemsChanged() { notify(Field::items); }
+
+    Panels* m_panels = nullptr;
+
+    std::vector<Item> m_items;
+    std::optional<QUuid> m_activeID;
+    bool m_syncSettingsAcrossQueue = false;
+    std::optional<QRectF> m_activeContentRect;
+    QImage m_processedImage;
+    std::optional<QString> m_errorMessage;
+    std::optional<QString> m_saveConfirmation;
+    std::optional<QString> m_noticeMessage;
+    QList<QRectF> m_collageRects;
+    Settings m_settings;
+    QHash<QUuid, QImage> m_visionCache;
+    QSet<QUuid> m_visionAttempted;
+    QSet<QUuid> m_visionComputing;
+    QSizeF m_preResizeSize{0, 0};
+    bool m_linkingResizeFields = false;
+    std::optional<VectorTrace> m_vectorTrace;
+    std::optional<VectorColorTrace> m_vectorColorTrace;
+    QImage m_vectorPreview;
+    bool m_isVectorizing = false;
+    bool m_vectorTooDetailed = false;
+    bool m_vectorNeedsTrace = false;
+    bool m_vectorWorkerRunning = false;
+    bool m_isApplyingSettingsSnapshot = false;
+};
+
+} // namespace cutlark

@@ -1,0 +1,232 @@
+// Bringing images in and writing results out.
+#include "model/CropModel.h"
+
+#include "model/ImageFile.h"
+#include "model/NaturalOrder.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+#include <algorithm>
+
+namespace cutlark {
+
+namespace {
+
+QString fileName(const QString& path) { return QFileInfo(path).fileName(); }
+QString extensionOf(const QString& path) { return QFileInfo(path).suffix(); }
+QString folderOf(const QString& path) { return QFileInfo(path).absolutePath(); }
+
+QString withoutExtension(const QString& path) {
+    const QString ext = extensionOf(path);
+    return ext.isEmpty() ? path : path.left(path.size() - ext.size() - 1);
+}
+
+QString withExtension(const QString& path, const QString& extension) {
+    return withoutExtension(path) + QLatin1Char('.') + extension;
+}
+
+} // namespace
+
+bool CropModel::passesTypeTest(const QString& path) {
+    const QString type = ImageFile::typeForExtension(extensionOf(path));
+    if (type.isEmpty()) return false;
+    for (const QString& accepted : ImageFile::acceptedTypes())
+        if (ImageFile::conforms(type, accepted)) return true;
+    return false;
+}
+
+QStringList CropModel::expandingFolders(const QStringList& paths) {
+    QStringList out;
+    for (const QString& path : paths) {
+        const QFileInfo info(path);
+        if (!info.isDir()) {
+            out << path; // files and missing names go on untested
+            continue;
+        }
+        // Direct children only, hidden ones left out; a folder that can't be listed counts as empty.
+        const QFileInfoList children =
+            QDir(path).entryInfoList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot, QDir::NoSort);
+        for (const QFileInfo& child : children)
+            if (passesTypeTest(child.fileName())) out << child.filePath();
+    }
+    return out;
+}
+
+QString CropModel::skipMessage(int count) const {
+    if (count == 1) return tr("1 file couldn’t be opened.");
+    return tr("%1 files couldn’t be opened.").arg(count);
+}
+
+void CropModel::open(const QStringList& paths) {
+    captureSettingsBeforeSwitch(); // the item being left keeps its settings, whatever comes of this
+    QStringList list = expandingFolders(paths);
+    std::stable_sort(list.begin(), list.end(), [](const QString& a, const QString& b) {
+        return NaturalOrder::compare(fileName(a), fileName(b)) < 0;
+    });
+
+    int skipped = 0;
+    std::vector<Item> fresh;
+    for (const QString& path : list) {
+        if (!passesTypeTest(path)) {
+            ++skipped;
+            continue;
+        }
+        auto loaded = ImageFile::load(path);
+        if (!loaded) {
+            ++skipped;
+            continue;
+        }
+        auto buffer = CropEngine::Buffer::make(loaded->image);
+        if (!buffer) {
+            ++skipped;
+            continue;
+        }
+        fresh.push_back(Item{QUuid::createUuid(), QFileInfo(path).absoluteFilePath(), loaded->type, *buffer, false,
+                             Settings()});
+    }
+
+    if (fresh.empty()) {
+        if (skipped > 0) setErrorMessage(skipMessage(skipped));
+        else if (!paths.isEmpty()) setErrorMessage(tr("No supported images found."));
+        return;
+    }
+
+    // A single saved item is done with: the new images take its place.
+    const QUuid first = fresh.front().id;
+    if (m_items.empty() || (m_items.size() == 1 && m_items.front().saved)) {
+        m_items = std::move(fresh);
+    } else {
+        for (Item& item : fresh) m_items.push_back(std::move(item));
+    }
+    itemsChanged();
+    setActiveID(first);
+    setSaveConfirmation(std::nullopt);
+    setErrorMessage(skipped > 0 ? std::optional<QString>(skipMessage(skipped)) : std::nullopt);
+    restoreSettingsAfterSwitch();
+    detectCollage();
+}
+
+void CropModel::openPanel() {
+    if (!m_panels) return;
+    if (auto chosen = m_panels->openImages(true)) open(*chosen);
+}
+
+void CropModel::chooseBackgroundImage() {
+    if (!m_panels) return;
+    const auto chosen = m_panels->openImages(false);
+    if (!chosen || chosen->isEmpty()) return;
+    const QString path = chosen->first();
+    auto loaded = ImageFile::load(path);
+    if (!loaded) return; // the old background stays, without a word
+    setBackgroundImage(loaded->image);
+    setBackgroundImageURL(path);
+    setBackgroundKind(BackgroundKind::image);
+    if (m_settings.backgroundEnabled) recomputeActive();
+}
+
+void CropModel::clearBackgroundImage() {
+    setBackgroundImage(QImage());
+    setBackgroundImageURL(QString());
+    if (m_settings.backgroundEnabled && m_settings.backgroundKind == BackgroundKind::image) recomputeActive();
+}
+
+CropModel::SaveChoice CropModel::saveTypeChoice(const Item& item) const {
+    // A result with transparency can't go into a type without alpha.
+    if (producesTransparency() && !ImageFile::supportsAlpha(item.type)) return {QStringLiteral("image/png"), true};
+    return {item.type, false};
+}
+
+QString CropModel::proposedNewFileName(const Item& item) const {
+    const SaveChoice choice = saveTypeChoice(item);
+    QString extension;
+    if (choice.forcedPng) {
+        extension = QStringLiteral("png");
+    } else {
+        extension = extensionOf(item.url);
+        if (extension.isEmpty()) extension = ImageFile::preferredExtension(choice.type);
+        if (extension.isEmpty()) extension = QStringLiteral("png");
+    }
+    return fileName(withoutExtension(item.url)) + QStringLiteral("-out.") + extension;
+}
+
+void CropModel::saveOverOriginal() {
+    const Item* item = active();
+    if (!item || m_processedImage.isNull()) {
+        setErrorMessage(tr("Nothing to save."));
+        return;
+    }
+    const QUuid id = item->id;
+    const SaveChoice choice = saveTypeChoice(*item);
+    // When PNG is forced the old file stays on disk: only the new name is written.
+    const QString target = choice.forcedPng ? withExtension(item->url, QStringLiteral("png")) : item->url;
+    if (!ImageFile::save(m_processedImage, target, choice.type)) {
+        setErrorMessage(tr("Couldn’t write to “%1”.").arg(fileName(target)));
+        return;
+    }
+    if (Item* saved = findItem(id)) {
+        // The written pixels become the item's source; a failed read-back keeps the old ones.
+        if (auto loaded = ImageFile::load(target)) {
+            if (auto buffer = CropEngine::Buffer::make(loaded->image)) {
+                saved->buffer = *buffer;
+                invalidateVision(id);
+            }
+        }
+        saved->url = target;
+        saved->type = choice.type;
+        saved->saved = true;
+        itemsChanged();
+    }
+    setSaveConfirmation(fileName(target));
+    setErrorMessage(std::nullopt);
+    advanceToNextUnsaved(id);
+}
+
+void CropModel::saveAsNewFile() {
+    const Item* item = active();
+    if (!item || m_processedImage.isNull()) {
+        setErrorMessage(tr("Nothing to save."));
+        return;
+    }
+    const QUuid id = item->id;
+    const SaveChoice choice = saveTypeChoice(*item);
+    const QString proposed = proposedNewFileName(*item);
+    if (!m_panels) return;
+    const auto chosen = m_panels->saveFile(folderOf(item->url), proposed, choice.type);
+    if (!chosen || chosen->isEmpty()) return;
+    if (!ImageFile::save(m_processedImage, *chosen, choice.type)) {
+        setErrorMessage(tr("Couldn’t write to “%1”.").arg(fileName(*chosen)));
+        return;
+    }
+    if (Item* saved = findItem(id)) {
+        saved->saved = true;
+        itemsChanged();
+    }
+    setSaveConfirmation(fileName(*chosen));
+    setErrorMessage(std::nullopt);
+    advanceToNextUnsaved(id);
+}
+
+void CropModel::advanceToNextUnsaved(const QUuid& after) {
+    const auto it = std::find_if(m_items.begin(), m_items.end(), [&](const Item& item) { return item.id == after; });
+    if (it == m_items.end()) {
+        recomputeActive();
+        return;
+    }
+    const size_t n = m_items.size();
+    const size_t i = size_t(it - m_items.begin());
+    // Forward, wrapping at the end, back to the starting item.
+    for (size_t step = 1; step <= n; ++step) {
+        const Item& candidate = m_items[(i + step) % n];
+        if (candidate.saved) continue;
+        const QUuid next = candidate.id;
+        captureSettingsBeforeSwitch();
+        setActiveID(next);
+        restoreSettingsAfterSwitch();
+        detectCollage();
+        return; // the confirmation stays, naming the file just written
+    }
+    recomputeActive();
+}
+
+} // namespace cutlark

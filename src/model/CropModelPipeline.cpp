@@ -1,0 +1,225 @@
+// The processing pipeline: the fixed chain of stages from the active item's source to the result.
+#include "model/CropModel.h"
+
+#include "engines/ColorComponents.h"
+#include "engines/StickerEngine.h"
+
+#include <cmath>
+#include <limits>
+
+namespace cutlark {
+
+namespace {
+
+// Rounds half away from zero into a 64-bit integer; NaN counts as 0 and values beyond the range
+// saturate, so an absurd amount makes its stage fail to allocate rather than wrap around.
+qint64 roundedInt(double v) {
+    if (std::isnan(v)) return 0;
+    const double r = std::round(v);
+    if (r >= 9.2e18) return std::numeric_limits<qint64>::max();
+    if (r <= -9.2e18) return std::numeric_limits<qint64>::min();
+    return qint64(r);
+}
+
+// "At least 1", with NaN counting as nothing.
+double atLeastOne(double v) { return (v >= 1) ? v : 1.0; }
+
+RGBA componentsOrWhite(const QColor& color) { return sRGBComponents(color).value_or(RGBA{1, 1, 1, 1}); }
+
+} // namespace
+
+void CropModel::recomputeActive() {
+    if (m_isApplyingSettingsSnapshot) return;
+    setNoticeMessage(std::nullopt);
+    const Item* item = active();
+    if (!item) {
+        setActiveContentRect(std::nullopt);
+        setProcessedImage(QImage());
+        setVectorTrace(std::nullopt);
+        setVectorColorTrace(std::nullopt);
+        setVectorPreview(QImage());
+        return;
+    }
+    // Copy the item out: a stage must not hold a pointer into the queue.
+    const Item current = *item;
+    setProcessedImage(buildProcessed(current));
+    updateVector();
+    if (wantsVision()) ensureVisionCutout();
+}
+
+QImage CropModel::buildProcessed(const Item& item) {
+    const Settings& s = m_settings;
+    // 1. Start from the upright source.
+    QImage work = item.buffer.cgImage();
+
+    // 2. Orientation, always.
+    if (auto turned = CropEngine::oriented(work, s.quarterTurns, s.mirrored)) work = *turned;
+
+    // 3. Manual crop, of the turned image.
+    if (s.manualCropEnabled) work = CropEngine::cropNormalized(work, s.manualCropRect);
+
+    // 4. Background removal.
+    if (s.keyWhiteEnabled) {
+        if (s.bgRemovalMode == BGRemovalMode::subject) {
+            // The cutout is of the whole source, so it replaces what the crop made.
+            const auto cached = m_visionCache.constFind(item.id);
+            if (cached != m_visionCache.constEnd()) {
+                auto turned = CropEngine::oriented(*cached, s.quarterTurns, s.mirrored);
+                work = turned ? *turned : *cached;
+            }
+        } else if (auto keyed = CropEngine::keyOutWhite(work, s.keyThreshold, s.keyInternal)) {
+            work = *keyed;
+        }
+    }
+
+    // 5. Outline or trim; the outline trims by itself, so it wins.
+    if (s.stickerEnabled) {
+        if (auto sticker = StickerEngine::make(work, s.strokeWidth)) work = *sticker;
+    } else if (s.trimEnabled) {
+        if (auto buffer = CropEngine::Buffer::make(work)) {
+            if (auto rect = CropEngine::contentRect(*buffer, s.threshold)) {
+                if (auto cropped = CropEngine::crop(*buffer, *rect)) work = *cropped;
+            }
+        }
+    }
+
+    // 6. Padding: transparent margins.
+    if (s.paddingEnabled) {
+        const Insets p = paddingInsets();
+        if (auto padded = CropEngine::pad(work, p.top, p.right, p.bottom, p.left)) work = *padded;
+    }
+
+    // 7. Background.
+    if (s.backgroundEnabled) {
+        std::optional<QImage> filled;
+        switch (s.backgroundKind) {
+        case BackgroundKind::color: {
+            const RGBA c = componentsOrWhite(s.backgroundColor);
+            filled = CropEngine::fillColorBackground(work, c.r, c.g, c.b, c.a);
+            break;
+        }
+        case BackgroundKind::gradient: {
+            const RGBA a = componentsOrWhite(s.gradientStart);
+            const RGBA b = componentsOrWhite(s.gradientEnd);
+            filled = CropEngine::fillGradientBackground(work, a.r, a.g, a.b, a.a, b.r, b.g, b.b, b.a, s.gradientAngle);
+            break;
+        }
+        case BackgroundKind::image:
+            if (!s.backgroundImage.isNull()) filled = CropEngine::fillImageBackground(work, s.backgroundImage);
+            break;
+        }
+        if (filled) work = *filled;
+    }
+
+    // 8. Remember the size before the resize: the base of the aspect links.
+    m_preResizeSize = QSizeF(work.width(), work.height());
+
+    // 9. Resize or canvas.
+    if (s.resizeEnabled) {
+        if (auto target = resizeTargetSize(m_preResizeSize)) {
+            auto sized = s.resizeCanvas ? CropEngine::canvas(work, *target) : CropEngine::resize(work, *target);
+            if (sized) work = *sized;
+        }
+    }
+
+    // 10. Finish.
+    setActiveContentRect(QRectF(0, 0, work.width(), work.height()));
+    return work;
+}
+
+CropModel::Insets CropModel::paddingInsets() const {
+    const Settings& s = m_settings;
+    if (s.paddingUniform) {
+        const qint64 v = roundedInt(s.padAmount);
+        return {v, v, v, v};
+    }
+    return {roundedInt(s.padTop), roundedInt(s.padRight), roundedInt(s.padBottom), roundedInt(s.padLeft)};
+}
+
+std::optional<QSizeF> CropModel::resizeTargetSize(const QSizeF& size) const {
+    if (!(size.width() >= 1) || !(size.height() >= 1)) return std::nullopt;
+    return QSizeF(atLeastOne(m_settings.resizeWidth), atLeastOne(m_settings.resizeHeight));
+}
+
+namespace {
+// The base both resize links measure the aspect on: the last pre-resize size, else the source.
+std::optional<QSizeF> aspectBase(const QSizeF& preResize, const CropModel::Item* item) {
+    if (preResize.width() >= 1) return preResize;
+    if (item) return QSizeF(double(item->buffer.width()), double(item->buffer.height()));
+    return std::nullopt;
+}
+} // namespace
+
+void CropModel::linkResizeHeightToWidth() {
+    const auto base = aspectBase(m_preResizeSize, active());
+    if (!base || !(base->height() >= 1)) return;
+    const double aspect = base->width() / base->height();
+    if (!(aspect > 0)) return;
+    if (!(m_settings.resizeWidth >= 1)) return;
+    m_linkingResizeFields = true;
+    setResizeHeight(double(roundedInt(m_settings.resizeWidth / aspect)));
+    m_linkingResizeFields = false;
+}
+
+void CropModel::linkResizeWidthToHeight() {
+    const auto base = aspectBase(m_preResizeSize, active());
+    if (!base || !(base->height() >= 1)) return;
+    const double aspect = base->width() / base->height();
+    if (!(aspect > 0)) return;
+    if (!(m_settings.resizeHeight >= 1)) return;
+    m_linkingResizeFields = true;
+    setResizeWidth(double(roundedInt(aspect * m_settings.resizeHeight)));
+    m_linkingResizeFields = false;
+}
+
+void CropModel::seedResizePixels() {
+    const auto base = aspectBase(m_preResizeSize, active());
+    if (!base || !(base->width() >= 1) || !(base->height() >= 1)) return;
+    m_linkingResizeFields = true;
+    setResizeWidth(double(roundedInt(base->width())));
+    setResizeHeight(double(roundedInt(base->height())));
+    m_linkingResizeFields = false;
+}
+
+bool CropModel::willTrim() const {
+    const Item* item = active();
+    if (!item || m_processedImage.isNull()) return false;
+    if (m_processedImage.width() != item->buffer.width() || m_processedImage.height() != item->buffer.height())
+        return true;
+    const Settings& s = m_settings;
+    return s.keyWhiteEnabled || s.stickerEnabled || s.paddingEnabled || s.backgroundEnabled || s.quarterTurns != 0 ||
+           s.mirrored;
+}
+
+bool CropModel::backgroundIsOpaque() const {
+    const Settings& s = m_settings;
+    switch (s.backgroundKind) {
+    case BackgroundKind::color: {
+        const auto c = sRGBComponents(s.backgroundColor);
+        return !c || c->a >= 0.999;
+    }
+    case BackgroundKind::gradient: {
+        const auto start = sRGBComponents(s.gradientStart);
+        if (start && start->a < 0.999) return false;
+        const auto end = sRGBComponents(s.gradientEnd);
+        return !end || end->a >= 0.999;
+    }
+    case BackgroundKind::image:
+        return !s.backgroundImage.isNull() && !s.backgroundImage.hasAlphaChannel();
+    }
+    return false;
+}
+
+bool CropModel::producesTransparency() const {
+    const Settings& s = m_settings;
+    if (s.resizeEnabled && s.resizeCanvas) {
+        if (auto target = resizeTargetSize(m_preResizeSize)) {
+            // A bigger canvas leaves margins after the background has been laid.
+            if (m_preResizeSize.width() < target->width() || m_preResizeSize.height() < target->height()) return true;
+        }
+    }
+    if (s.backgroundEnabled && backgroundIsOpaque()) return false;
+    return s.keyWhiteEnabled || s.stickerEnabled || s.paddingEnabled;
+}
+
+} // namespace cutlark

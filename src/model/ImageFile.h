@@ -1,0 +1,64 @@
+#pragma once
+
+#include <QByteArray>
+#include <QImage>
+#include <QString>
+#include <QStringList>
+
+#include <optional>
+
+/// The only place where bytes on disk become images and images become bytes on disk.
+///
+/// File types are MIME type names (`image/png`, `image/jpeg`, …). HEIC is kept distinct from HEIF by its
+/// content brand or, for names, by the `.heic` suffix, although the MIME database treats both as HEIF.
+namespace cutlark::ImageFile {
+
+struct Loaded {
+    QImage image;  ///< upright, orientation tag applied
+    QString type;  ///< MIME type the content was recognised as
+};
+
+/// Decodes image 0 of the file, upright. Absent when the file can't be read, isn't one of the
+/// accepted formats by content, or would need more memory than `maxDecodedBytes()` (checked from the
+/// header, before anything is allocated). 8-bit sRGB images come back premultiplied RGBA so that the
+/// item's image and its pixel buffer can share one store.
+std::optional<Loaded> load(const QString& path);
+
+/// The same decoding, from bytes already in memory. `nameHint` supplies the type when the content
+/// doesn't name one (it never does for the accepted formats; kept for symmetry with `load`).
+std::optional<Loaded> loadFromData(const QByteArray& bytes, const QString& nameHint = QString());
+
+/// Writes `image` to `path` as `writableType(type)`: JPEG at quality 0.92, everything else lossless.
+/// The file is replaced atomically — written beside the target and renamed over it — so a failed write
+/// leaves an existing file untouched. The name is used as given even when the type falls back.
+bool save(const QImage& image, const QString& path, const QString& type);
+
+/// Encodes without writing; empty on failure.
+QByteArray encode(const QImage& image, const QString& type);
+
+/// True for the types that can carry transparency: PNG, TIFF, GIF, HEIC, HEIF, WebP (by equality).
+bool supportsAlpha(const QString& type);
+
+/// The eight accepted types, in order: PNG, JPEG, TIFF, BMP, GIF, HEIC, HEIF, WebP.
+const QStringList& acceptedTypes();
+
+/// What the encoders on this machine can really write, in the order of `acceptedTypes`.
+const QStringList& encodableTypes();
+
+/// The type `save` really writes for `type`: itself when encodable; JPEG for a JPEG subtype; else PNG.
+QString writableType(const QString& type);
+
+/// The MIME type a file name extension (without dot, any case) stands for, or empty for none.
+QString typeForExtension(const QString& extension);
+
+/// True when `type` equals `other` or inherits from it in the MIME database.
+bool conforms(const QString& type, const QString& other);
+
+/// The usual extension of a type (`png`, `jpg`, `heic`, …), or empty when it has none.
+QString preferredExtension(const QString& type);
+
+/// The largest decoded image, in bytes at 4 per pixel, that loading accepts: a quarter of the
+/// machine's physical memory, at least 256 MB.
+qint64 maxDecodedBytes();
+
+} // namespace cutlark::ImageFile

@@ -1,0 +1,252 @@
+#include "model/Settings.h"
+
+#include "model/ImageFile.h"
+
+#include <QJsonValue>
+
+#include <cmath>
+
+namespace cutlark {
+
+namespace {
+
+// --- parsing, one overload per value type of the table ---
+
+bool parseValue(const QString& text, bool& out) {
+    const QString t = text.trimmed().toLower();
+    if (t == QLatin1String("true") || t == QLatin1String("1") || t == QLatin1String("yes")) {
+        out = true;
+        return true;
+    }
+    if (t == QLatin1String("false") || t == QLatin1String("0") || t == QLatin1String("no")) {
+        out = false;
+        return true;
+    }
+    return false;
+}
+
+bool parseValue(const QString& text, double& out) {
+    bool ok = false;
+    const double v = text.trimmed().toDouble(&ok);
+    if (!ok) return false;
+    out = v;
+    return true;
+}
+
+bool parseValue(const QString& text, qint64& out) {
+    bool ok = false;
+    const qint64 v = text.trimmed().toLongLong(&ok);
+    if (!ok) return false;
+    // Every writer of the quarter turns takes them modulo 4.
+    out = ((v % 4) + 4) % 4;
+    return true;
+}
+
+bool parseValue(const QString& text, QRectF& out) {
+    const QStringList parts = text.split(QLatin1Char(','));
+    if (parts.size() != 4) return false;
+    double v[4];
+    for (int i = 0; i < 4; ++i) {
+        bool ok = false;
+        v[i] = parts[i].trimmed().toDouble(&ok);
+        if (!ok || !std::isfinite(v[i])) return false;
+    }
+    out = QRectF(v[0], v[1], v[2], v[3]);
+    return true;
+}
+
+bool parseValue(const QString& text, QColor& out) {
+    const auto c = colorFromHex(text);
+    if (!c) return false;
+    out = *c;
+    return true;
+}
+
+bool parseValue(const QString& text, BGRemovalMode& out) {
+    const QString t = text.trimmed();
+    if (t == QLatin1String("white")) out = BGRemovalMode::white;
+    else if (t == QLatin1String("subject")) out = BGRemovalMode::subject;
+    else return false;
+    return true;
+}
+
+bool parseValue(const QString& text, BackgroundKind& out) {
+    const QString t = text.trimmed();
+    if (t == QLatin1String("color")) out = BackgroundKind::color;
+    else if (t == QLatin1String("gradient")) out = BackgroundKind::gradient;
+    else if (t == QLatin1String("image")) out = BackgroundKind::image;
+    else return false;
+    return true;
+}
+
+bool parseValue(const QString& text, VectorizeStyle& out) {
+    const QString t = text.trimmed();
+    if (t == QLatin1String("silhouette")) out = VectorizeStyle::silhouette;
+    else if (t == QLatin1String("outline")) out = VectorizeStyle::outline;
+    else return false;
+    return true;
+}
+
+// The picture itself can't be written as text; it comes with its path.
+bool parseValue(const QString&, QImage&) { return false; }
+
+// A path is stored as given; the caller loads the picture behind it.
+bool parseValue(const QString& text, QString& out) {
+    out = text;
+    return true;
+}
+
+// --- JSON, one overload per value type ---
+
+QJsonValue jsonValue(bool v) { return v; }
+QJsonValue jsonValue(double v) { return v; }
+QJsonValue jsonValue(qint64 v) { return v; }
+QJsonValue jsonValue(const QRectF& r) {
+    return QString::number(r.x()) + QLatin1Char(',') + QString::number(r.y()) + QLatin1Char(',') +
+           QString::number(r.width()) + QLatin1Char(',') + QString::number(r.height());
+}
+QJsonValue jsonValue(const QColor& c) { return colorToHex(c); }
+QJsonValue jsonValue(BGRemovalMode v) { return toString(v); }
+QJsonValue jsonValue(BackgroundKind v) { return toString(v); }
+QJsonValue jsonValue(VectorizeStyle v) { return toString(v); }
+QJsonValue jsonValue(const QImage& image) {
+    if (image.isNull()) return QJsonValue::Null;
+    return QString::number(image.width()) + QLatin1Char('x') + QString::number(image.height());
+}
+QJsonValue jsonValue(const QString& s) { return s.isEmpty() ? QJsonValue(QJsonValue::Null) : QJsonValue(s); }
+
+QString jsonToText(const QJsonValue& v) {
+    switch (v.type()) {
+    case QJsonValue::Bool:
+        return v.toBool() ? QStringLiteral("true") : QStringLiteral("false");
+    case QJsonValue::Double:
+        return QString::number(v.toDouble(), 'g', 17);
+    case QJsonValue::String:
+        return v.toString();
+    default:
+        return QString();
+    }
+}
+
+// A path brings its picture with it.
+template <class T> std::optional<QString> afterParse(Settings&, const T&, const QString&) { return std::nullopt; }
+std::optional<QString> afterParse(Settings& into, const QString& path, const QString& name) {
+    if (path.isEmpty()) {
+        into.backgroundImage = QImage();
+        return std::nullopt;
+    }
+    auto loaded = ImageFile::load(path);
+    if (!loaded) return QStringLiteral("can't read the picture “%1” for %2").arg(path, name);
+    into.backgroundImage = loaded->image;
+    return std::nullopt;
+}
+
+bool sameImage(const QImage& a, const QImage& b) { return a.isNull() == b.isNull() && a.cacheKey() == b.cacheKey(); }
+template <class T> bool same(const T& a, const T& b) { return a == b; }
+bool same(const QImage& a, const QImage& b) { return sameImage(a, b); }
+
+} // namespace
+
+bool Settings::operator==(const Settings& other) const {
+#define CUTLARK_COMPARE(Type, name, Name, def, kind)                                                        \
+    if (!same(name, other.name)) return false;
+    CUTLARK_SETTINGS(CUTLARK_COMPARE)
+#undef CUTLARK_COMPARE
+    return true;
+}
+
+const QStringList& Settings::names() {
+    static const QStringList list = {
+#define CUTLARK_NAME(Type, name, Name, def, kind) QStringLiteral(#name),
+        CUTLARK_SETTINGS(CUTLARK_NAME)
+#undef CUTLARK_NAME
+    };
+    return list;
+}
+
+std::optional<QString> Settings::parseInto(Settings& into, const QString& name, const QString& text) {
+#define CUTLARK_PARSE(Type, field, Name, def, kind)                                                         \
+    if (name == QLatin1String(#field)) {                                                                     \
+        Type value = into.field;                                                                             \
+        if (!parseValue(text, value))                                                                        \
+            return QStringLiteral("invalid value “%1” for %2").arg(text, name);                              \
+        into.field = value;                                                                                  \
+        if (auto error = afterParse(into, into.field, name)) return error;                                   \
+        return std::nullopt;                                                                                 \
+    }
+    CUTLARK_SETTINGS(CUTLARK_PARSE)
+#undef CUTLARK_PARSE
+    return QStringLiteral("unknown setting “%1”").arg(name);
+}
+
+std::optional<QString> Settings::parseJsonInto(Settings& into, const QJsonObject& object) {
+    // Table order, so that a preset reads the same whatever order its keys were written in.
+    for (const QString& key : object.keys()) {
+        if (!names().contains(key)) return QStringLiteral("unknown setting “%1”").arg(key);
+    }
+    for (const QString& name : names()) {
+        if (!object.contains(name)) continue;
+        const QJsonValue v = object.value(name);
+        if (v.isNull()) {
+            if (name == QLatin1String("backgroundImageURL")) {
+                into.backgroundImageURL.clear();
+                into.backgroundImage = QImage();
+                continue;
+            }
+            return QStringLiteral("invalid value null for %1").arg(name);
+        }
+        if (auto error = parseInto(into, name, jsonToText(v))) return error;
+    }
+    return std::nullopt;
+}
+
+QJsonObject Settings::toJson() const {
+    QJsonObject o;
+#define CUTLARK_JSON(Type, name, Name, def, kind) o.insert(QStringLiteral(#name), jsonValue(name));
+    CUTLARK_SETTINGS(CUTLARK_JSON)
+#undef CUTLARK_JSON
+    return o;
+}
+
+QString toString(BGRemovalMode mode) {
+    return mode == BGRemovalMode::white ? QStringLiteral("white") : QStringLiteral("subject");
+}
+
+QString toString(BackgroundKind kind) {
+    switch (kind) {
+    case BackgroundKind::color:
+        return QStringLiteral("color");
+    case BackgroundKind::gradient:
+        return QStringLiteral("gradient");
+    case BackgroundKind::image:
+        return QStringLiteral("image");
+    }
+    return QString();
+}
+
+QString toString(VectorizeStyle style) {
+    return style == VectorizeStyle::silhouette ? QStringLiteral("silhouette") : QStringLiteral("outline");
+}
+
+QString colorToHex(const QColor& color) {
+    const QColor c = color.toRgb();
+    QString s = QStringLiteral("#%1%2%3")
+                    .arg(c.red(), 2, 16, QLatin1Char('0'))
+                    .arg(c.green(), 2, 16, QLatin1Char('0'))
+                    .arg(c.blue(), 2, 16, QLatin1Char('0'));
+    if (c.alpha() != 255) s += QStringLiteral("%1").arg(c.alpha(), 2, 16, QLatin1Char('0'));
+    return s.toUpper();
+}
+
+std::optional<QColor> colorFromHex(const QString& text) {
+    QString t = text.trimmed();
+    if (t.startsWith(QLatin1Char('#'))) t.remove(0, 1);
+    if (t.size() != 6 && t.size() != 8) return std::nullopt;
+    bool ok = false;
+    const uint v = t.toUInt(&ok, 16);
+    if (!ok) return std::nullopt;
+    if (t.size() == 6) return QColor::fromRgb((v >> 16) & 0xff, (v >> 8) & 0xff, v & 0xff, 255);
+    return QColor::fromRgb((v >> 24) & 0xff, (v >> 16) & 0xff, (v >> 8) & 0xff, v & 0xff);
+}
+
+} // namespace cutlark

@@ -1,0 +1,1 @@
+#include "vectorize/VectorTrace.h"

@@ -1,0 +1,8 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds Cutlark and runs every test through CTest.
+set -euo pipefail
+here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
+"$here/scripts/setup.sh"
+export QT_QPA_PLATFORM=offscreen
+cd "${CUTLARK_BUILD_DIR:-$here/build}"
+ctest --output-on-failure --parallel "$(nproc)" "$@"
