@@ -1,2 +1,107 @@
+#include "model/Settings.h"
+
+#include <QJsonObject>
+
 #include <gtest/gtest.h>
-TEST(X, Y) {}
+
+using namespace cutlark;
+
+TEST(Settings, DefaultsAreTheTable) {
+    const Settings s;
+    EXPECT_EQ(Settings::names().size(), 40);
+    EXPECT_EQ(Settings::names().first(), QStringLiteral("quarterTurns"));
+    EXPECT_EQ(Settings::names()[21], QStringLiteral("backgroundColor"));
+    EXPECT_EQ(Settings::names().last(), QStringLiteral("vectorCleanup"));
+
+    EXPECT_EQ(s.quarterTurns, 0);
+    EXPECT_EQ(s.manualCropRect, QRectF(0, 0, 1, 1));
+    EXPECT_EQ(s.threshold, 25);
+    EXPECT_EQ(s.bgRemovalMode, BGRemovalMode::white);
+    EXPECT_EQ(s.keyThreshold, 30);
+    EXPECT_EQ(s.strokeWidth, 14);
+    EXPECT_TRUE(s.paddingUniform);
+    EXPECT_EQ(s.padAmount, 40);
+    EXPECT_EQ(s.padLeft, 40);
+    EXPECT_EQ(s.backgroundKind, BackgroundKind::color);
+    EXPECT_EQ(s.backgroundColor, QColor(Qt::white));
+    EXPECT_NEAR(s.gradientStart.redF(), 0.53, 1e-4);
+    EXPECT_NEAR(s.gradientStart.greenF(), 0.81, 1e-4);
+    EXPECT_NEAR(s.gradientEnd.blueF(), 0.78, 1e-4);
+    EXPECT_EQ(s.gradientAngle, 90);
+    EXPECT_TRUE(s.backgroundImage.isNull());
+    EXPECT_TRUE(s.backgroundImageURL.isEmpty());
+    EXPECT_EQ(s.resizeWidth, 1024);
+    EXPECT_TRUE(s.resizeLockAspect);
+    EXPECT_EQ(s.vectorizeStyle, VectorizeStyle::silhouette);
+    EXPECT_EQ(s.vectorStrokeWidth, 3);
+    EXPECT_EQ(s.vectorTolerance, 45);
+    EXPECT_EQ(s.vectorDenoise, 2);
+    EXPECT_EQ(s.vectorCleanup, 3);
+    EXPECT_EQ(s, Settings());
+}
+
+TEST(Settings, ParsesEveryKindOfValue) {
+    Settings s;
+    EXPECT_FALSE(Settings::parseInto(s, QStringLiteral("trimEnabled"), QStringLiteral("true")));
+    EXPECT_FALSE(Settings::parseInto(s, QStringLiteral("threshold"), QStringLiteral("12.5")));
+    EXPECT_FALSE(Settings::parseInto(s, QStringLiteral("quarterTurns"), QStringLiteral("-1")));
+    EXPECT_FALSE(Settings::parseInto(s, QStringLiteral("bgRemovalMode"), QStringLiteral("subject")));
+    EXPECT_FALSE(Settings::parseInto(s, QStringLiteral("backgroundKind"), QStringLiteral("gradient")));
+    EXPECT_FALSE(Settings::parseInto(s, QStringLiteral("vectorizeStyle"), QStringLiteral("outline")));
+    EXPECT_FALSE(Settings::parseInto(s, QStringLiteral("backgroundColor"), QStringLiteral("#FF000080")));
+    EXPECT_FALSE(Settings::parseInto(s, QStringLiteral("gradientEnd"), QStringLiteral("#00ff00")));
+    EXPECT_FALSE(Settings::parseInto(s, QStringLiteral("manualCropRect"), QStringLiteral("0.1, 0.2,0.5,0.25")));
+    EXPECT_TRUE(s.trimEnabled);
+    EXPECT_EQ(s.threshold, 12.5);
+    EXPECT_EQ(s.quarterTurns, 3) << "turns are kept modulo 4";
+    EXPECT_EQ(s.bgRemovalMode, BGRemovalMode::subject);
+    EXPECT_EQ(s.backgroundKind, BackgroundKind::gradient);
+    EXPECT_EQ(s.vectorizeStyle, VectorizeStyle::outline);
+    EXPECT_EQ(s.backgroundColor, QColor(255, 0, 0, 128));
+    EXPECT_EQ(s.gradientEnd, QColor(0, 255, 0));
+    EXPECT_EQ(s.manualCropRect, QRectF(0.1, 0.2, 0.5, 0.25));
+}
+
+TEST(Settings, RefusesWhatDoesNotParseAndKeepsTheOldValue) {
+    Settings s;
+    const auto unknown = Settings::parseInto(s, QStringLiteral("nope"), QStringLiteral("1"));
+    ASSERT_TRUE(unknown);
+    EXPECT_TRUE(unknown->contains(QStringLiteral("nope")));
+    for (const auto& [name, value] : std::initializer_list<std::pair<const char*, const char*>>{
+             {"trimEnabled", "maybe"},
+             {"threshold", "ten"},
+             {"bgRemovalMode", "magic"},
+             {"backgroundColor", "#12345"},
+             {"backgroundColor", "#GG0000"},
+             {"manualCropRect", "1,2,3"},
+             {"manualCropRect", "1,2,3,inf"},
+             {"backgroundImage", "x"},
+             {"backgroundImageURL", "/definitely/not/here.png"}}) {
+        EXPECT_TRUE(Settings::parseInto(s, QLatin1String(name), QLatin1String(value))) << name << "=" << value;
+    }
+    EXPECT_EQ(s, Settings());
+}
+
+TEST(Settings, JsonRoundTripsThroughThePresetReader) {
+    Settings changed;
+    changed.trimEnabled = true;
+    changed.padTop = 7;
+    changed.gradientStart = QColor(1, 2, 3, 4);
+    changed.vectorizeStyle = VectorizeStyle::outline;
+    changed.manualCropRect = QRectF(0.25, 0, 0.5, 1);
+    const QJsonObject json = changed.toJson();
+    EXPECT_EQ(json.size(), 40);
+    EXPECT_EQ(json.value(QStringLiteral("gradientStart")).toString(), QStringLiteral("#01020304"));
+
+    Settings back;
+    EXPECT_FALSE(Settings::parseJsonInto(back, json));
+    // Colours travel as 8-bit hex, so compare what a second writing says.
+    EXPECT_EQ(back.toJson(), json);
+    EXPECT_TRUE(back.trimEnabled);
+    EXPECT_EQ(back.padTop, 7);
+    EXPECT_EQ(back.gradientStart, QColor(1, 2, 3, 4));
+    EXPECT_EQ(back.manualCropRect, QRectF(0.25, 0, 0.5, 1));
+
+    QJsonObject bad{{QStringLiteral("padTopp"), 3}};
+    EXPECT_TRUE(Settings::parseJsonInto(back, bad));
+}

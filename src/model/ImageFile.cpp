@@ -113,7 +113,10 @@ using HeifHandle = std::unique_ptr<heif_image_handle, HeifHandleDeleter>;
 using HeifImage = std::unique_ptr<heif_image, HeifImageDeleter>;
 
 QString heifTypeOf(const uint8_t* head, int length) {
-    if (length < 12 || heif_check_filetype(head, length) != heif_filetype_yes_supported) return QString();
+    if (length < 12) return QString();
+    // A generic "mif1" brand only says "maybe"; the MIME type below decides.
+    const heif_filetype_result check = heif_check_filetype(head, length);
+    if (check != heif_filetype_yes_supported && check != heif_filetype_maybe) return QString();
     const char* mime = heif_get_file_mime_type(head, length);
     if (mime && std::strcmp(mime, "image/heic") == 0) return kHeic;
     if (mime && std::strcmp(mime, "image/heif") == 0) return kHeif;

@@ -165,13 +165,14 @@ const QStringList& Settings::names() {
 }
 
 std::optional<QString> Settings::parseInto(Settings& into, const QString& name, const QString& text) {
+    // Parsed into a copy, so a refused value leaves every field as it was.
 #define CUTLARK_PARSE(Type, field, Name, def, kind)                                                         \
     if (name == QLatin1String(#field)) {                                                                     \
-        Type value = into.field;                                                                             \
-        if (!parseValue(text, value))                                                                        \
+        Settings candidate = into;                                                                           \
+        if (!parseValue(text, candidate.field))                                                              \
             return QStringLiteral("invalid value “%1” for %2").arg(text, name);                              \
-        into.field = value;                                                                                  \
-        if (auto error = afterParse(into, into.field, name)) return error;                                   \
+        if (auto error = afterParse(candidate, candidate.field, name)) return error;                         \
+        into = candidate;                                                                                    \
         return std::nullopt;                                                                                 \
     }
     CUTLARK_SETTINGS(CUTLARK_PARSE)
@@ -187,6 +188,8 @@ std::optional<QString> Settings::parseJsonInto(Settings& into, const QJsonObject
     for (const QString& name : names()) {
         if (!object.contains(name)) continue;
         const QJsonValue v = object.value(name);
+        // The picture is written as its size only; it comes back through its path.
+        if (name == QLatin1String("backgroundImage")) continue;
         if (v.isNull()) {
             if (name == QLatin1String("backgroundImageURL")) {
                 into.backgroundImageURL.clear();

@@ -1,0 +1,67 @@
+#pragma once
+
+#include "model/CropModel.h"
+#include "model/Panels.h"
+
+#include <QByteArray>
+#include <QColor>
+#include <QDir>
+#include <QImage>
+#include <QMap>
+#include <QString>
+#include <QTemporaryDir>
+
+#include <deque>
+
+namespace cutlark::test {
+
+/// A premultiplied RGBA image filled with one colour.
+QImage solid(int w, int h, const QColor& color);
+
+/// An image whose every pixel is distinct: red = x, green = y, blue = 7, alpha 255 (x, y < 256).
+QImage coordinates(int w, int h);
+
+/// Encodes `image` with Qt's writer for `format` ("png", "jpeg", …) and writes it to `path`.
+bool writeImage(const QImage& image, const QString& path, const char* format, int quality = -1);
+bool writeBytes(const QString& path, const QByteArray& bytes);
+QByteArray readBytes(const QString& path);
+
+/// A baseline JPEG of `image` carrying an EXIF orientation tag with `orientation` (1–8).
+QByteArray jpegWithOrientation(const QImage& image, int orientation);
+
+/// A PNG whose header claims `width` × `height` but which holds no pixel data worth the name.
+QByteArray pngHeaderOnly(quint32 width, quint32 height);
+
+/// A 6×4 red JPEG stored as CMYK, and a 5×3 two-frame animated GIF (blue, then yellow).
+QByteArray cmykJpeg();
+QByteArray animatedGif();
+
+/// The panels answered from a script: each call takes the next answer; no answer means cancel.
+class ScriptedPanels : public Panels {
+public:
+    std::deque<std::optional<QStringList>> openAnswers;
+    std::deque<std::optional<QString>> saveAnswers;
+    std::deque<std::optional<QString>> folderAnswers;
+    QStringList proposedNames;
+    QStringList saveTypes;
+    int openCalls = 0, saveCalls = 0, folderCalls = 0;
+
+    std::optional<QStringList> openImages(bool) override;
+    std::optional<QString> saveFile(const QString& directory, const QString& proposedName,
+                                    const QString& type) override;
+    std::optional<QString> chooseFolder(const QString&, const QString&, const QString&) override;
+};
+
+/// Counts the model's change notifications per field.
+class ChangeCounter {
+public:
+    explicit ChangeCounter(CropModel& model);
+    int count(CropModel::Field field) const { return m_counts.value(field, 0); }
+    int rebuilds() const { return count(CropModel::Field::processedImage); }
+    void reset() { m_counts.clear(); }
+
+private:
+    QMap<CropModel::Field, int> m_counts;
+};
+
+} // namespace cutlark::test
