@@ -1,2 +1,167 @@
+#include "TestImages.h"
+
+#include "model/ImageFile.h"
+
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+
 #include <gtest/gtest.h>
-TEST(X, Y) {}
+
+using namespace cutlark;
+using namespace cutlark::test;
+
+namespace {
+
+struct CliRun {
+    int exitCode = -1;
+    QList<QJsonObject> lines;
+    QByteArray out;
+    QString err;
+};
+
+CliRun cli(const QStringList& arguments) {
+    QProcess p;
+    p.start(QStringLiteral(CUTLARK_CLI_PATH), arguments);
+    p.waitForFinished(120000);
+    CliRun run;
+    run.exitCode = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+    run.out = p.readAllStandardOutput();
+    run.err = QString::fromUtf8(p.readAllStandardError());
+    for (const QByteArray& line : run.out.split('\n')) {
+        if (line.trimmed().isEmpty()) continue;
+        const QJsonDocument doc = QJsonDocument::fromJson(line);
+        if (doc.isObject()) run.lines << doc.object();
+    }
+    return run;
+}
+
+class CliTest : public ::testing::Test {
+protected:
+    QString path(const QString& name) const { return m_dir.filePath(name); }
+    QTemporaryDir m_dir;
+};
+
+} // namespace
+
+TEST_F(CliTest, SettingsListsTheFortyDefaultsInOrder) {
+    const CliRun run = cli({QStringLiteral("settings")});
+    ASSERT_EQ(run.exitCode, 0);
+    const QJsonObject all = QJsonDocument::fromJson(run.out).object();
+    EXPECT_EQ(all.size(), 40);
+    EXPECT_EQ(all.value(QStringLiteral("threshold")).toDouble(), 25);
+    EXPECT_EQ(all.value(QStringLiteral("bgRemovalMode")).toString(), QStringLiteral("white"));
+    EXPECT_EQ(all.value(QStringLiteral("backgroundColor")).toString(), QStringLiteral("#FFFFFF"));
+    EXPECT_TRUE(run.out.indexOf("quarterTurns") < run.out.indexOf("vectorCleanup")) << "table order";
+}
+
+TEST_F(CliTest, InfoDescribesEachImage) {
+    const QString a = savePng(m_dir, QStringLiteral("a.png"), coordinates(30, 20));
+    writeBytes(path(QStringLiteral("bad.png")), "nope");
+    const CliRun run = cli({QStringLiteral("info"), a, path(QStringLiteral("bad.png"))});
+    EXPECT_EQ(run.exitCode, 1);
+    ASSERT_EQ(run.lines.size(), 2);
+    const QJsonObject& info = run.lines[0];
+    EXPECT_EQ(info.value(QStringLiteral("input")).toString(), a);
+    EXPECT_EQ(info.value(QStringLiteral("width")).toInt(), 30);
+    EXPECT_EQ(info.value(QStringLiteral("height")).toInt(), 20);
+    EXPECT_EQ(info.value(QStringLiteral("type")).toString(), QStringLiteral("image/png"));
+    EXPECT_TRUE(info.contains(QStringLiteral("contentRect")));
+    EXPECT_TRUE(info.value(QStringLiteral("mostlyWhite")).isBool());
+    EXPECT_TRUE(info.value(QStringLiteral("collageRects")).isArray());
+    EXPECT_EQ(run.lines[1].value(QStringLiteral("error")).toString(), QStringLiteral("1 file couldn’t be opened."));
+    EXPECT_TRUE(run.err.contains(QStringLiteral("bad.png")));
+}
+
+TEST_F(CliTest, ProcessWritesNewFilesIntoTheOutputFolder) {
+    QDir(m_dir.path()).mkdir(QStringLiteral("in"));
+    savePng(m_dir, QStringLiteral("in/img10.png"), coordinates(40, 20));
+    savePng(m_dir, QStringLiteral("in/img2.png"), coordinates(30, 10));
+    const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("quarterTurns=1"),
+                         QStringLiteral("-o"), path(QStringLiteral("out")), path(QStringLiteral("in"))});
+    ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
+    ASSERT_EQ(run.lines.size(), 2);
+    EXPECT_TRUE(run.lines[0].value(QStringLiteral("input")).toString().endsWith(QStringLiteral("img2.png")))
+        << "name order, numbers as numbers";
+    const QString out = run.lines[1].value(QStringLiteral("output")).toString();
+    EXPECT_EQ(out, path(QStringLiteral("out/img10-out.png")));
+    EXPECT_EQ(run.lines[1].value(QStringLiteral("width")).toInt(), 20);
+    EXPECT_EQ(run.lines[1].value(QStringLiteral("height")).toInt(), 40);
+    EXPECT_EQ(run.lines[1].value(QStringLiteral("type")).toString(), QStringLiteral("image/png"));
+    const auto written = ImageFile::load(out);
+    ASSERT_TRUE(written);
+    EXPECT_EQ(written->image.size(), QSize(20, 40));
+    EXPECT_EQ(qGreen(written->image.pixel(0, 0)), 19) << "turned clockwise";
+}
+
+TEST_F(CliTest, FailuresAreNamedAndTheRestIsStillDone) {
+    const QString good = savePng(m_dir, QStringLiteral("good.png"), coordinates(8, 8));
+    const QString bad = path(QStringLiteral("broken.jpg"));
+    writeBytes(bad, "not a jpeg");
+    const CliRun run = cli({QStringLiteral("process"), bad, good});
+    EXPECT_EQ(run.exitCode, 1);
+    ASSERT_EQ(run.lines.size(), 2);
+    EXPECT_TRUE(run.lines[0].contains(QStringLiteral("error")));
+    EXPECT_EQ(run.lines[1].value(QStringLiteral("output")).toString(), path(QStringLiteral("good-out.png")));
+    EXPECT_TRUE(QFileInfo::exists(path(QStringLiteral("good-out.png"))));
+    EXPECT_TRUE(run.err.contains(QStringLiteral("broken.jpg")));
+    EXPECT_FALSE(run.err.contains(QStringLiteral("good.png")));
+}
+
+TEST_F(CliTest, InPlaceFollowsTheSaveRules) {
+    const QString photo = path(QStringLiteral("photo.jpg"));
+    writeImage(coordinates(16, 8), photo, "jpeg");
+    const QByteArray before = readBytes(photo);
+    const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--in-place"), QStringLiteral("--set"),
+                         QStringLiteral("paddingEnabled=true"), photo});
+    ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
+    ASSERT_EQ(run.lines.size(), 1);
+    EXPECT_EQ(run.lines[0].value(QStringLiteral("output")).toString(), path(QStringLiteral("photo.png")));
+    EXPECT_EQ(run.lines[0].value(QStringLiteral("type")).toString(), QStringLiteral("image/png"));
+    EXPECT_EQ(readBytes(photo), before) << "the JPEG stays";
+}
+
+TEST_F(CliTest, PresetsAndSetsCombineAndJobsDoNotChangeResults) {
+    QStringList inputs;
+    for (int i = 0; i < 4; ++i) inputs << savePng(m_dir, QStringLiteral("p%1.png").arg(i), coordinates(20 + i, 12));
+    writeBytes(path(QStringLiteral("preset.json")), R"({"quarterTurns": 2, "mirrored": true})");
+    const QStringList common = {QStringLiteral("process"), QStringLiteral("--preset"), path(QStringLiteral("preset.json")),
+                                QStringLiteral("--set"), QStringLiteral("quarterTurns=1")};
+    QStringList first = common, second = common;
+    first << QStringLiteral("-o") << path(QStringLiteral("one")) << inputs;
+    second << QStringLiteral("--jobs") << QStringLiteral("2") << QStringLiteral("-o") << path(QStringLiteral("two"))
+           << inputs;
+    const CliRun one = cli(first);
+    const CliRun two = cli(second);
+    ASSERT_EQ(one.exitCode, 0) << qPrintable(one.err);
+    ASSERT_EQ(two.exitCode, 0) << qPrintable(two.err);
+    ASSERT_EQ(one.lines.size(), 4);
+    ASSERT_EQ(two.lines.size(), 4);
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(two.lines[i].value(QStringLiteral("input")).toString(), inputs[i]) << "printed in input order";
+        const QString name = QStringLiteral("p%1-out.png").arg(i);
+        EXPECT_EQ(readBytes(path(QStringLiteral("one/") + name)), readBytes(path(QStringLiteral("two/") + name)));
+    }
+    const QImage result = ImageFile::load(path(QStringLiteral("one/p0-out.png")))->image;
+    ASSERT_EQ(result.size(), QSize(12, 20));
+    // Mirrored, then one clockwise turn: the top left shows the source's bottom-right pixel.
+    EXPECT_EQ(qRed(result.pixel(0, 0)), 19);
+    EXPECT_EQ(qGreen(result.pixel(0, 0)), 11);
+}
+
+TEST_F(CliTest, BadUsageExitsWithTwo) {
+    EXPECT_EQ(cli({}).exitCode, 2);
+    EXPECT_EQ(cli({QStringLiteral("frobnicate")}).exitCode, 2);
+    EXPECT_EQ(cli({QStringLiteral("process")}).exitCode, 2);
+    const QString a = savePng(m_dir, QStringLiteral("a.png"), coordinates(4, 4));
+    const CliRun badSet = cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("threshold=lots"), a});
+    EXPECT_EQ(badSet.exitCode, 2);
+    EXPECT_TRUE(badSet.err.contains(QStringLiteral("threshold")));
+    EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("a-out.png")))) << "nothing is done on bad usage";
+    EXPECT_EQ(cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("nosuch=1"), a}).exitCode, 2);
+    EXPECT_EQ(cli({QStringLiteral("process"), QStringLiteral("--in-place"), QStringLiteral("-o"), m_dir.path(), a})
+                  .exitCode,
+              2);
+}

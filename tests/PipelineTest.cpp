@@ -1,2 +1,158 @@
+#include "TestImages.h"
+
+#include "model/CropModel.h"
+
 #include <gtest/gtest.h>
-TEST(X, Y) {}
+
+using namespace cutlark;
+using namespace cutlark::test;
+
+namespace {
+
+class PipelineTest : public ::testing::Test {
+protected:
+    void openOne(const QImage& image, const QString& name = QStringLiteral("a.png")) {
+        model.open({savePng(m_dir, name, image)});
+        ASSERT_TRUE(model.active());
+    }
+    QTemporaryDir m_dir;
+    CropModel model;
+};
+
+} // namespace
+
+TEST_F(PipelineTest, DefaultsGiveTheSourceImageItself) {
+    openOne(coordinates(64, 48));
+    EXPECT_EQ(model.processedImage().cacheKey(), model.active()->buffer.cgImage().cacheKey());
+    EXPECT_FALSE(model.willTrim());
+    EXPECT_EQ(model.activeContentRect(), QRectF(0, 0, 64, 48));
+    EXPECT_EQ(model.preResizeSize(), QSizeF(64, 48));
+    EXPECT_TRUE(model.active()->buffer.sharesStore()) << "an 8-bit image is held once";
+}
+
+TEST_F(PipelineTest, OrientationAndCropComeFirst) {
+    openOne(coordinates(40, 20));
+    model.setQuarterTurns(1);
+    EXPECT_EQ(model.processedImage().size(), QSize(20, 40));
+    EXPECT_TRUE(model.willTrim());
+    // The crop is of the turned image: its top half is the left half of the source, turned.
+    model.setManualCrop(QRectF(0, 0, 1, 0.5));
+    EXPECT_EQ(model.processedImage().size(), QSize(20, 20));
+    EXPECT_EQ(qGreen(model.processedImage().pixel(0, 0)), 19);
+    EXPECT_EQ(qRed(model.processedImage().pixel(0, 0)), 0);
+    EXPECT_EQ(model.activeContentRect(), QRectF(0, 0, 20, 20));
+
+    model.setManualCropEnabled(false);
+    model.setQuarterTurns(0);
+    model.setMirrored(true);
+    EXPECT_EQ(model.processedImage().size(), QSize(40, 20));
+    EXPECT_TRUE(model.willTrim()) << "mirrored counts though the size is the same";
+    model.setMirrored(false);
+    model.setTrimEnabled(true);
+    EXPECT_FALSE(model.willTrim()) << "a trim that finds nothing to cut changes nothing";
+    model.setPaddingEnabled(true);
+    EXPECT_TRUE(model.willTrim());
+}
+
+TEST_F(PipelineTest, PaddingInsetsRoundHalvesAway) {
+    model.setPadAmount(2.5);
+    auto p = model.paddingInsets();
+    EXPECT_EQ(p.top, 3);
+    EXPECT_EQ(p.left, 3);
+    model.setPaddingUniform(false);
+    model.setPadTop(-2.5);
+    model.setPadRight(qQNaN());
+    model.setPadBottom(1e300);
+    model.setPadLeft(0.49);
+    p = model.paddingInsets();
+    EXPECT_EQ(p.top, -3);
+    EXPECT_EQ(p.right, 0);
+    EXPECT_EQ(p.bottom, std::numeric_limits<qint64>::max());
+    EXPECT_EQ(p.left, 0);
+}
+
+TEST_F(PipelineTest, ResizeTargetTakesOnlyTheSettings) {
+    model.setResizeLockAspect(false);
+    model.setResizeWidth(0.4);
+    model.setResizeHeight(300);
+    EXPECT_EQ(model.resizeTargetSize(QSizeF(10, 10)), QSizeF(1, 300));
+    EXPECT_FALSE(model.resizeTargetSize(QSizeF(0.5, 10)));
+    EXPECT_FALSE(model.resizeTargetSize(QSizeF(10, 0)));
+    model.setResizeWidth(qQNaN());
+    EXPECT_EQ(model.resizeTargetSize(QSizeF(10, 10)), QSizeF(1, 300));
+}
+
+TEST_F(PipelineTest, BackgroundOpacityByKind) {
+    EXPECT_TRUE(model.backgroundIsOpaque()) << "white";
+    model.setBackgroundColor(QColor::fromRgbF(1, 0, 0, 0.5f));
+    EXPECT_FALSE(model.backgroundIsOpaque());
+    model.setBackgroundColor(QColor());
+    EXPECT_TRUE(model.backgroundIsOpaque()) << "no components count as opaque white";
+
+    model.setBackgroundKind(BackgroundKind::gradient);
+    EXPECT_TRUE(model.backgroundIsOpaque());
+    model.setGradientEnd(QColor::fromRgbF(0, 0, 1, 0.5f));
+    EXPECT_FALSE(model.backgroundIsOpaque());
+    model.setGradientEnd(QColor::fromRgbF(0, 0, 1, 0.999f));
+    EXPECT_TRUE(model.backgroundIsOpaque()) << "0.999 counts as opaque";
+    model.setGradientStart(QColor::fromRgbF(0, 0, 1, 0.998f));
+    EXPECT_FALSE(model.backgroundIsOpaque());
+
+    model.setBackgroundKind(BackgroundKind::image);
+    EXPECT_FALSE(model.backgroundIsOpaque()) << "no picture";
+    const QString jpeg = m_dir.filePath(QStringLiteral("bg.jpg"));
+    ASSERT_TRUE(writeImage(coordinates(8, 8), jpeg, "jpeg"));
+    ScriptedPanels panels;
+    model.setPanels(&panels);
+    panels.openAnswers.push_back(QStringList{jpeg});
+    model.chooseBackgroundImage();
+    EXPECT_TRUE(model.backgroundIsOpaque()) << "a JPEG has no alpha";
+    const QString png = savePng(m_dir, QStringLiteral("bg.png"), solid(4, 4, QColor(0, 0, 0, 10)));
+    panels.openAnswers.push_back(QStringList{png});
+    model.chooseBackgroundImage();
+    EXPECT_FALSE(model.backgroundIsOpaque());
+}
+
+TEST_F(PipelineTest, TransparencyFollowsTheSettings) {
+    openOne(coordinates(100, 80));
+    EXPECT_FALSE(model.producesTransparency()) << "the image's own alpha doesn't count";
+    model.setPaddingEnabled(true);
+    EXPECT_TRUE(model.producesTransparency());
+    model.setBackgroundEnabled(true);
+    EXPECT_FALSE(model.producesTransparency());
+
+    // A canvas bigger than the image leaves margins the background can't cover.
+    model.setResizeLockAspect(false);
+    model.setResizeCanvas(true);
+    model.setResizeEnabled(true);
+    model.setResizeWidth(500);
+    model.setResizeHeight(10);
+    EXPECT_TRUE(model.producesTransparency());
+    model.setResizeWidth(50);
+    EXPECT_FALSE(model.producesTransparency()) << "smaller both ways";
+    model.setBackgroundColor(QColor(0, 0, 0, 0));
+    EXPECT_TRUE(model.producesTransparency());
+    model.setPaddingEnabled(false);
+    EXPECT_FALSE(model.producesTransparency());
+    model.setKeyWhiteEnabled(true);
+    EXPECT_TRUE(model.producesTransparency());
+}
+
+TEST_F(PipelineTest, NoActiveItemClearsTheResult) {
+    openOne(coordinates(10, 10));
+    ASSERT_FALSE(model.processedImage().isNull());
+    model.remove(model.active()->id);
+    EXPECT_TRUE(model.processedImage().isNull());
+    EXPECT_FALSE(model.activeContentRect());
+    EXPECT_FALSE(model.vectorTrace());
+    EXPECT_TRUE(model.vectorPreview().isNull());
+    EXPECT_FALSE(model.willTrim());
+}
+
+TEST_F(PipelineTest, EachRebuildClearsTheNotice) {
+    openOne(coordinates(10, 10));
+    ChangeCounter counter(model);
+    model.setTrimEnabled(true);
+    EXPECT_EQ(counter.count(CropModel::Field::noticeMessage), 1);
+    EXPECT_FALSE(model.noticeMessage());
+}

@@ -1,2 +1,206 @@
+#include "TestImages.h"
+
+#include "model/AtomicFile.h"
+#include "model/CropModel.h"
+#include "model/ImageFile.h"
+
+#include <QFileInfo>
+
 #include <gtest/gtest.h>
-TEST(X, Y) {}
+
+using namespace cutlark;
+using namespace cutlark::test;
+
+namespace {
+
+class SaveTest : public ::testing::Test {
+protected:
+    void SetUp() override { model.setPanels(&panels); }
+    void TearDown() override { AtomicFile::setFaultInjector({}); }
+
+    QString jpeg(const QString& name, int w = 20, int h = 10) {
+        const QString p = m_dir.filePath(name);
+        writeImage(coordinates(w, h), p, "jpeg", 95);
+        return p;
+    }
+    QString png(const QString& name, int w = 20, int h = 10) { return savePng(m_dir, name, coordinates(w, h)); }
+
+    QTemporaryDir m_dir;
+    ScriptedPanels panels;
+    CropModel model;
+};
+
+} // namespace
+
+TEST_F(SaveTest, NothingToSave) {
+    model.saveOverOriginal();
+    EXPECT_EQ(model.errorMessage(), QStringLiteral("Nothing to save."));
+    model.saveAsNewFile();
+    EXPECT_EQ(model.errorMessage(), QStringLiteral("Nothing to save."));
+    EXPECT_EQ(panels.saveCalls, 0);
+}
+
+TEST_F(SaveTest, TransparencyInAJpegGoesToAPngBesideIt) {
+    const QString source = jpeg(QStringLiteral("photo.jpg"));
+    const QByteArray before = readBytes(source);
+    model.open({source});
+    model.setPaddingEnabled(true);
+    model.saveOverOriginal();
+    const QString written = m_dir.filePath(QStringLiteral("photo.png"));
+    EXPECT_EQ(model.saveConfirmation(), QStringLiteral("photo.png"));
+    EXPECT_FALSE(model.errorMessage());
+    ASSERT_TRUE(QFileInfo::exists(written));
+    EXPECT_TRUE(readBytes(written).startsWith(QByteArray::fromHex("89504e47")));
+    EXPECT_EQ(readBytes(source), before) << "the JPEG stays on disk";
+    const auto& item = model.items().front();
+    EXPECT_EQ(item.url, written);
+    EXPECT_EQ(item.type, QStringLiteral("image/png"));
+    EXPECT_TRUE(item.saved);
+    EXPECT_TRUE(model.allSaved());
+}
+
+TEST_F(SaveTest, AnOpaqueBackgroundKeepsTheJpeg) {
+    const QString source = jpeg(QStringLiteral("photo.jpg"));
+    model.open({source});
+    model.setPaddingEnabled(true);
+    model.setBackgroundEnabled(true);
+    const QImage result = model.processedImage();
+    model.saveOverOriginal();
+    EXPECT_EQ(model.items().front().url, source);
+    EXPECT_EQ(model.items().front().type, QStringLiteral("image/jpeg"));
+    EXPECT_EQ(ImageFile::load(source)->type, QStringLiteral("image/jpeg"));
+    EXPECT_EQ(readBytes(source), ImageFile::encode(result, QStringLiteral("image/jpeg"))) << "quality 0.92";
+}
+
+TEST_F(SaveTest, ABiggerCanvasStillForcesPng) {
+    model.open({jpeg(QStringLiteral("photo.jpg"))});
+    model.setBackgroundEnabled(true);
+    model.setResizeLockAspect(false);
+    model.setResizeCanvas(true);
+    model.setResizeEnabled(true);
+    model.setResizeWidth(50);
+    ASSERT_TRUE(model.producesTransparency());
+    EXPECT_EQ(model.saveTypeChoice(*model.active()).type, QStringLiteral("image/png"));
+    EXPECT_EQ(model.proposedNewFileName(*model.active()), QStringLiteral("photo-out.png"));
+}
+
+TEST_F(SaveTest, APngWithKeyingStaysPng) {
+    model.open({png(QStringLiteral("logo.png"))});
+    model.setKeyWhiteEnabled(true);
+    const auto choice = model.saveTypeChoice(*model.active());
+    EXPECT_EQ(choice.type, QStringLiteral("image/png"));
+    EXPECT_FALSE(choice.forcedPng);
+}
+
+TEST_F(SaveTest, ProposedNamesKeepTheExtensionAsWritten) {
+    const QString upper = m_dir.filePath(QStringLiteral("Holiday.JPG"));
+    writeImage(coordinates(8, 8), upper, "jpeg");
+    model.open({upper});
+    model.saveAsNewFile(); // cancelled: nothing changes
+    EXPECT_EQ(panels.proposedNames.last(), QStringLiteral("Holiday-out.JPG"));
+    EXPECT_EQ(panels.saveTypes.last(), QStringLiteral("image/jpeg"));
+    EXPECT_FALSE(model.items().front().saved);
+    EXPECT_FALSE(model.saveConfirmation());
+    EXPECT_FALSE(model.errorMessage());
+
+    model.setPaddingEnabled(true);
+    model.saveAsNewFile();
+    EXPECT_EQ(panels.proposedNames.last(), QStringLiteral("Holiday-out.png"));
+    EXPECT_EQ(panels.saveTypes.last(), QStringLiteral("image/png"));
+}
+
+TEST_F(SaveTest, AFileWithoutExtensionGetsTheTypesOwn) {
+    const QString bare = m_dir.filePath(QStringLiteral("Scan.png"));
+    writeImage(coordinates(8, 8), bare, "jpeg");
+    const QString noExt = m_dir.filePath(QStringLiteral("Scan"));
+    QFile::rename(bare, noExt);
+    // Opening refuses a name without extension, so the item is made by hand.
+    CropModel::Item item{QUuid::createUuid(), noExt, QStringLiteral("image/jpeg"),
+                         *CropEngine::Buffer::make(ImageFile::load(noExt)->image), false, {}};
+    EXPECT_EQ(model.proposedNewFileName(item), QStringLiteral("Scan-out.") + ImageFile::preferredExtension(item.type));
+    EXPECT_TRUE(model.proposedNewFileName(item).endsWith(QStringLiteral(".jpg")) ||
+                model.proposedNewFileName(item).endsWith(QStringLiteral(".jpeg")));
+}
+
+TEST_F(SaveTest, SaveAsNewWritesWhereThePanelSaysAndLeavesTheSourceAlone) {
+    const QString source = png(QStringLiteral("a.png"));
+    const QByteArray before = readBytes(source);
+    model.open({source});
+    model.setQuarterTurns(1);
+    const QString target = m_dir.filePath(QStringLiteral("elsewhere.png"));
+    panels.saveAnswers.push_back(target);
+    model.saveAsNewFile();
+    EXPECT_EQ(model.saveConfirmation(), QStringLiteral("elsewhere.png"));
+    EXPECT_EQ(ImageFile::load(target)->image.size(), QSize(10, 20));
+    EXPECT_EQ(readBytes(source), before);
+    EXPECT_EQ(model.items().front().url, source);
+    EXPECT_TRUE(model.items().front().saved);
+}
+
+TEST_F(SaveTest, TheQueueMovesOnToTheNextUnsavedItemWrappingAround) {
+    QStringList paths;
+    for (int i = 1; i <= 4; ++i) paths << png(QStringLiteral("%1.png").arg(i));
+    model.open(paths);
+    const auto id = [&](int i) { return model.items()[size_t(i)].id; };
+    // Item 4 saved first; then item 3 is saved and the search wraps to item 1.
+    model.select(id(3));
+    model.saveOverOriginal();
+    EXPECT_EQ(model.activeID(), id(0)) << "after the last item the search wraps to the first";
+    model.select(id(2));
+    model.setMirrored(true);
+    model.saveOverOriginal();
+    EXPECT_EQ(model.activeID(), id(0));
+    EXPECT_EQ(model.saveConfirmation(), QStringLiteral("3.png")) << "the confirmation names the file just written";
+    EXPECT_TRUE(model.items()[2].settingsSnapshot.mirrored) << "the item left keeps its settings";
+    model.saveOverOriginal();
+    EXPECT_EQ(model.activeID(), id(1));
+    model.saveOverOriginal();
+    EXPECT_EQ(model.activeID(), id(1)) << "the last unsaved item stays active";
+    EXPECT_TRUE(model.allSaved());
+}
+
+TEST_F(SaveTest, SavingOverTheOriginalMakesTheWrittenPixelsTheSource) {
+    const QString source = png(QStringLiteral("a.png"), 20, 10);
+    model.open({source});
+    model.setQuarterTurns(1);
+    model.saveOverOriginal();
+    const auto& item = model.items().front();
+    EXPECT_EQ(item.buffer.width(), 10);
+    EXPECT_EQ(item.buffer.height(), 20);
+    EXPECT_EQ(model.processedImage().size(), QSize(20, 10)) << "the turn applies again to the new source";
+}
+
+TEST_F(SaveTest, FailedWritesReportAndLoseNothing) {
+    const QString source = png(QStringLiteral("keep.png"));
+    const QString other = png(QStringLiteral("other.png"));
+    model.open({source, other});
+    model.setMirrored(true);
+    const QByteArray before = readBytes(source);
+    const QUuid active = *model.activeID();
+
+    AtomicFile::setFaultInjector([](AtomicFile::Step step, const QString&) { return step != AtomicFile::Step::commit; });
+    model.saveOverOriginal();
+    EXPECT_EQ(model.errorMessage(), QStringLiteral("Couldn’t write to “keep.png”."));
+    EXPECT_EQ(readBytes(source), before);
+    EXPECT_EQ(model.activeID(), active) << "no advance";
+    EXPECT_FALSE(model.items().front().saved);
+    EXPECT_FALSE(model.saveConfirmation());
+    AtomicFile::setFaultInjector({});
+
+    // Into a folder that doesn't exist, and over a path that is a folder.
+    panels.saveAnswers.push_back(m_dir.filePath(QStringLiteral("missing/x.png")));
+    model.saveAsNewFile();
+    EXPECT_EQ(model.errorMessage(), QStringLiteral("Couldn’t write to “x.png”."));
+    QDir(m_dir.path()).mkdir(QStringLiteral("taken.png"));
+    panels.saveAnswers.push_back(m_dir.filePath(QStringLiteral("taken.png")));
+    model.saveAsNewFile();
+    EXPECT_EQ(model.errorMessage(), QStringLiteral("Couldn’t write to “taken.png”."));
+    EXPECT_TRUE(QFileInfo(m_dir.filePath(QStringLiteral("taken.png"))).isDir());
+    EXPECT_EQ(model.activeID(), active);
+    EXPECT_EQ(model.items().size(), 2u);
+
+    // And then a save goes through and clears the message.
+    model.saveOverOriginal();
+    EXPECT_FALSE(model.errorMessage());
+    EXPECT_EQ(model.saveConfirmation(), QStringLiteral("keep.png"));
+}

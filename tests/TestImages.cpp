@@ -38,6 +38,11 @@ bool writeBytes(const QString& path, const QByteArray& bytes) {
     return f.open(QIODevice::WriteOnly) && f.write(bytes) == bytes.size();
 }
 
+QString savePng(const QTemporaryDir& dir, const QString& name, const QImage& image) {
+    const QString path = dir.filePath(name);
+    return writeImage(image, path, "png") ? path : QString();
+}
+
 QByteArray readBytes(const QString& path) {
     QFile f(path);
     return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
@@ -143,7 +148,10 @@ std::optional<QString> ScriptedPanels::chooseFolder(const QString&, const QStrin
 }
 
 ChangeCounter::ChangeCounter(CropModel& model) {
-    QObject::connect(&model, &CropModel::changed, &model, [this](CropModel::Field f) { m_counts[f] += 1; });
+    m_connection =
+        QObject::connect(&model, &CropModel::changed, &model, [this](CropModel::Field f) { m_counts[f] += 1; });
 }
+
+ChangeCounter::~ChangeCounter() { QObject::disconnect(m_connection); }
 
 } // namespace cutlark::test

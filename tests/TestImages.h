@@ -36,6 +36,9 @@ QByteArray pngHeaderOnly(quint32 width, quint32 height);
 QByteArray cmykJpeg();
 QByteArray animatedGif();
 
+/// Writes a PNG of `image` into `dir` under `name` and returns its path (empty on failure).
+QString savePng(const QTemporaryDir& dir, const QString& name, const QImage& image);
+
 /// The panels answered from a script: each call takes the next answer; no answer means cancel.
 class ScriptedPanels : public Panels {
 public:
@@ -56,12 +59,16 @@ public:
 class ChangeCounter {
 public:
     explicit ChangeCounter(CropModel& model);
+    ~ChangeCounter();
+    ChangeCounter(const ChangeCounter&) = delete;
+    ChangeCounter& operator=(const ChangeCounter&) = delete;
     int count(CropModel::Field field) const { return m_counts.value(field, 0); }
     int rebuilds() const { return count(CropModel::Field::processedImage); }
     void reset() { m_counts.clear(); }
 
 private:
     QMap<CropModel::Field, int> m_counts;
+    QMetaObject::Connection m_connection;
 };
 
 } // namespace cutlark::test

@@ -24,6 +24,10 @@ qint64 roundedInt(double v) {
 // "At least 1", with NaN counting as nothing.
 double atLeastOne(double v) { return (v >= 1) ? v : 1.0; }
 
+// 0.999 counts as opaque. QColor keeps 16 bits per component, where 0.999 lands half a step below
+// itself, so allow that half step.
+bool opaqueAlpha(double a) { return a >= 0.999 - 0.5 / 65535.0; }
+
 RGBA componentsOrWhite(const QColor& color) { return sRGBComponents(color).value_or(RGBA{1, 1, 1, 1}); }
 
 } // namespace
@@ -196,13 +200,13 @@ bool CropModel::backgroundIsOpaque() const {
     switch (s.backgroundKind) {
     case BackgroundKind::color: {
         const auto c = sRGBComponents(s.backgroundColor);
-        return !c || c->a >= 0.999;
+        return !c || opaqueAlpha(c->a);
     }
     case BackgroundKind::gradient: {
         const auto start = sRGBComponents(s.gradientStart);
-        if (start && start->a < 0.999) return false;
+        if (start && !opaqueAlpha(start->a)) return false;
         const auto end = sRGBComponents(s.gradientEnd);
-        return !end || end->a >= 0.999;
+        return !end || opaqueAlpha(end->a);
     }
     case BackgroundKind::image:
         return !s.backgroundImage.isNull() && !s.backgroundImage.hasAlphaChannel();
