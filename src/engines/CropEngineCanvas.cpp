@@ -1,17 +1,283 @@
+// Canvas operations: padding, backgrounds, canvas size and scaling.
 #include "engines/CropEngine.h"
+#include "engines/PixelOps.h"
 
-// Canvas operations. Not built yet: each stage passes the image through.
+#include <QColorSpace>
+#include <QPainter>
+
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <vector>
 
 namespace cutlark::CropEngine {
 
-std::optional<QImage> pad(const QImage& image, qint64, qint64, qint64, qint64) { return image; }
-std::optional<QImage> fillColorBackground(const QImage& image, double, double, double, double) { return image; }
-std::optional<QImage> fillGradientBackground(const QImage& image, double, double, double, double, double, double,
-                                             double, double, double) {
-    return image;
+namespace {
+
+using namespace PixelOps;
+
+// A target side: rounded half away from zero, at least 1; absent when it can't be a size at all.
+std::optional<qint64> targetSide(double v) {
+    if (std::isnan(v)) return 1;
+    const double r = std::round(v);
+    if (r > double(INT_MAX)) return std::nullopt;
+    return std::max<qint64>(1, qint64(r));
 }
-std::optional<QImage> fillImageBackground(const QImage& image, const QImage&) { return image; }
-std::optional<QImage> canvas(const QImage& image, const QSizeF&) { return image; }
-std::optional<QImage> resize(const QImage& image, const QSizeF&) { return image; }
+
+// A premultiplied byte of a component in 0…1 with alpha a.
+uint32_t premultipliedByte(double c, double a) {
+    const double v = std::clamp(c, 0.0, 1.0) * std::clamp(a, 0.0, 1.0) * 255.0;
+    return uint32_t(std::lround(v));
+}
+
+uint32_t packedColor(double r, double g, double b, double a) {
+    const uint32_t A = uint32_t(std::lround(std::clamp(a, 0.0, 1.0) * 255.0));
+    return premultipliedByte(r, a) | (premultipliedByte(g, a) << 8) | (premultipliedByte(b, a) << 16) | (A << 24);
+}
+
+// Source over: the image's premultiplied pixel over a background pixel.
+inline uint32_t over(uint32_t s, uint32_t d) {
+    const uint32_t inv = 255 - alpha(s);
+    return (red(s) + div255(red(d) * inv)) | ((green(s) + div255(green(d) * inv)) << 8) |
+           ((blue(s) + div255(blue(d) * inv)) << 16) | ((alpha(s) + div255(alpha(d) * inv)) << 24);
+}
+
+// Blocks of an image are mostly all opaque (the background can't show) or all clear (only the
+// background shows); those are copied, and only mixed blocks are composited.
+constexpr int kBlock = 16;
+
+template <class Background>
+inline __attribute__((always_inline)) void overSpan(const uint32_t* s, Background bg, uint32_t* d, int w) {
+    int x = 0;
+    for (; x + kBlock <= w; x += kBlock) {
+        uint32_t all = 0xffffffffu, any = 0;
+        for (int k = 0; k < kBlock; ++k) {
+            all &= s[x + k];
+            any |= s[x + k];
+        }
+        if (alpha(all) == 255) {
+            std::memcpy(d + x, s + x, kBlock * 4);
+        } else if (any == 0) {
+            for (int k = 0; k < kBlock; ++k) d[x + k] = bg(x + k);
+        } else {
+            for (int k = 0; k < kBlock; ++k) d[x + k] = over(s[x + k], bg(x + k));
+        }
+    }
+    for (; x < w; ++x) d[x] = over(s[x], bg(x));
+}
+
+__attribute__((target_clones("avx2", "default"))) void overColorRow(const uint32_t* s, uint32_t color, uint32_t* d,
+                                                                    int w) {
+    overSpan(s, [color](int) { return color; }, d, w);
+}
+
+void overColor(const QImage& src, QImage& dst, uint32_t color) {
+    for (int y = 0; y < src.height(); ++y) overColorRow(row(src, y), color, row(dst, y), src.width());
+}
+
+// Premultiplied gradient ends, in bytes as floats; colours in between are interpolated linearly, so a
+// fade to transparent carries no dark fringe.
+struct Ramp {
+    float r0, g0, b0, a0; // at the start
+    float dr, dg, db, da; // to the end
+    // For t in 0…1 only.
+    uint32_t at(float t) const {
+        const int r = int(r0 + t * dr + 0.5f), g = int(g0 + t * dg + 0.5f);
+        const int b = int(b0 + t * db + 0.5f), a = int(a0 + t * da + 0.5f);
+        return uint32_t(r) | (uint32_t(g) << 8) | (uint32_t(b) << 16) | (uint32_t(a) << 24);
+    }
+    uint32_t clamped(double t) const { return at(float(std::clamp(t, 0.0, 1.0))); }
+};
+
+__attribute__((target_clones("avx2", "default"))) void rampSpan(const Ramp& ramp, float t, float step,
+                                                                uint32_t* __restrict out, int from, int to) {
+    const Ramp r = ramp;
+    for (int x = from; x < to; ++x) out[x] = r.at(t + step * float(x));
+}
+
+// One row of the gradient: `t` is the axis position of the row's first pixel centre (0 at the start,
+// 1 at the end), `step` its change per pixel, not 0. The end colours extend beyond both ends, so only
+// the pixels between them are interpolated.
+void gradientRow(const Ramp& ramp, double t, double step, uint32_t* out, int w) {
+    const double xStart = -t / step, xEnd = (1 - t) / step; // where t reaches 0 and 1
+    const double lo = std::min(xStart, xEnd), hi = std::max(xStart, xEnd);
+    const int from = int(std::clamp(std::ceil(lo), 0.0, double(w)));
+    const int to = int(std::clamp(std::floor(hi) + 1, double(from), double(w)));
+    const uint32_t left = ramp.clamped(t), right = ramp.clamped(t + step * (w - 1));
+    std::fill(out, out + from, left);
+    rampSpan(ramp, float(t), float(step), out, from, to);
+    std::fill(out + to, out + w, right);
+}
+
+__attribute__((target_clones("avx2", "default"))) void overRow(const uint32_t* s, const uint32_t* background,
+                                                               uint32_t* d, int w) {
+    overSpan(s, [background](int x) { return background[x]; }, d, w);
+}
+
+// Copies `src` into `dst` with its top-left corner at (dx, dy) (either may be negative: the image is
+// then cut), and clears everything of `dst` it doesn't cover.
+void place(const QImage& src, QImage& dst, qint64 dx, qint64 dy) {
+    const qint64 W = dst.width(), H = dst.height(), w = src.width(), h = src.height();
+    const qint64 x0 = std::max<qint64>(0, dx), x1 = std::min(W, dx + w); // covered columns of dst
+    for (qint64 y = 0; y < H; ++y) {
+        uchar* d = dst.scanLine(int(y));
+        const qint64 sy = y - dy;
+        if (sy < 0 || sy >= h || x1 <= x0) {
+            std::memset(d, 0, size_t(W) * 4);
+            continue;
+        }
+        std::memset(d, 0, size_t(x0) * 4);
+        std::memcpy(d + x0 * 4, src.constScanLine(int(sy)) + (x0 - dx) * 4, size_t(x1 - x0) * 4);
+        std::memset(d + x1 * 4, 0, size_t(W - x1) * 4);
+    }
+}
+
+} // namespace
+
+std::optional<QImage> pad(const QImage& image, qint64 top, qint64 right, qint64 bottom, qint64 left) {
+    top = std::max<qint64>(top, 0);
+    right = std::max<qint64>(right, 0);
+    bottom = std::max<qint64>(bottom, 0);
+    left = std::max<qint64>(left, 0);
+    if (top == 0 && right == 0 && bottom == 0 && left == 0) return image;
+    const qint64 limit = qint64(INT_MAX);
+    if (left > limit || right > limit || top > limit || bottom > limit) return std::nullopt;
+    const QImage src = rgbaPixels(image);
+    if (src.isNull()) return std::nullopt;
+    QImage out = newCanvas(src.width() + left + right, src.height() + top + bottom);
+    if (out.isNull()) return std::nullopt;
+    // Seen from the top left, the first pixel lands at (left, top).
+    place(src, out, left, top);
+    return out;
+}
+
+std::optional<QImage> fillColorBackground(const QImage& image, double r, double g, double b, double a) {
+    if (image.width() < 1 || image.height() < 1) return image;
+    const QImage src = rgbaPixels(image);
+    if (src.isNull()) return std::nullopt;
+    // An opaque image hides any background.
+    if (!src.hasAlphaChannel()) return image;
+    QImage out = newCanvas(src.width(), src.height());
+    if (out.isNull()) return std::nullopt;
+    overColor(src, out, packedColor(r, g, b, a));
+    return out;
+}
+
+std::optional<QImage> fillGradientBackground(const QImage& image, double r0, double g0, double b0, double a0,
+                                             double r1, double g1, double b1, double a1, double angleDegrees) {
+    const int W = image.width(), H = image.height();
+    if (W < 1 || H < 1 || !std::isfinite(angleDegrees)) return image;
+    const QImage src = rgbaPixels(image);
+    if (src.isNull()) return std::nullopt;
+    if (!src.hasAlphaChannel()) return image;
+    QImage out = newCanvas(W, H);
+    if (out.isNull()) return std::nullopt;
+
+    // The axis runs through the centre at the angle, clockwise on screen (y grows downwards here), and
+    // is just long enough that the far corners project onto its ends.
+    const double theta = angleDegrees * M_PI / 180.0;
+    const double c = std::cos(theta), s = std::sin(theta);
+    const double L = std::abs(c) * W * 0.5 + std::abs(s) * H * 0.5;
+    const double sx = W / 2.0 - c * L, sy = H / 2.0 - s * L; // start, top-left coordinates
+    const double ex = W / 2.0 + c * L, ey = H / 2.0 + s * L; // end
+    const double vx = ex - sx, vy = ey - sy;
+    const double len2 = vx * vx + vy * vy;
+
+    // Premultiplied ends in bytes, as floats.
+    auto channel = [](double c, double a) { return float(std::clamp(c, 0.0, 1.0) * std::clamp(a, 0.0, 1.0) * 255.0); };
+    const float sr = channel(r0, a0), sg = channel(g0, a0), sb = channel(b0, a0), sa = channel(1, a0);
+    const Ramp ramp{sr, sg, sb, sa, channel(r1, a1) - sr, channel(g1, a1) - sg, channel(b1, a1) - sb,
+                    channel(1, a1) - sa};
+    // Position along the axis of each pixel centre; it moves by a constant along a row.
+    const double stepX = len2 > 0 ? vx / len2 : 0.0;
+    std::vector<uint32_t> background(static_cast<size_t>(W));
+    for (int y = 0; y < H; ++y) {
+        const double t = len2 > 0 ? ((0.5 - sx) * vx + (y + 0.5 - sy) * vy) / len2 : 0.0;
+        if (std::abs(stepX) * W < 1.0 / 4096) {
+            // A vertical gradient (the default 90°) is one colour per row.
+            overColorRow(row(src, y), ramp.clamped(t), row(out, y), W);
+            continue;
+        }
+        // A horizontal one is the same row throughout: worked out once.
+        if (y == 0 || std::abs(vy) > 0) gradientRow(ramp, t, stepX, background.data(), W);
+        overRow(row(src, y), background.data(), row(out, y), W);
+    }
+    return out;
+}
+
+std::optional<QImage> fillImageBackground(const QImage& image, const QImage& background) {
+    const int W = image.width(), H = image.height();
+    if (W < 1 || H < 1 || background.width() < 1 || background.height() < 1) return image;
+    QImage out = newCanvas(W, H);
+    if (out.isNull()) return std::nullopt;
+    out.fill(Qt::transparent);
+    // Scale to cover, centred: the overflow on the long axis is cut equally from both sides.
+    const double factor = std::max(double(W) / background.width(), double(H) / background.height());
+    const double dw = factor * background.width(), dh = factor * background.height();
+    const qint64 sw = std::max<qint64>(1, std::llround(dw)), sh = std::max<qint64>(1, std::llround(dh));
+    if (!canvasFits(sw, sh)) return std::nullopt;
+    const QImage scaled = (sw == background.width() && sh == background.height())
+                              ? background
+                              : background.scaled(int(sw), int(sh), Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+    if (scaled.isNull()) return std::nullopt;
+    QPainter painter(&out);
+    painter.setRenderHint(QPainter::SmoothPixmapTransform, true);
+    painter.drawImage(QPointF((W - dw) * 0.5, (H - dh) * 0.5), scaled);
+    painter.drawImage(QPoint(0, 0), image);
+    painter.end();
+    return out;
+}
+
+std::optional<QImage> canvas(const QImage& image, const QSizeF& target) {
+    const auto tw = targetSide(target.width()), th = targetSide(target.height());
+    if (!tw || !th) return std::nullopt;
+    if (*tw == image.width() && *th == image.height()) return image;
+    const QImage src = rgbaPixels(image);
+    if (src.isNull()) return std::nullopt;
+    QImage out = newCanvas(*tw, *th);
+    if (out.isNull()) return std::nullopt;
+    // Centred, offsets truncated towards zero and counted from the bottom: an odd extra row goes to
+    // the top, an odd extra column to the right.
+    const qint64 dx = (*tw - src.width()) / 2;
+    const qint64 bottom = (*th - src.height()) / 2;
+    const qint64 dy = (*th - src.height()) - bottom;
+    place(src, out, dx, dy);
+    return out;
+}
+
+std::optional<QImage> resize(const QImage& image, const QSizeF& target) {
+    const auto tw = targetSide(target.width()), th = targetSide(target.height());
+    if (!tw || !th) return std::nullopt;
+    if (*tw == image.width() && *th == image.height()) return image;
+    const QImage src = rgbaPixels(image);
+    if (src.isNull() || !canvasFits(*tw, *th)) return std::nullopt;
+    QImage out(int(*tw), int(*th), src.format()); // an opaque image stays opaque
+    if (out.isNull()) return std::nullopt;
+    out.setColorSpace(src.colorSpace());
+    const cv::Mat from(src.height(), src.width(), CV_8UC4, const_cast<uchar*>(src.constBits()),
+                       size_t(src.bytesPerLine()));
+    cv::Mat to(out.height(), out.width(), CV_8UC4, out.bits(), size_t(out.bytesPerLine()));
+    // Area averaging when shrinking (no aliasing); bicubic when growing, clamped back into valid
+    // premultiplied values since cubic weights can overshoot.
+    const bool shrinking = *tw <= src.width() && *th <= src.height();
+    try {
+        cv::resize(from, to, to.size(), 0, 0, shrinking ? cv::INTER_AREA : cv::INTER_CUBIC);
+    } catch (const cv::Exception&) {
+        return std::nullopt;
+    }
+    if (!shrinking && out.hasAlphaChannel()) {
+        for (int y = 0; y < out.height(); ++y) {
+            uchar* p = out.scanLine(y);
+            for (int x = 0; x < out.width(); ++x, p += 4) {
+                p[0] = std::min(p[0], p[3]);
+                p[1] = std::min(p[1], p[3]);
+                p[2] = std::min(p[2], p[3]);
+            }
+        }
+    }
+    return out;
+}
 
 } // namespace cutlark::CropEngine

@@ -1,5 +1,6 @@
 #include "model/ImageFile.h"
 
+#include "engines/PixelOps.h"
 #include "model/AtomicFile.h"
 
 #include <QBuffer>
@@ -11,7 +12,6 @@
 #include <QMimeDatabase>
 
 #include <libheif/heif.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <memory>
@@ -296,15 +296,7 @@ QString preferredExtension(const QString& type) {
     return mime.isValid() ? mime.preferredSuffix() : QString();
 }
 
-qint64 maxDecodedBytes() {
-    static const qint64 limit = [] {
-        const long pages = sysconf(_SC_PHYS_PAGES);
-        const long pageSize = sysconf(_SC_PAGESIZE);
-        const qint64 physical = (pages > 0 && pageSize > 0) ? qint64(pages) * pageSize : qint64(4) << 30;
-        return qMax<qint64>(physical / 4, qint64(256) << 20);
-    }();
-    return limit;
-}
+qint64 maxDecodedBytes() { return PixelOps::maxImageBytes(); }
 
 std::optional<Loaded> loadFromData(const QByteArray& bytes, const QString& nameHint) {
     Q_UNUSED(nameHint);
