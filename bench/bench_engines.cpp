@@ -153,6 +153,13 @@ BENCHMARK(BM_PipelineKeyTrimPadColor)->Unit(benchmark::kMillisecond);
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
+    // bench/peers.sh asks for the very same inputs to hand to the other tools.
+    if (argc == 3 && std::strcmp(argv[1], "--write-inputs") == 0) {
+        const QString dir = QString::fromLocal8Bit(argv[2]);
+        const bool ok = ImageFile::save(whiteSheet(), dir + QStringLiteral("/white-sheet.png"), QStringLiteral("image/png")) &&
+                        ImageFile::save(clearSheet(), dir + QStringLiteral("/clear-sheet.png"), QStringLiteral("image/png"));
+        return ok ? 0 : 1;
+    }
     cv::setNumThreads(1); // one thread, like the budgets
     whiteSheet();         // made before any timing starts
     clearSheet();

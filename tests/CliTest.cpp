@@ -68,11 +68,39 @@ TEST_F(CliTest, InfoDescribesEachImage) {
     EXPECT_EQ(info.value(QStringLiteral("width")).toInt(), 30);
     EXPECT_EQ(info.value(QStringLiteral("height")).toInt(), 20);
     EXPECT_EQ(info.value(QStringLiteral("type")).toString(), QStringLiteral("image/png"));
-    EXPECT_TRUE(info.contains(QStringLiteral("contentRect")));
-    EXPECT_TRUE(info.value(QStringLiteral("mostlyWhite")).isBool());
+    // The coordinates picture has no white and no transparency: all of it is content.
+    EXPECT_EQ(info.value(QStringLiteral("contentRect")).toArray(), (QJsonArray{0, 0, 30, 20}));
+    EXPECT_FALSE(info.value(QStringLiteral("mostlyWhite")).toBool());
     EXPECT_TRUE(info.value(QStringLiteral("collageRects")).isArray());
     EXPECT_EQ(run.lines[1].value(QStringLiteral("error")).toString(), QStringLiteral("1 file couldn’t be opened."));
     EXPECT_TRUE(run.err.contains(QStringLiteral("bad.png")));
+}
+
+TEST_F(CliTest, InfoFindsTheArtworkOnAWhiteSheet) {
+    QImage sheet = solid(50, 40, Qt::white);
+    for (int y = 5; y < 9; ++y)
+        for (int x = 10; x < 13; ++x) sheet.setPixelColor(x, y, Qt::black);
+    const CliRun run = cli({QStringLiteral("info"), savePng(m_dir, QStringLiteral("sheet.png"), sheet)});
+    ASSERT_EQ(run.exitCode, 0);
+    EXPECT_EQ(run.lines[0].value(QStringLiteral("contentRect")).toArray(), (QJsonArray{10, 5, 3, 4}));
+    EXPECT_TRUE(run.lines[0].value(QStringLiteral("mostlyWhite")).toBool());
+}
+
+TEST_F(CliTest, ProcessAppliesTheEngines) {
+    QImage sheet = solid(50, 40, Qt::white);
+    for (int y = 5; y < 25; ++y)
+        for (int x = 10; x < 40; ++x) sheet.setPixelColor(x, y, Qt::black);
+    const QString in = savePng(m_dir, QStringLiteral("logo.png"), sheet);
+    const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("keyWhiteEnabled=true"),
+                            QStringLiteral("--set"), QStringLiteral("trimEnabled=true"), QStringLiteral("--set"),
+                            QStringLiteral("resizeEnabled=true"), QStringLiteral("--set"), QStringLiteral("resizeWidth=15"),
+                            in});
+    ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
+    EXPECT_EQ(run.lines[0].value(QStringLiteral("width")).toInt(), 15);
+    EXPECT_EQ(run.lines[0].value(QStringLiteral("height")).toInt(), 10) << "the lock keeps the trimmed 30 × 20 aspect";
+    const auto written = ImageFile::load(path(QStringLiteral("logo-out.png")));
+    ASSERT_TRUE(written);
+    EXPECT_EQ(written->image.size(), QSize(15, 10));
 }
 
 TEST_F(CliTest, ProcessWritesNewFilesIntoTheOutputFolder) {

@@ -156,3 +156,69 @@ TEST_F(PipelineTest, EachRebuildClearsTheNotice) {
     EXPECT_EQ(counter.count(CropModel::Field::noticeMessage), 1);
     EXPECT_FALSE(model.noticeMessage());
 }
+
+namespace {
+// A 60×40 white sheet with a black 20×10 block at (15, 12).
+QImage sheetWithBlock() {
+    QImage image = solid(60, 40, Qt::white);
+    for (int y = 12; y < 22; ++y)
+        for (int x = 15; x < 35; ++x) image.setPixelColor(x, y, Qt::black);
+    return image;
+}
+} // namespace
+
+TEST_F(PipelineTest, KeyTrimPadAndBackgroundComposeInOrder) {
+    openOne(sheetWithBlock());
+    model.setTrimEnabled(true);
+    EXPECT_EQ(model.processedImage().size(), QSize(20, 10));
+    EXPECT_TRUE(model.willTrim());
+    model.setKeyWhiteEnabled(true);
+    model.setPaddingEnabled(true);
+    model.setPadAmount(5);
+    EXPECT_EQ(model.processedImage().size(), QSize(30, 20));
+    EXPECT_EQ(qAlpha(model.processedImage().pixel(0, 0)), 0) << "padding is transparent";
+    model.setBackgroundEnabled(true);
+    model.setBackgroundColor(QColor(255, 0, 0));
+    EXPECT_EQ(model.processedImage().pixel(0, 0), qRgb(255, 0, 0));
+    EXPECT_EQ(model.processedImage().pixel(10, 10), qRgb(0, 0, 0));
+    EXPECT_EQ(model.activeContentRect(), QRectF(0, 0, 30, 20));
+    EXPECT_EQ(model.preResizeSize(), QSizeF(30, 20));
+
+    model.setResizeEnabled(true); // seeds 30 × 20
+    model.setResizeWidth(60);     // the lock makes it 60 × 40
+    EXPECT_EQ(model.processedImage().size(), QSize(60, 40));
+    model.setResizeCanvas(true);
+    EXPECT_EQ(model.processedImage().size(), QSize(60, 40));
+    EXPECT_EQ(qAlpha(model.processedImage().pixel(0, 0)), 0) << "a bigger canvas leaves clear margins";
+    EXPECT_TRUE(model.producesTransparency());
+}
+
+TEST_F(PipelineTest, TheOutlineTakesThePlaceOfTheTrim) {
+    openOne(sheetWithBlock());
+    model.setTrimEnabled(true);
+    const QSize trimmed = model.processedImage().size();
+    model.setStickerEnabled(true);
+    EXPECT_NE(model.processedImage().size(), trimmed) << "no trim stage while the outline is on";
+    model.setStickerEnabled(false);
+    EXPECT_EQ(model.processedImage().size(), trimmed) << "the trim comes back";
+}
+
+TEST_F(PipelineTest, AStageThatCannotAllocateIsSkipped) {
+    openOne(coordinates(30, 20));
+    model.setResizeLockAspect(false);
+    model.setResizeEnabled(true);
+    model.setResizeWidth(1e9);
+    model.setResizeHeight(1e9);
+    EXPECT_EQ(model.processedImage().size(), QSize(30, 20)) << "the pipeline goes on with the image it had";
+    model.setResizeCanvas(true);
+    EXPECT_EQ(model.processedImage().size(), QSize(30, 20));
+    model.setPaddingEnabled(true);
+    model.setPadAmount(1e12);
+    EXPECT_EQ(model.processedImage().size(), QSize(30, 20));
+}
+
+TEST_F(PipelineTest, AnImageWithNothingToTrimStaysWhole) {
+    openOne(solid(16, 9, Qt::white));
+    model.setTrimEnabled(true);
+    EXPECT_EQ(model.processedImage().size(), QSize(16, 9));
+}

@@ -85,23 +85,19 @@ std::optional<QImage> keyInternal(const QImage& src, uint32_t floor) {
 // Cell states of the flood map: not keyable, keyable and not yet reached, cleared.
 enum : uint8_t { kSolid = 0, kOpen = 1, kCleared = 2 };
 
-__attribute__((target_clones("avx2", "default"))) void markKeyable(const QImage& src, uint8_t* map, uint32_t floor) {
+// One pass that copies the picture into the result and notes which pixels are keyable.
+__attribute__((target_clones("avx2", "default"))) void copyAndMark(const QImage& src, QImage& dst, uint8_t* map,
+                                                                   uint32_t floor) {
     const Keyable keyable{floor};
     const int w = src.width();
     for (int y = 0; y < src.height(); ++y) {
         const uint32_t* s = row(src, y);
-        uint8_t* m = map + qsizetype(y) * w;
-        for (int x = 0; x < w; ++x) m[x] = uint8_t(keyable(s[x]));
-    }
-}
-
-__attribute__((target_clones("avx2", "default"))) void writeFlooded(const QImage& src, QImage& dst, const uint8_t* map) {
-    const int w = src.width();
-    for (int y = 0; y < src.height(); ++y) {
-        const uint32_t* s = row(src, y);
         uint32_t* d = row(dst, y);
-        const uint8_t* m = map + qsizetype(y) * w;
-        for (int x = 0; x < w; ++x) d[x] = (m[x] == kCleared) ? 0u : s[x];
+        uint8_t* m = map + qsizetype(y) * w;
+        for (int x = 0; x < w; ++x) {
+            d[x] = s[x];
+            m[x] = uint8_t(keyable(s[x]));
+        }
     }
 }
 
@@ -136,7 +132,7 @@ inline int runStart(const uint8_t* m, int from, int x, uint8_t value) {
 // of open cells, which is cleared at once; the rows above and below are searched for open runs
 // within it, one seed per run. Iterative, with an explicit stack; 4-neighbour, so a diagonal contact
 // doesn't carry the fill.
-void flood(uint8_t* map, int w, int h, std::vector<uint32_t>& stack) {
+void flood(uint8_t* map, QImage& out, int w, int h, std::vector<uint32_t>& stack) {
     auto pushRuns = [&](int y, int x0, int x1) {
         const uint8_t* m = map + qsizetype(y) * w;
         int x = x0;
@@ -158,6 +154,7 @@ void flood(uint8_t* map, int w, int h, std::vector<uint32_t>& stack) {
         const int x0 = runStart(m, 0, x, kOpen);
         const int x1 = skipCells(m, x, w, kOpen) - 1;
         std::memset(m + x0, kCleared, size_t(x1 - x0 + 1));
+        std::memset(row(out, y) + x0, 0, size_t(x1 - x0 + 1) * 4);
         if (y > 0) pushRuns(y - 1, x0, x1);
         if (y < h - 1) pushRuns(y + 1, x0, x1);
     }
@@ -177,7 +174,9 @@ std::optional<QImage> keyFlood(const QImage& src, uint32_t floor) {
     if (qint64(w) * h > qint64(UINT32_MAX)) return std::nullopt; // seeds are 32-bit indices
     std::unique_ptr<uint8_t, PoolDeleter> map(static_cast<uint8_t*>(BufferPool::acquire(size_t(w) * size_t(h))));
     if (!map) return std::nullopt;
-    markKeyable(src, map.get(), floor);
+    QImage out = newCanvas(w, h);
+    if (out.isNull()) return std::nullopt;
+    copyAndMark(src, out, map.get(), floor);
 
     std::vector<uint32_t> stack;
     stack.reserve(size_t(w) + size_t(h));
@@ -190,11 +189,7 @@ std::optional<QImage> keyFlood(const QImage& src, uint32_t floor) {
         stack.push_back(uint32_t(y) * uint32_t(w));
         stack.push_back(uint32_t(y) * uint32_t(w) + uint32_t(w - 1));
     }
-    flood(map.get(), w, h, stack);
-
-    QImage out = newCanvas(w, h);
-    if (out.isNull()) return std::nullopt;
-    writeFlooded(src, out, map.get());
+    flood(map.get(), out, w, h, stack);
     return out;
 }
 
