@@ -1,6 +1,7 @@
 // The pixel engines on a 4000×3000 image, one thread, next to a plain read pass and a memcpy of the
 // same 48 MB measured in this binary.
 #include "engines/CropEngine.h"
+#include "engines/StickerEngine.h"
 #include "model/CropModel.h"
 #include "model/ImageFile.h"
 
@@ -130,6 +131,25 @@ void BM_Resize(benchmark::State& state) {
     for (auto _ : state) benchmark::DoNotOptimize(CropEngine::resize(whiteSheet(), QSizeF(1024, 768)));
 }
 BENCHMARK(BM_Resize)->Unit(benchmark::kMillisecond);
+
+// The sticker outline of a 2000×2000 subject (a disc with a notch on a transparent sheet), w = 14.
+void BM_Sticker(benchmark::State& state) {
+    static const QImage subject = [] {
+        QImage image(2000, 2000, QImage::Format_RGBA8888_Premultiplied);
+        image.fill(Qt::transparent);
+        for (int y = 0; y < 2000; ++y) {
+            uchar* p = image.scanLine(y);
+            for (int x = 0; x < 2000; ++x, p += 4) {
+                const double dx = x - 1000, dy = y - 1000;
+                if (dx * dx + dy * dy > 999.0 * 999.0 || (x > 900 && x < 1100 && y < 600)) continue;
+                p[0] = uchar(x / 8), p[1] = uchar(y / 8), p[2] = 90, p[3] = 255;
+            }
+        }
+        return image;
+    }();
+    for (auto _ : state) benchmark::DoNotOptimize(StickerEngine::make(subject, 14));
+}
+BENCHMARK(BM_Sticker)->Unit(benchmark::kMillisecond);
 
 // The rebuild a slider drag pays with keying, trim, padding and a colour background on.
 void BM_PipelineKeyTrimPadColor(benchmark::State& state) {

@@ -294,6 +294,11 @@ TEST_F(ModelTest, LinksDoNothingWithoutAnImage) {
 }
 
 TEST_F(ModelTest, KeyingOnPicksWhiteWithoutASubjectNetwork) {
+    int computed = 0;
+    model.setCutoutService({[] { return false; }, [&](const QImage&) {
+                                ++computed;
+                                return std::optional<QImage>();
+                            }});
     openImages(1);
     model.setBgRemovalMode(BGRemovalMode::subject);
     model.setKeyWhiteEnabled(true);
@@ -303,4 +308,5 @@ TEST_F(ModelTest, KeyingOnPicksWhiteWithoutASubjectNetwork) {
     EXPECT_EQ(model.bgRemovalMode(), BGRemovalMode::subject) << "a mode chosen by hand survives a second on";
     EXPECT_FALSE(model.isDetectingSubject());
     EXPECT_FALSE(model.subjectNotFound());
+    EXPECT_EQ(computed, 0) << "no cutout is ever started";
 }

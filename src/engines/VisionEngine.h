@@ -1,17 +1,47 @@
 #pragma once
 
 #include <QImage>
+#include <QString>
 
 #include <optional>
 
-/// The subject cutout: a foreground mask from a segmentation network, applied to the source.
+/// The subject cutout: a foreground mask from a salient-object network (IS-Net, run by OpenCV on the
+/// CPU), pulled in and softened at its edge, applied to the source.
 namespace cutlark::VisionEngine {
 
-/// True when a cutout can be computed on this machine (the network is present and loads).
+/// Where the network file is looked for, in order: the user's cache folder (where the set-up puts
+/// it), beside the running binary, and the installed share folder. Empty when none has it.
+QString modelPath();
+
+/// Test seam: use this file instead of searching (empty to search again). Forgets a loaded network.
+void setModelPath(const QString& path);
+
+/// True when a cutout can be computed here: the network file is present and hasn't failed to load.
+/// Cheap; the network itself is loaded on first use, off the main thread.
 bool isAvailable();
 
-/// The source with everything but its subject made transparent, at the source's size; absent when no
-/// subject is found or the network fails. Blocking; call it off the main thread.
+/// The network's mask for `source` at 1024 × 1024, values 0…1 as bytes 0…255; empty when the
+/// network can't be had. Blocking. Safe to call from several threads (inference is serialised).
+QImage mask(const QImage& source);
+
+/// True when a mask shows no subject: fewer than 0.5 % of its pixels above one half.
+bool isEmptyMask(const QImage& mask);
+
+/// The edge of the cutout: a minimum filter of radius r = longer side / 800, kept within 1.5 … 6,
+/// then a blur of r × 0.6.
+struct EdgeRadius {
+    double radius;
+    double blur;
+};
+EdgeRadius edgeRadius(int width, int height);
+
+/// The source with its mask applied: the mask brought to the source's size, pulled in by the edge
+/// radius and softened (both reading clamped edges), and all four premultiplied channels multiplied
+/// by it. Absent when the images are empty or memory runs out.
+std::optional<QImage> composite(const QImage& source, const QImage& mask);
+
+/// The whole cutout of `source` at its own size; absent when no subject is found or the network
+/// fails. Blocking; call it off the main thread.
 std::optional<QImage> computeCutout(const QImage& source);
 
 } // namespace cutlark::VisionEngine

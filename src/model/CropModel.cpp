@@ -3,6 +3,11 @@
 #include "engines/CollageSplitter.h"
 #include "engines/VisionEngine.h"
 
+#include <QCoreApplication>
+#include <QPointer>
+#include <QThreadPool>
+#include <QtConcurrent/QtConcurrentRun>
+
 namespace cutlark {
 
 namespace {
@@ -17,7 +22,8 @@ template <class T> const T& normalized(const T& v) { return v; }
 
 } // namespace
 
-CropModel::CropModel(QObject* parent) : QObject(parent) {}
+CropModel::CropModel(QObject* parent)
+    : QObject(parent), m_cutoutService{&VisionEngine::isAvailable, &VisionEngine::computeCutout} {}
 
 CropModel::~CropModel() = default;
 
@@ -341,7 +347,7 @@ void CropModel::autoPickRemovalMode() {
     const Item* item = active();
     BGRemovalMode mode = BGRemovalMode::white;
     // The measurement reads the untouched source, so turns and crops don't sway it.
-    if (VisionEngine::isAvailable() && item)
+    if (m_cutoutService.available() && item)
         mode = CropEngine::backgroundIsMostlyWhite(item->buffer, 0.85) ? BGRemovalMode::white
                                                                        : BGRemovalMode::subject;
     setBgRemovalMode(mode);
@@ -369,10 +375,43 @@ void CropModel::invalidateVision(const QUuid& id) {
 
 void CropModel::ensureVisionCutout() {
     if (!wantsVision() || !m_activeID) return;
-    const QUuid id = *m_activeID;
+    const Item* item = active();
+    if (!item) return;
+    const QUuid id = item->id;
     if (m_visionAttempted.contains(id) || m_visionComputing.contains(id)) return;
-    // Without the network there is no cutout to start; subject mode isn't offered then.
-    if (!VisionEngine::isAvailable()) return;
+    if (!m_cutoutService.available()) return; // subject mode isn't offered then
+    QSet<QUuid> computing = m_visionComputing;
+    computing.insert(id);
+    setVisionComputing(computing);
+
+    // The unturned, uncropped source: a turn or a mirror later needs no new computation.
+    const QImage source = item->buffer.cgImage();
+    const auto compute = m_cutoutService.compute;
+    if (m_synchronousCutouts) {
+        finishCutout(id, compute(source));
+        return;
+    }
+    // Computed on the thread pool; the result comes back to this model's thread by a queued call,
+    // and is dropped if the model is gone by then. A running computation is never cancelled.
+    QPointer<CropModel> self(this);
+    (void)QtConcurrent::run(QThreadPool::globalInstance(), [self, id, source, compute] {
+        std::optional<QImage> cutout = compute(source);
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(), [self, id, cutout = std::move(cutout)] {
+                if (self) self->finishCutout(id, cutout);
+            },
+            Qt::QueuedConnection);
+    });
+}
+
+void CropModel::finishCutout(const QUuid& id, const std::optional<QImage>& cutout) {
+    QSet<QUuid> computing = m_visionComputing;
+    computing.remove(id);
+    setVisionComputing(computing);
+    m_visionAttempted.insert(id);
+    if (cutout) m_visionCache.insert(id, *cutout);
+    // Only the active image is rebuilt; a result for another item waits until it is selected.
+    if (m_activeID && *m_activeID == id) recomputeActive();
 }
 
 // --- vector output ---

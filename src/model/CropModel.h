@@ -11,6 +11,7 @@
 #include <QSet>
 #include <QUuid>
 
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -65,6 +66,15 @@ public:
 
     explicit CropModel(QObject* parent = nullptr);
     ~CropModel() override;
+
+    /// What computes subject cutouts: by default the subject network. Tests put a fake in its place.
+    struct CutoutService {
+        std::function<bool()> available;                                 ///< whether subject mode is offered
+        std::function<std::optional<QImage>(const QImage&)> compute;     ///< blocking; runs off the main thread
+    };
+    void setCutoutService(CutoutService service) { m_cutoutService = std::move(service); }
+    /// Compute cutouts on the calling thread, inside the rebuild that asks for them (the command line).
+    void setSynchronousCutouts(bool on) { m_synchronousCutouts = on; }
 
     /// The choosers used by `openPanel`, `chooseBackgroundImage`, `saveAsNewFile` and the like.
     /// Not owned; without one every panel counts as cancelled.
@@ -188,6 +198,7 @@ private:
     void notify(Field field) { emit changed(field); }
     Item* findItem(const QUuid& id);
     QString skipMessage(int count) const;
+    void finishCutout(const QUuid& id, const std::optional<QImage>& cutout);
 
     void setActiveID(std::optional<QUuid> id);
     void setActiveContentRect(std::optional<QRectF> rect);
@@ -205,6 +216,8 @@ private:
     void itemsChanged() { notify(Field::items); }
 
     Panels* m_panels = nullptr;
+    CutoutService m_cutoutService;
+    bool m_synchronousCutouts = false;
 
     std::vector<Item> m_items;
     std::optional<QUuid> m_activeID;
