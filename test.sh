@@ -2,7 +2,7 @@
 # Installs what is missing, builds Cutlark and runs every test through CTest.
 set -euo pipefail
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
-"$here/scripts/setup.sh"
+CUTLARK_TEST_DATA=1 "$here/scripts/setup.sh"
 export QT_QPA_PLATFORM=offscreen
 cd "${CUTLARK_BUILD_DIR:-$here/build}"
 ctest --output-on-failure --parallel "$(nproc)" "$@"

