@@ -7,6 +7,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QStandardPaths>
 
 #include <gtest/gtest.h>
 
@@ -177,6 +178,21 @@ TEST_F(CliTest, PresetsAndSetsCombineAndJobsDoNotChangeResults) {
     // Mirrored, then one clockwise turn: the top left shows the source's bottom-right pixel.
     EXPECT_EQ(qRed(result.pixel(0, 0)), 19);
     EXPECT_EQ(qGreen(result.pixel(0, 0)), 11);
+}
+
+TEST_F(CliTest, SubjectModeCutsOutBeforeWriting) {
+    const QString photo = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation) +
+                          QStringLiteral("/cutlark/testdata/coffee.png");
+    ASSERT_TRUE(QFileInfo::exists(photo)) << "the set-up fetches the photographs";
+    const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("keyWhiteEnabled=true"),
+                            QStringLiteral("--set"), QStringLiteral("bgRemovalMode=subject"), QStringLiteral("-o"),
+                            m_dir.path(), photo});
+    ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
+    EXPECT_FALSE(run.lines[0].contains(QStringLiteral("subjectNotFound")));
+    const auto written = ImageFile::load(path(QStringLiteral("coffee-out.png")));
+    ASSERT_TRUE(written);
+    EXPECT_EQ(qAlpha(written->image.pixel(5, 5)), 0) << "the background is gone";
+    EXPECT_EQ(qAlpha(written->image.pixel(240, 110)), 255) << "the cup stays";
 }
 
 TEST_F(CliTest, BadUsageExitsWithTwo) {

@@ -1,0 +1,65 @@
+// One subject cutout of a 12-megapixel photograph, end to end, with the real network on 2 threads.
+#include "engines/VisionEngine.h"
+#include "model/ImageFile.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QStandardPaths>
+
+#include <benchmark/benchmark.h>
+#include <opencv2/core.hpp>
+
+#include <cstdio>
+
+using namespace cutlark;
+
+namespace {
+
+QImage photograph() {
+    const QString path = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation) +
+                         QStringLiteral("/cutlark/testdata/astronaut.png");
+    const auto loaded = ImageFile::load(path);
+    if (!loaded) return QImage();
+    return loaded->image.scaled(4000, 3000, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+}
+
+// Peak resident memory of the process so far, in megabytes.
+double peakMegabytes() {
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly)) return 0;
+    for (const QByteArray& line : status.readAll().split('\n'))
+        if (line.startsWith("VmHWM:")) return line.mid(6).trimmed().split(' ').first().toDouble() / 1024.0;
+    return 0;
+}
+
+void BM_CutoutWarm(benchmark::State& state) {
+    static const QImage image = photograph();
+    if (image.isNull() || !VisionEngine::isAvailable()) {
+        state.SkipWithError("needs the network and the test photographs (./test.sh fetches both)");
+        return;
+    }
+    for (auto _ : state) benchmark::DoNotOptimize(VisionEngine::computeCutout(image));
+    state.counters["peak_MB"] = peakMegabytes();
+}
+BENCHMARK(BM_CutoutWarm)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+
+} // namespace
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    cv::setNumThreads(2);
+    // The first cutout of a process also loads the network and sets up its buffers.
+    const QImage image = photograph();
+    if (!image.isNull() && VisionEngine::isAvailable()) {
+        QElapsedTimer timer;
+        timer.start();
+        const auto cut = VisionEngine::computeCutout(image);
+        std::printf("first cutout in a new process (network loaded on the way): %lld ms, %s\n",
+                    static_cast<long long>(timer.elapsed()), cut ? "subject found" : "no subject");
+    }
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
