@@ -229,7 +229,7 @@ TEST_F(CutoutTest, AModelGoneBeforeItsResultIsSafe) {
 
 TEST_F(CutoutTest, TheCommandLineComputesInsideTheRebuild) {
     fake.open = true;
-    model.setSynchronousCutouts(true);
+    model.setSynchronousWork(true);
     openTwo();
     model.setKeyWhiteEnabled(true);
     EXPECT_FALSE(model.isDetectingSubject());

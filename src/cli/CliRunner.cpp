@@ -56,7 +56,7 @@ Outcome processOne(const QString& input, const Settings& settings, const QString
     CropModel model;
     CliPanels panels(options.outputDir);
     model.setPanels(&panels);
-    model.setSynchronousCutouts(true); // no event loop here: the cutout is part of the rebuild
+    model.setSynchronousWork(true); // no event loop here: cutouts and traces run inside the call
 
     model.open({input});
     if (model.items().empty()) {

@@ -23,7 +23,8 @@ template <class T> const T& normalized(const T& v) { return v; }
 } // namespace
 
 CropModel::CropModel(QObject* parent)
-    : QObject(parent), m_cutoutService{&VisionEngine::isAvailable, &VisionEngine::computeCutout} {}
+    : QObject(parent), m_cutoutService{&VisionEngine::isAvailable, &VisionEngine::computeCutout},
+      m_vectorTracer(&CropModel::runVectorJob) {}
 
 CropModel::~CropModel() = default;
 
@@ -387,7 +388,7 @@ void CropModel::ensureVisionCutout() {
     // The unturned, uncropped source: a turn or a mirror later needs no new computation.
     const QImage source = item->buffer.cgImage();
     const auto compute = m_cutoutService.compute;
-    if (m_synchronousCutouts) {
+    if (m_synchronousWork) {
         finishCutout(id, compute(source));
         return;
     }
@@ -412,19 +413,6 @@ void CropModel::finishCutout(const QUuid& id, const std::optional<QImage>& cutou
     if (cutout) m_visionCache.insert(id, *cutout);
     // Only the active image is rebuilt; a result for another item waits until it is selected.
     if (m_activeID && *m_activeID == id) recomputeActive();
-}
-
-// --- vector output ---
-
-void CropModel::updateVector() {
-    if (m_isApplyingSettingsSnapshot) return;
-    // Tracing isn't wired in yet: with nothing to run, the vector output stays cleared.
-    m_vectorNeedsTrace = false;
-    setIsVectorizing(false);
-    setVectorTooDetailed(false);
-    setVectorTrace(std::nullopt);
-    setVectorColorTrace(std::nullopt);
-    setVectorPreview(QImage());
 }
 
 } // namespace cutlark

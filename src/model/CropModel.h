@@ -73,8 +73,42 @@ public:
         std::function<std::optional<QImage>(const QImage&)> compute;     ///< blocking; runs off the main thread
     };
     void setCutoutService(CutoutService service) { m_cutoutService = std::move(service); }
-    /// Compute cutouts on the calling thread, inside the rebuild that asks for them (the command line).
-    void setSynchronousCutouts(bool on) { m_synchronousCutouts = on; }
+    /// Compute cutouts and traces on the calling thread, inside the call that asks for them (the
+    /// command line, which has no event loop to bring results back).
+    void setSynchronousWork(bool on) { m_synchronousWork = on; }
+
+    /// One trace as the worker hands it to the background: the picture and the parameters read from
+    /// the settings at the start of a pass.
+    struct VectorJob {
+        QImage image;
+        bool fullColor = false;
+        VectorizeStyle style = VectorizeStyle::silhouette;
+        double strokeWidth = 0.5; ///< outline stroke in pixels of the image
+        double tolerance = 45;
+        double minFeatureFrac = 3e-5;
+        int denoisePasses = 1;
+        int cleanupPasses = 0;
+    };
+    /// What a trace hands back: plain values, nothing of the model.
+    struct VectorResult {
+        std::optional<VectorTrace> trace;
+        std::optional<VectorColorTrace> colorTrace;
+        QImage preview;
+        bool tooDetailed = false;
+    };
+    using VectorTracer = std::function<VectorResult(const VectorJob&)>;
+    /// The real tracer; tests put one of their own in its place.
+    static VectorResult runVectorJob(const VectorJob& job);
+    void setVectorTracer(VectorTracer tracer) { m_vectorTracer = std::move(tracer); }
+    /// Where copied SVG goes; not owned. Without one the system clipboard is used, when there is one.
+    void setClipboard(class Clipboard* clipboard) { m_clipboard = clipboard; }
+
+    // The settings' mapping to the colour trace's parameters.
+    static double minFeatureFracFor(double vectorMinFeature);
+    static int denoisePassesFor(double vectorDenoise);
+    static int cleanupPassesFor(double vectorCleanup);
+    /// The outline's stroke in pixels: the long side × `vectorStrokeWidth` / 1000, at least 0.5.
+    static double outlineStrokeWidth(const QSizeF& size, double vectorStrokeWidth);
 
     /// The choosers used by `openPanel`, `chooseBackgroundImage`, `saveAsNewFile` and the like.
     /// Not owned; without one every panel counts as cancelled.
@@ -187,6 +221,18 @@ public:
     void invalidateVision(const QUuid& id);
     void ensureVisionCutout();
     void updateVector();
+    bool hasVectorOutput() const;
+    /// The preview when tracing is on and one exists, else the processed image.
+    QImage vectorDisplayImage() const;
+    /// The SVG of the stored trace, in the style of the moment; absent without a trace for the mode.
+    std::optional<QString> currentSVG() const;
+    void exportSVG();
+    void copySVG();
+    /// Runs the save panel for a document and writes it; the bytes, the source file (for the proposed
+    /// name), the extension and the MIME type.
+    void writeVector(const QByteArray& bytes, const QString& sourcePath, const QString& extension, const QString& type);
+    /// The trace's status line, first match wins; absent when there's output (or nothing to say).
+    std::optional<QString> vectorStatusText() const;
 
 signals:
     void changed(cutlark::CropModel::Field field);
@@ -199,6 +245,9 @@ private:
     Item* findItem(const QUuid& id);
     QString skipMessage(int count) const;
     void finishCutout(const QUuid& id, const std::optional<QImage>& cutout);
+    void runVectorPass();
+    void finishVectorPass(const VectorJob& job, const VectorResult& result);
+    void stopVectorWorker();
 
     void setActiveID(std::optional<QUuid> id);
     void setActiveContentRect(std::optional<QRectF> rect);
@@ -217,7 +266,9 @@ private:
 
     Panels* m_panels = nullptr;
     CutoutService m_cutoutService;
-    bool m_synchronousCutouts = false;
+    bool m_synchronousWork = false;
+    VectorTracer m_vectorTracer;
+    class Clipboard* m_clipboard = nullptr;
 
     std::vector<Item> m_items;
     std::optional<QUuid> m_activeID;

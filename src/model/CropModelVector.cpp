@@ -1,0 +1,216 @@
+// The vector worker: one background loop with a one-slot request flag, so that any number of
+// requests made during a trace fold into one further trace.
+#include "model/CropModel.h"
+
+#include "model/AtomicFile.h"
+#include "model/Clipboard.h"
+#include "vectorize/VectorizeEngine.h"
+
+#include <QCoreApplication>
+#include <QFileInfo>
+#include <QPointer>
+#include <QThreadPool>
+#include <QtConcurrent/QtConcurrentRun>
+
+#include <cmath>
+
+namespace cutlark {
+
+double CropModel::minFeatureFracFor(double m) {
+    if (m >= 100) return 0.003776776235382503;
+    // A logarithmic scale over 2.1 decades.
+    return std::pow(10.0, std::max(m, 0.0) / 100 * 2.1) * 3e-5;
+}
+
+int CropModel::denoisePassesFor(double d) {
+    const double r = std::round(d);
+    return std::isnan(r) ? 1 : int(std::clamp(r, 1.0, 1000.0)); // one median pass always runs
+}
+
+int CropModel::cleanupPassesFor(double c) {
+    const double r = std::round(c);
+    return std::isnan(r) ? 0 : int(std::clamp(r, -1000.0, 1000.0)); // 0 (or less) switches the filter off
+}
+
+double CropModel::outlineStrokeWidth(const QSizeF& size, double vectorStrokeWidth) {
+    const double w = std::max(size.width(), size.height()) * vectorStrokeWidth / 1000.0;
+    return w >= 0.5 ? w : 0.5;
+}
+
+CropModel::VectorResult CropModel::runVectorJob(const VectorJob& job) {
+    VectorResult result;
+    if (job.fullColor) {
+        result.colorTrace = VectorizeEngine::traceColor(job.image, job.tolerance, job.minFeatureFrac,
+                                                        job.denoisePasses, job.cleanupPasses, 0);
+        if (result.colorTrace) result.preview = VectorizeEngine::colorPreview(*result.colorTrace);
+        return result;
+    }
+    const VectorTraceOutcome outcome = VectorizeEngine::trace(job.image, 0);
+    switch (outcome.kind) {
+    case VectorTraceOutcome::Kind::traced:
+        result.trace = outcome.trace;
+        result.preview = VectorizeEngine::preview(outcome.trace, job.style, job.strokeWidth);
+        break;
+    case VectorTraceOutcome::Kind::tooDetailed:
+        result.tooDetailed = true;
+        break;
+    case VectorTraceOutcome::Kind::noShape:
+        break;
+    }
+    return result;
+}
+
+void CropModel::updateVector() {
+    if (m_isApplyingSettingsSnapshot) return;
+    if (m_settings.vectorizeEnabled && !m_processedImage.isNull()) {
+        m_vectorNeedsTrace = true;
+        setIsVectorizing(true);
+        setVectorTooDetailed(false);
+        if (m_vectorWorkerRunning) return; // the running loop will see the flag
+        m_vectorWorkerRunning = true;
+        if (m_synchronousWork) {
+            runVectorPass();
+        } else {
+            // Started from the event loop, like a new task: writes made in the same turn fold in.
+            QMetaObject::invokeMethod(this, &CropModel::runVectorPass, Qt::QueuedConnection);
+        }
+        return;
+    }
+    // Nothing can be traced: clear the output. A running trace isn't cancelled; its result is dropped.
+    m_vectorNeedsTrace = false;
+    setIsVectorizing(false);
+    setVectorTooDetailed(false);
+    setVectorTrace(std::nullopt);
+    setVectorColorTrace(std::nullopt);
+    setVectorPreview(QImage());
+}
+
+void CropModel::runVectorPass() {
+    if (!m_vectorNeedsTrace) {
+        stopVectorWorker();
+        return;
+    }
+    m_vectorNeedsTrace = false;
+    if (!m_settings.vectorizeEnabled || m_processedImage.isNull()) {
+        stopVectorWorker();
+        return;
+    }
+    // Every setting is read here, once, on this thread.
+    VectorJob job;
+    job.image = m_processedImage;
+    job.fullColor = m_settings.vectorFullColor;
+    job.style = m_settings.vectorizeStyle;
+    job.strokeWidth = outlineStrokeWidth(QSizeF(job.image.width(), job.image.height()), m_settings.vectorStrokeWidth);
+    job.tolerance = m_settings.vectorTolerance;
+    job.minFeatureFrac = minFeatureFracFor(m_settings.vectorMinFeature);
+    job.denoisePasses = denoisePassesFor(m_settings.vectorDenoise);
+    job.cleanupPasses = cleanupPassesFor(m_settings.vectorCleanup);
+
+    const VectorTracer tracer = m_vectorTracer;
+    if (m_synchronousWork) {
+        finishVectorPass(job, tracer(job));
+        return;
+    }
+    QPointer<CropModel> self(this);
+    (void)QtConcurrent::run(QThreadPool::globalInstance(), [self, job, tracer] {
+        VectorResult result = tracer(job);
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(), [self, job, result = std::move(result)] {
+                if (self) self->finishVectorPass(job, result);
+            },
+            Qt::QueuedConnection);
+    });
+}
+
+void CropModel::finishVectorPass(const VectorJob& job, const VectorResult& result) {
+    if (!m_settings.vectorizeEnabled) {
+        stopVectorWorker(); // switched off meanwhile: the result is dropped
+        return;
+    }
+    // Published whatever has happened since; a newer request's pass replaces it.
+    if (job.fullColor) {
+        setVectorTrace(std::nullopt);
+        setVectorColorTrace(result.colorTrace);
+        setVectorPreview(result.preview);
+    } else {
+        setVectorColorTrace(std::nullopt);
+        setVectorTrace(result.trace);
+        setVectorPreview(result.preview);
+        setVectorTooDetailed(result.tooDetailed);
+    }
+    runVectorPass();
+}
+
+void CropModel::stopVectorWorker() {
+    m_vectorWorkerRunning = false;
+    setIsVectorizing(false);
+}
+
+bool CropModel::hasVectorOutput() const {
+    return m_settings.vectorFullColor ? m_vectorColorTrace.has_value() : m_vectorTrace.has_value();
+}
+
+QImage CropModel::vectorDisplayImage() const {
+    if (m_settings.vectorizeEnabled && !m_vectorPreview.isNull()) return m_vectorPreview;
+    return m_processedImage;
+}
+
+std::optional<QString> CropModel::currentSVG() const {
+    if (m_settings.vectorFullColor) {
+        if (!m_vectorColorTrace) return std::nullopt;
+        return VectorizeEngine::colorSVG(*m_vectorColorTrace);
+    }
+    if (!m_vectorTrace) return std::nullopt;
+    return VectorizeEngine::svg(*m_vectorTrace, m_settings.vectorizeStyle,
+                                outlineStrokeWidth(m_vectorTrace->size, m_settings.vectorStrokeWidth));
+}
+
+void CropModel::exportSVG() {
+    const auto text = currentSVG();
+    const Item* item = active();
+    if (!text || !item) {
+        setErrorMessage(tr("Nothing to vectorize."));
+        return;
+    }
+    writeVector(text->toUtf8(), item->url, QStringLiteral("svg"), QStringLiteral("image/svg+xml"));
+}
+
+void CropModel::writeVector(const QByteArray& bytes, const QString& sourcePath, const QString& extension,
+                            const QString& type) {
+    if (!m_panels) return;
+    // "Poster.final.png" proposes "Poster.final.svg".
+    const QFileInfo source(sourcePath);
+    const QString stem = source.suffix().isEmpty() ? source.fileName()
+                                                   : source.fileName().left(source.fileName().size() - source.suffix().size() - 1);
+    const auto chosen = m_panels->saveFile(source.absolutePath(), stem + QLatin1Char('.') + extension, type);
+    if (!chosen || chosen->isEmpty()) return; // cancelling changes no message
+    const QString name = QFileInfo(*chosen).fileName();
+    if (!AtomicFile::write(*chosen, bytes)) {
+        setErrorMessage(tr("Couldn’t write to “%1”.").arg(name));
+        return;
+    }
+    // An export doesn't touch the item: no saved mark, no advance.
+    setSaveConfirmation(name);
+    setErrorMessage(std::nullopt);
+}
+
+void CropModel::copySVG() {
+    const auto text = currentSVG();
+    if (!text) {
+        setErrorMessage(tr("Nothing to vectorize."));
+        return;
+    }
+    if (Clipboard* clipboard = m_clipboard ? m_clipboard : Clipboard::system()) clipboard->putSvg(text->toUtf8());
+    setErrorMessage(std::nullopt);
+    setNoticeMessage(tr("SVG copied to the clipboard."));
+}
+
+std::optional<QString> CropModel::vectorStatusText() const {
+    if (m_isVectorizing) return tr("Tracing…");
+    if (m_vectorTooDetailed) return tr("Too detailed for a single color — turn on Full color.");
+    if (m_vectorColorTrace || m_vectorTrace) return std::nullopt;
+    if (m_settings.vectorFullColor) return tr("No colors found to trace.");
+    return tr("No clear shape to trace. Try turning on Remove background first.");
+}
+
+} // namespace cutlark

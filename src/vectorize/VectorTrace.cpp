@@ -1,1 +1,0 @@
-#include "vectorize/VectorTrace.h"

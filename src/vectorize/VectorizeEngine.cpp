@@ -1,0 +1,233 @@
+// The silhouette trace: mask, busyness, contours, straightening.
+#include "vectorize/VectorizeEngine.h"
+
+#include "engines/PixelOps.h"
+
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
+#include <cmath>
+
+namespace cutlark::VectorizeEngine {
+
+namespace {
+
+using namespace PixelOps;
+
+int roundedSide(double v) { return std::max(1, int(std::round(v))); }
+
+// Brings an RGBA (or grey) picture to the target size: whole-factor area averaging first, which is
+// cheap and alias-free, then a bilinear step for the rest.
+cv::Mat reduced(const cv::Mat& source, cv::Size target) {
+    if (source.size() == target) return source;
+    const int k = std::min(source.cols / target.width, source.rows / target.height);
+    cv::Mat from = source;
+    if (k >= 2) {
+        const cv::Size whole(source.cols / k, source.rows / k);
+        cv::resize(source(cv::Rect(0, 0, whole.width * k, whole.height * k)), from, whole, 0, 0, cv::INTER_AREA);
+    }
+    if (from.size() == target) return from;
+    cv::Mat out;
+    cv::resize(from, out, target, 0, 0, cv::INTER_LINEAR);
+    return out;
+}
+
+// Unequal neighbour pairs, across then down.
+qint64 transitions(const uchar* m, int w, int h) {
+    qint64 count = 0;
+    for (int y = 0; y < h; ++y) {
+        const uchar* r = m + qsizetype(y) * w;
+        for (int x = 1; x < w; ++x) count += r[x] != r[x - 1];
+    }
+    for (int y = 1; y < h; ++y) {
+        const uchar* r = m + qsizetype(y) * w;
+        const uchar* above = r - w;
+        for (int x = 0; x < w; ++x) count += r[x] != above[x];
+    }
+    return count;
+}
+
+// The contour of boundary pixel centres moved half a pixel towards the background, so that it runs
+// along the pixel edges: without this every shape would come out a pixel too thin. The background
+// lies on the left of the direction of travel for outer boundaries and holes alike.
+std::vector<cv::Point2d> onPixelEdges(const std::vector<cv::Point>& chain) {
+    const size_t n = chain.size();
+    std::vector<cv::Point2d> out(n);
+    for (size_t i = 0; i < n; ++i) {
+        const cv::Point2d prev = chain[(i + n - 1) % n], cur = chain[i], next = chain[(i + 1) % n];
+        auto normal = [](cv::Point2d d) {
+            const double len = std::hypot(d.x, d.y);
+            return len > 0 ? cv::Point2d(-d.y / len, d.x / len) : cv::Point2d(0, 0);
+        };
+        const cv::Point2d n1 = normal(cur - prev), n2 = normal(next - cur);
+        cv::Point2d sum = n1 + n2;
+        const double len = std::hypot(sum.x, sum.y);
+        if (len < 1e-9) {
+            // A spike (the chain turns back on itself): push straight out along the spike's side.
+            sum = n1.x != 0 || n1.y != 0 ? n1 : n2;
+            out[i] = cur + sum * 0.5;
+            continue;
+        }
+        const cv::Point2d dir = sum / len;
+        // Miter: half a pixel off each edge, at most a pixel from the centre.
+        const double cosHalf = std::max(dir.x * n1.x + dir.y * n1.y, 0.5);
+        out[i] = cur + dir * (0.5 / cosHalf);
+    }
+    return out;
+}
+
+double polygonArea(const Contour& c) {
+    double sum = 0;
+    const qsizetype n = c.size();
+    for (qsizetype i = 0; i < n; ++i) {
+        const QPointF& p = c[(i + n - 1) % n];
+        const QPointF& q = c[i];
+        sum += (p.x() + q.x()) * (p.y() - q.y());
+    }
+    return std::abs(sum) * 0.5;
+}
+
+} // namespace
+
+std::optional<BinaryMask> binaryMask(const QImage& image) {
+    const int W = image.width(), H = image.height();
+    if (W < 1 || H < 1) return std::nullopt;
+    const QImage src = rgbaPixels(image);
+    if (src.isNull()) return std::nullopt;
+    const double L = std::max(W, H);
+    const double scale = L <= 1400 ? 1.0 : 1400.0 / L;
+    const int w = roundedSide(W * scale), h = roundedSide(H * scale);
+    cv::Mat drawn;
+    try {
+        const cv::Mat full(H, W, CV_8UC4, const_cast<uchar*>(src.constBits()), size_t(src.bytesPerLine()));
+        drawn = reduced(full, cv::Size(w, h));
+    } catch (const cv::Exception&) {
+        return std::nullopt;
+    }
+
+    // One mode for the whole picture: alpha as soon as any pixel is below 250, darkness otherwise.
+    bool alphaMode = false;
+    for (int y = 0; y < h && !alphaMode; ++y) {
+        const uint32_t* r = drawn.ptr<uint32_t>(y);
+        for (int x = 0; x < w; ++x)
+            if (alpha(r[x]) < 250) {
+                alphaMode = true;
+                break;
+            }
+    }
+    QImage mask(w, h, QImage::Format_Grayscale8);
+    if (mask.isNull()) return std::nullopt;
+    for (int y = 0; y < h; ++y) {
+        const uint32_t* r = drawn.ptr<uint32_t>(y);
+        uchar* m = mask.scanLine(y);
+        for (int x = 0; x < w; ++x) {
+            const uint32_t v = r[x];
+            const uint32_t value =
+                alphaMode ? alpha(v) : 255 - (299 * red(v) + 587 * green(v) + 114 * blue(v)) / 1000;
+            m[x] = value >= 129 ? 0 : 255; // 129, not 128: alpha 128 is background
+        }
+    }
+    // Grayscale8 rows are padded to 4 bytes; count on a tight copy.
+    std::vector<uchar> tight(size_t(w) * size_t(h));
+    for (int y = 0; y < h; ++y) std::memcpy(tight.data() + size_t(y) * size_t(w), mask.constScanLine(y), size_t(w));
+    const double busyness = double(transitions(tight.data(), w, h)) / (double(w) * double(h));
+    return BinaryMask{mask, busyness};
+}
+
+double epsilonFor(double smoothing) {
+    if (smoothing >= 100) return 0.025;
+    return std::max(smoothing, 0.0) / 100 * 0.024 + 0.001; // NaN counts as 0
+}
+
+QList<Contour> contours(const QImage& mask, int fullW, int fullH, double smoothing, double minAreaFrac) {
+    QList<Contour> out;
+    if (mask.isNull() || fullW < 1 || fullH < 1) return out;
+    const QImage grey = mask.format() == QImage::Format_Grayscale8 ? mask : mask.convertToFormat(QImage::Format_Grayscale8);
+    const int mw = grey.width(), mh = grey.height();
+    // The detector looks at the mask brought to at most 1024 on its long side.
+    const double detectorScale = std::min(1.0, 1024.0 / std::max(mw, mh));
+    const int dw = roundedSide(mw * detectorScale), dh = roundedSide(mh * detectorScale);
+    std::vector<std::vector<cv::Point>> chains;
+    try {
+        const cv::Mat m(mh, mw, CV_8U, const_cast<uchar*>(grey.constBits()), size_t(grey.bytesPerLine()));
+        cv::Mat foreground;
+        cv::threshold(m, foreground, 127, 255, cv::THRESH_BINARY_INV); // dark on light: 0 is foreground
+        if (dw != mw || dh != mh) {
+            cv::Mat scaled;
+            cv::resize(foreground, scaled, cv::Size(dw, dh), 0, 0, cv::INTER_LINEAR);
+            cv::threshold(scaled, foreground, 127, 255, cv::THRESH_BINARY);
+        }
+        cv::findContours(foreground, chains, cv::RETR_LIST, cv::CHAIN_APPROX_NONE);
+    } catch (const cv::Exception&) {
+        return out;
+    }
+
+    const double epsilon = epsilonFor(smoothing) * std::max(dw, dh); // normalised units → detector pixels
+    const double M = std::max(fullW, fullH);
+    const double tolerance = M / std::min(M, 1024.0) * 1.2;
+    const double floor = minAreaFrac * double(fullW) * double(fullH);
+    const double sx = double(fullW) / dw, sy = double(fullH) / dh;
+    for (const auto& chain : chains) {
+        if (chain.size() < 2) continue;
+        const std::vector<cv::Point2d> edge = onPixelEdges(chain);
+        std::vector<cv::Point2d> approx;
+        try {
+            cv::approxPolyDP(edge, approx, epsilon, true);
+        } catch (const cv::Exception&) {
+            approx = edge; // the raw contour stands in for a failed approximation
+        }
+        if (approx.size() < 3) continue;
+        Contour c;
+        c.reserve(qsizetype(approx.size()));
+        for (const cv::Point2d& p : approx) c.append(QPointF(p.x * sx, p.y * sy));
+        c = straighten(std::move(c), tolerance);
+        if (c.size() < 3) continue;
+        if (polygonArea(c) < floor) continue; // holes are judged by themselves, like outlines
+        out.append(std::move(c));
+    }
+    return out;
+}
+
+Contour straighten(Contour c, double tol) {
+    if (c.size() < 4 || !(tol > 0)) return c;
+    bool deleted = true;
+    while (deleted && c.size() >= 4) {
+        deleted = false;
+        qsizetype i = 0;
+        while (i < c.size() && c.size() > 3) {
+            const qsizetype n = c.size();
+            const QPointF prev = c[(i - 1 + n) % n], cur = c[i], next = c[i + 1 == n ? 0 : i + 1];
+            const double dx = next.x() - prev.x(), dy = next.y() - prev.y();
+            const double len = std::hypot(dx, dy);
+            // Distance from the infinite line through the neighbours, not from the segment.
+            const double d = len < 1e-9 ? std::hypot(cur.x() - prev.x(), cur.y() - prev.y())
+                                        : std::abs(prev.y() * next.x() + (cur.x() * dy - cur.y() * dx) - prev.x() * next.y()) / len;
+            if (d < tol) {
+                c.removeAt(i);
+                deleted = true;
+            } else {
+                ++i;
+            }
+        }
+    }
+    return c;
+}
+
+VectorTraceOutcome trace(const QImage& image, double smoothing) {
+    VectorTraceOutcome outcome;
+    const int W = image.width(), H = image.height();
+    if (W < 1 || H < 1) return outcome;
+    const auto mask = binaryMask(image);
+    if (!mask) return outcome;
+    if (mask->busyness > 0.06) {
+        outcome.kind = VectorTraceOutcome::Kind::tooDetailed;
+        return outcome;
+    }
+    QList<Contour> found = contours(mask->mask, W, H, smoothing, 0.0004);
+    if (found.isEmpty()) return outcome;
+    outcome.kind = VectorTraceOutcome::Kind::traced;
+    outcome.trace = VectorTrace{std::move(found), QSizeF(W, H)};
+    return outcome;
+}
+
+} // namespace cutlark::VectorizeEngine

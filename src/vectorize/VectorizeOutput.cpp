@@ -1,0 +1,130 @@
+// SVG text and preview bitmaps. The documents are plain concatenations with one fixed form, so equal
+// traces give equal bytes.
+#include "vectorize/VectorizeEngine.h"
+
+#include <QPainter>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+
+namespace cutlark::VectorizeEngine {
+
+namespace {
+
+// One decimal, a point as the mark, a whole value still showing its ".0" — independent of the locale.
+void appendNumber(QString& out, double v) {
+    char buffer[64];
+    const auto result = std::to_chars(buffer, buffer + sizeof(buffer), v, std::chars_format::fixed, 1);
+    out += QLatin1String(buffer, int(result.ptr - buffer));
+}
+
+QString integerSize(double v) { return QString::number(qint64(std::trunc(v))); }
+
+QString head(const QSizeF& size) {
+    const QString W = integerSize(size.width()), H = integerSize(size.height());
+    return QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n") +
+           QStringLiteral("<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"") + W + QStringLiteral("\" height=\"") + H +
+           QStringLiteral("\" viewBox=\"0 0 ") + W + QLatin1Char(' ') + H + QStringLiteral("\">\n");
+}
+
+QString hexColor(double r, double g, double b) {
+    auto byte = [](double c) { return std::clamp(int(std::round(c * 255.0)), 0, 255); };
+    return QString::asprintf("#%02X%02X%02X", byte(r), byte(g), byte(b));
+}
+
+// The fixed grey of previews; not the same grey as the SVG's #111111.
+QColor previewGrey() { return QColor::fromRgbF(0.1f, 0.11f, 0.13f, 1.0f); }
+
+QImage transparentCanvas(const QSizeF& size) {
+    const int w = int(std::trunc(size.width())), h = int(std::trunc(size.height()));
+    if (w < 1 || h < 1) return QImage();
+    QImage image(w, h, QImage::Format_ARGB32_Premultiplied);
+    if (image.isNull()) return QImage();
+    image.fill(Qt::transparent);
+    return image;
+}
+
+} // namespace
+
+QString pathD(const QList<Contour>& contours) {
+    QString d;
+    for (const Contour& c : contours) {
+        if (c.isEmpty()) continue;
+        for (qsizetype i = 0; i < c.size(); ++i) {
+            d += i == 0 ? QLatin1Char('M') : QLatin1Char('L');
+            appendNumber(d, c[i].x());
+            d += QLatin1Char(' ');
+            appendNumber(d, c[i].y());
+        }
+        d += QLatin1Char('Z');
+    }
+    return d;
+}
+
+QString svg(const VectorTrace& trace, VectorizeStyle style, double strokeWidth) {
+    QString attributes;
+    if (style == VectorizeStyle::silhouette) {
+        attributes = QStringLiteral("fill=\"#111111\" fill-rule=\"evenodd\"");
+    } else {
+        attributes = QStringLiteral("fill=\"none\" stroke=\"#111111\" stroke-width=\"");
+        appendNumber(attributes, strokeWidth);
+        attributes += QStringLiteral("\" stroke-linejoin=\"round\"");
+    }
+    return head(trace.size) + QStringLiteral("<path ") + attributes + QStringLiteral(" d=\"") + pathD(trace.contours) +
+           QStringLiteral("\"/>\n</svg>");
+}
+
+QString colorSVG(const VectorColorTrace& trace) {
+    QString out = head(trace.size);
+    for (const VectorColorLayer& layer : trace.layers) {
+        const QString d = pathD(layer.contours);
+        if (d.isEmpty()) continue;
+        out += QStringLiteral("<path fill=\"") + hexColor(layer.r, layer.g, layer.b) +
+               QStringLiteral("\" fill-rule=\"evenodd\" d=\"") + d + QStringLiteral("\"/>\n");
+    }
+    return out + QStringLiteral("</svg>");
+}
+
+QPainterPath cgPath(const QList<Contour>& contours) {
+    QPainterPath path;
+    path.setFillRule(Qt::OddEvenFill);
+    for (const Contour& c : contours) {
+        if (c.isEmpty()) continue;
+        path.moveTo(c.first());
+        for (qsizetype i = 1; i < c.size(); ++i) path.lineTo(c[i]);
+        path.closeSubpath();
+    }
+    return path;
+}
+
+QImage preview(const VectorTrace& trace, VectorizeStyle style, double strokeWidth) {
+    QImage image = transparentCanvas(trace.size);
+    if (image.isNull()) return image;
+    QPainter painter(&image);
+    painter.setRenderHint(QPainter::Antialiasing, true);
+    const QPainterPath path = cgPath(trace.contours);
+    if (style == VectorizeStyle::outline) {
+        QPen pen(previewGrey());
+        pen.setWidthF(strokeWidth);
+        pen.setJoinStyle(Qt::RoundJoin);
+        painter.strokePath(path, pen);
+    } else {
+        painter.fillPath(path, previewGrey());
+    }
+    painter.end();
+    return image;
+}
+
+QImage colorPreview(const VectorColorTrace& trace) {
+    QImage image = transparentCanvas(trace.size);
+    if (image.isNull()) return image;
+    QPainter painter(&image);
+    painter.setRenderHint(QPainter::Antialiasing, true);
+    for (const VectorColorLayer& layer : trace.layers)
+        painter.fillPath(cgPath(layer.contours), QColor::fromRgbF(float(layer.r), float(layer.g), float(layer.b), 1.0f));
+    painter.end();
+    return image;
+}
+
+} // namespace cutlark::VectorizeEngine
