@@ -6,12 +6,15 @@ QString CliOptions::usage() {
     return QStringLiteral(
         "Usage:\n"
         "  cutlark-cli process [--set NAME=VALUE]... [--preset FILE.json] [-o DIR | --in-place] [--jobs N] INPUT...\n"
+        "  cutlark-cli trace [--set NAME=VALUE]... [--preset FILE.json] -o OUT.svg INPUT\n"
         "  cutlark-cli info INPUT...\n"
         "  cutlark-cli settings\n"
         "\n"
         "INPUT may be an image file or a folder (its images, in name order).\n"
         "process writes <stem>-out.<ext> beside each input, or into DIR, or over the input with --in-place,\n"
-        "and prints one JSON object per input. Settings are named as `cutlark-cli settings` lists them.\n");
+        "and prints one JSON object per input. trace runs the same pipeline, then the trace the settings\n"
+        "choose (silhouette, outline or full colour), and writes its SVG. Settings are named as\n"
+        "`cutlark-cli settings` lists them.\n");
 }
 
 std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOptions& out) {
@@ -21,11 +24,12 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
     if (command == QLatin1String("settings")) out.command = Command::settings;
     else if (command == QLatin1String("info")) out.command = Command::info;
     else if (command == QLatin1String("process")) out.command = Command::process;
+    else if (command == QLatin1String("trace")) out.command = Command::trace;
     else if (command == QLatin1String("help") || command == QLatin1String("--help") || command == QLatin1String("-h"))
         out.command = Command::help;
     else return QStringLiteral("unknown command “%1”").arg(command);
 
-    const bool takesOptions = out.command == Command::process;
+    const bool takesOptions = out.command == Command::process || out.command == Command::trace;
     bool onlyInputs = false;
     for (qsizetype i = 1; i < arguments.size(); ++i) {
         const QString& a = arguments[i];
@@ -70,8 +74,14 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
         }
     }
     if (out.inPlace && !out.outputDir.isEmpty()) return QStringLiteral("-o and --in-place exclude each other");
-    if ((out.command == Command::process || out.command == Command::info) && out.inputs.isEmpty())
+    if ((out.command == Command::process || out.command == Command::info || out.command == Command::trace) &&
+        out.inputs.isEmpty())
         return QStringLiteral("no input given");
+    if (out.command == Command::trace) {
+        if (out.inputs.size() != 1) return QStringLiteral("trace takes one input");
+        if (out.outputDir.isEmpty()) return QStringLiteral("trace needs -o OUT.svg");
+        if (out.inPlace || out.jobs != 1) return QStringLiteral("trace takes neither --in-place nor --jobs");
+    }
     return std::nullopt;
 }
 

@@ -11,12 +11,12 @@ namespace cutlark {
 
 /// What `cutlark-cli` was asked to do, as read from its arguments.
 struct CliOptions {
-    enum class Command { settings, info, process, help };
+    enum class Command { settings, info, process, trace, help };
 
     Command command = Command::help;
     QList<QPair<QString, QString>> sets; ///< --set NAME=VALUE, in the order given
     QString presetPath;                  ///< --preset FILE.json
-    QString outputDir;                   ///< -o DIR
+    QString outputDir;                   ///< -o DIR (process), -o OUT.svg (trace)
     bool inPlace = false;                ///< --in-place
     int jobs = 1;                        ///< --jobs N
     QStringList inputs;

@@ -2,6 +2,7 @@
 
 #include "engines/CollageSplitter.h"
 #include "model/CropModel.h"
+#include "model/AtomicFile.h"
 #include "model/ImageFile.h"
 #include "model/NaturalOrder.h"
 
@@ -172,6 +173,8 @@ int CliRunner::run(const QStringList& arguments) {
         return runInfo(options);
     case CliOptions::Command::process:
         return runProcess(options);
+    case CliOptions::Command::trace:
+        return runTrace(options);
     case CliOptions::Command::help:
         std::fputs(qPrintable(CliOptions::usage()), m_out);
         return 0;
@@ -209,9 +212,7 @@ int CliRunner::runInfo(const CliOptions& options) {
     return reportFailures(failures);
 }
 
-int CliRunner::runProcess(const CliOptions& options) {
-    Settings settings;
-    QStringList sizeWrites;
+std::optional<int> CliRunner::readSettings(const CliOptions& options, Settings& settings, QStringList& sizeWrites) {
     if (!options.presetPath.isEmpty()) {
         QFile file(options.presetPath);
         if (!file.open(QIODevice::ReadOnly)) {
@@ -242,6 +243,53 @@ int CliRunner::runProcess(const CliOptions& options) {
             sizeWrites << name;
         }
     }
+    return std::nullopt;
+}
+
+int CliRunner::runTrace(const CliOptions& options) {
+    Settings settings;
+    QStringList sizeWrites;
+    if (auto code = readSettings(options, settings, sizeWrites)) return *code;
+    settings.vectorizeEnabled = true; // tracing is what was asked for
+    const QString input = options.inputs.first();
+    CropModel model;
+    model.setSynchronousWork(true);
+    model.open({input});
+    if (model.items().empty()) {
+        std::fprintf(m_err, "cutlark-cli: failed: %s: %s\n", qPrintable(input),
+                     qPrintable(model.errorMessage().value_or(QStringLiteral("can’t open"))));
+        return 1;
+    }
+    model.applySettings(settings);
+    for (const QString& name : sizeWrites) model.writeSetting(name, settings);
+    const auto svg = model.currentSVG();
+    if (!svg) {
+        const QString status = model.vectorStatusText().value_or(QStringLiteral("No output."));
+        std::fprintf(m_err, "cutlark-cli: failed: %s: %s\n", qPrintable(input), qPrintable(status));
+        return 1;
+    }
+    if (!AtomicFile::write(options.outputDir, svg->toUtf8())) {
+        std::fprintf(m_err, "cutlark-cli: failed: %s: Couldn’t write to “%s”.\n", qPrintable(input),
+                     qPrintable(QFileInfo(options.outputDir).fileName()));
+        return 1;
+    }
+    QJsonObject json{{QStringLiteral("input"), input},
+                     {QStringLiteral("output"), options.outputDir},
+                     {QStringLiteral("width"), model.processedImage().width()},
+                     {QStringLiteral("height"), model.processedImage().height()},
+                     {QStringLiteral("type"), QStringLiteral("image/svg+xml")}};
+    if (model.vectorFullColor() && model.vectorColorTrace())
+        json.insert(QStringLiteral("layers"), int(model.vectorColorTrace()->layers.size()));
+    else if (model.vectorTrace())
+        json.insert(QStringLiteral("contours"), int(model.vectorTrace()->contours.size()));
+    print(json);
+    return 0;
+}
+
+int CliRunner::runProcess(const CliOptions& options) {
+    Settings settings;
+    QStringList sizeWrites;
+    if (auto code = readSettings(options, settings, sizeWrites)) return *code;
     if (!options.outputDir.isEmpty() && !QFileInfo(options.outputDir).isDir()) {
         if (!QDir().mkpath(options.outputDir)) {
             std::fprintf(m_err, "cutlark-cli: can’t create the folder “%s”\n", qPrintable(options.outputDir));

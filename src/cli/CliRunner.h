@@ -1,6 +1,7 @@
 #pragma once
 
 #include "cli/CliOptions.h"
+#include "model/Settings.h"
 
 #include <QJsonObject>
 
@@ -20,6 +21,9 @@ private:
     int runSettings();
     int runInfo(const CliOptions& options);
     int runProcess(const CliOptions& options);
+    int runTrace(const CliOptions& options);
+    /// The settings of --preset and --set, and the resize fields named (to be written again, in order).
+    std::optional<int> readSettings(const CliOptions& options, Settings& settings, QStringList& sizeWrites);
     void print(const QJsonObject& object);
     void progress(qsizetype done, qsizetype total);
     int reportFailures(const QStringList& failures);

@@ -76,6 +76,24 @@ std::vector<cv::Point2d> onPixelEdges(const std::vector<cv::Point>& chain) {
     return out;
 }
 
+// A pixel chain is a staircase; smoothing it along its length lets the polygon approximation see the
+// curve the stairs stand for rather than each step. A 5-point moving average, closed.
+std::vector<cv::Point2d> smoothedChain(const std::vector<cv::Point2d>& chain, double maxX, double maxY) {
+    const size_t n = chain.size();
+    std::vector<cv::Point2d> out(n);
+    for (size_t i = 0; i < n; ++i) {
+        cv::Point2d sum(0, 0);
+        const int reach = n >= 5 ? 2 : 0;
+        for (int k = -reach; k <= reach; ++k) sum += chain[(i + n + size_t(k + int(n))) % n];
+        cv::Point2d p = sum / double(2 * reach + 1);
+        // Edges along the border of the picture stay on it.
+        p.x = std::clamp(p.x, 0.0, maxX);
+        p.y = std::clamp(p.y, 0.0, maxY);
+        out[i] = p;
+    }
+    return out;
+}
+
 double polygonArea(const Contour& c) {
     double sum = 0;
     const qsizetype n = c.size();
@@ -169,17 +187,19 @@ QList<Contour> contours(const QImage& mask, int fullW, int fullH, double smoothi
     const double sx = double(fullW) / dw, sy = double(fullH) / dh;
     for (const auto& chain : chains) {
         if (chain.size() < 2) continue;
-        const std::vector<cv::Point2d> edge = onPixelEdges(chain);
-        std::vector<cv::Point2d> approx;
+        const std::vector<cv::Point2d> edge = smoothedChain(onPixelEdges(chain), dw, dh);
+        // The approximation works on 32-bit floats, like the detector's normalised points.
+        const std::vector<cv::Point2f> points(edge.begin(), edge.end());
+        std::vector<cv::Point2f> approx;
         try {
-            cv::approxPolyDP(edge, approx, epsilon, true);
+            cv::approxPolyDP(points, approx, epsilon, true);
         } catch (const cv::Exception&) {
-            approx = edge; // the raw contour stands in for a failed approximation
+            approx = points; // the raw contour stands in for a failed approximation
         }
         if (approx.size() < 3) continue;
         Contour c;
         c.reserve(qsizetype(approx.size()));
-        for (const cv::Point2d& p : approx) c.append(QPointF(p.x * sx, p.y * sy));
+        for (const cv::Point2f& p : approx) c.append(QPointF(double(p.x) * sx, double(p.y) * sy));
         c = straighten(std::move(c), tolerance);
         if (c.size() < 3) continue;
         if (polygonArea(c) < floor) continue; // holes are judged by themselves, like outlines
