@@ -53,8 +53,10 @@ qint64 transitions(const uchar* m, int w, int h) {
 std::vector<cv::Point2d> onPixelEdges(const std::vector<cv::Point>& chain) {
     const size_t n = chain.size();
     std::vector<cv::Point2d> out(n);
+    const cv::Point2d centre(0.5, 0.5); // pixel (i, j) covers [i, i + 1] × [j, j + 1]
     for (size_t i = 0; i < n; ++i) {
-        const cv::Point2d prev = chain[(i + n - 1) % n], cur = chain[i], next = chain[(i + 1) % n];
+        const cv::Point2d prev = cv::Point2d(chain[(i + n - 1) % n]) + centre, cur = cv::Point2d(chain[i]) + centre,
+                          next = cv::Point2d(chain[(i + 1) % n]) + centre;
         auto normal = [](cv::Point2d d) {
             const double len = std::hypot(d.x, d.y);
             return len > 0 ? cv::Point2d(-d.y / len, d.x / len) : cv::Point2d(0, 0);
@@ -76,21 +78,12 @@ std::vector<cv::Point2d> onPixelEdges(const std::vector<cv::Point>& chain) {
     return out;
 }
 
-// A pixel chain is a staircase; smoothing it along its length lets the polygon approximation see the
-// curve the stairs stand for rather than each step. A 5-point moving average, closed.
-std::vector<cv::Point2d> smoothedChain(const std::vector<cv::Point2d>& chain, double maxX, double maxY) {
-    const size_t n = chain.size();
-    std::vector<cv::Point2d> out(n);
-    for (size_t i = 0; i < n; ++i) {
-        cv::Point2d sum(0, 0);
-        const int reach = n >= 5 ? 2 : 0;
-        for (int k = -reach; k <= reach; ++k) sum += chain[(i + n + size_t(k + int(n))) % n];
-        cv::Point2d p = sum / double(2 * reach + 1);
-        // Edges along the border of the picture stay on it.
-        p.x = std::clamp(p.x, 0.0, maxX);
-        p.y = std::clamp(p.y, 0.0, maxY);
-        out[i] = p;
-    }
+// Kept inside the picture: edges along its border stay on it.
+std::vector<cv::Point2f> clamped(const std::vector<cv::Point2d>& chain, double maxX, double maxY) {
+    std::vector<cv::Point2f> out;
+    out.reserve(chain.size());
+    for (const cv::Point2d& p : chain)
+        out.emplace_back(float(std::clamp(p.x, 0.0, maxX)), float(std::clamp(p.y, 0.0, maxY)));
     return out;
 }
 
@@ -180,16 +173,17 @@ QList<Contour> contours(const QImage& mask, int fullW, int fullH, double smoothi
         return out;
     }
 
-    const double epsilon = epsilonFor(smoothing) * std::max(dw, dh); // normalised units → detector pixels
+    // Normalised units to detector pixels; never below the height of a pixel step, so that a staircase
+    // reads as the line it stands for.
+    const double epsilon = std::max(epsilonFor(smoothing) * std::max(dw, dh), 0.75);
     const double M = std::max(fullW, fullH);
     const double tolerance = M / std::min(M, 1024.0) * 1.2;
     const double floor = minAreaFrac * double(fullW) * double(fullH);
     const double sx = double(fullW) / dw, sy = double(fullH) / dh;
     for (const auto& chain : chains) {
         if (chain.size() < 2) continue;
-        const std::vector<cv::Point2d> edge = smoothedChain(onPixelEdges(chain), dw, dh);
         // The approximation works on 32-bit floats, like the detector's normalised points.
-        const std::vector<cv::Point2f> points(edge.begin(), edge.end());
+        const std::vector<cv::Point2f> points = clamped(onPixelEdges(chain), dw, dh);
         std::vector<cv::Point2f> approx;
         try {
             cv::approxPolyDP(points, approx, epsilon, true);
