@@ -11,6 +11,7 @@ need=()
 command -v convert >/dev/null || need+=(imagemagick)
 command -v vips >/dev/null || need+=(libvips-tools)
 command -v python3 >/dev/null || need+=(python3)
+command -v potrace >/dev/null || need+=(potrace)
 if ((${#need[@]})); then
     sudo_cmd=(); [ "$(id -u)" -ne 0 ] && sudo_cmd=(sudo)
     "${sudo_cmd[@]}" apt-get update && "${sudo_cmd[@]}" apt-get install -y --no-install-recommends "${need[@]}"
@@ -92,3 +93,15 @@ for op in ["ContentRect", "AlphaContentRect", "BackgroundIsMostlyWhite", "KeyOut
     print(row)
 print("\nratio = their time / ours; above 1 means we are faster.")
 PY
+
+# The silhouette trace next to potrace on the same 4000×3000 drawing (potrace reads it as a PBM).
+"$build/bench/bench_vector" --write-inputs "$work"
+potrace_ms=$(median_ms potrace -s "$work/drawing.pbm" -o "$work/potrace.svg")
+"$build/bench/bench_vector" --benchmark_filter=BM_Trace$ --benchmark_repetitions="$runs" \
+    --benchmark_report_aggregates_only=true --benchmark_format=json >"$work/vector.json" 2>/dev/null
+ours_ms=$(python3 -c 'import json,sys; print(next(b["real_time"] for b in json.load(open(sys.argv[1]))["benchmarks"] if b.get("aggregate_name")=="median"))' "$work/vector.json")
+ours_iou=$("$build/bench/bench_vector" --iou "$work/drawing.png" "$work/ours.svg")
+potrace_iou=$("$build/bench/bench_vector" --iou "$work/drawing.png" "$work/potrace.svg")
+printf '\n%-24s%10s%12s%10s\n' "silhouette trace" "ms" "SVG bytes" "IoU"
+printf '%-24s%10.1f%12s%10s\n' "ours (in memory)" "$ours_ms" "$(stat -c %s "$work/ours.svg")" "$ours_iou"
+printf '%-24s%10.1f%12s%10s\n' "potrace -s (from PBM)" "$potrace_ms" "$(stat -c %s "$work/potrace.svg")" "$potrace_iou"

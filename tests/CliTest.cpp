@@ -195,6 +195,47 @@ TEST_F(CliTest, SubjectModeCutsOutBeforeWriting) {
     EXPECT_EQ(qAlpha(written->image.pixel(240, 110)), 255) << "the cup stays";
 }
 
+TEST_F(CliTest, TraceWritesTheSvgTheSettingsChoose) {
+    QImage page = solid(300, 200, Qt::white);
+    for (int y = 50; y < 150; ++y)
+        for (int x = 100; x < 200; ++x) page.setPixelColor(x, y, Qt::black);
+    const QString in = savePng(m_dir, QStringLiteral("shape.png"), page);
+    CliRun run = cli({QStringLiteral("trace"), QStringLiteral("-o"), path(QStringLiteral("s.svg")), in});
+    ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
+    EXPECT_EQ(QString::fromUtf8(readBytes(path(QStringLiteral("s.svg")))),
+              QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                             "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"300\" height=\"200\" viewBox=\"0 0 300 200\">\n"
+                             "<path fill=\"#111111\" fill-rule=\"evenodd\" d=\"M100.0 50.0L100.0 150.0L200.0 150.0L200.0 50.0Z\"/>\n"
+                             "</svg>"));
+    run = cli({QStringLiteral("trace"), QStringLiteral("--set"), QStringLiteral("vectorizeStyle=outline"), QStringLiteral("-o"),
+               path(QStringLiteral("o.svg")), in});
+    ASSERT_EQ(run.exitCode, 0);
+    EXPECT_TRUE(readBytes(path(QStringLiteral("o.svg"))).contains("stroke-width=\"0.9\""));
+    run = cli({QStringLiteral("trace"), QStringLiteral("--set"), QStringLiteral("vectorFullColor=true"), QStringLiteral("-o"),
+               path(QStringLiteral("c.svg")), in});
+    ASSERT_EQ(run.exitCode, 0);
+    EXPECT_EQ(run.lines[0].value(QStringLiteral("layers")).toInt(), 2);
+    EXPECT_TRUE(readBytes(path(QStringLiteral("c.svg"))).contains("<path fill=\"#000000\""));
+}
+
+TEST_F(CliTest, TraceFailsWithTheStatusText) {
+    const QString blank = savePng(m_dir, QStringLiteral("blank.png"), solid(100, 100, Qt::white));
+    CliRun run = cli({QStringLiteral("trace"), QStringLiteral("-o"), path(QStringLiteral("b.svg")), blank});
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_TRUE(run.err.contains(QStringLiteral("No clear shape to trace. Try turning on Remove background first.")));
+    EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("b.svg"))));
+    QImage checker(200, 200, QImage::Format_RGBA8888_Premultiplied);
+    for (int y = 0; y < 200; ++y)
+        for (int x = 0; x < 200; ++x) checker.setPixelColor(x, y, ((x + y) & 1) ? Qt::black : Qt::white);
+    const QString busy = savePng(m_dir, QStringLiteral("busy.png"), checker);
+    run = cli({QStringLiteral("trace"), QStringLiteral("-o"), path(QStringLiteral("b.svg")), busy});
+    EXPECT_TRUE(run.err.contains(QStringLiteral("Too detailed for a single color — turn on Full color.")));
+    run = cli({QStringLiteral("trace"), QStringLiteral("--set"), QStringLiteral("vectorFullColor=true"), QStringLiteral("-o"),
+               path(QStringLiteral("b.svg")), busy});
+    EXPECT_TRUE(run.err.contains(QStringLiteral("No colors found to trace.")));
+    EXPECT_EQ(cli({QStringLiteral("trace"), blank}).exitCode, 2) << "no -o";
+}
+
 TEST_F(CliTest, BadUsageExitsWithTwo) {
     EXPECT_EQ(cli({}).exitCode, 2);
     EXPECT_EQ(cli({QStringLiteral("frobnicate")}).exitCode, 2);
