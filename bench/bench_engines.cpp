@@ -1,5 +1,6 @@
 // The pixel engines on a 4000×3000 image, one thread, next to a plain read pass and a memcpy of the
 // same 48 MB measured in this binary.
+#include "engines/CollageSplitter.h"
 #include "engines/CropEngine.h"
 #include "engines/StickerEngine.h"
 #include "model/CropModel.h"
@@ -150,6 +151,30 @@ void BM_Sticker(benchmark::State& state) {
     for (auto _ : state) benchmark::DoNotOptimize(StickerEngine::make(subject, 14));
 }
 BENCHMARK(BM_Sticker)->Unit(benchmark::kMillisecond);
+
+// Collage detection on a 4000×3000 sheet of 12 photographs in a 4 × 3 grid.
+void BM_CollagePieces(benchmark::State& state) {
+    static const QImage sheet = [] {
+        QImage image(4000, 3000, QImage::Format_RGBA8888_Premultiplied);
+        image.fill(Qt::white);
+        quint32 noise = 5;
+        for (int row = 0; row < 3; ++row)
+            for (int col = 0; col < 4; ++col)
+                for (int y = 80 + row * 980; y < 980 + row * 980; ++y) {
+                    uchar* p = image.scanLine(y) + 4 * (80 + col * 980);
+                    for (int x = 0; x < 860; ++x, p += 4) {
+                        noise = noise * 1664525u + 1013904223u;
+                        p[0] = uchar(noise >> 24), p[1] = uchar(90 + (x & 63)), p[2] = uchar(y & 127), p[3] = 255;
+                    }
+                }
+        return image;
+    }();
+    const auto buffer = CropEngine::Buffer::make(sheet);
+    size_t found = 0;
+    for (auto _ : state) found = size_t(CollageSplitter::pieces(*buffer, 10).size());
+    state.counters["pieces"] = double(found);
+}
+BENCHMARK(BM_CollagePieces)->Unit(benchmark::kMillisecond);
 
 // The rebuild a slider drag pays with keying, trim, padding and a colour background on.
 void BM_PipelineKeyTrimPadColor(benchmark::State& state) {

@@ -236,6 +236,27 @@ TEST_F(CliTest, TraceFailsWithTheStatusText) {
     EXPECT_EQ(cli({QStringLiteral("trace"), blank}).exitCode, 2) << "no -o";
 }
 
+TEST_F(CliTest, SplitWritesThePiecesAndInfoListsThem) {
+    QImage collage = solid(200, 100, Qt::white);
+    for (int y = 10; y < 90; ++y)
+        for (int x = 10; x < 90; ++x) collage.setPixelColor(x, y, Qt::black), collage.setPixelColor(x + 100, y, Qt::black);
+    const QString in = savePng(m_dir, QStringLiteral("pair.png"), collage);
+    CliRun info = cli({QStringLiteral("info"), in});
+    ASSERT_EQ(info.exitCode, 0);
+    EXPECT_EQ(info.lines[0].value(QStringLiteral("collageRects")).toArray(),
+              (QJsonArray{QJsonArray{99, 10, 91, 80}, QJsonArray{10, 10, 89, 80}}));
+
+    const CliRun run = cli({QStringLiteral("split"), QStringLiteral("-o"), path(QStringLiteral("pieces")), in,
+                            savePng(m_dir, QStringLiteral("single.png"), coordinates(40, 40))});
+    EXPECT_EQ(run.exitCode, 1) << "the second input is no collage";
+    ASSERT_EQ(run.lines.size(), 2);
+    EXPECT_EQ(run.lines[0].value(QStringLiteral("pieces")).toArray(),
+              (QJsonArray{path(QStringLiteral("pieces/pair-1.png")), path(QStringLiteral("pieces/pair-2.png"))}));
+    EXPECT_EQ(ImageFile::load(path(QStringLiteral("pieces/pair-1.png")))->image.size(), QSize(91, 80));
+    EXPECT_EQ(run.lines[1].value(QStringLiteral("error")).toString(), QStringLiteral("not a collage"));
+    EXPECT_TRUE(run.err.contains(QStringLiteral("single.png")));
+}
+
 TEST_F(CliTest, BadUsageExitsWithTwo) {
     EXPECT_EQ(cli({}).exitCode, 2);
     EXPECT_EQ(cli({QStringLiteral("frobnicate")}).exitCode, 2);

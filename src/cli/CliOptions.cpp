@@ -7,6 +7,7 @@ QString CliOptions::usage() {
         "Usage:\n"
         "  cutlark-cli process [--set NAME=VALUE]... [--preset FILE.json] [-o DIR | --in-place] [--jobs N] INPUT...\n"
         "  cutlark-cli trace [--set NAME=VALUE]... [--preset FILE.json] -o OUT.svg INPUT\n"
+        "  cutlark-cli split [-o DIR] INPUT...\n"
         "  cutlark-cli info INPUT...\n"
         "  cutlark-cli settings\n"
         "\n"
@@ -25,11 +26,13 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
     else if (command == QLatin1String("info")) out.command = Command::info;
     else if (command == QLatin1String("process")) out.command = Command::process;
     else if (command == QLatin1String("trace")) out.command = Command::trace;
+    else if (command == QLatin1String("split")) out.command = Command::split;
     else if (command == QLatin1String("help") || command == QLatin1String("--help") || command == QLatin1String("-h"))
         out.command = Command::help;
     else return QStringLiteral("unknown command “%1”").arg(command);
 
-    const bool takesOptions = out.command == Command::process || out.command == Command::trace;
+    const bool takesOptions =
+        out.command == Command::process || out.command == Command::trace || out.command == Command::split;
     bool onlyInputs = false;
     for (qsizetype i = 1; i < arguments.size(); ++i) {
         const QString& a = arguments[i];
@@ -74,9 +77,10 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
         }
     }
     if (out.inPlace && !out.outputDir.isEmpty()) return QStringLiteral("-o and --in-place exclude each other");
-    if ((out.command == Command::process || out.command == Command::info || out.command == Command::trace) &&
-        out.inputs.isEmpty())
+    if (out.command != Command::settings && out.command != Command::help && out.inputs.isEmpty())
         return QStringLiteral("no input given");
+    if (out.command == Command::split && (out.inPlace || !out.sets.isEmpty() || !out.presetPath.isEmpty()))
+        return QStringLiteral("split takes only -o DIR: the pieces come from the untouched source");
     if (out.command == Command::trace) {
         if (out.inputs.size() != 1) return QStringLiteral("trace takes one input");
         if (out.outputDir.isEmpty()) return QStringLiteral("trace needs -o OUT.svg");

@@ -11,7 +11,7 @@ namespace cutlark {
 
 /// What `cutlark-cli` was asked to do, as read from its arguments.
 struct CliOptions {
-    enum class Command { settings, info, process, trace, help };
+    enum class Command { settings, info, process, trace, split, help };
 
     Command command = Command::help;
     QList<QPair<QString, QString>> sets; ///< --set NAME=VALUE, in the order given

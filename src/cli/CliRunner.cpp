@@ -31,9 +31,8 @@ public:
         m_chosen = QDir(folder).filePath(proposedName);
         return m_chosen;
     }
-    std::optional<QString> chooseFolder(const QString&, const QString&, const QString&) override {
-        if (m_outputDir.isEmpty()) return std::nullopt;
-        return m_outputDir;
+    std::optional<QString> chooseFolder(const QString& directory, const QString&, const QString&) override {
+        return m_outputDir.isEmpty() ? directory : m_outputDir;
     }
     const QString& chosen() const { return m_chosen; }
 
@@ -175,6 +174,8 @@ int CliRunner::run(const QStringList& arguments) {
         return runProcess(options);
     case CliOptions::Command::trace:
         return runTrace(options);
+    case CliOptions::Command::split:
+        return runSplit(options);
     case CliOptions::Command::help:
         std::fputs(qPrintable(CliOptions::usage()), m_out);
         return 0;
@@ -284,6 +285,39 @@ int CliRunner::runTrace(const CliOptions& options) {
         json.insert(QStringLiteral("contours"), int(model.vectorTrace()->contours.size()));
     print(json);
     return 0;
+}
+
+int CliRunner::runSplit(const CliOptions& options) {
+    if (!options.outputDir.isEmpty() && !QFileInfo(options.outputDir).isDir() && !QDir().mkpath(options.outputDir)) {
+        std::fprintf(m_err, "cutlark-cli: can’t create the folder “%s”\n", qPrintable(options.outputDir));
+        return 2;
+    }
+    QStringList failures;
+    for (const QString& input : expandInputs(options.inputs)) {
+        QJsonObject json{{QStringLiteral("input"), input}};
+        CropModel model;
+        CliPanels panels(options.outputDir);
+        model.setPanels(&panels);
+        model.open({input});
+        QString error;
+        if (model.items().empty()) error = model.errorMessage().value_or(QStringLiteral("can’t open"));
+        else if (model.collageRects().size() < 2) error = QStringLiteral("not a collage");
+        else {
+            model.splitCollage();
+            if (model.errorMessage()) error = *model.errorMessage();
+        }
+        if (!error.isEmpty()) {
+            json.insert(QStringLiteral("error"), error);
+            failures << input + QStringLiteral(": ") + error;
+        } else {
+            QJsonArray pieces;
+            for (const auto& item : model.items()) pieces.append(item.url);
+            json.insert(QStringLiteral("pieces"), pieces);
+            if (model.noticeMessage()) json.insert(QStringLiteral("notice"), *model.noticeMessage());
+        }
+        print(json);
+    }
+    return reportFailures(failures);
 }
 
 int CliRunner::runProcess(const CliOptions& options) {

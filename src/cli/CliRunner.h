@@ -22,6 +22,7 @@ private:
     int runInfo(const CliOptions& options);
     int runProcess(const CliOptions& options);
     int runTrace(const CliOptions& options);
+    int runSplit(const CliOptions& options);
     /// The settings of --preset and --set, and the resize fields named (to be written again, in order).
     std::optional<int> readSettings(const CliOptions& options, Settings& settings, QStringList& sizeWrites);
     void print(const QJsonObject& object);

@@ -217,6 +217,9 @@ public:
     // --- collage, subject, vector ---
 
     void detectCollage();
+    /// Writes each piece of the active collage into a folder the user chooses, as base-p.ext, takes the
+    /// collage out of the queue and opens the pieces.
+    void splitCollage();
     void autoPickRemovalMode();
     void invalidateVision(const QUuid& id);
     void ensureVisionCutout();

@@ -207,6 +207,51 @@ void CropModel::saveAsNewFile() {
     advanceToNextUnsaved(id);
 }
 
+void CropModel::splitCollage() {
+    const Item* item = active();
+    if (!item || m_collageRects.size() < 2 || !m_panels) return;
+    const auto folder =
+        m_panels->chooseFolder(folderOf(item->url), tr("Split Here"), tr("Choose a folder for the split images."));
+    if (!folder || folder->isEmpty()) return;
+
+    const QUuid id = item->id;
+    const QString base = fileName(withoutExtension(item->url));
+    QString extension = extensionOf(item->url);
+    if (extension.isEmpty()) extension = ImageFile::preferredExtension(item->type);
+    if (extension.isEmpty()) extension = QStringLiteral("png");
+    const QDir dir(*folder);
+
+    // Pieces of the untouched source, in the item's own format, largest first.
+    QStringList written;
+    for (qsizetype i = 0; i < m_collageRects.size(); ++i) {
+        const QRectF& r = m_collageRects[i];
+        const QImage piece = CropEngine::subImage(
+            item->buffer.cgImage(), QRect(int(r.x()), int(r.y()), int(r.width()), int(r.height())));
+        if (piece.isNull()) continue; // the position goes on counting
+        const QString stem = base + QLatin1Char('-') + QString::number(i + 1);
+        QString target = dir.filePath(stem + QLatin1Char('.') + extension);
+        for (int n = 2; QFileInfo::exists(target); ++n)
+            target = dir.filePath(stem + QLatin1Char('-') + QString::number(n) + QLatin1Char('.') + extension);
+        if (ImageFile::save(piece, target, item->type)) written << target;
+    }
+    if (written.size() < 2) {
+        // What was written stays in the folder; the queue is left as it was.
+        setErrorMessage(tr("Couldn’t write the split images."));
+        return;
+    }
+
+    // The collage leaves the queue; its file is not touched.
+    const bool wasActive = m_activeID && *m_activeID == id;
+    invalidateVision(id);
+    m_items.erase(std::remove_if(m_items.begin(), m_items.end(), [&](const Item& it) { return it.id == id; }),
+                  m_items.end());
+    itemsChanged();
+    if (wasActive) setActiveID(m_items.empty() ? std::nullopt : std::optional<QUuid>(m_items.front().id));
+    setCollageRects({});
+    open(written);
+    setNoticeMessage(tr("Split into %1 images.").arg(written.size()));
+}
+
 void CropModel::advanceToNextUnsaved(const QUuid& after) {
     const auto it = std::find_if(m_items.begin(), m_items.end(), [&](const Item& item) { return item.id == after; });
     if (it == m_items.end()) {
