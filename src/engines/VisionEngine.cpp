@@ -108,6 +108,12 @@ bool isAvailable() {
     return !n.net.empty() || !findModel(n.overridePath).isEmpty();
 }
 
+void preload() {
+    Network& n = network();
+    std::lock_guard lock(n.mutex);
+    ensureLoaded(n);
+}
+
 QImage mask(const QImage& source) {
     const QImage src = rgbaPixels(source);
     if (src.isNull()) return QImage();

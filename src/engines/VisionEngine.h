@@ -20,6 +20,9 @@ void setModelPath(const QString& path);
 /// Cheap; the network itself is loaded on first use, off the main thread.
 bool isAvailable();
 
+/// Loads the network now, if it is present and not loaded yet. Blocking; for a background thread.
+void preload();
+
 /// The network's mask for `source` at 1024 × 1024, values 0…1 as bytes 0…255; empty when the
 /// network can't be had. Blocking. Safe to call from several threads (inference is serialised).
 QImage mask(const QImage& source);

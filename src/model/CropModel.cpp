@@ -254,6 +254,13 @@ CropModel::Item* CropModel::findItem(const QUuid& id) {
     return nullptr;
 }
 
+QString CropModel::revealKey() const {
+    const Item* item = active();
+    const QString id = m_activeID ? m_activeID->toString(QUuid::WithoutBraces).toUpper() : QString();
+    return id + QLatin1Char('#') + QString::number(item ? item->buffer.width() : 0) + QLatin1Char('x') +
+           QString::number(item ? item->buffer.height() : 0);
+}
+
 // --- queue and settings ---
 
 void CropModel::select(const QUuid& id) {

@@ -166,6 +166,11 @@ public:
     bool producesTransparency() const;
     bool backgroundIsOpaque() const;
     bool wantsVision() const;
+    /// Whether subject mode is offered at all: the subject network is present.
+    bool subjectModeOffered() const { return m_cutoutService.available && m_cutoutService.available(); }
+    /// Tells one image from another for the preview's reveal: the active id, "#", the buffer's width,
+    /// "x", its height. No setting changes it.
+    QString revealKey() const;
     bool isDetectingSubject() const;
     bool subjectNotFound() const;
 

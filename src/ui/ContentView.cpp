@@ -1,0 +1,291 @@
+#include "ui/ContentView.h"
+
+#include "ui/ImagePreview.h"
+#include "ui/QueueDrawer.h"
+#include "ui/SettingsSidebar.h"
+#include "ui/Widgets.h"
+
+#include <QDir>
+#include <QDragEnterEvent>
+#include <QFileInfo>
+#include <QBoxLayout>
+#include <QHBoxLayout>
+#include <QImage>
+#include <QLabel>
+#include <QMimeData>
+#include <QMouseEvent>
+#include <QPainter>
+#include <QPainterPath>
+#include <QPushButton>
+#include <QShortcut>
+#include <QStackedWidget>
+#include <QUuid>
+#include <QVBoxLayout>
+
+namespace cutlark {
+
+namespace {
+
+// The empty window's invitation: a dashed, rounded field that opens the panel wherever it's clicked.
+class DropZone : public QWidget {
+public:
+    DropZone(CropModel* model, ContentView* view) : QWidget(view), m_view(view), m_model(model) {
+        auto* column = new QVBoxLayout(this);
+        column->setContentsMargins(28 + 44, 28, 28 + 44, 28);
+        column->setSpacing(14);
+        column->addStretch();
+        auto* icon = new QLabel(this);
+        icon->setPixmap(symbol(QStringLiteral("photo.on.rectangle.angled")).pixmap(52, 52));
+        icon->setAlignment(Qt::AlignCenter);
+        column->addWidget(icon);
+        auto* title = new QLabel(tr("Drop images here"), this);
+        QFont f = title->font();
+        f.setPointSizeF(f.pointSizeF() * 1.35);
+        f.setBold(true);
+        title->setFont(f);
+        title->setAlignment(Qt::AlignCenter);
+        column->addWidget(title);
+        auto* text = secondaryLabel(tr("Trim to the artwork, key out white backgrounds, and add a sticker outline. Drop "
+                                       "several images — or a folder — to queue them up."),
+                                    this);
+        text->setAlignment(Qt::AlignCenter);
+        text->setMaximumWidth(380);
+        auto* textRow = new QHBoxLayout;
+        textRow->addStretch();
+        textRow->addWidget(text, 100);
+        textRow->addStretch();
+        column->addLayout(textRow);
+        column->addSpacing(6);
+        auto* choose = new QPushButton(tr("Choose Images…"), this);
+        choose->setMinimumHeight(32);
+        connect(choose, &QPushButton::clicked, model, &CropModel::openPanel);
+        column->addWidget(choose, 0, Qt::AlignHCenter);
+        column->addStretch();
+        setCursor(Qt::PointingHandCursor);
+    }
+
+protected:
+    void mousePressEvent(QMouseEvent* e) override {
+        if (e->button() == Qt::LeftButton) m_model->openPanel();
+    }
+    void paintEvent(QPaintEvent*) override {
+        QPainter p(this);
+        p.setRenderHint(QPainter::Antialiasing);
+        const bool targeted = m_view->isTargeted();
+        QRectF r = QRectF(rect()).adjusted(28, 28, -28, -28);
+        if (targeted) {
+            const QPointF c = r.center();
+            r = QRectF(c.x() - r.width() * 0.505, c.y() - r.height() * 0.505, r.width() * 1.01, r.height() * 1.01);
+        }
+        QColor accent = palette().color(QPalette::Highlight);
+        if (targeted) {
+            QColor tint = accent;
+            tint.setAlphaF(0.06f);
+            p.setBrush(tint);
+        }
+        QColor line = targeted ? accent : palette().color(QPalette::PlaceholderText);
+        if (!targeted) line.setAlphaF(0.35f);
+        QPen pen(line, 2);
+        pen.setDashPattern({9.0 / 2, 7.0 / 2});
+        p.setPen(pen);
+        p.drawRoundedRect(r.adjusted(1, 1, -1, -1), 16, 16);
+    }
+
+private:
+    ContentView* m_view;
+    CropModel* m_model;
+};
+
+// The backdrop behind the picture: the window colour with faint diagonal stripes.
+class StripedRegion : public QWidget {
+public:
+    StripedRegion(const ContentView* view, QWidget* parent) : QWidget(parent), m_view(view) {}
+
+protected:
+    void paintEvent(QPaintEvent*) override {
+        QPainter p(this);
+        p.fillRect(rect(), palette().color(QPalette::Window));
+        p.setRenderHint(QPainter::Antialiasing);
+        p.setPen(QPen(QColor(128, 128, 128, int(0.05 * 255 * 2)), 1.5));
+        const int w = width(), h = height();
+        for (int x = -h; x < w; x += 10) p.drawLine(QPointF(x, 0), QPointF(x + h, h));
+        if (m_view->isTargeted()) {
+            // The drop ring, inside the region's edges.
+            p.setPen(QPen(palette().color(QPalette::Highlight), 3));
+            p.setBrush(Qt::NoBrush);
+            p.drawRoundedRect(QRectF(rect()).adjusted(7.5, 7.5, -7.5, -7.5), 10, 10);
+        }
+    }
+
+private:
+    const ContentView* m_view;
+};
+
+} // namespace
+
+ContentView::ContentView(QWidget* parent)
+    : QWidget(parent), m_panels(this), m_queue(new QueueDrawer(&m_model, this)), m_queueDivider(divider(Qt::Vertical, this)),
+      m_header(new QWidget(this)), m_name(new QLabel(m_header)), m_badge(captionLabel(QString(), m_header)),
+      m_dims(new QLabel(m_header)), m_region(new QStackedWidget(this)), m_dropZone(new DropZone(&m_model, this)),
+      m_preview(new ImagePreview(&m_model)), m_sidebar(new SettingsSidebar(&m_model, this)) {
+    m_model.setPanels(&m_panels);
+    setAcceptDrops(true);
+    setMinimumSize(660, 380);
+
+    auto* row = new QHBoxLayout(this);
+    row->setContentsMargins(0, 0, 0, 0);
+    row->setSpacing(0);
+    row->addWidget(m_queue);
+    row->addWidget(m_queueDivider);
+
+    auto* centre = new QWidget(this);
+    auto* column = new QVBoxLayout(centre);
+    column->setContentsMargins(0, 0, 0, 0);
+    column->setSpacing(0);
+    m_header->setFixedHeight(44);
+    // One row when it fits, else the name over the sizes: the layout turns with the width.
+    m_headerLayout = new QBoxLayout(QBoxLayout::LeftToRight, m_header);
+    m_headerLayout->setContentsMargins(16, 0, 16, 0);
+    m_headerLayout->setSpacing(8);
+    auto* nameRow = new QHBoxLayout;
+    nameRow->setSpacing(8);
+    auto* headerRow = nameRow;
+    m_name->setMinimumWidth(110);
+    m_name->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    m_name->setTextFormat(Qt::PlainText);
+    QFont nameFont = m_name->font();
+    nameFont.setWeight(QFont::Medium);
+    m_name->setFont(nameFont);
+    headerRow->addWidget(m_name, 1);
+    m_badge->setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Preferred);
+    headerRow->addWidget(m_badge);
+    m_headerLayout->addLayout(nameRow, 1);
+    m_dims->setTextFormat(Qt::RichText);
+    m_dims->setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Preferred); // never squeezed
+    m_headerLayout->addWidget(m_dims);
+    column->addWidget(m_header);
+    column->addWidget(divider(Qt::Horizontal, centre));
+
+    auto* striped = new StripedRegion(this, m_region);
+    auto* inset = new QVBoxLayout(striped);
+    inset->setContentsMargins(28, 28, 28, 28);
+    m_preview->setParent(striped);
+    inset->addWidget(m_preview);
+    m_region->addWidget(m_dropZone);
+    m_region->addWidget(striped);
+    column->addWidget(m_region, 1);
+    row->addWidget(centre, 1);
+    row->addWidget(divider(Qt::Vertical, this));
+    row->addWidget(m_sidebar);
+
+    // Ctrl+S goes to whichever primary action the Vectorize switch puts there; Delete anywhere removes.
+    auto* save = new QShortcut(QKeySequence::Save, this);
+    connect(save, &QShortcut::activated, m_sidebar, &SettingsSidebar::triggerPrimary);
+    auto* remove = new QShortcut(QKeySequence(Qt::Key_Delete), this);
+    connect(remove, &QShortcut::activated, this, [this] {
+        if (m_model.activeID()) m_model.remove(*m_model.activeID());
+    });
+    auto* backspace = new QShortcut(QKeySequence(Qt::Key_Backspace), this);
+    connect(backspace, &QShortcut::activated, remove, &QShortcut::activated);
+
+    connect(&m_model, &CropModel::changed, this, [this](CropModel::Field) { refresh(); });
+    refresh();
+}
+
+QString ContentView::nameText() const {
+    const auto* item = const_cast<CropModel&>(m_model).active();
+    return item ? QFileInfo(item->url).fileName() : QString();
+}
+
+QString ContentView::dimsText() const {
+    const auto* item = const_cast<CropModel&>(m_model).active();
+    const QImage& out = m_model.processedImage();
+    if (!item || out.isNull()) return QString();
+    return QStringLiteral("%1×%2 → %3×%4").arg(item->buffer.width()).arg(item->buffer.height()).arg(out.width()).arg(out.height());
+}
+
+void ContentView::refresh() {
+    const bool several = m_model.items().size() >= 2;
+    m_queue->setVisible(several);
+    m_queueDivider->setVisible(several);
+    const auto* item = m_model.active();
+    m_header->setVisible(item != nullptr);
+    m_region->setCurrentIndex(item ? 1 : 0);
+    if (item) {
+        m_name->setText(nameText());
+        m_name->setToolTip(item->url);
+        const auto position = m_model.activePosition();
+        m_badge->setVisible(several && position.has_value());
+        if (position) m_badge->setText(tr("%1 of %2").arg(*position).arg(qint64(m_model.items().size())));
+        const QImage& out = m_model.processedImage();
+        m_dims->setVisible(!out.isNull());
+        if (!out.isNull()) {
+            const QString accent = m_model.willTrim() ? palette().color(QPalette::Highlight).name()
+                                                      : palette().color(QPalette::PlaceholderText).name();
+            m_dims->setText(QStringLiteral("<span style='color:%1'>%2×%3</span>&nbsp;→&nbsp;<b style='color:%4'>%5×%6</b>")
+                                .arg(palette().color(QPalette::PlaceholderText).name())
+                                .arg(item->buffer.width())
+                                .arg(item->buffer.height())
+                                .arg(accent)
+                                .arg(out.width())
+                                .arg(out.height()));
+        }
+        arrangeHeader();
+    }
+}
+
+void ContentView::resizeEvent(QResizeEvent* event) {
+    QWidget::resizeEvent(event);
+    arrangeHeader();
+}
+
+void ContentView::arrangeHeader() {
+    const int needed = 16 + 110 + 8 + (m_badge->isVisible() ? m_badge->sizeHint().width() + 8 : 0) + 12 +
+                       m_dims->sizeHint().width() + 16;
+    const bool oneRow = m_header->width() >= needed;
+    m_headerLayout->setDirection(oneRow ? QBoxLayout::LeftToRight : QBoxLayout::TopToBottom);
+    m_headerLayout->setSpacing(oneRow ? 8 : 3);
+    m_headerLayout->setContentsMargins(16, oneRow ? 0 : 4, 16, oneRow ? 0 : 4);
+}
+
+bool ContentView::headerIsOneRow() const { return m_headerLayout->direction() == QBoxLayout::LeftToRight; }
+
+void ContentView::setTargeted(bool on) {
+    m_targeted = on;
+    m_dropZone->update();
+    m_region->currentWidget()->update();
+}
+
+void ContentView::dragEnterEvent(QDragEnterEvent* event) {
+    event->acceptProposedAction(); // every drag is welcome until it is dropped
+    setTargeted(true);
+}
+
+void ContentView::dragLeaveEvent(QDragLeaveEvent*) { setTargeted(false); }
+
+void ContentView::dropEvent(QDropEvent* event) {
+    setTargeted(false);
+    const QMimeData* mime = event->mimeData();
+    QStringList paths;
+    for (const QUrl& url : mime->urls())
+        if (url.isLocalFile()) paths << url.toLocalFile();
+    if (paths.isEmpty() && mime->hasImage()) {
+        // Image data with no file behind it lands in a folder of its own, then opens like a file.
+        const QImage image = qvariant_cast<QImage>(mime->imageData());
+        const QString folder = QDir::temp().filePath(QStringLiteral("CutlarkDrops/") + QUuid::createUuid().toString(QUuid::WithoutBraces));
+        if (!image.isNull() && QDir().mkpath(folder)) {
+            const QString file = QDir(folder).filePath(QStringLiteral("Dropped Image.png"));
+            if (image.save(file, "PNG")) paths << file;
+        }
+    }
+    if (paths.isEmpty()) {
+        event->ignore();
+        return;
+    }
+    event->acceptProposedAction();
+    m_model.open(paths);
+}
+
+void ContentView::paintEvent(QPaintEvent* event) { QWidget::paintEvent(event); }
+
+} // namespace cutlark

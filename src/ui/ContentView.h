@@ -1,0 +1,67 @@
+#pragma once
+
+#include "model/CropModel.h"
+#include "ui/QtPanels.h"
+
+#include <QWidget>
+
+class QBoxLayout;
+class QLabel;
+class QStackedWidget;
+
+namespace cutlark {
+
+class ImagePreview;
+class QueueDrawer;
+class SettingsSidebar;
+
+/// The whole content of the window: the queue column, the header and preview in the middle, and the
+/// settings sidebar. Owns the one model for the life of the window; everything shown is worked out
+/// from the model's fields.
+class ContentView : public QWidget {
+    Q_OBJECT
+
+public:
+    explicit ContentView(QWidget* parent = nullptr);
+
+    CropModel& model() { return m_model; }
+    QueueDrawer* queueDrawer() const { return m_queue; }
+    SettingsSidebar* sidebar() const { return m_sidebar; }
+    ImagePreview* preview() const { return m_preview; }
+    /// Whether a drag with files hovers over the window.
+    bool isTargeted() const { return m_targeted; }
+    /// The header's two texts: the name row and the sizes ("W×H → W×H"), empty without an image.
+    QString nameText() const;
+    QString dimsText() const;
+    /// Whether the header has room for one row, or shows the name over the sizes.
+    bool headerIsOneRow() const;
+
+protected:
+    void dragEnterEvent(QDragEnterEvent* event) override;
+    void dragLeaveEvent(QDragLeaveEvent* event) override;
+    void dropEvent(QDropEvent* event) override;
+    void paintEvent(QPaintEvent* event) override;
+    void resizeEvent(QResizeEvent* event) override;
+
+private:
+    void arrangeHeader();
+    void refresh();
+    void setTargeted(bool on);
+
+    CropModel m_model;
+    QtPanels m_panels;
+    QueueDrawer* m_queue;
+    QWidget* m_queueDivider;
+    QWidget* m_header;
+    QBoxLayout* m_headerLayout = nullptr;
+    QLabel* m_name;
+    QLabel* m_badge;
+    QLabel* m_dims;
+    QStackedWidget* m_region;
+    QWidget* m_dropZone;
+    ImagePreview* m_preview;
+    SettingsSidebar* m_sidebar;
+    bool m_targeted = false;
+};
+
+} // namespace cutlark

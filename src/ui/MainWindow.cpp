@@ -1,0 +1,39 @@
+#include "ui/MainWindow.h"
+
+#include "ui/ContentView.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QDesktopServices>
+#include <QDir>
+#include <QFileInfo>
+#include <QMenuBar>
+#include <QUrl>
+
+namespace cutlark {
+
+MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent), m_content(new ContentView(this)) {
+    setWindowTitle(tr("Cutlark"));
+    setCentralWidget(m_content);
+    resize(720, 540);
+    CropModel* model = &m_content->model();
+
+    QMenu* file = menuBar()->addMenu(tr("&File"));
+    file->addAction(tr("Open…"), QKeySequence::Open, model, &CropModel::openPanel);
+    file->addSeparator();
+    file->addAction(tr("Quit"), QKeySequence::Quit, qApp, &QApplication::quit);
+    QMenu* help = menuBar()->addMenu(tr("&Help"));
+    help->addAction(tr("Cutlark Help"), this, [] {
+        // The guide installed with the application, or the README beside a build.
+        const QString bin = QCoreApplication::applicationDirPath();
+        for (const QString& candidate : {bin + QStringLiteral("/../share/doc/cutlark/README.md"),
+                                         bin + QStringLiteral("/../README.md")}) {
+            if (QFileInfo::exists(candidate)) {
+                QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo(candidate).absoluteFilePath()));
+                return;
+            }
+        }
+    });
+}
+
+} // namespace cutlark

@@ -1,0 +1,139 @@
+#include "ui/QueueDrawer.h"
+
+#include "ui/Widgets.h"
+
+#include <QFileInfo>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QListWidget>
+#include <QPainter>
+#include <QPainterPath>
+#include <QToolButton>
+#include <QVBoxLayout>
+
+namespace cutlark {
+
+namespace {
+
+// The source as loaded, fitted into 34 × 34 on a rounded tile.
+QIcon thumbnail(const QImage& image) {
+    QPixmap tile(68, 68); // drawn at twice the size for sharp screens
+    tile.fill(Qt::transparent);
+    QPainter p(&tile);
+    p.setRenderHint(QPainter::Antialiasing);
+    p.setRenderHint(QPainter::SmoothPixmapTransform);
+    QPainterPath clip;
+    clip.addRoundedRect(QRectF(0, 0, 68, 68), 10, 10);
+    p.setClipPath(clip);
+    p.fillRect(QRectF(0, 0, 68, 68), QColor(128, 128, 128, 40));
+    if (!image.isNull()) {
+        const QImage small = image.scaled(68, 68, Qt::KeepAspectRatio, Qt::SmoothTransformation);
+        p.drawImage(QPointF((68 - small.width()) / 2.0, (68 - small.height()) / 2.0), small);
+    }
+    p.end();
+    return QIcon(tile);
+}
+
+} // namespace
+
+QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
+    : QWidget(parent), m_model(model), m_count(captionLabel(QString())), m_list(new QListWidget(this)),
+      m_remove(new QToolButton(this)) {
+    setFixedWidth(208);
+    auto* column = new QVBoxLayout(this);
+    column->setContentsMargins(0, 0, 0, 0);
+    column->setSpacing(0);
+
+    auto* head = new QWidget(this);
+    head->setFixedHeight(44);
+    auto* headRow = new QHBoxLayout(head);
+    headRow->setContentsMargins(12, 0, 12, 0);
+    auto* title = new QLabel(tr("Queue"), head);
+    QFont bold = title->font();
+    bold.setBold(true);
+    title->setFont(bold);
+    headRow->addWidget(title);
+    headRow->addStretch();
+    headRow->addWidget(m_count);
+    column->addWidget(head);
+    column->addWidget(divider(Qt::Horizontal, this));
+
+    m_list->setIconSize(QSize(34, 34));
+    m_list->setFrameShape(QFrame::NoFrame);
+    m_list->setTextElideMode(Qt::ElideMiddle);
+    m_list->setUniformItemSizes(true);
+    column->addWidget(m_list, 1);
+    column->addWidget(divider(Qt::Horizontal, this));
+
+    auto* foot = new QWidget(this);
+    auto* footRow = new QHBoxLayout(foot);
+    footRow->setContentsMargins(12, 8, 12, 8);
+    footRow->setSpacing(8);
+    auto* add = new QToolButton(foot);
+    add->setText(tr("Add"));
+    add->setIcon(symbol(QStringLiteral("plus")));
+    add->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
+    add->setAutoRaise(true);
+    connect(add, &QToolButton::clicked, model, &CropModel::openPanel);
+    m_remove->setIcon(symbol(QStringLiteral("trash")));
+    m_remove->setToolTip(tr("Remove the selected image (⌫)"));
+    m_remove->setAutoRaise(true);
+    m_remove->setAccessibleName(tr("Remove"));
+    connect(m_remove, &QToolButton::clicked, this, [this] {
+        if (m_model && m_model->activeID()) m_model->remove(*m_model->activeID());
+    });
+    footRow->addWidget(add);
+    footRow->addStretch();
+    footRow->addWidget(m_remove);
+    column->addWidget(foot);
+
+    // Selecting a row selects the item; a selection of nothing is ignored.
+    connect(m_list, &QListWidget::currentItemChanged, this, [this](QListWidgetItem* current) {
+        if (m_syncing || !current || !m_model) return;
+        m_model->select(QUuid::fromString(current->data(Qt::UserRole).toString()));
+    });
+    connect(model, &CropModel::changed, this, [this](CropModel::Field f) {
+        if (f == CropModel::Field::items) rebuild();
+        else if (f == CropModel::Field::activeID) syncSelection();
+    });
+    rebuild();
+}
+
+QString QueueDrawer::countText() const {
+    if (!m_model) return QString();
+    qint64 saved = 0;
+    for (const auto& item : m_model->items()) saved += item.saved;
+    return QStringLiteral("%1/%2").arg(saved).arg(qint64(m_model->items().size()));
+}
+
+void QueueDrawer::rebuild() {
+    if (!m_model) return;
+    m_syncing = true;
+    m_list->clear();
+    for (const auto& item : m_model->items()) {
+        auto* row = new QListWidgetItem(thumbnail(item.buffer.cgImage()), QFileInfo(item.url).fileName(), m_list);
+        row->setData(Qt::UserRole, item.id.toString());
+        if (item.saved) row->setData(Qt::DecorationRole + 100, true);
+        row->setToolTip(item.url);
+        if (item.saved) row->setText(row->text() + QStringLiteral("  ✓"));
+    }
+    m_count->setText(countText());
+    m_syncing = false;
+    syncSelection();
+}
+
+void QueueDrawer::syncSelection() {
+    if (!m_model) return;
+    m_syncing = true;
+    m_remove->setEnabled(m_model->activeID().has_value());
+    for (int i = 0; i < m_list->count(); ++i) {
+        QListWidgetItem* row = m_list->item(i);
+        if (m_model->activeID() && row->data(Qt::UserRole).toString() == m_model->activeID()->toString()) {
+            m_list->setCurrentItem(row);
+            m_list->scrollToItem(row, QAbstractItemView::EnsureVisible); // a visible row doesn't move
+        }
+    }
+    m_syncing = false;
+}
+
+} // namespace cutlark

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "model/CropModel.h"
+
+#include <QPointer>
+#include <QWidget>
+
+class QLabel;
+class QListWidget;
+class QToolButton;
+
+namespace cutlark {
+
+/// The queue column: every opened image with its thumbnail and saved mark, the saved count, and Add
+/// and Remove. Its selection is the model's active item itself.
+class QueueDrawer : public QWidget {
+    Q_OBJECT
+
+public:
+    explicit QueueDrawer(CropModel* model, QWidget* parent = nullptr);
+
+    /// "saved/total", as the head shows it.
+    QString countText() const;
+    QListWidget* list() const { return m_list; }
+
+private:
+    void rebuild();
+    void syncSelection();
+
+    QPointer<CropModel> m_model;
+    QLabel* m_count;
+    QListWidget* m_list;
+    QToolButton* m_remove;
+    bool m_syncing = false;
+};
+
+} // namespace cutlark

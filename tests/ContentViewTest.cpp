@@ -1,0 +1,193 @@
+#include "TestImages.h"
+
+#include "ui/ContentView.h"
+#include "ui/ImagePreview.h"
+#include "ui/MainWindow.h"
+#include "ui/QueueDrawer.h"
+#include "ui/SettingsSidebar.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QListWidget>
+#include <QMimeData>
+#include <QPushButton>
+#include <QStackedWidget>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+using namespace cutlark;
+using namespace cutlark::test;
+
+namespace {
+
+class WindowTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        window.resize(720, 540);
+        window.show();
+        QApplication::setActiveWindow(&window);
+        view = window.content();
+        model = &view->model();
+        model->setPanels(&panels);
+    }
+    QStringList images(int n) {
+        QStringList paths;
+        for (int i = 0; i < n; ++i) paths << savePng(m_dir, QStringLiteral("img%1.png").arg(i + 1), coordinates(60 + i, 40));
+        return paths;
+    }
+    bool visible(QWidget* w) const { return w && w->isVisibleTo(&window); }
+
+    QTemporaryDir m_dir;
+    ScriptedPanels panels;
+    MainWindow window;
+    ContentView* view = nullptr;
+    CropModel* model = nullptr;
+};
+
+} // namespace
+
+TEST_F(WindowTest, RegionsFollowTheQueue) {
+    // Empty: the drop zone, no queue column, no header; buttons present and disabled.
+    EXPECT_FALSE(visible(view->queueDrawer()));
+    EXPECT_EQ(view->findChild<QStackedWidget*>()->currentIndex(), 0);
+    EXPECT_TRUE(view->nameText().isEmpty());
+    EXPECT_TRUE(visible(view->sidebar()->primaryButton()));
+    EXPECT_FALSE(view->sidebar()->primaryButton()->isEnabled());
+    EXPECT_EQ(view->sidebar()->primaryButton()->text(), QStringLiteral("Save Over Original"));
+
+    model->open(images(1));
+    EXPECT_FALSE(visible(view->queueDrawer())) << "one image: no queue column";
+    EXPECT_EQ(view->findChild<QStackedWidget*>()->currentIndex(), 1);
+    EXPECT_EQ(view->nameText(), QStringLiteral("img1.png"));
+    EXPECT_EQ(view->dimsText(), QStringLiteral("60×40 → 60×40"));
+    EXPECT_TRUE(view->sidebar()->primaryButton()->isEnabled());
+
+    model->open(images(2));
+    EXPECT_TRUE(visible(view->queueDrawer()));
+    EXPECT_EQ(view->queueDrawer()->countText(), QStringLiteral("0/3"));
+    EXPECT_EQ(view->queueDrawer()->list()->count(), 3);
+
+    // Removing down to one takes the drawer away again.
+    model->remove(model->items()[0].id);
+    model->remove(model->items()[0].id);
+    EXPECT_FALSE(visible(view->queueDrawer()));
+}
+
+TEST_F(WindowTest, StatusRowFirstMatchWins) {
+    model->open(images(2));
+    EXPECT_EQ(SettingsSidebar::statusText(*model), QString());
+    bool warning = false;
+    model->open({m_dir.filePath(QStringLiteral("missing.png"))});
+    EXPECT_EQ(SettingsSidebar::statusText(*model, &warning), QStringLiteral("1 file couldn’t be opened."));
+    EXPECT_TRUE(warning);
+    model->select(model->items()[1].id);
+    model->saveOverOriginal();
+    EXPECT_EQ(SettingsSidebar::statusText(*model), QStringLiteral("Saved img2.png — next image ready."));
+    model->saveOverOriginal();
+    EXPECT_EQ(SettingsSidebar::statusText(*model), QStringLiteral("All 2 images saved.")) << "before the saved lines";
+    model->open({m_dir.filePath(QStringLiteral("missing.png"))});
+    EXPECT_EQ(SettingsSidebar::statusText(*model), QStringLiteral("1 file couldn’t be opened.")) << "an error comes first";
+    model->select(model->items()[1].id); // switching clears the error
+    EXPECT_EQ(SettingsSidebar::statusText(*model), QStringLiteral("All 2 images saved."));
+
+    CropModel single;
+    single.open({images(1).first()});
+    single.saveOverOriginal();
+    EXPECT_EQ(SettingsSidebar::statusText(single), QStringLiteral("All 1 images saved."));
+}
+
+TEST_F(WindowTest, CtrlSFollowsTheVectorizeSwitch) {
+    model->open(images(1));
+    QTest::keyClick(&window, Qt::Key_S, Qt::ControlModifier);
+    EXPECT_EQ(model->saveConfirmation(), QStringLiteral("img1.png")) << "Ctrl+S saved over the original";
+    model->setVectorizeEnabled(true);
+    EXPECT_EQ(view->sidebar()->primaryButton()->text(), QStringLiteral("Export SVG"));
+    EXPECT_FALSE(view->sidebar()->primaryButton()->isEnabled()) << "nothing traced yet";
+
+}
+
+TEST_F(WindowTest, DeleteRemovesTheActiveImageFromAnywhere) {
+    model->open(images(3));
+    const QUuid first = *model->activeID();
+    QTest::keyClick(&window, Qt::Key_Delete);
+    EXPECT_EQ(model->items().size(), 2u);
+    EXPECT_NE(model->activeID(), first);
+}
+
+TEST_F(WindowTest, TheDrawerSelectionIsTheActiveItem) {
+    model->open(images(3));
+    QListWidget* list = view->queueDrawer()->list();
+    EXPECT_EQ(list->currentRow(), 0);
+    list->setCurrentRow(2);
+    EXPECT_EQ(model->activeID(), model->items()[2].id);
+    model->select(model->items()[1].id);
+    EXPECT_EQ(list->currentRow(), 1);
+    model->select(model->items()[0].id);
+    model->saveOverOriginal();
+    EXPECT_EQ(view->queueDrawer()->countText(), QStringLiteral("1/3"));
+    EXPECT_EQ(list->currentRow(), 1) << "the next unsaved image comes into the list's selection";
+}
+
+TEST_F(WindowTest, HeaderGoesToTwoLinesWhenNarrow) {
+    model->open(images(2));
+    window.resize(1400, 540);
+    QApplication::processEvents();
+    EXPECT_TRUE(view->headerIsOneRow());
+    window.resize(660, 540);
+    QApplication::processEvents();
+    EXPECT_FALSE(view->headerIsOneRow());
+}
+
+TEST_F(WindowTest, PreviewFitsAndRevealsOnlyOnAnotherImage) {
+    EXPECT_EQ(ImagePreview::fittedRect(100, 50, QSizeF(200, 200)), QRectF(0, 50, 200, 100));
+    EXPECT_EQ(ImagePreview::fittedRect(1, 1, QSizeF(300, 100)), QRectF(100, 0, 100, 100)) << "enlarged";
+    EXPECT_EQ(ImagePreview::fittedRect(100, 50, QSizeF(0, 200)), QRectF());
+    EXPECT_EQ(ImagePreview::fittedRect(0, 50, QSizeF(10, 200)), QRectF());
+
+    model->open(images(2));
+    const QString key = model->revealKey();
+    EXPECT_TRUE(key.endsWith(QStringLiteral("#60x40")));
+    model->setThreshold(10);
+    model->setQuarterTurns(1);
+    EXPECT_EQ(model->revealKey(), key) << "no setting changes it";
+    model->select(model->items()[1].id);
+    EXPECT_NE(model->revealKey(), key);
+    EXPECT_FALSE(view->preview()->revealed()) << "the new picture starts out small and clear";
+    QTest::qWait(700);
+    EXPECT_TRUE(view->preview()->revealed());
+    EXPECT_NEAR(view->preview()->revealProgress(), 1.0, 1e-6);
+}
+
+TEST_F(WindowTest, DropsOfFilesAndOfImageData) {
+    const QStringList paths = images(2);
+    QMimeData files;
+    files.setUrls({QUrl::fromLocalFile(paths[0]), QUrl::fromLocalFile(paths[1])});
+    QDragEnterEvent enter(QPoint(10, 10), Qt::CopyAction, &files, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(view, &enter);
+    EXPECT_TRUE(view->isTargeted());
+    QDropEvent drop(QPointF(10, 10), Qt::CopyAction, &files, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(view, &drop);
+    EXPECT_FALSE(view->isTargeted());
+    EXPECT_EQ(model->items().size(), 2u);
+
+    QMimeData picture;
+    picture.setImageData(coordinates(30, 20));
+    QDragEnterEvent enterAgain(QPoint(10, 10), Qt::CopyAction, &picture, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(view, &enterAgain); // every drop comes after its drag enters
+    QDropEvent imageDrop(QPointF(10, 10), Qt::CopyAction, &picture, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(view, &imageDrop);
+    ASSERT_EQ(model->items().size(), 3u) << model->errorMessage().value_or(QString()).toStdString()
+                                          << " image " << picture.hasImage();
+    EXPECT_TRUE(model->items().back().url.contains(QStringLiteral("/CutlarkDrops/")));
+    EXPECT_EQ(model->items().back().buffer.width(), 30);
+
+    QMimeData nothing;
+    nothing.setText(QStringLiteral("hello"));
+    QDragEnterEvent enterText(QPoint(10, 10), Qt::CopyAction, &nothing, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(view, &enterText);
+    EXPECT_TRUE(view->isTargeted()) << "any drag lights the target up";
+    QDropEvent textDrop(QPointF(10, 10), Qt::CopyAction, &nothing, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(view, &textDrop);
+    EXPECT_EQ(model->items().size(), 3u);
+}
