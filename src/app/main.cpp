@@ -1,68 +1,36 @@
+#include "app/SingleInstance.h"
 #include "engines/VisionEngine.h"
 #include "ui/ContentView.h"
 #include "ui/MainWindow.h"
 
 #include <QApplication>
-#include <QDataStream>
 #include <QFileInfo>
 #include <QIcon>
-#include <QLocalServer>
-#include <QLocalSocket>
 #include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
-
-#include <unistd.h>
-
-namespace {
-
-QString socketName() { return QStringLiteral("cutlark-%1").arg(getuid()); }
-
-// A running window takes the files; this process then has nothing more to do.
-bool handOver(const QStringList& files) {
-    QLocalSocket socket;
-    socket.connectToServer(socketName());
-    if (!socket.waitForConnected(500)) return false;
-    QByteArray payload;
-    QDataStream out(&payload, QIODevice::WriteOnly);
-    out << files;
-    socket.write(payload);
-    socket.flush();
-    socket.waitForBytesWritten(2000);
-    socket.disconnectFromServer();
-    return true;
-}
-
-} // namespace
 
 int main(int argc, char** argv) {
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Cutlark"));
     QApplication::setDesktopFileName(QStringLiteral("cutlark"));
     QIcon::setFallbackThemeName(QStringLiteral("breeze"));
+    QApplication::setWindowIcon(QIcon::fromTheme(QStringLiteral("cutlark")));
 
     QStringList files;
     for (const QString& arg : QApplication::arguments().mid(1)) files << QFileInfo(arg).absoluteFilePath();
-    if (handOver(files)) return 0;
+
+    // A running window takes the files; this process then has nothing more to do.
+    cutlark::SingleInstance instance;
+    if (instance.handOver(files)) return 0;
+    instance.listen();
 
     cutlark::MainWindow window;
     window.show();
     cutlark::CropModel& model = window.content()->model();
-
-    QLocalServer server;
-    QLocalServer::removeServer(socketName());
-    server.listen(socketName());
-    QObject::connect(&server, &QLocalServer::newConnection, &window, [&] {
-        while (QLocalSocket* socket = server.nextPendingConnection()) {
-            QObject::connect(socket, &QLocalSocket::disconnected, socket, [socket, &model, &window] {
-                QDataStream in(socket->readAll());
-                QStringList handed;
-                in >> handed;
-                if (!handed.isEmpty()) model.open(handed);
-                window.raise();
-                window.activateWindow();
-                socket->deleteLater();
-            });
-        }
+    QObject::connect(&instance, &cutlark::SingleInstance::filesReceived, &window, [&](const QStringList& handed) {
+        if (!handed.isEmpty()) model.open(handed);
+        window.raise();
+        window.activateWindow();
     });
 
     // The subject network loads in the background, so the first cutout doesn't wait for it.

@@ -24,10 +24,10 @@ MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent), m_content(new Con
     file->addAction(tr("Quit"), QKeySequence::Quit, qApp, &QApplication::quit);
     QMenu* help = menuBar()->addMenu(tr("&Help"));
     help->addAction(tr("Cutlark Help"), this, [] {
-        // The guide installed with the application, or the README beside a build.
+        // The guide installed with the application, or the one of the source tree beside a build.
         const QString bin = QCoreApplication::applicationDirPath();
-        for (const QString& candidate : {bin + QStringLiteral("/../share/doc/cutlark/README.md"),
-                                         bin + QStringLiteral("/../README.md")}) {
+        for (const QString& candidate : {bin + QStringLiteral("/../share/doc/cutlark/guide.html"),
+                                         bin + QStringLiteral("/../docs/guide.html")}) {
             if (QFileInfo::exists(candidate)) {
                 QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo(candidate).absoluteFilePath()));
                 return;
