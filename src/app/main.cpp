@@ -2,6 +2,7 @@
 #include "engines/VisionEngine.h"
 #include "ui/ContentView.h"
 #include "ui/MainWindow.h"
+#include "ui/Widgets.h"
 
 #include <QApplication>
 #include <QFileInfo>
@@ -13,7 +14,7 @@ int main(int argc, char** argv) {
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Cutlark"));
     QApplication::setDesktopFileName(QStringLiteral("cutlark"));
-    QIcon::setFallbackThemeName(QStringLiteral("breeze"));
+    cutlark::setUpIcons();
     QApplication::setWindowIcon(QIcon::fromTheme(QStringLiteral("cutlark")));
 
     QStringList files;

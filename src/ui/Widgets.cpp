@@ -1,5 +1,6 @@
 #include "ui/Widgets.h"
 
+#include <QDir>
 #include <QFrame>
 #include <QHBoxLayout>
 #include <QHash>
@@ -31,6 +32,17 @@ void ToggleSwitch::paintEvent(QPaintEvent*) {
         p.setPen(QPen(on, 1.5));
         p.drawRoundedRect(track.adjusted(-1, -1, 1, 1), track.height() / 2 + 1, track.height() / 2 + 1);
     }
+}
+
+void setUpIcons() {
+    QStringList paths = QIcon::themeSearchPaths();
+    for (const QString& dir : {QDir::homePath() + QStringLiteral("/.local/share/icons"), QStringLiteral("/usr/local/share/icons"),
+                               QStringLiteral("/usr/share/icons")})
+        if (!paths.contains(dir) && QDir(dir).exists()) paths << dir;
+    QIcon::setThemeSearchPaths(paths);
+    QIcon::setFallbackThemeName(QStringLiteral("breeze"));
+    if (QIcon::themeName().isEmpty() || QIcon::themeName() == QLatin1String("hicolor"))
+        QIcon::setThemeName(QStringLiteral("breeze"));
 }
 
 QIcon symbol(const QString& name) {

@@ -1,0 +1,133 @@
+// Drives the window offscreen through a few states and writes a PNG of each, for the README.
+#include "ui/ContentView.h"
+#include "ui/MainWindow.h"
+#include "ui/Widgets.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QIcon>
+#include <QPainter>
+#include <QPainterPath>
+#include <QTemporaryDir>
+
+#include <cstdio>
+
+using namespace cutlark;
+
+namespace {
+
+void settle(CropModel& model, int ms = 400) {
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < ms || model.isVectorizing() || model.isDetectingSubject()) {
+        QApplication::processEvents(QEventLoop::AllEvents, 20);
+        if (timer.elapsed() > 60000) break;
+    }
+}
+
+QImage logo() {
+    QImage image(900, 640, QImage::Format_RGB32);
+    image.fill(Qt::white);
+    QPainter p(&image);
+    p.setRenderHint(QPainter::Antialiasing);
+    p.setPen(Qt::NoPen);
+    p.setBrush(QColor(232, 92, 60));
+    p.drawEllipse(QPointF(330, 330), 150, 150);
+    p.setBrush(QColor(38, 99, 199));
+    p.drawRoundedRect(QRectF(420, 230, 200, 200), 40, 40);
+    p.setBrush(Qt::white);
+    p.drawEllipse(QPointF(330, 330), 60, 60);
+    p.setPen(QPen(QColor(30, 30, 30), 18, Qt::SolidLine, Qt::RoundCap));
+    p.drawLine(QPointF(250, 520), QPointF(600, 520));
+    return image;
+}
+
+QImage subject(const QColor& colour) {
+    QImage image(700, 520, QImage::Format_ARGB32_Premultiplied);
+    image.fill(Qt::transparent);
+    QPainter p(&image);
+    p.setRenderHint(QPainter::Antialiasing);
+    QPainterPath body;
+    body.setFillRule(Qt::WindingFill);
+    body.addEllipse(QRectF(160, 130, 300, 240));
+    body.addEllipse(QRectF(400, 90, 150, 150));
+    p.fillPath(body.simplified(), colour);
+    p.setBrush(QColor(250, 190, 40));
+    p.setPen(Qt::NoPen);
+    p.drawPolygon(QPolygonF({QPointF(540, 160), QPointF(610, 175), QPointF(540, 195)}));
+    p.setBrush(QColor(20, 20, 20));
+    p.drawEllipse(QPointF(495, 150), 11, 11);
+    return image;
+}
+
+bool shoot(QWidget& window, const QString& path) {
+    QApplication::processEvents();
+    const bool ok = window.grab().save(path);
+    std::printf("%s %s\n", ok ? "wrote" : "couldn't write", qPrintable(path));
+    return ok;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication app(argc, argv);
+    cutlark::setUpIcons();
+    const QString out = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral("docs/screenshots");
+    QDir().mkpath(out);
+    QTemporaryDir dir;
+    const QString logoPath = dir.filePath(QStringLiteral("logo.png"));
+    logo().save(logoPath);
+    QStringList birds;
+    const QColor colours[] = {QColor(70, 160, 90), QColor(120, 80, 190), QColor(230, 130, 40)};
+    for (int i = 0; i < 3; ++i) {
+        birds << dir.filePath(QStringLiteral("bird-%1.png").arg(i + 1));
+        subject(colours[i]).save(birds.last());
+    }
+
+    bool ok = true;
+    {
+        MainWindow window;
+        window.resize(900, 640);
+        window.show();
+        ok &= shoot(window, out + QStringLiteral("/01-empty.png"));
+    }
+    {
+        MainWindow window;
+        window.resize(900, 640);
+        window.show();
+        CropModel& model = window.content()->model();
+        model.open({logoPath});
+        model.setTrimEnabled(true);
+        model.setKeyWhiteEnabled(true);
+        model.setBgRemovalMode(BGRemovalMode::white);
+        settle(model);
+        ok &= shoot(window, out + QStringLiteral("/02-trim-and-key.png"));
+    }
+    {
+        MainWindow window;
+        window.resize(900, 900);
+        window.show();
+        CropModel& model = window.content()->model();
+        model.open(birds);
+        model.setStickerEnabled(true);
+        model.setBackgroundEnabled(true);
+        model.setBackgroundKind(BackgroundKind::gradient);
+        model.setPaddingEnabled(true);
+        settle(model);
+        ok &= shoot(window, out + QStringLiteral("/03-queue-sticker-gradient.png"));
+    }
+    {
+        MainWindow window;
+        window.resize(900, 900);
+        window.show();
+        CropModel& model = window.content()->model();
+        model.open({logoPath});
+        model.setVectorizeEnabled(true);
+        model.setVectorFullColor(true);
+        settle(model, 800);
+        ok &= shoot(window, out + QStringLiteral("/04-vectorize.png"));
+    }
+    return ok ? 0 : 1;
+}
