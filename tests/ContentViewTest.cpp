@@ -1,6 +1,7 @@
 #include "TestImages.h"
 
 #include "ui/ContentView.h"
+#include "ui/FileOpenInbox.h"
 #include "ui/ImagePreview.h"
 #include "ui/MainWindow.h"
 #include "ui/QueueDrawer.h"
@@ -71,6 +72,8 @@ TEST_F(WindowTest, RegionsFollowTheQueue) {
     // Removing down to one takes the drawer away again.
     model->remove(model->items()[0].id);
     model->remove(model->items()[0].id);
+    EXPECT_TRUE(visible(view->queueDrawer())) << "it slides out over 0.18 s";
+    QTest::qWait(400);
     EXPECT_FALSE(visible(view->queueDrawer()));
 }
 
@@ -132,10 +135,10 @@ TEST_F(WindowTest, TheDrawerSelectionIsTheActiveItem) {
 TEST_F(WindowTest, HeaderGoesToTwoLinesWhenNarrow) {
     model->open(images(2));
     window.resize(1400, 540);
-    QApplication::processEvents();
+    QTest::qWait(400); // the queue column slides in first
     EXPECT_TRUE(view->headerIsOneRow());
     window.resize(660, 540);
-    QApplication::processEvents();
+    QTest::qWait(50);
     EXPECT_FALSE(view->headerIsOneRow());
 }
 
@@ -190,4 +193,54 @@ TEST_F(WindowTest, DropsOfFilesAndOfImageData) {
     QDropEvent textDrop(QPointF(10, 10), Qt::CopyAction, &nothing, Qt::LeftButton, Qt::NoModifier);
     QApplication::sendEvent(view, &textDrop);
     EXPECT_EQ(model->items().size(), 3u);
+}
+
+TEST(Inbox, FilesWaitForTheWindowAndLaterOnesOpenAtOnce) {
+    QTemporaryDir dir;
+    const QString a = savePng(dir, QStringLiteral("a.png"), coordinates(10, 10));
+    const QString b = savePng(dir, QStringLiteral("b.png"), coordinates(10, 10));
+    const QString c = savePng(dir, QStringLiteral("c.png"), coordinates(10, 10));
+    FileOpenInbox::instance().deliver({c});
+    FileOpenInbox::instance().deliver({b, a}); // replaces the first delivery
+    MainWindow window;
+    EXPECT_TRUE(window.content()->model().items().empty()) << "nothing before the window appears";
+    window.show();
+    ASSERT_EQ(window.content()->model().items().size(), 2u);
+    EXPECT_TRUE(window.content()->model().items()[0].url.endsWith(QStringLiteral("a.png"))) << "in name order";
+    EXPECT_TRUE(FileOpenInbox::instance().pending().isEmpty());
+
+    FileOpenInbox::instance().deliver({c});
+    EXPECT_EQ(window.content()->model().items().size(), 3u);
+    EXPECT_TRUE(FileOpenInbox::instance().pending().isEmpty());
+
+    window.content()->model().open({dir.filePath(QStringLiteral("missing.png"))});
+    FileOpenInbox::instance().deliver({});
+    EXPECT_TRUE(window.content()->model().errorMessage()) << "an empty delivery opens nothing, the texts stay";
+}
+
+TEST_F(WindowTest, SectionsFollowTheirSwitchesAndModes) {
+    model->open(images(1));
+    // Vectorize off: save buttons; on: the export pair, and the status line says it is tracing.
+    model->setVectorizeEnabled(true);
+    EXPECT_EQ(view->sidebar()->secondaryButton()->text(), QStringLiteral("Copy SVG"));
+    EXPECT_TRUE(model->isVectorizing());
+    model->setVectorizeEnabled(false);
+    EXPECT_EQ(view->sidebar()->secondaryButton()->text(), QStringLiteral("Save as New…"));
+
+    // The collage callout comes with two pictures on one sheet.
+    QImage sheet = solid(200, 100, Qt::white);
+    for (int y = 10; y < 90; ++y)
+        for (int x = 10; x < 90; ++x) sheet.setPixelColor(x, y, Qt::black), sheet.setPixelColor(x + 100, y, Qt::black);
+    model->open({savePng(m_dir, QStringLiteral("pair.png"), sheet)});
+    QTest::qWait(300);
+    QWidget* callout = view->findChild<QWidget*>(QStringLiteral("collageCallout"));
+    ASSERT_NE(callout, nullptr);
+    EXPECT_TRUE(visible(callout));
+    QPushButton* split = nullptr;
+    for (QPushButton* b : callout->findChildren<QPushButton*>()) split = b;
+    ASSERT_NE(split, nullptr);
+    EXPECT_EQ(split->text(), QStringLiteral("Split into 2 files"));
+    model->select(model->items()[0].id);
+    QTest::qWait(300);
+    EXPECT_FALSE(visible(callout));
 }

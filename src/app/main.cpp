@@ -1,6 +1,7 @@
 #include "app/SingleInstance.h"
 #include "engines/VisionEngine.h"
 #include "ui/ContentView.h"
+#include "ui/FileOpenInbox.h"
 #include "ui/MainWindow.h"
 #include "ui/Widgets.h"
 
@@ -25,17 +26,17 @@ int main(int argc, char** argv) {
     if (instance.handOver(files)) return 0;
     instance.listen();
 
+    // The command line's files wait in the inbox; the window takes them when it appears.
+    if (!files.isEmpty()) cutlark::FileOpenInbox::instance().deliver(files);
     cutlark::MainWindow window;
     window.show();
-    cutlark::CropModel& model = window.content()->model();
     QObject::connect(&instance, &cutlark::SingleInstance::filesReceived, &window, [&](const QStringList& handed) {
-        if (!handed.isEmpty()) model.open(handed);
+        if (!handed.isEmpty()) cutlark::FileOpenInbox::instance().deliver(handed);
         window.raise();
         window.activateWindow();
     });
 
     // The subject network loads in the background, so the first cutout doesn't wait for it.
     (void)QtConcurrent::run(QThreadPool::globalInstance(), [] { cutlark::VisionEngine::preload(); });
-    if (!files.isEmpty()) model.open(files);
     return app.exec();
 }

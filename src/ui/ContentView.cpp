@@ -1,8 +1,10 @@
 #include "ui/ContentView.h"
 
+#include "ui/FileOpenInbox.h"
 #include "ui/ImagePreview.h"
 #include "ui/QueueDrawer.h"
 #include "ui/SettingsSidebar.h"
+#include "ui/Transition.h"
 #include "ui/Widgets.h"
 
 #include <QDir>
@@ -189,7 +191,20 @@ ContentView::ContentView(QWidget* parent)
     connect(backspace, &QShortcut::activated, remove, &QShortcut::activated);
 
     connect(&m_model, &CropModel::changed, this, [this](CropModel::Field) { refresh(); });
+    connect(&FileOpenInbox::instance(), &FileOpenInbox::didReceive, this, [this] {
+        if (isVisible()) drainInbox();
+    });
     refresh();
+}
+
+void ContentView::showEvent(QShowEvent* event) {
+    QWidget::showEvent(event);
+    drainInbox(); // files delivered before the window existed wait in the inbox
+}
+
+void ContentView::drainInbox() {
+    const QStringList files = FileOpenInbox::instance().take();
+    if (!files.isEmpty()) m_model.open(files);
 }
 
 QString ContentView::nameText() const {
@@ -206,10 +221,10 @@ QString ContentView::dimsText() const {
 
 void ContentView::refresh() {
     const bool several = m_model.items().size() >= 2;
-    m_queue->setVisible(several);
+    setShown(m_queue, several, 180, Qt::Horizontal);
     m_queueDivider->setVisible(several);
     const auto* item = m_model.active();
-    m_header->setVisible(item != nullptr);
+    setShown(m_header, item != nullptr, 180, Qt::Vertical);
     m_region->setCurrentIndex(item ? 1 : 0);
     if (item) {
         m_name->setText(nameText());

@@ -42,8 +42,10 @@ protected:
     void dropEvent(QDropEvent* event) override;
     void paintEvent(QPaintEvent* event) override;
     void resizeEvent(QResizeEvent* event) override;
+    void showEvent(QShowEvent* event) override;
 
 private:
+    void drainInbox();
     void arrangeHeader();
     void refresh();
     void setTargeted(bool on);

@@ -1,6 +1,7 @@
 #include "ui/MainWindow.h"
 
 #include "ui/ContentView.h"
+#include "ui/FileOpenInbox.h"
 
 #include <QAction>
 #include <QApplication>
@@ -12,14 +13,17 @@
 
 namespace cutlark {
 
-MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent), m_content(new ContentView(this)) {
+MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent), m_content(new ContentView(this)), m_panels(this) {
     setWindowTitle(tr("Cutlark"));
     setCentralWidget(m_content);
     resize(720, 540);
     CropModel* model = &m_content->model();
 
     QMenu* file = menuBar()->addMenu(tr("&File"));
-    file->addAction(tr("Open…"), QKeySequence::Open, model, &CropModel::openPanel);
+    // The menu has no model at hand in the platform's design; the files go by way of the inbox.
+    file->addAction(tr("Open…"), QKeySequence::Open, this, [this] {
+        if (auto chosen = m_panels.openImages(true)) FileOpenInbox::instance().deliver(*chosen);
+    });
     file->addSeparator();
     file->addAction(tr("Quit"), QKeySequence::Quit, qApp, &QApplication::quit);
     QMenu* help = menuBar()->addMenu(tr("&Help"));

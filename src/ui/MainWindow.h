@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ui/QtPanels.h"
+
 #include <QMainWindow>
 
 namespace cutlark {
@@ -16,6 +18,7 @@ public:
 
 private:
     ContentView* m_content;
+    QtPanels m_panels;
 };
 
 } // namespace cutlark

@@ -39,7 +39,9 @@ QIcon thumbnail(const QImage& image) {
 QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
     : QWidget(parent), m_model(model), m_count(captionLabel(QString())), m_list(new QListWidget(this)),
       m_remove(new QToolButton(this)) {
-    setFixedWidth(208);
+    setMinimumWidth(0);
+    setMaximumWidth(208);
+    setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Preferred);
     auto* column = new QVBoxLayout(this);
     column->setContentsMargins(0, 0, 0, 0);
     column->setSpacing(0);

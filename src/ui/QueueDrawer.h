@@ -21,6 +21,7 @@ public:
 
     /// "saved/total", as the head shows it.
     QString countText() const;
+    QSize sizeHint() const override { return QSize(208, QWidget::sizeHint().height()); }
     QListWidget* list() const { return m_list; }
 
 private:

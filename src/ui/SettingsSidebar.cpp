@@ -1,5 +1,6 @@
 #include "ui/SettingsSidebar.h"
 
+#include "ui/Transition.h"
 #include "ui/Widgets.h"
 
 #include <QButtonGroup>
@@ -10,6 +11,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QLocale>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QScrollArea>
 #include <QSignalBlocker>
@@ -26,6 +28,15 @@ namespace {
 constexpr int kSliderSteps = 10000; // fine enough to pass every intermediate value along
 
 QString rounded(double v) { return QString::number(qint64(std::round(v))); }
+
+// A small indeterminate progress indicator.
+QWidget* busyIndicator(QWidget* parent) {
+    auto* bar = new QProgressBar(parent);
+    bar->setRange(0, 0);
+    bar->setTextVisible(false);
+    bar->setFixedSize(28, 8);
+    return bar;
+}
 
 QLabel* tertiarySymbol(const QString& name, QWidget* parent) {
     auto* l = new QLabel(parent);
@@ -70,7 +81,7 @@ void SettingsSidebar::triggerPrimary() {
 }
 
 QWidget* SettingsSidebar::section(const QString& title, const QString& icon, const bool& (CropModel::*get)() const,
-                                  void (CropModel::*set)(const bool&), QWidget* body) {
+                                  void (CropModel::*set)(const bool&), QWidget* body, int transitionMs) {
     auto* box = new QWidget(m_settings);
     auto* column = new QVBoxLayout(box);
     column->setContentsMargins(0, 0, 0, 0);
@@ -89,10 +100,10 @@ QWidget* SettingsSidebar::section(const QString& title, const QString& icon, con
     connect(toggle, &ToggleSwitch::toggled, this, [this, set](bool on) {
         if (!m_refreshing && m_model) (m_model.data()->*set)(on);
     });
-    m_refreshers.push_back([this, toggle, body, get] {
+    m_refreshers.push_back([this, toggle, body, get, transitionMs] {
         const bool on = (m_model.data()->*get)();
         toggle->setChecked(on);
-        body->setVisible(on); // the controls exist only while the switch is on; the values stay
+        setShown(body, on, transitionMs, Qt::Vertical); // the controls go with the switch; the values stay
     });
     return box;
 }
@@ -282,8 +293,11 @@ void SettingsSidebar::build() {
         l->addWidget(detected);
         l->addWidget(split);
         auto* line = divider(Qt::Horizontal, m_settings);
-        showWhile(w, [model] { return model->collageRects().size() >= 2; });
-        showWhile(line, [model] { return model->collageRects().size() >= 2; });
+        m_refreshers.push_back([model, w, line] {
+            const bool collage = model->collageRects().size() >= 2;
+            setShown(w, collage, 200, Qt::Vertical);
+            line->setVisible(collage);
+        });
         rows->addWidget(w);
         rows->addWidget(line);
     }
@@ -296,7 +310,7 @@ void SettingsSidebar::build() {
         m_refreshers.push_back([model, edit] { edit->setEnabled(model->active() != nullptr); });
         l->addWidget(edit);
         rows->addWidget(section(tr("Crop"), QStringLiteral("crop.rotate"), &CropModel::manualCropEnabled,
-                                &CropModel::setManualCropEnabled, body));
+                                &CropModel::setManualCropEnabled, body, 0));
         rows->addWidget(divider(Qt::Horizontal, m_settings));
     }
     // 4. Trim to content.
@@ -305,7 +319,7 @@ void SettingsSidebar::build() {
         l->addWidget(sliderRow(body, QStringLiteral("circle.dashed"), QStringLiteral("circle.dashed.inset.filled"), 0, 100,
                                &CropModel::threshold, &CropModel::setThreshold));
         rows->addWidget(section(tr("Trim to content"), QStringLiteral("crop"), &CropModel::trimEnabled,
-                                &CropModel::setTrimEnabled, body));
+                                &CropModel::setTrimEnabled, body, 150));
         rows->addWidget(divider(Qt::Horizontal, m_settings));
     }
     // 5. Remove background.
@@ -323,18 +337,29 @@ void SettingsSidebar::build() {
                                   &CropModel::keyInternal, &CropModel::setKeyInternal);
         showWhile(threshold, [model] { return model->bgRemovalMode() == BGRemovalMode::white; });
         showWhile(internal, [model] { return model->bgRemovalMode() == BGRemovalMode::white; });
-        auto* status = new QLabel(body);
-        status->setWordWrap(true);
-        m_refreshers.push_back([model, status] {
+        auto* status = new QWidget(body);
+        auto* statusRow = new QHBoxLayout(status);
+        statusRow->setContentsMargins(0, 0, 0, 0);
+        statusRow->setSpacing(6);
+        auto* spinner = busyIndicator(status);
+        auto* warn = tertiarySymbol(QStringLiteral("exclamationmark.triangle"), status);
+        auto* statusText = captionLabel(QString(), status);
+        statusText->setWordWrap(true);
+        statusRow->addWidget(spinner);
+        statusRow->addWidget(warn);
+        statusRow->addWidget(statusText, 1);
+        m_refreshers.push_back([model, status, spinner, warn, statusText] {
             status->setVisible(model->bgRemovalMode() == BGRemovalMode::subject &&
                                (model->isDetectingSubject() || model->subjectNotFound()));
-            status->setText(model->isDetectingSubject() ? tr("Detecting subject…") : tr("No subject found — try White."));
+            spinner->setVisible(model->isDetectingSubject());
+            warn->setVisible(!model->isDetectingSubject());
+            statusText->setText(model->isDetectingSubject() ? tr("Detecting subject…") : tr("No subject found — try White."));
         });
         l->addWidget(threshold);
         l->addWidget(internal);
         l->addWidget(status);
         rows->addWidget(section(tr("Remove background"), QStringLiteral("wand.and.stars"), &CropModel::keyWhiteEnabled,
-                                &CropModel::setKeyWhiteEnabled, body));
+                                &CropModel::setKeyWhiteEnabled, body, 150));
         rows->addWidget(divider(Qt::Horizontal, m_settings));
     }
     // 6. Sticker outline.
@@ -343,7 +368,7 @@ void SettingsSidebar::build() {
         l->addWidget(sliderRow(body, QStringLiteral("pencil.tip"), QStringLiteral("pencil.tip.crop.circle"), 0, 40,
                                &CropModel::strokeWidth, &CropModel::setStrokeWidth));
         rows->addWidget(section(tr("Sticker outline"), QStringLiteral("seal"), &CropModel::stickerEnabled,
-                                &CropModel::setStickerEnabled, body));
+                                &CropModel::setStickerEnabled, body, 150));
         rows->addWidget(divider(Qt::Horizontal, m_settings));
     }
     // 7. Add padding.
@@ -373,7 +398,7 @@ void SettingsSidebar::build() {
         l->addWidget(checkbox(body, tr("Same on all sides"), tr("Pad every side by the same amount, or set each side on its own."),
                               &CropModel::paddingUniform, &CropModel::setPaddingUniform));
         rows->addWidget(section(tr("Add padding"), QStringLiteral("padding"), &CropModel::paddingEnabled,
-                                &CropModel::setPaddingEnabled, body));
+                                &CropModel::setPaddingEnabled, body, 0));
         rows->addWidget(divider(Qt::Horizontal, m_settings));
     }
     // 8. Add background.
@@ -455,7 +480,7 @@ void SettingsSidebar::build() {
         l->addWidget(choose);
         l->addWidget(picture);
         rows->addWidget(section(tr("Add background"), QStringLiteral("square.fill.on.square.fill"),
-                                &CropModel::backgroundEnabled, &CropModel::setBackgroundEnabled, body));
+                                &CropModel::backgroundEnabled, &CropModel::setBackgroundEnabled, body, 0));
         rows->addWidget(divider(Qt::Horizontal, m_settings));
     }
     // 9. Resize.
@@ -493,7 +518,7 @@ void SettingsSidebar::build() {
                                  "transparency where larger and cropped where smaller."),
                               &CropModel::resizeCanvas, &CropModel::setResizeCanvas));
         rows->addWidget(section(tr("Resize"), QStringLiteral("resize"), &CropModel::resizeEnabled,
-                                &CropModel::setResizeEnabled, body));
+                                &CropModel::setResizeEnabled, body, 150));
         rows->addWidget(divider(Qt::Horizontal, m_settings));
     }
     // 10. Vectorize.
@@ -528,16 +553,27 @@ void SettingsSidebar::build() {
                                  &CropModel::vectorStrokeWidth, &CropModel::setVectorStrokeWidth);
         showWhile(stroke, [model] { return !model->vectorFullColor() && model->vectorizeStyle() == VectorizeStyle::outline; });
         l->addWidget(stroke);
-        auto* status = captionLabel(QString(), body);
-        status->setWordWrap(true);
-        m_refreshers.push_back([model, status] {
+        auto* status = new QWidget(body);
+        auto* statusRow = new QHBoxLayout(status);
+        statusRow->setContentsMargins(0, 0, 0, 0);
+        statusRow->setSpacing(6);
+        auto* spinner = busyIndicator(status);
+        auto* warn = tertiarySymbol(QStringLiteral("exclamationmark.triangle"), status);
+        auto* statusText = captionLabel(QString(), status);
+        statusText->setWordWrap(true);
+        statusRow->addWidget(spinner);
+        statusRow->addWidget(warn);
+        statusRow->addWidget(statusText, 1);
+        m_refreshers.push_back([model, status, spinner, warn, statusText] {
             const auto text = model->vectorStatusText();
             status->setVisible(model->vectorizeEnabled() && text.has_value());
-            if (text) status->setText(*text);
+            spinner->setVisible(model->isVectorizing());
+            warn->setVisible(!model->isVectorizing() && model->vectorTooDetailed());
+            if (text) statusText->setText(*text);
         });
         l->addWidget(status);
         rows->addWidget(section(tr("Vectorize"), QStringLiteral("scribble.variable"), &CropModel::vectorizeEnabled,
-                                &CropModel::setVectorizeEnabled, body));
+                                &CropModel::setVectorizeEnabled, body, 150));
     }
 
     // Foot: the status row and the action buttons.

@@ -40,7 +40,7 @@ private:
     void build();
     void refresh();
     QWidget* section(const QString& title, const QString& icon, const bool& (CropModel::*get)() const,
-                     void (CropModel::*set)(const bool&), QWidget* body);
+                     void (CropModel::*set)(const bool&), QWidget* body, int transitionMs);
 
     QPointer<CropModel> m_model;
     QCheckBox* m_sync = nullptr;
