@@ -13,15 +13,6 @@ namespace {
 
 CropEngine::Buffer bufferOf(const QImage& image) { return *CropEngine::Buffer::make(image); }
 
-// Stores premultiplied bytes as given.
-void put(QImage& image, int x, int y, uchar r, uchar g, uchar b, uchar a) {
-    uchar* p = image.scanLine(y) + 4 * x;
-    p[0] = r;
-    p[1] = g;
-    p[2] = b;
-    p[3] = a;
-}
-
 QImage transparent(int w, int h) { return solid(w, h, QColor(0, 0, 0, 0)); }
 
 // The definition, pixel by pixel, as the oracle for the optimised scan.

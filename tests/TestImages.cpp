@@ -27,6 +27,14 @@ QImage coordinates(int w, int h) {
     return image;
 }
 
+void put(QImage& image, int x, int y, uchar r, uchar g, uchar b, uchar a) {
+    uchar* p = image.scanLine(y) + 4 * x;
+    p[0] = r;
+    p[1] = g;
+    p[2] = b;
+    p[3] = a;
+}
+
 bool writeImage(const QImage& image, const QString& path, const char* format, int quality) {
     QImageWriter writer(path, format);
     if (quality >= 0) writer.setQuality(quality);

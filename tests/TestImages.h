@@ -21,6 +21,9 @@ QImage solid(int w, int h, const QColor& color);
 /// An image whose every pixel is distinct: red = x, green = y, blue = 7, alpha 255 (x, y < 256).
 QImage coordinates(int w, int h);
 
+/// Stores premultiplied bytes as given at (x, y) of a 32-bit RGBA image.
+void put(QImage& image, int x, int y, uchar r, uchar g, uchar b, uchar a);
+
 /// Encodes `image` with Qt's writer for `format` ("png", "jpeg", …) and writes it to `path`.
 bool writeImage(const QImage& image, const QString& path, const char* format, int quality = -1);
 bool writeBytes(const QString& path, const QByteArray& bytes);

@@ -12,14 +12,6 @@ using namespace cutlark::test;
 
 namespace {
 
-void put(QImage& image, int x, int y, uchar r, uchar g, uchar b, uchar a) {
-    uchar* p = image.scanLine(y) + 4 * x;
-    p[0] = r;
-    p[1] = g;
-    p[2] = b;
-    p[3] = a;
-}
-
 bool cleared(const QImage& image, int x, int y) { return *reinterpret_cast<const quint32*>(image.constScanLine(y) + 4 * x) == 0; }
 
 // Picture from rows of characters: '#' black, '.' white.

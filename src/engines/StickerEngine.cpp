@@ -40,16 +40,6 @@ void refineAlpha(const cv::Mat& in, cv::Mat& out, double softness) {
     }
 }
 
-// All pixels within `radius` of the centre: the neighbourhood of the morphological maximum.
-cv::Mat disk(double radius) {
-    const int r = int(std::ceil(radius));
-    cv::Mat kernel(2 * r + 1, 2 * r + 1, CV_8U, cv::Scalar(0));
-    for (int dy = -r; dy <= r; ++dy)
-        for (int dx = -r; dx <= r; ++dx)
-            if (dx * dx + dy * dy <= radius * radius + 1e-9) kernel.at<uchar>(dy + r, dx + r) = 1;
-    return kernel;
-}
-
 // The shadow's blur is wide and its result smooth, so it is worked out on a plane reduced by a
 // whole factor and brought back with the drop folded into the same resampling.
 void blurredDroppedShadow(const cv::Mat& outline, cv::Mat& shadow, double sigma, double drop) {
@@ -142,7 +132,7 @@ std::optional<QImage> make(const QImage& image, double strokeWidth) {
             const int wm = m.workingMargin;
             const cv::Rect grown(margin - wm, margin - wm, subject.width() + 2 * wm, subject.height() + 2 * wm);
             PooledMat dilated(grown.height, grown.width, CV_8U);
-            cv::dilate(base.mat()(grown), dilated.mat(), disk(m.strokeWidth), cv::Point(-1, -1), 1,
+            cv::dilate(base.mat()(grown), dilated.mat(), diskKernel(m.strokeWidth), cv::Point(-1, -1), 1,
                        cv::BORDER_CONSTANT, cv::Scalar(0));
             outline = grownOutline.mat();
             outline.setTo(cv::Scalar(0));

@@ -75,16 +75,6 @@ bool ensureLoaded(Network& n) {
     return !n.net.empty();
 }
 
-// A disc of the given radius for the minimum filter.
-cv::Mat disk(double radius) {
-    const int r = int(std::ceil(radius));
-    cv::Mat kernel(2 * r + 1, 2 * r + 1, CV_8U, cv::Scalar(0));
-    for (int dy = -r; dy <= r; ++dy)
-        for (int dx = -r; dx <= r; ++dx)
-            if (dx * dx + dy * dy <= radius * radius + 1e-9) kernel.at<uchar>(dy + r, dx + r) = 1;
-    return kernel;
-}
-
 } // namespace
 
 QString modelPath() {
@@ -178,7 +168,7 @@ std::optional<QImage> composite(const QImage& source, const QImage& maskImage) {
         cv::resize(small, full.mat(), cv::Size(W, H), 0, 0, cv::INTER_LINEAR);
         const EdgeRadius edge = edgeRadius(W, H);
         // Edges are read as clamped, so a subject touching the border keeps its coverage there.
-        cv::erode(full.mat(), pulled.mat(), disk(edge.radius), cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
+        cv::erode(full.mat(), pulled.mat(), diskKernel(edge.radius), cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
         cv::GaussianBlur(pulled.mat(), soft.mat(), cv::Size(0, 0), edge.blur, edge.blur, cv::BORDER_REPLICATE);
         for (int y = 0; y < H; ++y) {
             const uchar* m = soft.mat().ptr<uchar>(y);

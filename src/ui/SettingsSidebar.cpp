@@ -29,20 +29,38 @@ constexpr int kSliderSteps = 10000; // fine enough to pass every intermediate va
 
 QString rounded(double v) { return QString::number(qint64(std::round(v))); }
 
-// A small indeterminate progress indicator.
-QWidget* busyIndicator(QWidget* parent) {
-    auto* bar = new QProgressBar(parent);
-    bar->setRange(0, 0);
-    bar->setTextVisible(false);
-    bar->setFixedSize(28, 8);
-    return bar;
-}
+// A status line of the sidebar: a small indeterminate progress indicator or a warning symbol, then
+// the text.
+struct StatusLine {
+    QWidget* row;
+    QWidget* spinner;
+    QWidget* warning;
+    QLabel* text;
+};
 
 QLabel* tertiarySymbol(const QString& name, QWidget* parent) {
     auto* l = new QLabel(parent);
     l->setPixmap(symbol(name).pixmap(14, 14));
     l->setEnabled(false);
     return l;
+}
+
+StatusLine statusLine(QWidget* parent) {
+    auto* row = new QWidget(parent);
+    auto* layout = new QHBoxLayout(row);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->setSpacing(6);
+    auto* bar = new QProgressBar(row);
+    bar->setRange(0, 0);
+    bar->setTextVisible(false);
+    bar->setFixedSize(28, 8);
+    auto* warning = tertiarySymbol(QStringLiteral("exclamationmark.triangle"), row);
+    auto* text = captionLabel(QString(), row);
+    text->setWordWrap(true);
+    layout->addWidget(bar);
+    layout->addWidget(warning);
+    layout->addWidget(text, 1);
+    return {row, bar, warning, text};
 }
 
 } // namespace
@@ -337,27 +355,17 @@ void SettingsSidebar::build() {
                                   &CropModel::keyInternal, &CropModel::setKeyInternal);
         showWhile(threshold, [model] { return model->bgRemovalMode() == BGRemovalMode::white; });
         showWhile(internal, [model] { return model->bgRemovalMode() == BGRemovalMode::white; });
-        auto* status = new QWidget(body);
-        auto* statusRow = new QHBoxLayout(status);
-        statusRow->setContentsMargins(0, 0, 0, 0);
-        statusRow->setSpacing(6);
-        auto* spinner = busyIndicator(status);
-        auto* warn = tertiarySymbol(QStringLiteral("exclamationmark.triangle"), status);
-        auto* statusText = captionLabel(QString(), status);
-        statusText->setWordWrap(true);
-        statusRow->addWidget(spinner);
-        statusRow->addWidget(warn);
-        statusRow->addWidget(statusText, 1);
-        m_refreshers.push_back([model, status, spinner, warn, statusText] {
-            status->setVisible(model->bgRemovalMode() == BGRemovalMode::subject &&
-                               (model->isDetectingSubject() || model->subjectNotFound()));
-            spinner->setVisible(model->isDetectingSubject());
-            warn->setVisible(!model->isDetectingSubject());
-            statusText->setText(model->isDetectingSubject() ? tr("Detecting subject…") : tr("No subject found — try White."));
+        const StatusLine status = statusLine(body);
+        m_refreshers.push_back([model, status] {
+            status.row->setVisible(model->bgRemovalMode() == BGRemovalMode::subject &&
+                                   (model->isDetectingSubject() || model->subjectNotFound()));
+            status.spinner->setVisible(model->isDetectingSubject());
+            status.warning->setVisible(!model->isDetectingSubject());
+            status.text->setText(model->isDetectingSubject() ? tr("Detecting subject…") : tr("No subject found — try White."));
         });
         l->addWidget(threshold);
         l->addWidget(internal);
-        l->addWidget(status);
+        l->addWidget(status.row);
         rows->addWidget(section(tr("Remove background"), QStringLiteral("wand.and.stars"), &CropModel::keyWhiteEnabled,
                                 &CropModel::setKeyWhiteEnabled, body, 150));
         rows->addWidget(divider(Qt::Horizontal, m_settings));
@@ -553,25 +561,15 @@ void SettingsSidebar::build() {
                                  &CropModel::vectorStrokeWidth, &CropModel::setVectorStrokeWidth);
         showWhile(stroke, [model] { return !model->vectorFullColor() && model->vectorizeStyle() == VectorizeStyle::outline; });
         l->addWidget(stroke);
-        auto* status = new QWidget(body);
-        auto* statusRow = new QHBoxLayout(status);
-        statusRow->setContentsMargins(0, 0, 0, 0);
-        statusRow->setSpacing(6);
-        auto* spinner = busyIndicator(status);
-        auto* warn = tertiarySymbol(QStringLiteral("exclamationmark.triangle"), status);
-        auto* statusText = captionLabel(QString(), status);
-        statusText->setWordWrap(true);
-        statusRow->addWidget(spinner);
-        statusRow->addWidget(warn);
-        statusRow->addWidget(statusText, 1);
-        m_refreshers.push_back([model, status, spinner, warn, statusText] {
+        const StatusLine status = statusLine(body);
+        m_refreshers.push_back([model, status] {
             const auto text = model->vectorStatusText();
-            status->setVisible(model->vectorizeEnabled() && text.has_value());
-            spinner->setVisible(model->isVectorizing());
-            warn->setVisible(!model->isVectorizing() && model->vectorTooDetailed());
-            if (text) statusText->setText(*text);
+            status.row->setVisible(model->vectorizeEnabled() && text.has_value());
+            status.spinner->setVisible(model->isVectorizing());
+            status.warning->setVisible(!model->isVectorizing() && model->vectorTooDetailed());
+            if (text) status.text->setText(*text);
         });
-        l->addWidget(status);
+        l->addWidget(status.row);
         rows->addWidget(section(tr("Vectorize"), QStringLiteral("scribble.variable"), &CropModel::vectorizeEnabled,
                                 &CropModel::setVectorizeEnabled, body, 150));
     }
