@@ -5,6 +5,8 @@
 #include "model/NaturalOrder.h"
 
 #include <QDir>
+#include <QThreadPool>
+#include <QtConcurrent/QtConcurrentMap>
 #include <QFileInfo>
 
 #include <algorithm>
@@ -65,26 +67,33 @@ void CropModel::open(const QStringList& paths) {
         return NaturalOrder::compare(fileName(a), fileName(b)) < 0;
     });
 
+    // Decoding is the slow part: the files of one call are decoded side by side on the thread pool,
+    // and the call waits for all of them, so it stays synchronous and keeps the name order.
+    struct Decoded {
+        QString path;
+        std::optional<ImageFile::Loaded> loaded;
+        std::optional<CropEngine::Buffer> buffer;
+    };
+    QList<Decoded> candidates;
     int skipped = 0;
-    std::vector<Item> fresh;
     for (const QString& path : list) {
-        if (!passesTypeTest(path)) {
+        if (passesTypeTest(path)) candidates.append(Decoded{path, std::nullopt, std::nullopt});
+        else ++skipped;
+    }
+    QtConcurrent::blockingMap(QThreadPool::globalInstance(), candidates, [](Decoded& d) {
+        d.loaded = ImageFile::load(d.path);
+        if (d.loaded) d.buffer = CropEngine::Buffer::make(d.loaded->image);
+    });
+    std::vector<Item> fresh;
+    for (const Decoded& d : candidates) {
+        if (!d.loaded || !d.buffer) {
             ++skipped;
             continue;
         }
-        auto loaded = ImageFile::load(path);
-        if (!loaded) {
-            ++skipped;
-            continue;
-        }
-        auto buffer = CropEngine::Buffer::make(loaded->image);
-        if (!buffer) {
-            ++skipped;
-            continue;
-        }
-        fresh.push_back(Item{QUuid::createUuid(), QFileInfo(path).absoluteFilePath(), loaded->type, *buffer, false,
+        fresh.push_back(Item{QUuid::createUuid(), QFileInfo(d.path).absoluteFilePath(), d.loaded->type, *d.buffer, false,
                              Settings()});
     }
+    candidates.clear();
 
     if (fresh.empty()) {
         if (skipped > 0) setErrorMessage(skipMessage(skipped));
