@@ -254,6 +254,13 @@ CropModel::Item* CropModel::findItem(const QUuid& id) {
     return nullptr;
 }
 
+QImage CropModel::cropSourceImage() const {
+    const Item* item = active();
+    if (!item) return QImage();
+    const auto turned = CropEngine::oriented(item->buffer.cgImage(), m_settings.quarterTurns, m_settings.mirrored);
+    return turned ? *turned : item->buffer.cgImage();
+}
+
 QString CropModel::revealKey() const {
     const Item* item = active();
     const QString id = m_activeID ? m_activeID->toString(QUuid::WithoutBraces).toUpper() : QString();

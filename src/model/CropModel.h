@@ -168,6 +168,9 @@ public:
     bool wantsVision() const;
     /// Whether subject mode is offered at all: the subject network is present.
     bool subjectModeOffered() const { return m_cutoutService.available && m_cutoutService.available(); }
+    /// The active source turned and mirrored as the settings say: what the manual crop is drawn on.
+    /// Null without an active item.
+    QImage cropSourceImage() const;
     /// Tells one image from another for the preview's reveal: the active id, "#", the buffer's width,
     /// "x", its height. No setting changes it.
     QString revealKey() const;

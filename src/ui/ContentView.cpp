@@ -1,5 +1,6 @@
 #include "ui/ContentView.h"
 
+#include "ui/CropEditorSheet.h"
 #include "ui/FileOpenInbox.h"
 #include "ui/ImagePreview.h"
 #include "ui/QueueDrawer.h"
@@ -190,11 +191,32 @@ ContentView::ContentView(QWidget* parent)
     auto* backspace = new QShortcut(QKeySequence(Qt::Key_Backspace), this);
     connect(backspace, &QShortcut::activated, remove, &QShortcut::activated);
 
-    connect(&m_model, &CropModel::changed, this, [this](CropModel::Field) { refresh(); });
+    connect(&m_model, &CropModel::changed, this, [this](CropModel::Field field) {
+        // The sheet opens when the crop is turned on, whoever turned it on.
+        if (field == CropModel::Field::manualCropEnabled) {
+            const bool on = m_model.manualCropEnabled();
+            if (on && !m_cropWasEnabled) openCropEditor();
+            m_cropWasEnabled = on;
+        }
+        refresh();
+    });
+    connect(m_sidebar, &SettingsSidebar::editCropRequested, this, &ContentView::openCropEditor);
     connect(&FileOpenInbox::instance(), &FileOpenInbox::didReceive, this, [this] {
         if (isVisible()) drainInbox();
     });
     refresh();
+}
+
+void ContentView::openCropEditor() {
+    const QImage source = m_model.cropSourceImage();
+    if (source.isNull() || m_cropEditor) return;
+    m_cropEditor = new CropEditorSheet(source, m_model.manualCropRect(), this);
+    m_cropEditor->setAttribute(Qt::WA_DeleteOnClose);
+    connect(m_cropEditor, &QDialog::accepted, this, [this] { m_model.setManualCrop(m_cropEditor->crop()); });
+    // Cancel keeps nothing of the editing; a crop just turned on stays on with the rectangle it had.
+    connect(m_cropEditor, &QObject::destroyed, this, [this] { m_cropEditor = nullptr; });
+    m_cropEditor->resize(760, 600);
+    m_cropEditor->open();
 }
 
 void ContentView::showEvent(QShowEvent* event) {

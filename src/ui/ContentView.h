@@ -35,6 +35,10 @@ public:
     QString dimsText() const;
     /// Whether the header has room for one row, or shows the name over the sizes.
     bool headerIsOneRow() const;
+    /// The crop sheet while it is open.
+    class CropEditorSheet* cropEditor() const { return m_cropEditor; }
+    /// Opens the crop sheet on the turned source (nothing without an active item).
+    void openCropEditor();
 
 protected:
     void dragEnterEvent(QDragEnterEvent* event) override;
@@ -64,6 +68,8 @@ private:
     ImagePreview* m_preview;
     SettingsSidebar* m_sidebar;
     bool m_targeted = false;
+    bool m_cropWasEnabled = false;
+    class CropEditorSheet* m_cropEditor = nullptr;
 };
 
 } // namespace cutlark
