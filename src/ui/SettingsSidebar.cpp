@@ -1,11 +1,11 @@
 #include "ui/SettingsSidebar.h"
 
+#include "ui/ColorPickerPopover.h"
 #include "ui/Transition.h"
 #include "ui/Widgets.h"
 
 #include <QButtonGroup>
 #include <QCheckBox>
-#include <QColorDialog>
 #include <QFileInfo>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -416,19 +416,11 @@ void SettingsSidebar::build() {
                                [model](int i) { model->setBackgroundKind(BackgroundKind(i)); }));
         auto swatch = [this](QWidget* parent, const QString& label, const QColor& (CropModel::*get)() const,
                              void (CropModel::*set)(const QColor&)) {
-            auto* b = new QPushButton(label, parent);
-            b->setToolTip(label);
-            connect(b, &QPushButton::clicked, this, [this, get, set, label] {
-                const QColor c = QColorDialog::getColor((m_model.data()->*get)(), this, label, QColorDialog::ShowAlphaChannel);
-                if (c.isValid()) (m_model.data()->*set)(c);
-            });
-            m_refreshers.push_back([this, b, get] {
-                const QColor c = (m_model.data()->*get)();
-                QPixmap chip(14, 14);
-                chip.fill(c);
-                b->setIcon(QIcon(chip));
-            });
-            return b;
+            auto* row = new ColorSwatchRow(
+                label, [this, get] { return (m_model.data()->*get)(); },
+                [this, set](const QColor& c) { (m_model.data()->*set)(c); }, parent);
+            m_refreshers.push_back([row] { row->colorChanged(); });
+            return row;
         };
         auto* colour = swatch(body, tr("Background color"), &CropModel::backgroundColor, &CropModel::setBackgroundColor);
         showWhile(colour, [model] { return model->backgroundKind() == BackgroundKind::color; });

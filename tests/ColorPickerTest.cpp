@@ -1,0 +1,119 @@
+#include "TestImages.h"
+
+#include "ui/ColorPickerPopover.h"
+
+#include <QApplication>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+using namespace cutlark;
+
+namespace {
+
+// A bound colour the test holds, counting the writes that reach it.
+struct Binding {
+    QColor color = QColor::fromRgbF(1, 0, 0, 1);
+    int writes = 0;
+    std::function<QColor()> get() {
+        return [this] { return color; };
+    }
+    std::function<void(const QColor&)> set() {
+        return [this](const QColor& c) {
+            color = c;
+            ++writes;
+        };
+    }
+};
+
+} // namespace
+
+TEST(ColorPicker, HexFormsAcceptedAndRefused) {
+    const auto reference = ColorPickerPopover::parseHex(QStringLiteral("FF8800"));
+    ASSERT_TRUE(reference);
+    for (const char* text : {"ff8800", "#FF8800", "FF#8800", "  ff8800 \n", "\t#ff8800\n"}) {
+        const auto parsed = ColorPickerPopover::parseHex(QLatin1String(text));
+        ASSERT_TRUE(parsed) << text;
+        EXPECT_DOUBLE_EQ(parsed->hue, reference->hue);
+        EXPECT_DOUBLE_EQ(parsed->sat, reference->sat);
+        EXPECT_DOUBLE_EQ(parsed->bri, reference->bri);
+    }
+    for (const char* text : {"F80", "FF88000", "GG8800", "", "FF 880"}) EXPECT_FALSE(ColorPickerPopover::parseHex(QLatin1String(text))) << text;
+    EXPECT_NEAR(reference->hue, 32.0 / 360, 1e-3);
+}
+
+TEST(ColorPicker, PercentRounding) {
+    EXPECT_EQ(ColorPickerPopover::percentText(0.125), QStringLiteral("13%"));
+    EXPECT_EQ(ColorPickerPopover::percentText(0.124), QStringLiteral("12%"));
+    EXPECT_EQ(ColorPickerPopover::percentText(1), QStringLiteral("100%"));
+}
+
+TEST(ColorPicker, SyncAndPushOutDoNotFight) {
+    Binding bound;
+    bound.color = QColor::fromRgbF(0.2f, 0.4f, 0.6f, 0.5f);
+    ColorPickerPopover picker(bound.get(), bound.set());
+    EXPECT_EQ(bound.writes, 0) << "opening reads the colour and writes nothing back";
+    EXPECT_EQ(picker.hexText(), QStringLiteral("336699"));
+    EXPECT_NEAR(picker.alpha(), 0.5, 1e-3);
+
+    // One step of 1/255 in one channel stays local; two steps are written.
+    bound.color = QColor::fromRgbF(0.2f, 0.4f, 0.6f + 1 / 255.0f, 0.5f);
+    picker.colorChanged();
+    EXPECT_EQ(bound.writes, 0);
+    picker.dragAlpha(0.5 * ColorPickerPopover::kWidth + 0.0039 * ColorPickerPopover::kWidth);
+    EXPECT_EQ(bound.writes, 0) << "a change under 0.004 isn't passed on";
+    picker.dragAlpha(0.51 * ColorPickerPopover::kWidth);
+    EXPECT_EQ(bound.writes, 1);
+    EXPECT_TRUE(picker.suppressingInbound()) << "our own write's notification is ignored";
+    picker.colorChanged();
+    EXPECT_NEAR(picker.alpha(), 0.51, 1e-9);
+    QApplication::processEvents();
+    EXPECT_FALSE(picker.suppressingInbound());
+
+    // A colour changed from elsewhere comes in.
+    bound.color = QColor::fromRgbF(0, 1, 0, 1);
+    picker.colorChanged();
+    EXPECT_NEAR(picker.hue(), 1.0 / 3, 1e-9);
+    EXPECT_EQ(picker.hexText(), QStringLiteral("00FF00"));
+}
+
+TEST(ColorPicker, PaletteClearHexAndStrips) {
+    Binding bound;
+    bound.color = QColor::fromRgbF(1, 0, 0, 0.4f);
+    ColorPickerPopover picker(bound.get(), bound.set());
+    picker.commitHex(QStringLiteral("#0000FF"));
+    EXPECT_NEAR(bound.color.blueF(), 1, 1e-4);
+    EXPECT_NEAR(bound.color.alphaF(), 0.4, 1e-3) << "a hex text leaves alpha alone";
+    picker.commitHex(QStringLiteral("nonsense"));
+    EXPECT_NEAR(bound.color.blueF(), 1, 1e-4) << "an invalid text changes nothing";
+
+    picker.pickPalette(4, 2); // D1D5DB: a grey
+    EXPECT_NEAR(bound.color.alphaF(), 1, 1e-4) << "a palette swatch sets alpha to 1";
+    EXPECT_NEAR(picker.sat(), 0.04, 0.02);
+    picker.pickPalette(4, 9); // 000000
+    EXPECT_EQ(picker.bri(), 0);
+    picker.pickPalette(0, 0); // FF1744
+    const QString hex = picker.hexText();
+    picker.pickPalette(4, 10); // CLEAR
+    EXPECT_EQ(bound.color.alpha(), 0);
+    EXPECT_EQ(bound.color.red(), 255) << "same red, green and blue";
+    EXPECT_EQ(picker.hexText(), hex);
+
+    picker.dragHue(ColorPickerPopover::kWidth * 3);
+    EXPECT_DOUBLE_EQ(picker.hue(), 0.9999) << "the hue stops short of 1";
+    picker.dragPad(-50, 1000);
+    EXPECT_EQ(picker.sat(), 0);
+    EXPECT_EQ(picker.bri(), 0);
+    EXPECT_EQ(ColorPickerPopover::palette().size(), 5);
+    for (const QStringList& row : ColorPickerPopover::palette()) EXPECT_EQ(row.size(), 11);
+}
+
+TEST(ColorPicker, SwatchRowOpensThePicker) {
+    Binding bound;
+    ColorSwatchRow row(QStringLiteral("Background color"), bound.get(), bound.set());
+    row.show();
+    QTest::mouseClick(&row, Qt::LeftButton);
+    ASSERT_NE(row.popover(), nullptr);
+    row.popover()->pickPalette(0, 8);
+    EXPECT_EQ(bound.color.name().toUpper(), QStringLiteral("#2979FF"));
+}
