@@ -1,5 +1,7 @@
 // Drives the window offscreen through a few states and writes a PNG of each, for the README.
+#include "ui/ColorPickerPopover.h"
 #include "ui/ContentView.h"
+#include "ui/CropEditorSheet.h"
 #include "ui/MainWindow.h"
 #include "ui/Widgets.h"
 
@@ -128,6 +130,44 @@ int main(int argc, char** argv) {
         model.setVectorFullColor(true);
         settle(model, 800);
         ok &= shoot(window, out + QStringLiteral("/04-vectorize.png"));
+    }
+    {
+        // The crop sheet with a handle selected, so the loupe shows.
+        MainWindow window;
+        window.resize(900, 640);
+        window.show();
+        CropModel& model = window.content()->model();
+        model.open({birds[0]});
+        window.content()->openCropEditor();
+        CropEditorSheet* sheet = window.content()->cropEditor();
+        if (sheet) {
+            sheet->resize(760, 600);
+            sheet->overlay()->setCrop(QRectF(0.18, 0.12, 0.66, 0.62));
+            sheet->overlay()->setSelectedHandle(CropHandle::e);
+            QApplication::processEvents();
+            const bool wrote = sheet->grab().save(out + QStringLiteral("/05-crop-editor.png"));
+            std::printf("%s %s\n", wrote ? "wrote" : "couldn't write", qPrintable(out + QStringLiteral("/05-crop-editor.png")));
+            ok &= wrote;
+        }
+    }
+    {
+        // The colour picker beside its swatch.
+        QColor colour = QColor::fromRgbF(0.53f, 0.81f, 0.98f);
+        QWidget host;
+        host.resize(260, 60);
+        auto* row = new ColorSwatchRow(QStringLiteral("Background color"), [&] { return colour; },
+                                       [&](const QColor& c) { colour = c; }, &host);
+        row->setGeometry(10, 18, 200, 24);
+        host.show();
+        row->click();
+        QApplication::processEvents();
+        if (row->popover()) {
+            QWidget* frame = row->popover()->parentWidget();
+            frame->setAutoFillBackground(true);
+            const bool wrote = frame->grab().save(out + QStringLiteral("/06-color-picker.png"));
+            std::printf("%s %s\n", wrote ? "wrote" : "couldn't write", qPrintable(out + QStringLiteral("/06-color-picker.png")));
+            ok &= wrote;
+        }
     }
     return ok ? 0 : 1;
 }
