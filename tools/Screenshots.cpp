@@ -137,12 +137,12 @@ int main(int argc, char** argv) {
         window.resize(900, 640);
         window.show();
         CropModel& model = window.content()->model();
-        model.open({birds[0]});
+        model.open({logoPath});
         window.content()->openCropEditor();
         CropEditorSheet* sheet = window.content()->cropEditor();
         if (sheet) {
             sheet->resize(760, 600);
-            sheet->overlay()->setCrop(QRectF(0.18, 0.12, 0.66, 0.62));
+            sheet->overlay()->setCrop(QRectF(0.2, 0.3, 0.5, 0.45));
             sheet->overlay()->setSelectedHandle(CropHandle::e);
             QApplication::processEvents();
             const bool wrote = sheet->grab().save(out + QStringLiteral("/05-crop-editor.png"));
