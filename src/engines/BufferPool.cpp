@@ -27,9 +27,17 @@ struct Idle {
     size_t capacity;
 };
 
-std::mutex g_mutex;
-std::vector<Idle> g_idle; // oldest first
-size_t g_idleBytes = 0;
+// The pool lives until the process ends and is never destroyed, so a store released during static
+// destruction still finds it (and leak checkers still see the idle blocks through it).
+struct Pool {
+    std::mutex mutex;
+    std::vector<Idle> idle; // oldest first
+    size_t idleBytes = 0;
+};
+Pool& pool() {
+    static Pool* p = new Pool;
+    return *p;
+}
 
 size_t idleLimit() {
     static const size_t limit = [] {
@@ -49,18 +57,19 @@ Header* headerOf(void* p) { return reinterpret_cast<Header*>(static_cast<uint8_t
 void* BufferPool::acquire(size_t bytes) {
     if (bytes == 0 || bytes > SIZE_MAX - 2 * kAlign) return nullptr;
     if (bytes >= kSmallest) {
-        std::lock_guard lock(g_mutex);
+        Pool& pl = pool();
+        std::lock_guard lock(pl.mutex);
         // The smallest idle block that fits without wasting more than a third of it.
-        auto best = g_idle.end();
-        for (auto it = g_idle.begin(); it != g_idle.end(); ++it) {
+        auto best = pl.idle.end();
+        for (auto it = pl.idle.begin(); it != pl.idle.end(); ++it) {
             if (it->capacity >= bytes && it->capacity - bytes <= it->capacity / 3 &&
-                (best == g_idle.end() || it->capacity < best->capacity))
+                (best == pl.idle.end() || it->capacity < best->capacity))
                 best = it;
         }
-        if (best != g_idle.end()) {
+        if (best != pl.idle.end()) {
             Header* h = best->block;
-            g_idleBytes -= best->capacity;
-            g_idle.erase(best);
+            pl.idleBytes -= best->capacity;
+            pl.idle.erase(best);
             return payload(h);
         }
     }
@@ -80,29 +89,32 @@ void BufferPool::release(void* block) {
     }
     std::vector<Header*> freed;
     {
-        std::lock_guard lock(g_mutex);
-        g_idle.push_back({h, h->capacity});
-        g_idleBytes += h->capacity;
-        while (g_idleBytes > idleLimit() && !g_idle.empty()) {
-            freed.push_back(g_idle.front().block);
-            g_idleBytes -= g_idle.front().capacity;
-            g_idle.erase(g_idle.begin());
+        Pool& pl = pool();
+        std::lock_guard lock(pl.mutex);
+        pl.idle.push_back({h, h->capacity});
+        pl.idleBytes += h->capacity;
+        while (pl.idleBytes > idleLimit() && !pl.idle.empty()) {
+            freed.push_back(pl.idle.front().block);
+            pl.idleBytes -= pl.idle.front().capacity;
+            pl.idle.erase(pl.idle.begin());
         }
     }
     for (Header* f : freed) std::free(f);
 }
 
 size_t BufferPool::idleBytes() {
-    std::lock_guard lock(g_mutex);
-    return g_idleBytes;
+    Pool& pl = pool();
+    std::lock_guard lock(pl.mutex);
+    return pl.idleBytes;
 }
 
 void BufferPool::trim() {
     std::vector<Idle> all;
     {
-        std::lock_guard lock(g_mutex);
-        all.swap(g_idle);
-        g_idleBytes = 0;
+        Pool& pl = pool();
+        std::lock_guard lock(pl.mutex);
+        all.swap(pl.idle);
+        pl.idleBytes = 0;
     }
     for (const Idle& i : all) std::free(i.block);
 }

@@ -296,14 +296,13 @@ ColorSwatchRow::ColorSwatchRow(const QString& label, std::function<QColor()> get
     setCursor(Qt::PointingHandCursor);
     connect(this, &QAbstractButton::clicked, this, [this] {
         // Each opening starts afresh from the bound colour.
-        delete m_popover;
+        if (m_popover) delete m_popover->parentWidget();
         auto* frame = new QWidget(this, Qt::Popup);
         frame->setAttribute(Qt::WA_DeleteOnClose);
         auto* column = new QVBoxLayout(frame);
         column->setContentsMargins(12, 12, 12, 12);
         m_popover = new ColorPickerPopover(m_get, m_set, {}, frame);
         column->addWidget(m_popover);
-        connect(frame, &QObject::destroyed, this, [this] { m_popover = nullptr; });
         frame->adjustSize();
         frame->move(mapToGlobal(QPoint(-frame->width() - 6, (height() - frame->height()) / 2)));
         frame->show();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QAbstractButton>
+#include <QPointer>
 #include <QColor>
 #include <QStringList>
 #include <QWidget>
@@ -93,7 +94,7 @@ public:
     QSize sizeHint() const override;
     /// The bound colour changed (from the picker or from elsewhere).
     void colorChanged();
-    ColorPickerPopover* popover() const { return m_popover; }
+    ColorPickerPopover* popover() const { return m_popover.data(); }
 
 protected:
     void paintEvent(QPaintEvent*) override;
@@ -101,7 +102,7 @@ protected:
 private:
     std::function<QColor()> m_get;
     std::function<void(const QColor&)> m_set;
-    ColorPickerPopover* m_popover = nullptr;
+    QPointer<ColorPickerPopover> m_popover;
 };
 
 /// White with grey 4-point squares, the top-left one grey: what shows through transparent colours.

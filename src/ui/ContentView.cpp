@@ -207,14 +207,16 @@ ContentView::ContentView(QWidget* parent)
     refresh();
 }
 
+CropEditorSheet* ContentView::cropEditor() const { return m_cropEditor.data(); }
+
 void ContentView::openCropEditor() {
     const QImage source = m_model.cropSourceImage();
     if (source.isNull() || m_cropEditor) return;
     m_cropEditor = new CropEditorSheet(source, m_model.manualCropRect(), this);
     m_cropEditor->setAttribute(Qt::WA_DeleteOnClose);
-    connect(m_cropEditor, &QDialog::accepted, this, [this] { m_model.setManualCrop(m_cropEditor->crop()); });
     // Cancel keeps nothing of the editing; a crop just turned on stays on with the rectangle it had.
-    connect(m_cropEditor, &QObject::destroyed, this, [this] { m_cropEditor = nullptr; });
+    CropEditorSheet* sheet = m_cropEditor;
+    connect(sheet, &QDialog::accepted, this, [this, sheet] { m_model.setManualCrop(sheet->crop()); });
     m_cropEditor->resize(760, 600);
     m_cropEditor->open();
 }

@@ -3,6 +3,7 @@
 #include "model/CropModel.h"
 #include "ui/QtPanels.h"
 
+#include <QPointer>
 #include <QWidget>
 
 class QBoxLayout;
@@ -36,7 +37,7 @@ public:
     /// Whether the header has room for one row, or shows the name over the sizes.
     bool headerIsOneRow() const;
     /// The crop sheet while it is open.
-    class CropEditorSheet* cropEditor() const { return m_cropEditor; }
+    class CropEditorSheet* cropEditor() const;
     /// Opens the crop sheet on the turned source (nothing without an active item).
     void openCropEditor();
 
@@ -69,7 +70,7 @@ private:
     SettingsSidebar* m_sidebar;
     bool m_targeted = false;
     bool m_cropWasEnabled = false;
-    class CropEditorSheet* m_cropEditor = nullptr;
+    QPointer<class CropEditorSheet> m_cropEditor;
 };
 
 } // namespace cutlark
