@@ -4,6 +4,7 @@
 #include "ui/FileOpenInbox.h"
 #include "ui/ImagePreview.h"
 #include "ui/MainWindow.h"
+#include "ui/QtPanels.h"
 #include "ui/QueueDrawer.h"
 #include "ui/SettingsSidebar.h"
 
@@ -11,8 +12,10 @@
 #include <QDir>
 #include <QListWidget>
 #include <QMimeData>
+#include <QProgressDialog>
 #include <QPushButton>
 #include <QStackedWidget>
+#include <QTimer>
 #include <QTest>
 
 #include <gtest/gtest.h>
@@ -193,6 +196,43 @@ TEST_F(WindowTest, DropsOfFilesAndOfImageData) {
     QDropEvent textDrop(QPointF(10, 10), Qt::CopyAction, &nothing, Qt::LeftButton, Qt::NoModifier);
     QApplication::sendEvent(view, &textDrop);
     EXPECT_EQ(model->items().size(), 3u);
+}
+
+TEST_F(WindowTest, LongOpensShowProgressThatCanCancel) {
+    QtPanels dialogs(&window);
+    model->setPanels(&dialogs);
+    const QStringList first = images(1);
+    model->open(first);
+    ASSERT_EQ(model->items().size(), 1u);
+    EXPECT_EQ(window.findChild<QProgressDialog*>(), nullptr) << "a quick open shows nothing";
+
+    // Shown at once (as a long open would be), then cancelled by a click while the files decode.
+    dialogs.setProgressDelay(0);
+    QString label;
+    bool modal = false;
+    QTimer::singleShot(0, &window, [&] {
+        auto* dialog = window.findChild<QProgressDialog*>();
+        ASSERT_NE(dialog, nullptr);
+        label = dialog->labelText();
+        modal = dialog->isVisible() && dialog->windowModality() == Qt::WindowModal;
+        auto* cancel = dialog->findChild<QPushButton*>();
+        ASSERT_NE(cancel, nullptr);
+        QTest::mouseClick(cancel, Qt::LeftButton);
+    });
+    QStringList more;
+    for (int i = 0; i < 3; ++i) more << savePng(m_dir, QStringLiteral("more%1.png").arg(i), coordinates(50, 40));
+    model->open(more);
+    EXPECT_EQ(label, QStringLiteral("Opening 3 images…"));
+    EXPECT_TRUE(modal);
+    EXPECT_EQ(model->items().size(), 1u) << "a cancelled open adds nothing";
+    EXPECT_FALSE(model->errorMessage());
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    EXPECT_EQ(window.findChild<QProgressDialog*>(), nullptr) << "the dialog goes when the open ends";
+
+    // Not cancelled: everything opens and the dialog goes away.
+    model->open(more);
+    EXPECT_EQ(model->items().size(), 4u);
+    EXPECT_EQ(window.findChild<QProgressDialog*>(), nullptr);
 }
 
 TEST(Inbox, FilesWaitForTheWindowAndLaterOnesOpenAtOnce) {

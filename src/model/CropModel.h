@@ -1,6 +1,7 @@
 #pragma once
 
 #include "engines/CropEngine.h"
+#include "model/ImageFile.h"
 #include "model/Panels.h"
 #include "model/Settings.h"
 #include "vectorize/VectorTrace.h"
@@ -187,6 +188,15 @@ public:
     Settings snapshotCurrentSettings() const;
     void applySettings(const Settings& settings);
     void captureSettingsBeforeSwitch();
+    /// One file of an open, as a worker decodes it.
+    struct DecodedFile {
+        QString path;
+        std::optional<ImageFile::Loaded> loaded;
+        std::optional<CropEngine::Buffer> buffer;
+    };
+    void openNow(const QStringList& paths);
+    /// Decodes every candidate on the thread pool, reporting progress; false when the user cancelled.
+    bool decodeAll(QList<DecodedFile>& candidates);
     void restoreSettingsAfterSwitch();
 
     // --- pipeline ---
@@ -276,6 +286,8 @@ private:
     void itemsChanged() { notify(Field::items); }
 
     Panels* m_panels = nullptr;
+    bool m_opening = false;
+    QList<QStringList> m_pendingOpens;
     CutoutService m_cutoutService;
     bool m_synchronousWork = false;
     VectorTracer m_vectorTracer;

@@ -10,6 +10,9 @@
 #include <QFileInfo>
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
 
 namespace cutlark {
 
@@ -61,31 +64,76 @@ QString CropModel::skipMessage(int count) const {
 }
 
 void CropModel::open(const QStringList& paths) {
+    // A progress panel keeps events flowing while files decode, so a second open (a drop, a file
+    // handed over by another launch) can arrive inside this one: it waits its turn.
+    if (m_opening) {
+        m_pendingOpens.append(paths);
+        return;
+    }
+    m_opening = true;
+    openNow(paths);
+    while (!m_pendingOpens.isEmpty()) openNow(m_pendingOpens.takeFirst());
+    m_opening = false;
+}
+
+bool CropModel::decodeAll(QList<DecodedFile>& candidates) {
+    // Decoding is the slow part: the files of one call are decoded side by side on the thread pool,
+    // and the call waits for all of them, so it stays synchronous and keeps the name order.
+    const int total = int(candidates.size());
+    std::mutex mutex;
+    std::condition_variable finishedOne;
+    int done = 0;
+    std::atomic<bool> cancelled{false};
+    QFuture<void> work = QtConcurrent::map(QThreadPool::globalInstance(), candidates, [&](DecodedFile& d) {
+        if (cancelled.load(std::memory_order_relaxed)) return;
+        d.loaded = ImageFile::load(d.path);
+        if (d.loaded) d.buffer = CropEngine::Buffer::make(d.loaded->image);
+        {
+            const std::lock_guard lock(mutex);
+            ++done;
+        }
+        finishedOne.notify_one();
+    });
+
+    bool keepGoing = !m_panels || m_panels->openProgress(0, total);
+    while (keepGoing) {
+        int doneNow = 0;
+        {
+            std::unique_lock lock(mutex);
+            finishedOne.wait_for(lock, std::chrono::milliseconds(40), [&] { return done == total; });
+            doneNow = done;
+        }
+        if (doneNow == total) break;
+        if (m_panels) keepGoing = m_panels->openProgress(doneNow, total);
+    }
+    if (!keepGoing) {
+        cancelled = true;
+        work.cancel();
+    }
+    work.waitForFinished();
+    if (m_panels) {
+        if (keepGoing) m_panels->openProgress(total, total);
+        m_panels->openFinished();
+    }
+    return keepGoing;
+}
+
+void CropModel::openNow(const QStringList& paths) {
     captureSettingsBeforeSwitch(); // the item being left keeps its settings, whatever comes of this
     QStringList list = expandingFolders(paths);
     std::stable_sort(list.begin(), list.end(), [](const QString& a, const QString& b) {
         return NaturalOrder::compare(fileName(a), fileName(b)) < 0;
     });
 
-    // Decoding is the slow part: the files of one call are decoded side by side on the thread pool,
-    // and the call waits for all of them, so it stays synchronous and keeps the name order.
-    struct Decoded {
-        QString path;
-        std::optional<ImageFile::Loaded> loaded;
-        std::optional<CropEngine::Buffer> buffer;
-    };
-    QList<Decoded> candidates;
+    QList<DecodedFile> candidates;
     int skipped = 0;
     for (const QString& path : list) {
-        if (passesTypeTest(path)) candidates.append(Decoded{path, std::nullopt, std::nullopt});
+        if (passesTypeTest(path)) candidates.append(DecodedFile{path, std::nullopt, std::nullopt});
         else ++skipped;
     }
-    QtConcurrent::blockingMap(QThreadPool::globalInstance(), candidates, [](Decoded& d) {
-        d.loaded = ImageFile::load(d.path);
-        if (d.loaded) d.buffer = CropEngine::Buffer::make(d.loaded->image);
-    });
+    if (!candidates.isEmpty() && !decodeAll(candidates)) return; // cancelled: the queue stays as it was
     std::vector<Item> fresh;
-    for (const Decoded& d : candidates) {
+    for (const DecodedFile& d : candidates) {
         if (!d.loaded || !d.buffer) {
             ++skipped;
             continue;

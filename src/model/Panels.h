@@ -23,6 +23,17 @@ public:
     /// Choose one folder, starting in `directory`; folders may be created on the way.
     virtual std::optional<QString> chooseFolder(const QString& directory, const QString& prompt,
                                                 const QString& message) = 0;
+
+    /// Called on the opening thread while the files of one `open` decode: first with `done` = 0, then
+    /// every few tens of milliseconds, last with `done` = `total` unless cancelled. Returning false
+    /// cancels the open: nothing of it is added. The default shows nothing and never cancels.
+    virtual bool openProgress(int done, int total) {
+        (void)done;
+        (void)total;
+        return true;
+    }
+    /// Called once after the last `openProgress` of an open, finished or cancelled.
+    virtual void openFinished() {}
 };
 
 } // namespace cutlark

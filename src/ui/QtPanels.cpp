@@ -2,9 +2,11 @@
 
 #include "model/ImageFile.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFileDialog>
 #include <QMimeDatabase>
+#include <QProgressDialog>
 
 namespace cutlark {
 
@@ -48,6 +50,32 @@ std::optional<QString> QtPanels::chooseFolder(const QString& directory, const QS
     dialog.setLabelText(QFileDialog::Accept, prompt);
     if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty()) return std::nullopt;
     return dialog.selectedFiles().first();
+}
+
+bool QtPanels::openProgress(int done, int total) {
+    if (done == 0 && !m_progress) m_openClock.start();
+    if (!m_progress) {
+        // Short opens show nothing, and until the dialog is up no events run, so nothing else can
+        // happen to the window in the middle of an open.
+        if (done >= total || !m_openClock.isValid() || m_openClock.elapsed() < m_progressDelayMs) return true;
+        m_progress = new QProgressDialog(total == 1 ? QObject::tr("Opening 1 image…")
+                                                    : QObject::tr("Opening %1 images…").arg(total), QObject::tr("Cancel"),
+                                         0, total, m_parent);
+        m_progress->setWindowTitle(QObject::tr("Opening"));
+        m_progress->setWindowModality(Qt::WindowModal);
+        m_progress->setMinimumDuration(0);
+        m_progress->setAutoReset(false);
+        m_progress->setAutoClose(false);
+        m_progress->show();
+    }
+    m_progress->setValue(done);
+    QCoreApplication::processEvents(); // repaints, and lets Cancel be clicked
+    return !m_progress || !m_progress->wasCanceled();
+}
+
+void QtPanels::openFinished() {
+    delete m_progress.data();
+    m_openClock.invalidate();
 }
 
 } // namespace cutlark
