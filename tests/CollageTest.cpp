@@ -240,7 +240,7 @@ TEST_F(SplitTest, FewerThanTwoWrittenIsAFailureThatKeepsTheQueue) {
     const QUuid id = model.active()->id;
     int writes = 0;
     AtomicFile::setFaultInjector([&](AtomicFile::Step step, const QString&) {
-        if (step != AtomicFile::Step::commit) return true;
+        if (step != AtomicFile::Step::rename) return true;
         return ++writes == 1; // only the first piece gets written
     });
     panels.folderAnswers.push_back(m_dir.filePath(QStringLiteral("out")));

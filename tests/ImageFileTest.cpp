@@ -242,7 +242,7 @@ TEST_F(ImageFileTest, FailedWritesLeaveTheOldFileIntact) {
     ASSERT_TRUE(writeImage(quarters(8, 8), file, "png"));
     const QByteArray before = readBytes(file);
 
-    for (AtomicFile::Step failing : {AtomicFile::Step::open, AtomicFile::Step::write, AtomicFile::Step::commit}) {
+    for (AtomicFile::Step failing : {AtomicFile::Step::open, AtomicFile::Step::write, AtomicFile::Step::sync, AtomicFile::Step::rename}) {
         AtomicFile::setFaultInjector([failing](AtomicFile::Step step, const QString&) { return step != failing; });
         EXPECT_FALSE(ImageFile::save(solid(8, 8, Qt::black), file, png));
         AtomicFile::setFaultInjector({});

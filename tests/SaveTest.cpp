@@ -178,7 +178,7 @@ TEST_F(SaveTest, FailedWritesReportAndLoseNothing) {
     const QByteArray before = readBytes(source);
     const QUuid active = *model.activeID();
 
-    AtomicFile::setFaultInjector([](AtomicFile::Step step, const QString&) { return step != AtomicFile::Step::commit; });
+    AtomicFile::setFaultInjector([](AtomicFile::Step step, const QString&) { return step != AtomicFile::Step::rename; });
     model.saveOverOriginal();
     EXPECT_EQ(model.errorMessage(), QStringLiteral("Couldn’t write to “keep.png”."));
     EXPECT_EQ(readBytes(source), before);

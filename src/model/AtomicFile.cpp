@@ -5,6 +5,8 @@
 
 #include <mutex>
 
+#include <unistd.h>
+
 namespace cutlark::AtomicFile {
 
 namespace {
@@ -33,12 +35,19 @@ bool write(const QString& path, const QByteArray& bytes) {
         file.commit(); // discards the temporary file
         return false;
     }
-    if (!allowed(Step::commit, path)) {
+    // Flushed and synced here as well as in commit() so that a full disk or a failing device shows
+    // before the rename, and so that each step can be made to fail on its own.
+    if (!allowed(Step::sync, path) || !file.flush() || ::fsync(file.handle()) != 0) {
         file.cancelWriting();
         file.commit();
         return false;
     }
-    return file.commit(); // flushes, syncs and renames over the target
+    if (!allowed(Step::rename, path)) {
+        file.cancelWriting();
+        file.commit();
+        return false;
+    }
+    return file.commit(); // renames over the target
 }
 
 } // namespace cutlark::AtomicFile

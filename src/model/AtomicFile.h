@@ -13,8 +13,9 @@ namespace cutlark::AtomicFile {
 /// file is left behind. A `path` that names a folder, or lies in a folder that doesn't exist, fails.
 bool write(const QString& path, const QByteArray& bytes);
 
-/// The steps of a write that can be made to fail, for tests that prove nothing is lost.
-enum class Step { open, write, commit };
+/// The steps of a write that can be made to fail, for tests that prove nothing is lost: creating the
+/// temporary file, writing the bytes, flushing them to disk, and renaming over the target.
+enum class Step { open, write, sync, rename };
 
 /// Test seam: when set, called before each step; returning false makes that step fail.
 /// Pass an empty function to remove it. Not for production use.
