@@ -1,5 +1,6 @@
 #include "app/SingleInstance.h"
 #include "engines/VisionEngine.h"
+#include "model/HugePages.h"
 #include "ui/ContentView.h"
 #include "ui/FileOpenInbox.h"
 #include "ui/MainWindow.h"
@@ -12,6 +13,7 @@
 #include <QtConcurrent/QtConcurrentRun>
 
 int main(int argc, char** argv) {
+    cutlark::HugePages::restartWithHugePages(argv);
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Cutlark"));
     QApplication::setDesktopFileName(QStringLiteral("cutlark"));
