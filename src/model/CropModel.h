@@ -216,6 +216,9 @@ public:
     /// Each folder replaced by its direct children of an accepted type (by name), in listing order;
     /// anything else passed on untested.
     static QStringList expandingFolders(const QStringList& paths);
+    /// Children of the folders among `paths` that pass the type test but whose names can't be held
+    /// in a string (not valid in the file-name encoding); `expandingFolders` can't list them.
+    static int unnamableChildren(const QStringList& paths);
     /// True when the file name's extension names one of the accepted types. Never reads the file.
     static bool passesTypeTest(const QString& path);
 

@@ -7,7 +7,10 @@
 #include <QDir>
 #include <QThreadPool>
 #include <QtConcurrent/QtConcurrentMap>
+#include <QFile>
 #include <QFileInfo>
+
+#include <dirent.h>
 
 #include <algorithm>
 #include <atomic>
@@ -56,6 +59,25 @@ QStringList CropModel::expandingFolders(const QStringList& paths) {
             if (passesTypeTest(child.fileName())) out << child.filePath();
     }
     return out;
+}
+
+int CropModel::unnamableChildren(const QStringList& paths) {
+    // Qt leaves out of a listing any name that isn't valid in the file-name encoding (a Latin-1 name
+    // on a UTF-8 system); such a file can't be opened by name, but the user is told it was there.
+    int count = 0;
+    for (const QString& path : paths) {
+        if (!QFileInfo(path).isDir()) continue;
+        DIR* dir = opendir(QFile::encodeName(path).constData());
+        if (!dir) continue;
+        while (const dirent* entry = readdir(dir)) {
+            const QByteArray raw(entry->d_name);
+            if (raw.startsWith('.')) continue;
+            const QString name = QFile::decodeName(raw);
+            if (QFile::encodeName(name) != raw && passesTypeTest(name)) ++count;
+        }
+        closedir(dir);
+    }
+    return count;
 }
 
 QString CropModel::skipMessage(int count) const {
@@ -126,7 +148,7 @@ void CropModel::openNow(const QStringList& paths) {
     });
 
     QList<DecodedFile> candidates;
-    int skipped = 0;
+    int skipped = unnamableChildren(paths);
     for (const QString& path : list) {
         if (passesTypeTest(path)) candidates.append(DecodedFile{path, std::nullopt, std::nullopt});
         else ++skipped;
