@@ -1,8 +1,14 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds Cutlark and runs every test through CTest.
+# Installs what is missing, builds Cutlark and runs every test through CTest; then builds the suite
+# with sanitizers and runs it again (CUTLARK_SANITIZERS=0 skips that part).
 set -euo pipefail
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 CUTLARK_TEST_DATA=1 "$here/scripts/setup.sh"
 export QT_QPA_PLATFORM=offscreen
-cd "${CUTLARK_BUILD_DIR:-$here/build}"
-ctest --output-on-failure --parallel "$(nproc)" "$@"
+(
+    cd "${CUTLARK_BUILD_DIR:-$here/build}"
+    ctest --output-on-failure --parallel "$(nproc)" "$@"
+)
+if [ "${CUTLARK_SANITIZERS:-1}" != 0 ]; then
+    "$here/scripts/sanitizers.sh"
+fi

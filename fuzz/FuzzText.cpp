@@ -1,10 +1,12 @@
 // Text the user types: the CLI's --set values and presets, and colours in hex.
 #include "model/Settings.h"
+#include "ui/ColorPickerPopover.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
 
 #include <cstdint>
+#include <cstdlib>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const QString text = QString::fromUtf8(reinterpret_cast<const char*>(data), qsizetype(size));
@@ -14,6 +16,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         (void)cutlark::Settings::parseInto(settings, name, text);
     }
     (void)cutlark::colorFromHex(text);
+    // The picker's field: whatever it accepts is six hex digits once blanks and '#' are gone, and
+    // gives a colour inside the HSB cube.
+    if (const auto hsb = cutlark::ColorPickerPopover::parseHex(text)) {
+        QString digits = text.trimmed();
+        digits.remove(QLatin1Char('#'));
+        bool hex = digits.size() == 6;
+        for (const QChar c : digits) hex = hex && QStringLiteral("0123456789abcdefABCDEF").contains(c);
+        const bool inside = hsb->hue >= 0 && hsb->hue <= 1 && hsb->sat >= 0 && hsb->sat <= 1 && hsb->bri >= 0 &&
+                            hsb->bri <= 1;
+        if (!hex || !inside) std::abort();
+    }
     const QJsonDocument doc = QJsonDocument::fromJson(QByteArray(reinterpret_cast<const char*>(data), qsizetype(size)));
     if (doc.isObject() && !doc.object().contains(QStringLiteral("backgroundImageURL")))
         (void)cutlark::Settings::parseJsonInto(settings, doc.object());

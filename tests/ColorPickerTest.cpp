@@ -38,7 +38,7 @@ TEST(ColorPicker, HexFormsAcceptedAndRefused) {
         EXPECT_DOUBLE_EQ(parsed->sat, reference->sat);
         EXPECT_DOUBLE_EQ(parsed->bri, reference->bri);
     }
-    for (const char* text : {"F80", "FF88000", "GG8800", "", "FF 880"}) EXPECT_FALSE(ColorPickerPopover::parseHex(QLatin1String(text))) << text;
+    for (const char* text : {"F80", "FF88000", "GG8800", "", "FF 880", "0x12AB", "+FFFFF", "-00001", "ＦＦ８８００"}) EXPECT_FALSE(ColorPickerPopover::parseHex(QLatin1String(text))) << text;
     EXPECT_NEAR(reference->hue, 32.0 / 360, 1e-3);
 }
 

@@ -11,10 +11,15 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QThreadPool>
-#include <QtConcurrent/QtConcurrentRun>
 
 #include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
 
 namespace cutlark {
 
@@ -337,20 +342,38 @@ int CliRunner::runProcess(const CliOptions& options) {
         return 1;
     }
 
-    // Each job owns its model; results are printed in input order as they complete.
-    QThreadPool pool;
-    pool.setMaxThreadCount(options.jobs);
-    QList<QFuture<Outcome>> futures;
-    for (const QString& input : inputs)
-        futures << QtConcurrent::run(&pool, [=] { return processOne(input, settings, sizeWrites, options); });
+    // N workers take the inputs in turn, each with a model of its own, so at most N images are in
+    // memory at once; the results are printed in input order as soon as each is ready.
+    const qsizetype total = inputs.size();
+    std::vector<std::optional<Outcome>> outcomes(static_cast<size_t>(total));
+    std::mutex mutex;
+    std::condition_variable ready;
+    std::atomic<qsizetype> next{0};
+    const auto work = [&] {
+        for (qsizetype i = next++; i < total; i = next++) {
+            Outcome outcome = processOne(inputs[i], settings, sizeWrites, options);
+            const std::lock_guard lock(mutex);
+            outcomes[size_t(i)] = std::move(outcome);
+            ready.notify_all();
+        }
+    };
+    std::vector<std::thread> workers;
+    for (int t = 0; t < std::min<qsizetype>(options.jobs, total); ++t) workers.emplace_back(work);
 
     QStringList failures;
-    for (qsizetype i = 0; i < futures.size(); ++i) {
-        const Outcome o = futures[i].result();
+    for (qsizetype i = 0; i < total; ++i) {
+        Outcome o;
+        {
+            std::unique_lock lock(mutex);
+            ready.wait(lock, [&] { return outcomes[size_t(i)].has_value(); });
+            o = std::move(*outcomes[size_t(i)]);
+            outcomes[size_t(i)].reset();
+        }
         print(o.json);
         if (o.failed) failures << inputs[i] + QStringLiteral(": ") + o.json.value(QStringLiteral("error")).toString();
-        progress(i + 1, futures.size());
+        progress(i + 1, total);
     }
+    for (std::thread& worker : workers) worker.join();
     return reportFailures(failures);
 }
 

@@ -26,7 +26,7 @@ struct Mask {
     const uint8_t* row(int y) const { return bytes + qsizetype(y) * width; }
 };
 
-__attribute__((target_clones("avx2", "default"))) void markBlank(const uchar* pixels, qsizetype count, uint32_t floor,
+CUTLARK_CLONES void markBlank(const uchar* pixels, qsizetype count, uint32_t floor,
                                                                  uint8_t* mask) {
     const auto* px = reinterpret_cast<const uint32_t*>(pixels);
     for (qsizetype i = 0; i < count; ++i) {
@@ -37,14 +37,14 @@ __attribute__((target_clones("avx2", "default"))) void markBlank(const uchar* pi
 }
 
 // Content pixels of a stretch of one row.
-__attribute__((target_clones("avx2", "default"))) int contentIn(const uint8_t* m, int n) {
+CUTLARK_CLONES int contentIn(const uint8_t* m, int n) {
     int count = 0;
     for (int i = 0; i < n; ++i) count += m[i] == 0;
     return count;
 }
 
 // Adds each column's content pixels over the rows of `r` into `counts`.
-__attribute__((target_clones("avx2", "default"))) void addColumns(const uint8_t* m, int n, int* counts) {
+CUTLARK_CLONES void addColumns(const uint8_t* m, int n, int* counts) {
     for (int i = 0; i < n; ++i) counts[i] += m[i] == 0;
 }
 

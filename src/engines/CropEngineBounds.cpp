@@ -85,18 +85,18 @@ inline __attribute__((always_inline)) std::optional<QRectF> bounds(const uchar* 
     return QRectF(minX, minY, maxX - minX + 1, maxY - minY + 1);
 }
 
-__attribute__((target_clones("avx2", "default"))) std::optional<QRectF>
+CUTLARK_CLONES std::optional<QRectF>
 contentBounds(const uchar* pixels, int w, int h, uint32_t alphaFloor, uint32_t whiteFloor) {
     return bounds(pixels, w, h, ContentTest{alphaFloor, whiteFloor});
 }
 
-__attribute__((target_clones("avx2", "default"))) std::optional<QRectF> alphaBounds(const uchar* pixels, int w, int h,
+CUTLARK_CLONES std::optional<QRectF> alphaBounds(const uchar* pixels, int w, int h,
                                                                                     uint32_t minAlpha) {
     return bounds(pixels, w, h, AlphaTest{minAlpha});
 }
 
 // White for the background test: near-transparent whatever the colour, or all three at least 220.
-__attribute__((target_clones("avx2", "default"))) qint64 countWhite(const uint32_t* p, qint64 n) {
+CUTLARK_CLONES qint64 countWhite(const uint32_t* p, qint64 n) {
     uint32_t white = 0; // a band row holds far fewer than 2³² pixels
     for (qint64 i = 0; i < n; ++i) {
         const uint32_t v = p[i];

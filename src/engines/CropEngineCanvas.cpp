@@ -68,7 +68,7 @@ inline __attribute__((always_inline)) void overSpan(const uint32_t* s, Backgroun
     for (; x < w; ++x) d[x] = over(s[x], bg(x));
 }
 
-__attribute__((target_clones("avx2", "default"))) void overColorRow(const uint32_t* s, uint32_t color, uint32_t* d,
+CUTLARK_CLONES void overColorRow(const uint32_t* s, uint32_t color, uint32_t* d,
                                                                     int w) {
     overSpan(s, [color](int) { return color; }, d, w);
 }
@@ -95,7 +95,7 @@ struct Ramp {
 // (0 at the start, 1 at the end), `step` its change per pixel, not 0. The end colours extend beyond
 // both ends, so only pixels between them are interpolated; and the colour is worked out only for
 // blocks of the image that aren't opaque, since nothing else shows it.
-__attribute__((target_clones("avx2", "default"))) void overGradientSpan(const uint32_t* s, const Ramp& ramp, float t,
+CUTLARK_CLONES void overGradientSpan(const uint32_t* s, const Ramp& ramp, float t,
                                                                         float step, int from, int to, uint32_t left,
                                                                         uint32_t right, uint32_t* d, int w) {
     const Ramp r = ramp;

@@ -36,7 +36,7 @@ struct PoolDeleter {
 
 // --- internal mode: every keyable pixel, one pass ---
 
-__attribute__((target_clones("avx2", "default"))) qsizetype firstKeyable(const QImage& image, uint32_t floor,
+CUTLARK_CLONES qsizetype firstKeyable(const QImage& image, uint32_t floor,
                                                                          int& rowOut) {
     const Keyable keyable{floor};
     const int w = image.width();
@@ -58,7 +58,7 @@ __attribute__((target_clones("avx2", "default"))) qsizetype firstKeyable(const Q
     return -1;
 }
 
-__attribute__((target_clones("avx2", "default"))) void clearKeyableRows(const QImage& src, QImage& dst, int fromRow,
+CUTLARK_CLONES void clearKeyableRows(const QImage& src, QImage& dst, int fromRow,
                                                                         uint32_t floor) {
     const Keyable keyable{floor};
     const int w = src.width();
@@ -86,7 +86,7 @@ std::optional<QImage> keyInternal(const QImage& src, uint32_t floor) {
 enum : uint8_t { kSolid = 0, kOpen = 1, kCleared = 2 };
 
 // One pass that copies the picture into the result and notes which pixels are keyable.
-__attribute__((target_clones("avx2", "default"))) void copyAndMark(const QImage& src, QImage& dst, uint8_t* map,
+CUTLARK_CLONES void copyAndMark(const QImage& src, QImage& dst, uint8_t* map,
                                                                    uint32_t floor) {
     const Keyable keyable{floor};
     const int w = src.width();

@@ -7,6 +7,14 @@
 
 // Small building blocks shared by the pixel engines. Pixels are 32-bit words read from RGBA bytes in
 // memory order, so on this little-endian machine red is the low byte and alpha the high one.
+// Hot loops are compiled twice, for AVX2 and for any x86-64, and picked at load time. Not under
+// ThreadSanitizer: the picking runs before its run-time is up and crashes the program at start.
+#if defined(__SANITIZE_THREAD__)
+#define CUTLARK_CLONES
+#else
+#define CUTLARK_CLONES __attribute__((target_clones("avx2", "default")))
+#endif
+
 namespace cutlark::PixelOps {
 
 inline uint32_t red(uint32_t v) { return v & 0xffu; }

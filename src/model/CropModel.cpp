@@ -1,6 +1,7 @@
 #include "model/CropModel.h"
 
 #include "engines/CollageSplitter.h"
+#include "model/HandOff.h"
 #include "engines/VisionEngine.h"
 
 #include <QCoreApplication>
@@ -409,10 +410,12 @@ void CropModel::ensureVisionCutout() {
     // Computed on the thread pool; the result comes back to this model's thread by a queued call,
     // and is dropped if the model is gone by then. A running computation is never cancelled.
     QPointer<CropModel> self(this);
-    (void)QtConcurrent::run(QThreadPool::globalInstance(), [self, id, source, compute] {
+    (void)QtConcurrent::run(QThreadPool::globalInstance(), [in = HandOff(), self, id, source, compute, out = HandOff()] {
+        HandOff::received();
         std::optional<QImage> cutout = compute(source);
         QMetaObject::invokeMethod(
-            QCoreApplication::instance(), [self, id, cutout = std::move(cutout)] {
+            QCoreApplication::instance(), [in = HandOff(), self, id, cutout = std::move(cutout), out = HandOff()] {
+                HandOff::received();
                 if (self) self->finishCutout(id, cutout);
             },
             Qt::QueuedConnection);

@@ -5,8 +5,7 @@
 #include "model/NaturalOrder.h"
 
 #include <QDir>
-#include <QThreadPool>
-#include <QtConcurrent/QtConcurrentMap>
+#include <QThread>
 #include <QFile>
 #include <QFileInfo>
 
@@ -16,6 +15,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 namespace cutlark {
 
@@ -99,23 +99,29 @@ void CropModel::open(const QStringList& paths) {
 }
 
 bool CropModel::decodeAll(QList<DecodedFile>& candidates) {
-    // Decoding is the slow part: the files of one call are decoded side by side on the thread pool,
+    // Decoding is the slow part: the files of one call are decoded side by side, one thread per core,
     // and the call waits for all of them, so it stays synchronous and keeps the name order.
     const int total = int(candidates.size());
     std::mutex mutex;
     std::condition_variable finishedOne;
     int done = 0;
+    std::atomic<int> next{0};
     std::atomic<bool> cancelled{false};
-    QFuture<void> work = QtConcurrent::map(QThreadPool::globalInstance(), candidates, [&](DecodedFile& d) {
-        if (cancelled.load(std::memory_order_relaxed)) return;
-        d.loaded = ImageFile::load(d.path);
-        if (d.loaded) d.buffer = CropEngine::Buffer::make(d.loaded->image);
-        {
+    const auto work = [&] {
+        for (int i = next++; i < total && !cancelled.load(std::memory_order_relaxed); i = next++) {
+            DecodedFile& d = candidates[i];
+            d.loaded = ImageFile::load(d.path);
+            if (d.loaded) d.buffer = CropEngine::Buffer::make(d.loaded->image);
             const std::lock_guard lock(mutex);
             ++done;
+            finishedOne.notify_one(); // under the lock: the waiting side may end as soon as it sees `done`
         }
-        finishedOne.notify_one();
-    });
+    };
+    std::vector<std::thread> workers;
+    const int threads = std::clamp(QThread::idealThreadCount(), 1, total);
+    if (threads == 1) work(); // one file or one core: no thread to start
+    else
+        for (int t = 0; t < threads; ++t) workers.emplace_back(work);
 
     bool keepGoing = !m_panels || m_panels->openProgress(0, total);
     while (keepGoing) {
@@ -128,11 +134,8 @@ bool CropModel::decodeAll(QList<DecodedFile>& candidates) {
         if (doneNow == total) break;
         if (m_panels) keepGoing = m_panels->openProgress(doneNow, total);
     }
-    if (!keepGoing) {
-        cancelled = true;
-        work.cancel();
-    }
-    work.waitForFinished();
+    if (!keepGoing) cancelled = true; // files being decoded finish; no new one starts
+    for (std::thread& worker : workers) worker.join();
     if (m_panels) {
         if (keepGoing) m_panels->openProgress(total, total);
         m_panels->openFinished();

@@ -1,6 +1,7 @@
 // The vector worker: one background loop with a one-slot request flag, so that any number of
 // requests made during a trace fold into one further trace.
 #include "model/CropModel.h"
+#include "model/HandOff.h"
 
 #include "model/AtomicFile.h"
 #include "model/Clipboard.h"
@@ -112,10 +113,12 @@ void CropModel::runVectorPass() {
         return;
     }
     QPointer<CropModel> self(this);
-    (void)QtConcurrent::run(QThreadPool::globalInstance(), [self, job, tracer] {
+    (void)QtConcurrent::run(QThreadPool::globalInstance(), [in = HandOff(), self, job, tracer, out = HandOff()] {
+        HandOff::received();
         VectorResult result = tracer(job);
         QMetaObject::invokeMethod(
-            QCoreApplication::instance(), [self, job, result = std::move(result)] {
+            QCoreApplication::instance(), [in = HandOff(), self, job, result = std::move(result), out = HandOff()] {
+                HandOff::received();
                 if (self) self->finishVectorPass(job, result);
             },
             Qt::QueuedConnection);

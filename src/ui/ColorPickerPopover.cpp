@@ -13,6 +13,8 @@
 #include <QTimer>
 #include <QVBoxLayout>
 
+#include <cctype>
+
 #include <cmath>
 
 namespace cutlark {
@@ -86,6 +88,9 @@ std::optional<ColorPickerPopover::HSB> ColorPickerPopover::parseHex(const QStrin
     QString t = text.trimmed();
     t.remove(QLatin1Char('#'));
     if (t.size() != 6) return std::nullopt;
+    // Digits only: toUInt alone would also take "0x12AB" and "+FFFFF".
+    for (const QChar c : t)
+        if (!isxdigit(c.unicode()) || c.unicode() > 0x7f) return std::nullopt;
     bool ok = false;
     const uint v = t.toUInt(&ok, 16);
     if (!ok) return std::nullopt;
