@@ -121,6 +121,26 @@ TEST_F(WindowTest, DeleteRemovesTheActiveImageFromAnywhere) {
     EXPECT_NE(model->activeID(), first);
 }
 
+TEST_F(WindowTest, ThumbnailsAreDrawnOnceAndFollowTheSource) {
+    model->open(images(3));
+    QListWidget* list = view->queueDrawer()->list();
+    const auto keys = [&] {
+        QList<qint64> out;
+        for (int i = 0; i < list->count(); ++i) out << list->item(i)->icon().cacheKey();
+        return out;
+    };
+    const QList<qint64> before = keys();
+    model->setMirrored(true);
+    model->saveOverOriginal(); // the first item's source is now the mirrored picture
+    const QList<qint64> after = keys();
+    ASSERT_EQ(after.size(), 3);
+    EXPECT_NE(after[0], before[0]) << "a new source, a new thumbnail";
+    EXPECT_EQ(after[1], before[1]) << "the others aren't drawn again";
+    EXPECT_EQ(after[2], before[2]);
+    model->remove(model->items()[1].id);
+    EXPECT_EQ(keys(), (QList<qint64>{after[0], after[2]}));
+}
+
 TEST_F(WindowTest, TheDrawerSelectionIsTheActiveItem) {
     model->open(images(3));
     QListWidget* list = view->queueDrawer()->list();

@@ -27,7 +27,11 @@ QIcon thumbnail(const QImage& image) {
     p.setClipPath(clip);
     p.fillRect(QRectF(0, 0, 68, 68), QColor(128, 128, 128, 40));
     if (!image.isNull()) {
-        const QImage small = image.scaled(68, 68, Qt::KeepAspectRatio, Qt::SmoothTransformation);
+        // A quick cut to four times the size first; the smooth pass then works on a few thousand pixels.
+        const QImage near = image.width() > 272 || image.height() > 272
+                                ? image.scaled(272, 272, Qt::KeepAspectRatio, Qt::FastTransformation)
+                                : image;
+        const QImage small = near.scaled(68, 68, Qt::KeepAspectRatio, Qt::SmoothTransformation);
         p.drawImage(QPointF((68 - small.width()) / 2.0, (68 - small.height()) / 2.0), small);
     }
     p.end();
@@ -112,13 +116,20 @@ void QueueDrawer::rebuild() {
     if (!m_model) return;
     m_syncing = true;
     m_list->clear();
+    QHash<QPair<QUuid, qint64>, QIcon> kept;
     for (const auto& item : m_model->items()) {
-        auto* row = new QListWidgetItem(thumbnail(item.buffer.cgImage()), QFileInfo(item.url).fileName(), m_list);
+        const QImage source = item.buffer.cgImage();
+        const QPair<QUuid, qint64> key(item.id, source.cacheKey());
+        const auto cached = m_thumbnails.constFind(key);
+        const QIcon icon = cached != m_thumbnails.constEnd() ? *cached : thumbnail(source);
+        kept.insert(key, icon);
+        auto* row = new QListWidgetItem(icon, QFileInfo(item.url).fileName(), m_list);
         row->setData(Qt::UserRole, item.id.toString());
         if (item.saved) row->setData(Qt::DecorationRole + 100, true);
         row->setToolTip(item.url);
         if (item.saved) row->setText(row->text() + QStringLiteral("  ✓"));
     }
+    m_thumbnails = std::move(kept); // removed items and replaced sources drop out
     m_count->setText(countText());
     m_syncing = false;
     syncSelection();

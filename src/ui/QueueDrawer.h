@@ -2,7 +2,11 @@
 
 #include "model/CropModel.h"
 
+#include <QHash>
+#include <QIcon>
+#include <QPair>
 #include <QPointer>
+#include <QUuid>
 #include <QWidget>
 
 class QLabel;
@@ -33,6 +37,9 @@ private:
     QListWidget* m_list;
     QToolButton* m_remove;
     bool m_syncing = false;
+    /// Thumbnails already drawn, by item and by the version of its source: a queue of hundreds of
+    /// 12-megapixel images mustn't scale every one of them again whenever one item changes.
+    QHash<QPair<QUuid, qint64>, QIcon> m_thumbnails;
 };
 
 } // namespace cutlark
