@@ -1,6 +1,6 @@
 // Text the user types: the CLI's --set values and presets, and colours in hex.
 #include "model/Settings.h"
-#include "ui/ColorPickerPopover.h"
+#include "engines/ColorComponents.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -17,15 +17,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     (void)cutlark::colorFromHex(text);
     // The picker's field: whatever it accepts is six hex digits once blanks and '#' are gone, and
-    // gives a colour inside the HSB cube.
-    if (const auto hsb = cutlark::ColorPickerPopover::parseHex(text)) {
+    // reads as the number they spell.
+    if (const auto rgb = cutlark::rgbFromHexField(text)) {
         QString digits = text.trimmed();
         digits.remove(QLatin1Char('#'));
         bool hex = digits.size() == 6;
         for (const QChar c : digits) hex = hex && QStringLiteral("0123456789abcdefABCDEF").contains(c);
-        const bool inside = hsb->hue >= 0 && hsb->hue <= 1 && hsb->sat >= 0 && hsb->sat <= 1 && hsb->bri >= 0 &&
-                            hsb->bri <= 1;
-        if (!hex || !inside) std::abort();
+        if (!hex || *rgb > 0xffffff || digits.toUInt(nullptr, 16) != *rgb) std::abort();
     }
     const QJsonDocument doc = QJsonDocument::fromJson(QByteArray(reinterpret_cast<const char*>(data), qsizetype(size)));
     if (doc.isObject() && !doc.object().contains(QStringLiteral("backgroundImageURL")))

@@ -13,8 +13,6 @@
 #include <QTimer>
 #include <QVBoxLayout>
 
-#include <cctype>
-
 #include <cmath>
 
 namespace cutlark {
@@ -85,16 +83,9 @@ const QList<QStringList>& ColorPickerPopover::palette() {
 }
 
 std::optional<ColorPickerPopover::HSB> ColorPickerPopover::parseHex(const QString& text) {
-    QString t = text.trimmed();
-    t.remove(QLatin1Char('#'));
-    if (t.size() != 6) return std::nullopt;
-    // Digits only: toUInt alone would also take "0x12AB" and "+FFFFF".
-    for (const QChar c : t)
-        if (!isxdigit(c.unicode()) || c.unicode() > 0x7f) return std::nullopt;
-    bool ok = false;
-    const uint v = t.toUInt(&ok, 16);
-    if (!ok) return std::nullopt;
-    return hsbOf(((v >> 16) & 0xff) / 255.0, ((v >> 8) & 0xff) / 255.0, (v & 0xff) / 255.0);
+    const auto v = rgbFromHexField(text);
+    if (!v) return std::nullopt;
+    return hsbOf(((*v >> 16) & 0xff) / 255.0, ((*v >> 8) & 0xff) / 255.0, (*v & 0xff) / 255.0);
 }
 
 QString ColorPickerPopover::percentText(double alpha) { return QStringLiteral("%1%").arg(qint64(std::round(alpha * 100))); }
