@@ -3,9 +3,12 @@
 #include "ui/ContentView.h"
 #include "ui/CropEditorSheet.h"
 #include "ui/MainWindow.h"
+#include "ui/QtPanels.h"
 #include "ui/Widgets.h"
 
 #include <QApplication>
+#include <QProgressDialog>
+#include <QTimer>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QIcon>
@@ -168,6 +171,36 @@ int main(int argc, char** argv) {
             std::printf("%s %s\n", wrote ? "wrote" : "couldn't write", qPrintable(out + QStringLiteral("/06-color-picker.png")));
             ok &= wrote;
         }
+    }
+    {
+        // Opening many files: the progress dialog with Cancel (shown at once here; after half a
+        // second in real use).
+        MainWindow window;
+        window.resize(720, 540);
+        window.show();
+        QtPanels panels(&window);
+        panels.setProgressDelay(0);
+        CropModel& model = window.content()->model();
+        model.setPanels(&panels);
+        QTemporaryDir pictures;
+        QStringList many;
+        for (int i = 0; i < 24; ++i) {
+            many << pictures.filePath(QStringLiteral("opening-%1.png").arg(i));
+            subject(QColor::fromHsv(i * 15, 160, 200)).scaled(1600, 1200).save(many.last());
+        }
+        bool shot = false;
+        QTimer poll;
+        QObject::connect(&poll, &QTimer::timeout, [&] {
+            auto* dialog = window.findChild<QProgressDialog*>();
+            if (shot || !dialog || dialog->value() < 2) return;
+            shot = true;
+            const bool wrote = dialog->grab().save(out + QStringLiteral("/07-opening.png"));
+            std::printf("%s %s\n", wrote ? "wrote" : "couldn't write", qPrintable(out + QStringLiteral("/07-opening.png")));
+            ok &= wrote;
+        });
+        poll.start(10);
+        model.open(many);
+        ok &= shot;
     }
     return ok ? 0 : 1;
 }
