@@ -3,6 +3,12 @@
 #include "engines/ColorComponents.h"
 #include "engines/CropEngine.h"
 
+#include <opencv2/imgproc.hpp>
+
+#include <array>
+#include <random>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 using namespace cutlark;
@@ -223,6 +229,40 @@ TEST(Resize, ScalesToTheRoundedTarget) {
         }
     // An opaque image stays opaque.
     EXPECT_FALSE(CropEngine::resize(image.convertToFormat(QImage::Format_RGBX8888), QSizeF(20, 10))->hasAlphaChannel());
+}
+
+TEST(Resize, ShrinkingAgreesWithOpenCVsAreaAverageAtAnyFactor) {
+    // OpenCV's INTER_AREA is the reference: the same area weights, computed another way.
+    std::mt19937 random(7);
+    for (const auto& [sw, sh, dw, dh] : std::vector<std::array<int, 4>>{
+             {300, 200, 200, 133}, {300, 200, 150, 100}, {301, 199, 97, 64}, {64, 48, 63, 47}, {50, 40, 50, 17},
+             {500, 30, 7, 1}, {1, 9, 1, 2}, {17, 17, 1, 1}, {1000, 700, 999, 3}}) {
+        SCOPED_TRACE(testing::Message() << sw << "x" << sh << " -> " << dw << "x" << dh);
+        // Random premultiplied pixels: colour never above alpha.
+        QImage image(sw, sh, QImage::Format_RGBA8888_Premultiplied);
+        for (int y = 0; y < sh; ++y)
+            for (int x = 0; x < sw; ++x) {
+                const int a = int(random() % 256);
+                put(image, x, y, uchar(random() % (a + 1)), uchar(random() % (a + 1)), uchar(random() % (a + 1)),
+                    uchar(a));
+            }
+        const auto ours = CropEngine::resize(image, QSizeF(dw, dh));
+        ASSERT_TRUE(ours);
+        ASSERT_EQ(ours->size(), QSize(dw, dh));
+        const cv::Mat from(sh, sw, CV_8UC4, const_cast<uchar*>(image.constBits()), size_t(image.bytesPerLine()));
+        cv::Mat reference;
+        cv::resize(from, reference, cv::Size(dw, dh), 0, 0, cv::INTER_AREA);
+        int worst = 0;
+        for (int y = 0; y < dh; ++y) {
+            const uchar* p = ours->constScanLine(y);
+            const uchar* q = reference.ptr<uchar>(y);
+            for (int i = 0; i < dw * 4; i += 4) {
+                for (int c = 0; c < 4; ++c) worst = std::max(worst, std::abs(int(p[i + c]) - int(q[i + c])));
+                ASSERT_LE(std::max({p[i], p[i + 1], p[i + 2]}), p[i + 3]) << "still premultiplied";
+            }
+        }
+        EXPECT_LE(worst, 1) << "rounding only";
+    }
 }
 
 TEST(ColorComponents, AnyColourModelComesOutAsSrgb) {

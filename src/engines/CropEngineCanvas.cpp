@@ -1,5 +1,7 @@
 // Canvas operations: padding, backgrounds, canvas size and scaling.
 #include "engines/CropEngine.h"
+
+#include "engines/AreaResize.h"
 #include "engines/PixelOps.h"
 
 #include <QColorSpace>
@@ -274,11 +276,17 @@ std::optional<QImage> resize(const QImage& image, const QSizeF& target) {
     const cv::Mat from(src.height(), src.width(), CV_8UC4, const_cast<uchar*>(src.constBits()),
                        size_t(src.bytesPerLine()));
     cv::Mat to(out.height(), out.width(), CV_8UC4, out.bits(), size_t(out.bytesPerLine()));
-    // Area averaging when shrinking (no aliasing); bicubic when growing, clamped back into valid
+    // Area averaging when shrinking (no aliasing; our own single pass, several times faster than
+    // OpenCV's at factors that aren't whole numbers); bicubic when growing, clamped back into valid
     // premultiplied values since cubic weights can overshoot.
     const bool shrinking = *tw <= src.width() && *th <= src.height();
+    if (shrinking) {
+        AreaResize::shrink(src.constBits(), src.width(), src.height(), size_t(src.bytesPerLine()), out.bits(),
+                           out.width(), out.height(), size_t(out.bytesPerLine()));
+        return out;
+    }
     try {
-        cv::resize(from, to, to.size(), 0, 0, shrinking ? cv::INTER_AREA : cv::INTER_CUBIC);
+        cv::resize(from, to, to.size(), 0, 0, cv::INTER_CUBIC);
     } catch (const cv::Exception&) {
         return std::nullopt;
     }
