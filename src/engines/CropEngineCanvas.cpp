@@ -270,27 +270,31 @@ std::optional<QImage> resize(const QImage& image, const QSizeF& target) {
     if (*tw == image.width() && *th == image.height()) return image;
     const QImage src = rgbaPixels(image);
     if (src.isNull() || !canvasFits(*tw, *th)) return std::nullopt;
+    // Area averaging when shrinking (no aliasing; our own single pass, several times faster than
+    // OpenCV's at factors that aren't whole numbers); bicubic when growing, clamped back into valid
+    // premultiplied values since cubic weights can overshoot.
+    const bool shrinking = *tw <= src.width() && *th <= src.height();
+    if (shrinking) {
+        // Every pixel gets written, so a recycled store does (no fresh pages to fault in).
+        QImage shrunk = newCanvas(*tw, *th);
+        if (shrunk.isNull()) return std::nullopt;
+        if (!src.hasAlphaChannel()) shrunk.reinterpretAsFormat(src.format()); // opaque stays opaque
+        AreaResize::shrink(src.constBits(), src.width(), src.height(), size_t(src.bytesPerLine()), shrunk.bits(),
+                           shrunk.width(), shrunk.height(), size_t(shrunk.bytesPerLine()));
+        return shrunk;
+    }
     QImage out(int(*tw), int(*th), src.format()); // an opaque image stays opaque
     if (out.isNull()) return std::nullopt;
     out.setColorSpace(src.colorSpace());
     const cv::Mat from(src.height(), src.width(), CV_8UC4, const_cast<uchar*>(src.constBits()),
                        size_t(src.bytesPerLine()));
     cv::Mat to(out.height(), out.width(), CV_8UC4, out.bits(), size_t(out.bytesPerLine()));
-    // Area averaging when shrinking (no aliasing; our own single pass, several times faster than
-    // OpenCV's at factors that aren't whole numbers); bicubic when growing, clamped back into valid
-    // premultiplied values since cubic weights can overshoot.
-    const bool shrinking = *tw <= src.width() && *th <= src.height();
-    if (shrinking) {
-        AreaResize::shrink(src.constBits(), src.width(), src.height(), size_t(src.bytesPerLine()), out.bits(),
-                           out.width(), out.height(), size_t(out.bytesPerLine()));
-        return out;
-    }
     try {
         cv::resize(from, to, to.size(), 0, 0, cv::INTER_CUBIC);
     } catch (const cv::Exception&) {
         return std::nullopt;
     }
-    if (!shrinking && out.hasAlphaChannel()) {
+    if (out.hasAlphaChannel()) {
         for (int y = 0; y < out.height(); ++y) {
             uchar* p = out.scanLine(y);
             for (int x = 0; x < out.width(); ++x, p += 4) {
