@@ -67,7 +67,7 @@ void ImagePreview::modelChanged() {
     m_revealKey = key;
     retarget(!keyChanged);
     // A new image (or the first one) comes in from 0.96 and transparent.
-    if (!image.isNull() && (keyChanged || m_revealProgress == 0 && !m_revealed)) triggerReveal();
+    if (!image.isNull() && (keyChanged || (m_revealProgress == 0 && !m_revealed))) triggerReveal();
     update();
 }
 

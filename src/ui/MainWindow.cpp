@@ -17,7 +17,6 @@ MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent), m_content(new Con
     setWindowTitle(tr("Cutlark"));
     setCentralWidget(m_content);
     resize(720, 540);
-    CropModel* model = &m_content->model();
 
     QMenu* file = menuBar()->addMenu(tr("&File"));
     // The menu has no model at hand in the platform's design; the files go by way of the inbox.
