@@ -11,6 +11,7 @@ packages=(
     qt6-base-dev qt6-svg-dev libgl-dev        # Qt 6 Core/Gui/Widgets/Concurrent/Svg/Test
     qt6-image-formats-plugins                 # TIFF and WebP readers and writers for Qt
     libheif-dev                               # HEIC/HEIF decoding and encoding
+    libjpeg62-turbo-dev                       # JPEG decoding straight into our own stores
     libopencv-dev                             # blur, morphology, contours, the subject network
     libgtest-dev libgmock-dev                 # the test suites
     libbenchmark-dev                          # the micro-benchmarks in bench/

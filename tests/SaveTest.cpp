@@ -116,7 +116,7 @@ TEST_F(SaveTest, AFileWithoutExtensionGetsTheTypesOwn) {
     QFile::rename(bare, noExt);
     // Opening refuses a name without extension, so the item is made by hand.
     CropModel::Item item{QUuid::createUuid(), noExt, QStringLiteral("image/jpeg"),
-                         *CropEngine::Buffer::make(ImageFile::load(noExt)->image), false, {}};
+                         *CropEngine::Buffer::make(ImageFile::load(noExt)->image), false, {}, nullptr};
     EXPECT_EQ(model.proposedNewFileName(item), QStringLiteral("Scan-out.") + ImageFile::preferredExtension(item.type));
     EXPECT_TRUE(model.proposedNewFileName(item).endsWith(QStringLiteral(".jpg")) ||
                 model.proposedNewFileName(item).endsWith(QStringLiteral(".jpeg")));

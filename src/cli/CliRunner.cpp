@@ -116,7 +116,7 @@ Outcome infoOne(const QString& input) {
     const Settings defaults;
     const auto content = CropEngine::contentRect(item->buffer, defaults.threshold);
     outcome.json.insert(QStringLiteral("contentRect"), content ? QJsonValue(rectJson(*content)) : QJsonValue());
-    outcome.json.insert(QStringLiteral("mostlyWhite"), CropEngine::backgroundIsMostlyWhite(item->buffer, 0.85));
+    outcome.json.insert(QStringLiteral("mostlyWhite"), CropEngine::backgroundIsMostlyWhite(item->buffer, CropEngine::kMostlyWhiteEdgeFraction));
     QJsonArray pieces;
     for (const QRectF& r : model.collageRects()) pieces.append(rectJson(r));
     outcome.json.insert(QStringLiteral("collageRects"), pieces);

@@ -18,4 +18,7 @@ int blankFloor(double threshold);
 /// 2 or more than 40 pictures. Needs one byte per pixel for the blank mask.
 QList<QRectF> pieces(const CropEngine::Buffer& buffer, double threshold);
 
+/// The threshold collage detection works at when an image is opened or selected.
+constexpr double kDetectionThreshold = 10;
+
 } // namespace cutlark::CollageSplitter

@@ -73,6 +73,10 @@ std::optional<QRectF> alphaContentRect(const Buffer& buffer, quint8 minAlpha);
 /// True when at least three of the four edge bands are `perEdgeFraction` white (or transparent).
 bool backgroundIsMostlyWhite(const Buffer& buffer, double perEdgeFraction);
 
+/// The share of an edge band that must be white for the background to count as white when the
+/// removal mode is picked by itself.
+constexpr double kMostlyWhiteEdgeFraction = 0.85;
+
 // --- White keying ---
 
 /// Clears the white background to transparent, from the border inwards, or everywhere with

@@ -25,19 +25,23 @@ bool canvasFits(qint64 w, qint64 h) {
     return w <= maxImageBytes() / 4 / h;
 }
 
-QImage newCanvas(qint64 w, qint64 h) {
-    if (!canvasFits(w, h)) return QImage();
-    // Stores come from the pool, so a canvas of a size used before costs no fresh pages.
+QImage newImage(qint64 w, qint64 h, QImage::Format format) {
+    if (!canvasFits(w, h) || QImage::toPixelFormat(format).bitsPerPixel() != 32) return QImage();
+    // Stores come from the pool, so an image of a size used before costs no fresh pages.
     const qsizetype bytesPerLine = qsizetype(w) * 4;
     void* store = BufferPool::acquire(size_t(bytesPerLine) * size_t(h));
     if (!store) return QImage();
-    QImage canvas(static_cast<uchar*>(store), int(w), int(h), bytesPerLine, QImage::Format_RGBA8888_Premultiplied,
-                  BufferPool::release, store);
-    if (canvas.isNull()) {
+    QImage image(static_cast<uchar*>(store), int(w), int(h), bytesPerLine, format, BufferPool::release, store);
+    if (image.isNull()) {
         BufferPool::release(store);
         return QImage();
     }
-    canvas.setColorSpace(QColorSpace(QColorSpace::SRgb));
+    return image;
+}
+
+QImage newCanvas(qint64 w, qint64 h) {
+    QImage canvas = newImage(w, h, QImage::Format_RGBA8888_Premultiplied);
+    if (!canvas.isNull()) canvas.setColorSpace(QColorSpace(QColorSpace::SRgb));
     return canvas;
 }
 

@@ -35,6 +35,10 @@ bool canvasFits(qint64 w, qint64 h);
 /// A new premultiplied sRGB RGBA canvas, uninitialised; null when it can't be had.
 QImage newCanvas(qint64 w, qint64 h);
 
+/// A new uninitialised image of a 32-bit `format`, stride exactly w × 4, its store from the pool;
+/// no colour space set. Null when it can't be had or the format isn't 32 bits deep.
+QImage newImage(qint64 w, qint64 h, QImage::Format format);
+
 /// The image in a 32-bit RGBA layout the engines read directly: itself when it is premultiplied RGBA
 /// or opaque RGBX (any stride), otherwise a converted copy in sRGB. Null on failure.
 QImage rgbaPixels(const QImage& image);

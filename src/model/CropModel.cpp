@@ -9,6 +9,9 @@
 #include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
 
+#include <exception>
+#include <memory>
+
 namespace cutlark {
 
 namespace {
@@ -16,6 +19,16 @@ namespace {
 // The "went from false to true" tests of the hooks need the old value of flags only.
 bool flagOf(bool v) { return v; }
 template <class T> bool flagOf(const T&) { return false; }
+
+// A cutout that runs out of memory or meets a library error counts as no subject found.
+std::optional<QImage> cutoutSafely(const std::function<std::optional<QImage>(const QImage&)>& compute,
+                                   const QImage& source) {
+    try {
+        return compute(source);
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
 
 // Every writer of the quarter turns keeps them in 0…3.
 qint64 normalized(qint64 v) { return ((v % 4) + 4) % 4; }
@@ -30,7 +43,7 @@ CropModel::CropModel(QObject* parent)
 CropModel::~CropModel() = default;
 
 // Each setter stores, notifies, then runs the field's hook — also for an unchanged value.
-#define CUTLARK_SETTER(Type, name, Name, def, kind)                                                         \
+#define CUTLARK_SETTER(Type, name, Name, def, ...)                                                         \
     void CropModel::set##Name(const Type& value) {                                                          \
         const bool wasOn = flagOf(m_settings.name);                                                         \
         m_settings.name = normalized(value);                                                                \
@@ -41,7 +54,7 @@ CUTLARK_SETTINGS(CUTLARK_SETTER)
 #undef CUTLARK_SETTER
 
 bool CropModel::writeSetting(const QString& name, const Settings& from) {
-#define CUTLARK_WRITE_BY_NAME(Type, field, Name, def, kind)                                                 \
+#define CUTLARK_WRITE_BY_NAME(Type, field, Name, def, ...)                                                 \
     if (name == QLatin1String(#field)) {                                                                     \
         set##Name(from.field);                                                                               \
         return true;                                                                                         \
@@ -329,7 +342,7 @@ void CropModel::applySettings(const Settings& settings) {
     m_isApplyingSettingsSnapshot = true;
     // Each field through its own write path, in table order, so every hook runs; rebuilds and
     // retraces asked for meanwhile return at once, and the one below does the work.
-#define CUTLARK_APPLY(Type, name, Name, def, kind) set##Name(settings.name);
+#define CUTLARK_APPLY(Type, name, Name, def, ...) set##Name(settings.name);
     CUTLARK_SETTINGS(CUTLARK_APPLY)
 #undef CUTLARK_APPLY
     m_isApplyingSettingsSnapshot = false;
@@ -354,7 +367,13 @@ void CropModel::restoreSettingsAfterSwitch() {
 
 void CropModel::detectCollage() {
     const Item* item = active();
-    setCollageRects(item ? CollageSplitter::pieces(item->buffer, 10) : QList<QRectF>());
+    QList<QRectF> rects;
+    try {
+        if (item) rects = CollageSplitter::pieces(item->buffer, CollageSplitter::kDetectionThreshold);
+    } catch (const std::exception&) {
+        rects.clear(); // a detection that runs out of memory finds no collage
+    }
+    setCollageRects(rects);
 }
 
 // --- subject cutout ---
@@ -364,8 +383,8 @@ void CropModel::autoPickRemovalMode() {
     BGRemovalMode mode = BGRemovalMode::white;
     // The measurement reads the untouched source, so turns and crops don't sway it.
     if (m_cutoutService.available() && item)
-        mode = CropEngine::backgroundIsMostlyWhite(item->buffer, 0.85) ? BGRemovalMode::white
-                                                                       : BGRemovalMode::subject;
+        mode = CropEngine::backgroundIsMostlyWhite(item->buffer, CropEngine::kMostlyWhiteEdgeFraction) ? BGRemovalMode::white
+                                                                                           : BGRemovalMode::subject;
     setBgRemovalMode(mode);
     recomputeActive();
 }
@@ -402,21 +421,34 @@ void CropModel::ensureVisionCutout() {
 
     // The unturned, uncropped source: a turn or a mirror later needs no new computation.
     const QImage source = item->buffer.cgImage();
-    const auto compute = m_cutoutService.compute;
     if (m_synchronousWork) {
-        finishCutout(id, compute(source));
+        finishCutout(id, cutoutSafely(m_cutoutService.compute, source));
         return;
     }
     // Computed on the thread pool; the result comes back to this model's thread by a queued call,
-    // and is dropped if the model is gone by then. A running computation is never cancelled.
-    QPointer<CropModel> self(this);
-    (void)QtConcurrent::run(QThreadPool::globalInstance(), [in = HandOff(), self, id, source, compute, out = HandOff()] {
+    // and is dropped if the model is gone by then. A running computation is never cancelled. The
+    // task is owned by one thread at a time: the worker lets go of the source and the service
+    // before it hands the task back.
+    struct Task {
+        QPointer<CropModel> self;
+        QUuid id;
+        QImage source;
+        std::function<std::optional<QImage>(const QImage&)> compute;
+        std::optional<QImage> cutout;
+    };
+    auto task = std::make_unique<Task>(Task{this, id, source, m_cutoutService.compute, std::nullopt});
+    HandOff::sent();
+    (void)QtConcurrent::run(QThreadPool::globalInstance(), [task = std::move(task)]() mutable {
         HandOff::received();
-        std::optional<QImage> cutout = compute(source);
+        task->cutout = cutoutSafely(task->compute, task->source);
+        task->compute = nullptr;
+        task->source = QImage();
+        HandOff::sent();
         QMetaObject::invokeMethod(
-            QCoreApplication::instance(), [in = HandOff(), self, id, cutout = std::move(cutout), out = HandOff()] {
+            QCoreApplication::instance(),
+            [task = std::move(task)] {
                 HandOff::received();
-                if (self) self->finishCutout(id, cutout);
+                if (task->self) task->self->finishCutout(task->id, task->cutout);
             },
             Qt::QueuedConnection);
     });

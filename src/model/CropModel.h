@@ -13,6 +13,7 @@
 #include <QUuid>
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -36,6 +37,8 @@ public:
         CropEngine::Buffer buffer; ///< the upright source and its pixels
         bool saved = false;      ///< set by a successful save, never cleared
         Settings settingsSnapshot; ///< the settings the item had when it was last left
+        /// The source's share of the memory budget, given back when the last copy of the item goes.
+        std::shared_ptr<const MemoryBudget::Hold> memory;
     };
 
     /// Every observable field, for change notifications.
@@ -49,7 +52,7 @@ public:
         saveConfirmation,
         noticeMessage,
         collageRects,
-#define CUTLARK_FIELD_ENUM(Type, name, Name, def, kind) name,
+#define CUTLARK_FIELD_ENUM(Type, name, Name, def, ...) name,
         CUTLARK_SETTINGS(CUTLARK_FIELD_ENUM)
 #undef CUTLARK_FIELD_ENUM
         visionComputing,
@@ -77,6 +80,9 @@ public:
     /// Compute cutouts and traces on the calling thread, inside the call that asks for them (the
     /// command line, which has no event loop to bring results back).
     void setSynchronousWork(bool on) { m_synchronousWork = on; }
+    /// How opening decodes: by default each picture is admitted to the memory budget on its own; the
+    /// command line, which takes the budget for a whole job first, turns that off.
+    void setLoadOptions(const ImageFile::LoadOptions& options) { m_loadOptions = options; }
 
     /// One trace as the worker hands it to the background: the picture and the parameters read from
     /// the settings at the start of a pass.
@@ -131,7 +137,7 @@ public:
     const QList<QRectF>& collageRects() const { return m_collageRects; }
 
     // The 40 settings: a getter and a setter each. Every write notifies and runs the field's hook.
-#define CUTLARK_ACCESSORS(Type, name, Name, def, kind)                                                      \
+#define CUTLARK_ACCESSORS(Type, name, Name, def, ...)                                                      \
     const Type& name() const { return m_settings.name; }                                                    \
     void set##Name(const Type& value);
     CUTLARK_SETTINGS(CUTLARK_ACCESSORS)
@@ -195,8 +201,10 @@ public:
         std::optional<CropEngine::Buffer> buffer;
     };
     void openNow(const QStringList& paths);
-    /// Decodes every candidate on the thread pool, reporting progress; false when the user cancelled.
-    bool decodeAll(QList<DecodedFile>& candidates);
+    /// Decodes every candidate on threads of its own, never on the calling thread, reporting
+    /// progress; false when the user cancelled, which stops the waiting at once (decodes already
+    /// running finish on their own and are dropped).
+    bool decodeAll(std::vector<DecodedFile>& candidates);
     void restoreSettingsAfterSwitch();
 
     // --- pipeline ---
@@ -293,6 +301,7 @@ private:
     QList<QStringList> m_pendingOpens;
     CutoutService m_cutoutService;
     bool m_synchronousWork = false;
+    ImageFile::LoadOptions m_loadOptions;
     VectorTracer m_vectorTracer;
     class Clipboard* m_clipboard = nullptr;
 

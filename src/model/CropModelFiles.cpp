@@ -98,44 +98,55 @@ void CropModel::open(const QStringList& paths) {
     m_opening = false;
 }
 
-bool CropModel::decodeAll(QList<DecodedFile>& candidates) {
+bool CropModel::decodeAll(std::vector<DecodedFile>& candidates) {
     // Decoding is the slow part: the files of one call are decoded side by side, one thread per core,
-    // and the call waits for all of them, so it stays synchronous and keeps the name order.
-    const int total = int(candidates.size());
-    std::mutex mutex;
-    std::condition_variable finishedOne;
-    int done = 0;
-    std::atomic<int> next{0};
-    std::atomic<bool> cancelled{false};
-    const auto work = [&] {
-        for (int i = next++; i < total && !cancelled.load(std::memory_order_relaxed); i = next++) {
-            DecodedFile& d = candidates[i];
-            d.loaded = ImageFile::load(d.path);
+    // and the call waits for all of them, so it stays synchronous and keeps the name order. The
+    // waiting side only reports progress, so a window stays drawn, and a cancel returns at once:
+    // the state lives apart from this frame, and decodes still running finish into it unheard.
+    struct Shared {
+        std::mutex mutex;
+        std::condition_variable finishedOne;
+        std::vector<DecodedFile> files;
+        int done = 0;
+        std::atomic<int> next{0};
+        std::atomic<bool> cancelled{false};
+    };
+    const auto shared = std::make_shared<Shared>();
+    shared->files = std::move(candidates);
+    const int total = int(shared->files.size());
+    const ImageFile::LoadOptions options = m_loadOptions;
+    const auto work = [shared, total, options] {
+        for (int i = shared->next++; i < total && !shared->cancelled.load(); i = shared->next++) {
+            DecodedFile& d = shared->files[size_t(i)]; // each index belongs to one worker
+            d.loaded = ImageFile::load(d.path, options);
             if (d.loaded) d.buffer = CropEngine::Buffer::make(d.loaded->image);
-            const std::lock_guard lock(mutex);
-            ++done;
-            finishedOne.notify_one(); // under the lock: the waiting side may end as soon as it sees `done`
+            const std::lock_guard lock(shared->mutex);
+            ++shared->done;
+            shared->finishedOne.notify_one(); // under the lock: the waiting side may end as soon as it sees `done`
         }
     };
     std::vector<std::thread> workers;
     const int threads = std::clamp(QThread::idealThreadCount(), 1, total);
-    if (threads == 1) work(); // one file or one core: no thread to start
-    else
-        for (int t = 0; t < threads; ++t) workers.emplace_back(work);
+    for (int t = 0; t < threads; ++t) workers.emplace_back(work);
 
     bool keepGoing = !m_panels || m_panels->openProgress(0, total);
     while (keepGoing) {
         int doneNow = 0;
         {
-            std::unique_lock lock(mutex);
-            finishedOne.wait_for(lock, std::chrono::milliseconds(40), [&] { return done == total; });
-            doneNow = done;
+            std::unique_lock lock(shared->mutex);
+            shared->finishedOne.wait_for(lock, std::chrono::milliseconds(40), [&] { return shared->done == total; });
+            doneNow = shared->done;
         }
         if (doneNow == total) break;
         if (m_panels) keepGoing = m_panels->openProgress(doneNow, total);
     }
-    if (!keepGoing) cancelled = true; // files being decoded finish; no new one starts
-    for (std::thread& worker : workers) worker.join();
+    if (!keepGoing) {
+        shared->cancelled = true; // no new file starts; the ones running end on their own
+        for (std::thread& worker : workers) worker.detach();
+    } else {
+        for (std::thread& worker : workers) worker.join();
+        candidates = std::move(shared->files);
+    }
     if (m_panels) {
         if (keepGoing) m_panels->openProgress(total, total);
         m_panels->openFinished();
@@ -150,13 +161,13 @@ void CropModel::openNow(const QStringList& paths) {
         return NaturalOrder::compare(fileName(a), fileName(b)) < 0;
     });
 
-    QList<DecodedFile> candidates;
+    std::vector<DecodedFile> candidates;
     int skipped = unnamableChildren(paths);
     for (const QString& path : list) {
-        if (passesTypeTest(path)) candidates.append(DecodedFile{path, std::nullopt, std::nullopt});
+        if (passesTypeTest(path)) candidates.push_back(DecodedFile{path, std::nullopt, std::nullopt});
         else ++skipped;
     }
-    if (!candidates.isEmpty() && !decodeAll(candidates)) return; // cancelled: the queue stays as it was
+    if (!candidates.empty() && !decodeAll(candidates)) return; // cancelled: the queue stays as it was
     std::vector<Item> fresh;
     for (const DecodedFile& d : candidates) {
         if (!d.loaded || !d.buffer) {
@@ -164,7 +175,7 @@ void CropModel::openNow(const QStringList& paths) {
             continue;
         }
         fresh.push_back(Item{QUuid::createUuid(), QFileInfo(d.path).absoluteFilePath(), d.loaded->type, *d.buffer, false,
-                             Settings()});
+                             Settings(), d.loaded->hold});
     }
     candidates.clear();
 
@@ -248,9 +259,10 @@ void CropModel::saveOverOriginal() {
     }
     if (Item* saved = findItem(id)) {
         // The written pixels become the item's source; a failed read-back keeps the old ones.
-        if (auto loaded = ImageFile::load(target)) {
+        if (auto loaded = ImageFile::load(target, m_loadOptions)) {
             if (auto buffer = CropEngine::Buffer::make(loaded->image)) {
                 saved->buffer = *buffer;
+                saved->memory = loaded->hold;
                 invalidateVision(id);
             }
         }

@@ -5,7 +5,9 @@
 #include "engines/StickerEngine.h"
 
 #include <cmath>
+#include <exception>
 #include <limits>
+#include <optional>
 
 namespace cutlark {
 
@@ -29,6 +31,16 @@ double atLeastOne(double v) { return (v >= 1) ? v : 1.0; }
 bool opaqueAlpha(double a) { return a >= 0.999 - 0.5 / 65535.0; }
 
 RGBA componentsOrWhite(const QColor& color) { return sRGBComponents(color).value_or(RGBA{1, 1, 1, 1}); }
+
+// A stage that runs out of memory, or meets an error in a library under it (OpenCV, a thread that
+// can't be started), simply doesn't happen: the picture goes on as it was.
+template <class Stage> std::optional<QImage> attempt(Stage&& stage) {
+    try {
+        return stage();
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
 
 } // namespace
 
@@ -57,10 +69,13 @@ QImage CropModel::buildProcessed(const Item& item) {
     QImage work = item.buffer.cgImage();
 
     // 2. Orientation, always.
-    if (auto turned = CropEngine::oriented(work, s.quarterTurns, s.mirrored)) work = *turned;
+    if (auto turned = attempt([&] { return CropEngine::oriented(work, s.quarterTurns, s.mirrored); })) work = *turned;
 
     // 3. Manual crop, of the turned image.
-    if (s.manualCropEnabled) work = CropEngine::cropNormalized(work, s.manualCropRect);
+    if (s.manualCropEnabled) {
+        if (auto cropped = attempt([&] { return std::optional(CropEngine::cropNormalized(work, s.manualCropRect)); }))
+            work = *cropped;
+    }
 
     // 4. Background removal.
     if (s.keyWhiteEnabled) {
@@ -68,50 +83,53 @@ QImage CropModel::buildProcessed(const Item& item) {
             // The cutout is of the whole source, so it replaces what the crop made.
             const auto cached = m_visionCache.constFind(item.id);
             if (cached != m_visionCache.constEnd()) {
-                auto turned = CropEngine::oriented(*cached, s.quarterTurns, s.mirrored);
+                auto turned = attempt([&] { return CropEngine::oriented(*cached, s.quarterTurns, s.mirrored); });
                 work = turned ? *turned : *cached;
             }
-        } else if (auto keyed = CropEngine::keyOutWhite(work, s.keyThreshold, s.keyInternal)) {
+        } else if (auto keyed = attempt([&] { return CropEngine::keyOutWhite(work, s.keyThreshold, s.keyInternal); })) {
             work = *keyed;
         }
     }
 
     // 5. Outline or trim; the outline trims by itself, so it wins.
     if (s.stickerEnabled) {
-        if (auto sticker = StickerEngine::make(work, s.strokeWidth)) work = *sticker;
+        if (auto sticker = attempt([&] { return StickerEngine::make(work, s.strokeWidth); })) work = *sticker;
     } else if (s.trimEnabled) {
-        if (auto buffer = CropEngine::Buffer::make(work)) {
-            if (auto rect = CropEngine::contentRect(*buffer, s.threshold)) {
-                if (auto cropped = CropEngine::crop(*buffer, *rect)) work = *cropped;
-            }
-        }
+        const auto trimmed = attempt([&]() -> std::optional<QImage> {
+            const auto buffer = CropEngine::Buffer::make(work);
+            if (!buffer) return std::nullopt;
+            const auto rect = CropEngine::contentRect(*buffer, s.threshold);
+            if (!rect) return std::nullopt;
+            return CropEngine::crop(*buffer, *rect);
+        });
+        if (trimmed) work = *trimmed;
     }
 
     // 6. Padding: transparent margins.
     if (s.paddingEnabled) {
         const Insets p = paddingInsets();
-        if (auto padded = CropEngine::pad(work, p.top, p.right, p.bottom, p.left)) work = *padded;
+        if (auto padded = attempt([&] { return CropEngine::pad(work, p.top, p.right, p.bottom, p.left); })) work = *padded;
     }
 
     // 7. Background.
     if (s.backgroundEnabled) {
-        std::optional<QImage> filled;
-        switch (s.backgroundKind) {
-        case BackgroundKind::color: {
-            const RGBA c = componentsOrWhite(s.backgroundColor);
-            filled = CropEngine::fillColorBackground(work, c.r, c.g, c.b, c.a);
-            break;
-        }
-        case BackgroundKind::gradient: {
-            const RGBA a = componentsOrWhite(s.gradientStart);
-            const RGBA b = componentsOrWhite(s.gradientEnd);
-            filled = CropEngine::fillGradientBackground(work, a.r, a.g, a.b, a.a, b.r, b.g, b.b, b.a, s.gradientAngle);
-            break;
-        }
-        case BackgroundKind::image:
-            if (!s.backgroundImage.isNull()) filled = CropEngine::fillImageBackground(work, s.backgroundImage);
-            break;
-        }
+        const auto filled = attempt([&]() -> std::optional<QImage> {
+            switch (s.backgroundKind) {
+            case BackgroundKind::color: {
+                const RGBA c = componentsOrWhite(s.backgroundColor);
+                return CropEngine::fillColorBackground(work, c.r, c.g, c.b, c.a);
+            }
+            case BackgroundKind::gradient: {
+                const RGBA a = componentsOrWhite(s.gradientStart);
+                const RGBA b = componentsOrWhite(s.gradientEnd);
+                return CropEngine::fillGradientBackground(work, a.r, a.g, a.b, a.a, b.r, b.g, b.b, b.a, s.gradientAngle);
+            }
+            case BackgroundKind::image:
+                if (!s.backgroundImage.isNull()) return CropEngine::fillImageBackground(work, s.backgroundImage);
+                return std::nullopt;
+            }
+            return std::nullopt;
+        });
         if (filled) work = *filled;
     }
 
@@ -121,7 +139,9 @@ QImage CropModel::buildProcessed(const Item& item) {
     // 9. Resize or canvas.
     if (s.resizeEnabled) {
         if (auto target = resizeTargetSize(m_preResizeSize)) {
-            auto sized = s.resizeCanvas ? CropEngine::canvas(work, *target) : CropEngine::resize(work, *target);
+            auto sized = attempt([&] {
+                return s.resizeCanvas ? CropEngine::canvas(work, *target) : CropEngine::resize(work, *target);
+            });
             if (sized) work = *sized;
         }
     }

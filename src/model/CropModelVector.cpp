@@ -14,6 +14,8 @@
 #include <QtConcurrent/QtConcurrentRun>
 
 #include <cmath>
+#include <exception>
+#include <memory>
 
 namespace cutlark {
 
@@ -37,6 +39,20 @@ double CropModel::outlineStrokeWidth(const QSizeF& size, double vectorStrokeWidt
     const double w = std::max(size.width(), size.height()) * vectorStrokeWidth / 1000.0;
     return w >= 0.5 ? w : 0.5;
 }
+
+namespace {
+
+// A trace that runs out of memory or meets a library error gives nothing, like a trace that found
+// nothing; the worker goes on.
+CropModel::VectorResult traceSafely(const CropModel::VectorTracer& tracer, const CropModel::VectorJob& job) {
+    try {
+        return tracer(job);
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+} // namespace
 
 CropModel::VectorResult CropModel::runVectorJob(const VectorJob& job) {
     VectorResult result;
@@ -107,19 +123,32 @@ void CropModel::runVectorPass() {
     job.denoisePasses = denoisePassesFor(m_settings.vectorDenoise);
     job.cleanupPasses = cleanupPassesFor(m_settings.vectorCleanup);
 
-    const VectorTracer tracer = m_vectorTracer;
     if (m_synchronousWork) {
-        finishVectorPass(job, tracer(job));
+        finishVectorPass(job, traceSafely(m_vectorTracer, job));
         return;
     }
-    QPointer<CropModel> self(this);
-    (void)QtConcurrent::run(QThreadPool::globalInstance(), [in = HandOff(), self, job, tracer, out = HandOff()] {
+    // The trace goes to the pool and comes back as one record, owned by one thread at a time: the
+    // worker lets go of everything it shares with the model (the picture, the tracer) before it
+    // hands the record back, so nothing of it is touched on two threads at once.
+    struct Task {
+        QPointer<CropModel> self;
+        VectorJob job;
+        VectorTracer tracer;
+        VectorResult result;
+    };
+    auto task = std::make_unique<Task>(Task{this, job, m_vectorTracer, {}});
+    HandOff::sent();
+    (void)QtConcurrent::run(QThreadPool::globalInstance(), [task = std::move(task)]() mutable {
         HandOff::received();
-        VectorResult result = tracer(job);
+        task->result = traceSafely(task->tracer, task->job);
+        task->tracer = nullptr;
+        task->job.image = QImage();
+        HandOff::sent();
         QMetaObject::invokeMethod(
-            QCoreApplication::instance(), [in = HandOff(), self, job, result = std::move(result), out = HandOff()] {
+            QCoreApplication::instance(),
+            [task = std::move(task)] {
                 HandOff::received();
-                if (self) self->finishVectorPass(job, result);
+                if (task->self) task->self->finishVectorPass(task->job, task->result);
             },
             Qt::QueuedConnection);
     });

@@ -2,6 +2,8 @@
 
 #include "engines/PixelOps.h"
 #include "model/AtomicFile.h"
+#include "model/ImageCodecs.h"
+#include "model/PngChunks.h"
 
 #include <QBuffer>
 #include <QColorSpace>
@@ -11,8 +13,7 @@
 #include <QImageWriter>
 #include <QMimeDatabase>
 
-#include <libheif/heif.h>
-
+#include <climits>
 #include <cstring>
 #include <memory>
 
@@ -53,11 +54,8 @@ QByteArray writerFormatForType(const QString& type) {
 
 bool isHeifType(const QString& type) { return type == kHeic || type == kHeif; }
 
-bool fitsMemory(qint64 width, qint64 height) {
-    if (width < 1 || height < 1) return false;
-    // width × height × 4 must neither overflow nor exceed what this machine can hold.
-    if (width > maxDecodedBytes() / 4 / height) return false;
-    return true;
+bool isJpeg(const QByteArray& head) {
+    return head.size() >= 3 && uchar(head[0]) == 0xff && uchar(head[1]) == 0xd8 && uchar(head[2]) == 0xff;
 }
 
 // Formats whose components are 8 bits deep: these go straight into the buffer's own layout.
@@ -97,151 +95,89 @@ QImage intoBufferLayout(QImage image) {
     return image;
 }
 
-// --- HEIF through libheif ---
-
-struct HeifContextDeleter {
-    void operator()(heif_context* c) const { heif_context_free(c); }
-};
-struct HeifHandleDeleter {
-    void operator()(heif_image_handle* h) const { heif_image_handle_release(h); }
-};
-struct HeifImageDeleter {
-    void operator()(heif_image* i) const { heif_image_release(i); }
-};
-using HeifContext = std::unique_ptr<heif_context, HeifContextDeleter>;
-using HeifHandle = std::unique_ptr<heif_image_handle, HeifHandleDeleter>;
-using HeifImage = std::unique_ptr<heif_image, HeifImageDeleter>;
-
-QString heifTypeOf(const uint8_t* head, int length) {
-    if (length < 12) return QString();
-    // A generic "mif1" brand only says "maybe"; the MIME type below decides.
-    const heif_filetype_result check = heif_check_filetype(head, length);
-    if (check != heif_filetype_yes_supported && check != heif_filetype_maybe) return QString();
-    const char* mime = heif_get_file_mime_type(head, length);
-    if (mime && std::strcmp(mime, "image/heic") == 0) return kHeic;
-    if (mime && std::strcmp(mime, "image/heif") == 0) return kHeif;
-    return QString(); // AVIF and other brands aren't accepted types
-}
-
-std::optional<Loaded> decodeHeif(const QByteArray& bytes, const QString& type) {
-    HeifContext ctx(heif_context_alloc());
-    if (!ctx) return std::nullopt;
-    // libheif reads from our bytes without copying them; they outlive the context.
-    if (heif_context_read_from_memory_without_copy(ctx.get(), bytes.constData(), size_t(bytes.size()), nullptr)
-            .code != heif_error_Ok)
-        return std::nullopt;
-    heif_image_handle* rawHandle = nullptr;
-    if (heif_context_get_primary_image_handle(ctx.get(), &rawHandle).code != heif_error_Ok) return std::nullopt;
-    HeifHandle handle(rawHandle);
-    // The handle's size already has the container's rotation and mirroring applied.
-    const qint64 w = heif_image_handle_get_width(handle.get());
-    const qint64 h = heif_image_handle_get_height(handle.get());
-    if (!fitsMemory(w, h)) return std::nullopt;
-
-    heif_image* rawImage = nullptr;
-    // Default decoding options apply the transformations, so the result is upright.
-    if (heif_decode_image(handle.get(), &rawImage, heif_colorspace_RGB, heif_chroma_interleaved_RGBA, nullptr)
-            .code != heif_error_Ok)
-        return std::nullopt;
-    HeifImage image(rawImage);
-    int stride = 0;
-    const uint8_t* plane = heif_image_get_plane_readonly(image.get(), heif_channel_interleaved, &stride);
-    const int iw = heif_image_get_width(image.get(), heif_channel_interleaved);
-    const int ih = heif_image_get_height(image.get(), heif_channel_interleaved);
-    if (!plane || iw < 1 || ih < 1 || !fitsMemory(iw, ih)) return std::nullopt;
-
-    QImage out(iw, ih, QImage::Format_RGBA8888);
-    if (out.isNull()) return std::nullopt;
-    for (int y = 0; y < ih; ++y) std::memcpy(out.scanLine(y), plane + qsizetype(y) * stride, size_t(iw) * 4);
-    if (!heif_image_handle_has_alpha_channel(handle.get())) out.reinterpretAsFormat(QImage::Format_RGBX8888);
-    else out.convertTo(QImage::Format_RGBA8888_Premultiplied);
-    return Loaded{out, type};
-}
-
-struct HeifWriteTarget {
-    QByteArray* bytes;
-};
-
-heif_error writeToByteArray(heif_context*, const void* data, size_t size, void* userdata) {
-    auto* target = static_cast<HeifWriteTarget*>(userdata);
-    target->bytes->append(static_cast<const char*>(data), qsizetype(size));
-    return heif_error{heif_error_Ok, heif_suberror_Unspecified, "ok"};
-}
-
-QByteArray encodeHeif(const QImage& source) {
-    if (source.isNull()) return QByteArray();
-    const QImage rgba = source.convertToFormat(QImage::Format_RGBA8888); // libheif wants straight alpha
-    if (rgba.isNull()) return QByteArray();
-    const bool alpha = source.hasAlphaChannel();
-
-    HeifContext ctx(heif_context_alloc());
-    heif_encoder* encoder = nullptr;
-    if (heif_context_get_encoder_for_format(ctx.get(), heif_compression_HEVC, &encoder).code != heif_error_Ok)
-        return QByteArray();
-    std::unique_ptr<heif_encoder, decltype(&heif_encoder_release)> encoderGuard(encoder, heif_encoder_release);
-    heif_encoder_set_lossy_quality(encoder, 92);
-
-    heif_image* rawImage = nullptr;
-    const heif_chroma chroma = alpha ? heif_chroma_interleaved_RGBA : heif_chroma_interleaved_RGB;
-    if (heif_image_create(rgba.width(), rgba.height(), heif_colorspace_RGB, chroma, &rawImage).code != heif_error_Ok)
-        return QByteArray();
-    HeifImage image(rawImage);
-    if (heif_image_add_plane(image.get(), heif_channel_interleaved, rgba.width(), rgba.height(), 8).code !=
-        heif_error_Ok)
-        return QByteArray();
-    int stride = 0;
-    uint8_t* plane = heif_image_get_plane(image.get(), heif_channel_interleaved, &stride);
-    if (!plane) return QByteArray();
-    for (int y = 0; y < rgba.height(); ++y) {
-        const uchar* src = rgba.constScanLine(y);
-        uint8_t* dst = plane + qsizetype(y) * stride;
-        if (alpha) {
-            std::memcpy(dst, src, size_t(rgba.width()) * 4);
-        } else {
-            for (int x = 0; x < rgba.width(); ++x) {
-                dst[3 * x] = src[4 * x];
-                dst[3 * x + 1] = src[4 * x + 1];
-                dst[3 * x + 2] = src[4 * x + 2];
-            }
+// Decodes what the file holds with the decoder its content calls for. `device` reads the file from
+// its start; `whole` is the file in memory when the caller has it already.
+std::optional<Loaded> decodeContent(QIODevice& device, const QByteArray& whole, const LoadOptions& options) {
+    const QByteArray head = device.peek(64);
+    if (head.isEmpty()) return std::nullopt;
+    const QString heif = ImageCodecs::heifTypeOf(reinterpret_cast<const uchar*>(head.constData()), int(head.size()));
+    const bool jpeg = isJpeg(head);
+    if (!heif.isEmpty() || jpeg) {
+        // These decoders want the whole file in memory (read, not mapped: a file rewritten while it
+        // is read must not bring the program down); a compressed file is small next to its pixels.
+        if (device.size() > maxDecodedBytes()) return std::nullopt;
+        const QByteArray bytes = whole.isNull() ? device.readAll() : whole;
+        if (!heif.isEmpty()) return ImageCodecs::decodeHeif(bytes, heif, options);
+        return ImageCodecs::decodeJpeg(reinterpret_cast<const uchar*>(bytes.constData()), size_t(bytes.size()), options);
+    }
+    if (PngChunks::isPng(head)) {
+        PngChunks::Walk walk = PngChunks::walk(device);
+        switch (walk.verdict) {
+        case PngChunks::Verdict::refused:
+            return std::nullopt;
+        case PngChunks::Verdict::filtered: {
+            QBuffer filtered(&walk.bytes);
+            if (!filtered.open(QIODevice::ReadOnly)) return std::nullopt;
+            return ImageCodecs::decodeWithQt(&filtered, options);
+        }
+        case PngChunks::Verdict::clean:
+            if (!device.seek(0)) return std::nullopt;
+            break;
         }
     }
-    heif_image_handle* rawHandle = nullptr;
-    if (heif_context_encode_image(ctx.get(), image.get(), encoder, nullptr, &rawHandle).code != heif_error_Ok)
-        return QByteArray();
-    HeifHandle handle(rawHandle);
-
-    QByteArray out;
-    HeifWriteTarget target{&out};
-    heif_writer writer{};
-    writer.writer_api_version = 1;
-    writer.write = writeToByteArray;
-    if (heif_context_write(ctx.get(), &writer, &target).code != heif_error_Ok) return QByteArray();
-    return out;
-}
-
-bool hasHeifEncoder() {
-    static const bool has = heif_have_encoder_for_format(heif_compression_HEVC) != 0;
-    return has;
-}
-
-// --- Qt's readers ---
-
-std::optional<Loaded> decodeWithQt(QIODevice* device) {
-    QImageReader reader(device);
-    reader.setDecideFormatFromContent(true);
-    reader.setAutoTransform(true); // applies the orientation tag
-    const QString type = typeForReaderFormat(reader.format());
-    if (type.isEmpty()) return std::nullopt;
-    // Refuse from the header, before the decoder allocates anything.
-    const QSize size = reader.size();
-    if (size.isValid() && !fitsMemory(size.width(), size.height())) return std::nullopt;
-    reader.setAllocationLimit(int(qMin<qint64>(maxDecodedBytes() / (1024 * 1024) + 1, INT_MAX)));
-    QImage image = reader.read();
-    if (image.isNull() || !fitsMemory(image.width(), image.height())) return std::nullopt;
-    return Loaded{intoBufferLayout(std::move(image)), type};
+    return ImageCodecs::decodeWithQt(&device, options);
 }
 
 } // namespace
+
+} // namespace cutlark::ImageFile
+
+namespace cutlark::ImageCodecs {
+
+using ImageFile::LoadOptions;
+using ImageFile::Loaded;
+using ImageFile::maxDecodedBytes;
+
+std::optional<MemoryBudget::Hold> admit(qint64 width, qint64 height, const LoadOptions& options) {
+    // width × height × 4 must neither overflow nor exceed what a QImage can address.
+    if (width < 1 || height < 1 || width > INT_MAX / 4 || height > INT_MAX) return std::nullopt;
+    if (width > maxDecodedBytes() / 4 / height) return std::nullopt;
+    const qint64 bytes = width * height * 4;
+    if (!options.admit) return MemoryBudget::Hold();
+    // Held with its work while it decodes; the picture alone once it exists.
+    return MemoryBudget::tryHold(bytes * (1 + MemoryBudget::kWorkFactor));
+}
+
+std::optional<Loaded> finish(QImage image, const QString& type, MemoryBudget::Hold hold) {
+    if (image.isNull()) return std::nullopt;
+    if (hold.bytes() > 0) hold.shrinkTo(qint64(image.sizeInBytes()));
+    Loaded loaded{std::move(image), type, nullptr};
+    if (hold.bytes() > 0) loaded.hold = std::make_shared<const MemoryBudget::Hold>(std::move(hold));
+    return loaded;
+}
+
+std::optional<Loaded> decodeWithQt(QIODevice* device, const LoadOptions& options) {
+    QImageReader reader(device);
+    reader.setDecideFormatFromContent(true);
+    reader.setAutoTransform(true); // applies the orientation tag
+    const QString type = ImageFile::typeForReaderFormat(reader.format());
+    if (type.isEmpty()) return std::nullopt;
+    // Refuse from the header, before the decoder allocates anything.
+    const QSize size = reader.size();
+    if (!size.isValid()) return std::nullopt;
+    auto hold = admit(size.width(), size.height(), options);
+    if (!hold) return std::nullopt;
+    reader.setAllocationLimit(int(qMin<qint64>(maxDecodedBytes() / (1024 * 1024) + 1, INT_MAX)));
+    QImage image = reader.read();
+    // A decoder that delivers more than its header said is not believed.
+    if (image.isNull() || qint64(image.width()) * image.height() > qint64(size.width()) * size.height())
+        return std::nullopt;
+    return finish(ImageFile::intoBufferLayout(std::move(image)), type, std::move(*hold));
+}
+
+} // namespace cutlark::ImageCodecs
+
+namespace cutlark::ImageFile {
 
 const QStringList& acceptedTypes() {
     static const QStringList types = {kPng, kJpeg, kTiff, kBmp, kGif, kHeic, kHeif, kWebp};
@@ -253,7 +189,7 @@ const QStringList& encodableTypes() {
         QStringList out;
         const QList<QByteArray> qtTypes = QImageWriter::supportedMimeTypes();
         for (const QString& t : acceptedTypes()) {
-            if (isHeifType(t) ? hasHeifEncoder() : qtTypes.contains(t.toLatin1())) out << t;
+            if (isHeifType(t) ? ImageCodecs::hasHeifEncoder() : qtTypes.contains(t.toLatin1())) out << t;
         }
         return out;
     }();
@@ -296,39 +232,44 @@ QString preferredExtension(const QString& type) {
     return mime.isValid() ? mime.preferredSuffix() : QString();
 }
 
-qint64 maxDecodedBytes() { return PixelOps::maxImageBytes(); }
-
-std::optional<Loaded> loadFromData(const QByteArray& bytes, const QString& nameHint) {
-    Q_UNUSED(nameHint);
-    if (bytes.isEmpty()) return std::nullopt;
-    const QString heif = heifTypeOf(reinterpret_cast<const uint8_t*>(bytes.constData()), int(qMin<qsizetype>(bytes.size(), 64)));
-    if (!heif.isEmpty()) return decodeHeif(bytes, heif);
-    QBuffer buffer;
-    buffer.setData(bytes);
-    if (!buffer.open(QIODevice::ReadOnly)) return std::nullopt;
-    return decodeWithQt(&buffer);
+qint64 maxDecodedBytes() {
+    return qMin(PixelOps::maxImageBytes(), MemoryBudget::limit() / (1 + MemoryBudget::kWorkFactor));
 }
 
-std::optional<Loaded> load(const QString& path) {
+std::optional<Loaded> loadFromData(const QByteArray& bytes, const LoadOptions& options) {
+    if (bytes.isEmpty()) return std::nullopt;
+    QByteArray data = bytes;
+    QBuffer buffer(&data);
+    if (!buffer.open(QIODevice::ReadOnly)) return std::nullopt;
+    return decodeContent(buffer, data, options);
+}
+
+std::optional<Loaded> load(const QString& path, const LoadOptions& options) {
     const QFileInfo info(path);
     if (!info.isFile()) return std::nullopt; // folders, sockets and missing names
     QFile file(path);
+    if (!file.open(QIODevice::ReadOnly) || file.size() == 0) return std::nullopt;
+    return decodeContent(file, QByteArray(), options);
+}
+
+std::optional<QSize> probeSize(const QString& path) {
+    QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) return std::nullopt;
     const QByteArray head = file.peek(64);
-    if (head.isEmpty()) return std::nullopt;
-    const QString heif = heifTypeOf(reinterpret_cast<const uint8_t*>(head.constData()), int(head.size()));
-    if (!heif.isEmpty()) {
-        // libheif wants the whole file in memory; a compressed file is small next to its pixels.
-        if (file.size() > maxDecodedBytes()) return std::nullopt;
-        return decodeHeif(file.readAll(), heif);
-    }
-    return decodeWithQt(&file);
+    if (!ImageCodecs::heifTypeOf(reinterpret_cast<const uchar*>(head.constData()), int(head.size())).isEmpty())
+        return std::nullopt; // libheif reads the whole file to know; decoding will tell
+    QImageReader reader(&file);
+    reader.setDecideFormatFromContent(true);
+    if (typeForReaderFormat(reader.format()).isEmpty()) return std::nullopt;
+    const QSize size = reader.size();
+    if (!size.isValid() || size.isEmpty()) return std::nullopt;
+    return size;
 }
 
 QByteArray encode(const QImage& image, const QString& type) {
     if (image.isNull()) return QByteArray();
     const QString target = writableType(type);
-    if (isHeifType(target)) return encodeHeif(image);
+    if (isHeifType(target)) return ImageCodecs::encodeHeif(image);
     QByteArray bytes;
     QBuffer buffer(&bytes);
     if (!buffer.open(QIODevice::WriteOnly)) return QByteArray();

@@ -2,10 +2,16 @@
 
 #include <QByteArray>
 #include <QImage>
+#include <QSize>
 #include <QString>
 #include <QStringList>
 
+#include <memory>
 #include <optional>
+
+namespace cutlark::MemoryBudget {
+class Hold;
+}
 
 /// The only place where bytes on disk become images and images become bytes on disk.
 ///
@@ -16,17 +22,30 @@ namespace cutlark::ImageFile {
 struct Loaded {
     QImage image;  ///< upright, orientation tag applied
     QString type;  ///< MIME type the content was recognised as
+    /// The picture's share of the memory budget, for as long as anything keeps the picture; null
+    /// when the caller keeps the accounts itself (`LoadOptions::admit` off).
+    std::shared_ptr<const MemoryBudget::Hold> hold;
+};
+
+struct LoadOptions {
+    /// Refuse a picture that doesn't fit in the memory budget with its work, and hold its pixels
+    /// there. Off for a caller that has taken the budget for the picture already.
+    bool admit = true;
 };
 
 /// Decodes image 0 of the file, upright. Absent when the file can't be read, isn't one of the
-/// accepted formats by content, or would need more memory than `maxDecodedBytes()` (checked from the
-/// header, before anything is allocated). 8-bit sRGB images come back premultiplied RGBA so that the
-/// item's image and its pixel buffer can share one store.
-std::optional<Loaded> load(const QString& path);
+/// accepted formats by content, or doesn't fit in the memory budget (`MemoryBudget`; checked from
+/// the header, before anything is allocated). Hostile files are refused in bounded time and memory:
+/// PNG chunks that claim more than the file holds, JPEGs with more scans than any encoder writes,
+/// HEIF images libheif would decode past 2³¹ bytes. 8-bit sRGB images come back premultiplied RGBA
+/// (or RGBX) so that the item's image and its pixel buffer can share one store.
+std::optional<Loaded> load(const QString& path, const LoadOptions& options = {});
 
-/// The same decoding, from bytes already in memory. `nameHint` supplies the type when the content
-/// doesn't name one (it never does for the accepted formats; kept for symmetry with `load`).
-std::optional<Loaded> loadFromData(const QByteArray& bytes, const QString& nameHint = QString());
+/// The same decoding, from bytes already in memory.
+std::optional<Loaded> loadFromData(const QByteArray& bytes, const LoadOptions& options = {});
+
+/// The decoded size the file's header states, without decoding; absent when it can't be read.
+std::optional<QSize> probeSize(const QString& path);
 
 /// Writes `image` to `path` as `writableType(type)`: JPEG at quality 0.92, everything else lossless.
 /// The file is replaced atomically — written beside the target and renamed over it — so a failed write
@@ -57,8 +76,8 @@ bool conforms(const QString& type, const QString& other);
 /// The usual extension of a type (`png`, `jpg`, `heic`, …), or empty when it has none.
 QString preferredExtension(const QString& type);
 
-/// The largest decoded image, in bytes at 4 per pixel, that loading accepts: a quarter of the
-/// machine's physical memory, at least 256 MB.
+/// The largest decoded image, in bytes at 4 per pixel, that loading could ever accept: the memory
+/// budget less the pipeline's work on the picture.
 qint64 maxDecodedBytes();
 
 } // namespace cutlark::ImageFile

@@ -33,6 +33,30 @@ bool parseValue(const QString& text, double& out) {
     return true;
 }
 
+// Numbers must be finite and inside the table's range; everything else has no range.
+QString numberText(double v) { return QString::number(v, 'g', 10); }
+std::optional<QString> outOfRange(double v, double lo, double hi, const char* unit, const QString& name) {
+    const QString u = *unit ? QLatin1Char(' ') + QString::fromUtf8(unit) : QString();
+    if (!std::isfinite(v)) return QStringLiteral("%1 must be a finite number").arg(name);
+    if (v < lo || v > hi)
+        return QStringLiteral("%1 = %2 is outside %3 to %4%5").arg(name, numberText(v), numberText(lo), numberText(hi), u);
+    return std::nullopt;
+}
+template <class T> std::optional<QString> outOfRange(const T&, double, double, const char*, const QString&) {
+    return std::nullopt;
+}
+
+const char* typeName(bool) { return "bool"; }
+const char* typeName(double) { return "number"; }
+const char* typeName(qint64) { return "integer"; }
+const char* typeName(const QRectF&) { return "rect"; }
+const char* typeName(const QColor&) { return "color"; }
+const char* typeName(BGRemovalMode) { return "white|subject"; }
+const char* typeName(BackgroundKind) { return "color|gradient|image"; }
+const char* typeName(VectorizeStyle) { return "silhouette|outline"; }
+const char* typeName(const QImage&) { return "picture"; }
+const char* typeName(const QString&) { return "path"; }
+
 bool parseValue(const QString& text, qint64& out) {
     bool ok = false;
     const qint64 v = text.trimmed().toLongLong(&ok);
@@ -148,7 +172,7 @@ bool same(const QImage& a, const QImage& b) { return sameImage(a, b); }
 } // namespace
 
 bool Settings::operator==(const Settings& other) const {
-#define CUTLARK_COMPARE(Type, name, Name, def, kind)                                                        \
+#define CUTLARK_COMPARE(Type, name, Name, def, ...)                                                        \
     if (!same(name, other.name)) return false;
     CUTLARK_SETTINGS(CUTLARK_COMPARE)
 #undef CUTLARK_COMPARE
@@ -157,20 +181,36 @@ bool Settings::operator==(const Settings& other) const {
 
 const QStringList& Settings::names() {
     static const QStringList list = {
-#define CUTLARK_NAME(Type, name, Name, def, kind) QStringLiteral(#name),
+#define CUTLARK_NAME(Type, name, Name, def, ...) QStringLiteral(#name),
         CUTLARK_SETTINGS(CUTLARK_NAME)
 #undef CUTLARK_NAME
     };
     return list;
 }
 
+const std::vector<SettingInfo>& Settings::table() {
+    static const std::vector<SettingInfo> rows = {
+#define CUTLARK_INFO(Type, name, Name, def, lo, hi, unit, meaning) {#name, typeName(Type()), lo, hi, unit, meaning},
+        CUTLARK_SETTINGS(CUTLARK_INFO)
+#undef CUTLARK_INFO
+    };
+    return rows;
+}
+
+const SettingInfo* Settings::info(const QString& name) {
+    for (const SettingInfo& row : table())
+        if (name == QLatin1String(row.name)) return &row;
+    return nullptr;
+}
+
 std::optional<QString> Settings::parseInto(Settings& into, const QString& name, const QString& text) {
     // Parsed into a copy, so a refused value leaves every field as it was.
-#define CUTLARK_PARSE(Type, field, Name, def, kind)                                                         \
+#define CUTLARK_PARSE(Type, field, Name, def, lo, hi, unit, meaning)                                       \
     if (name == QLatin1String(#field)) {                                                                     \
         Settings candidate = into;                                                                           \
         if (!parseValue(text, candidate.field))                                                              \
             return QStringLiteral("invalid value “%1” for %2").arg(text, name);                              \
+        if (auto error = outOfRange(candidate.field, lo, hi, unit, name)) return error;                      \
         if (auto error = afterParse(candidate, candidate.field, name)) return error;                         \
         into = candidate;                                                                                    \
         return std::nullopt;                                                                                 \
@@ -205,7 +245,7 @@ std::optional<QString> Settings::parseJsonInto(Settings& into, const QJsonObject
 
 QJsonObject Settings::toJson() const {
     QJsonObject o;
-#define CUTLARK_JSON(Type, name, Name, def, kind) o.insert(QStringLiteral(#name), jsonValue(name));
+#define CUTLARK_JSON(Type, name, Name, def, ...) o.insert(QStringLiteral(#name), jsonValue(name));
     CUTLARK_SETTINGS(CUTLARK_JSON)
 #undef CUTLARK_JSON
     return o;

@@ -8,6 +8,7 @@
 #include <QStringList>
 
 #include <optional>
+#include <vector>
 
 namespace cutlark {
 
@@ -16,55 +17,68 @@ enum class BackgroundKind { color, gradient, image };
 enum class VectorizeStyle { silhouette, outline };
 
 // The 40 settings, declared once, in their fixed order. Everything that lists settings — the record,
-// the model's field enum, its setters, snapshot/apply, the CLI's --set parser and `cutlark-cli settings` —
-// is derived from this table.
+// the model's field enum, its setters, snapshot/apply, the sidebar's ranges, the command line's
+// --set parser, its help and `cutlark-cli settings` — is derived from this table.
 //
-// X(Type, name, Name, default value, value kind)
+// X(Type, name, Name, default, minimum, maximum, unit, meaning)
+// The range applies to numbers only (the sliders' range; values outside it are refused when typed
+// or read from a preset); 0, 0 elsewhere.
 #define CUTLARK_SETTINGS(X)                                                                                \
-    X(qint64, quarterTurns, QuarterTurns, 0, Int)                                                            \
-    X(bool, mirrored, Mirrored, false, Bool)                                                                 \
-    X(bool, manualCropEnabled, ManualCropEnabled, false, Bool)                                               \
-    X(QRectF, manualCropRect, ManualCropRect, QRectF(0, 0, 1, 1), Rect)                                      \
-    X(bool, trimEnabled, TrimEnabled, false, Bool)                                                           \
-    X(double, threshold, Threshold, 25, Double)                                                              \
-    X(bool, keyWhiteEnabled, KeyWhiteEnabled, false, Bool)                                                   \
-    X(BGRemovalMode, bgRemovalMode, BgRemovalMode, BGRemovalMode::white, RemovalMode)                        \
-    X(double, keyThreshold, KeyThreshold, 30, Double)                                                        \
-    X(bool, keyInternal, KeyInternal, false, Bool)                                                           \
-    X(bool, stickerEnabled, StickerEnabled, false, Bool)                                                     \
-    X(double, strokeWidth, StrokeWidth, 14, Double)                                                          \
-    X(bool, paddingEnabled, PaddingEnabled, false, Bool)                                                     \
-    X(bool, paddingUniform, PaddingUniform, true, Bool)                                                      \
-    X(double, padAmount, PadAmount, 40, Double)                                                              \
-    X(double, padTop, PadTop, 40, Double)                                                                    \
-    X(double, padRight, PadRight, 40, Double)                                                                \
-    X(double, padBottom, PadBottom, 40, Double)                                                              \
-    X(double, padLeft, PadLeft, 40, Double)                                                                  \
-    X(bool, backgroundEnabled, BackgroundEnabled, false, Bool)                                               \
-    X(BackgroundKind, backgroundKind, BackgroundKind, BackgroundKind::color, Background)                     \
-    X(QColor, backgroundColor, BackgroundColor, QColor::fromRgbF(1, 1, 1, 1), Color)                         \
-    X(QColor, gradientStart, GradientStart, QColor::fromRgbF(0.53f, 0.81f, 0.98f, 1), Color)                 \
-    X(QColor, gradientEnd, GradientEnd, QColor::fromRgbF(0.15f, 0.39f, 0.78f, 1), Color)                     \
-    X(double, gradientAngle, GradientAngle, 90, Double)                                                      \
-    X(QImage, backgroundImage, BackgroundImage, QImage(), Image)                                             \
-    X(QString, backgroundImageURL, BackgroundImageURL, QString(), Path)                                      \
-    X(bool, resizeEnabled, ResizeEnabled, false, Bool)                                                       \
-    X(double, resizeWidth, ResizeWidth, 1024, Double)                                                        \
-    X(double, resizeHeight, ResizeHeight, 1024, Double)                                                      \
-    X(bool, resizeLockAspect, ResizeLockAspect, true, Bool)                                                  \
-    X(bool, resizeCanvas, ResizeCanvas, false, Bool)                                                         \
-    X(bool, vectorizeEnabled, VectorizeEnabled, false, Bool)                                                 \
-    X(VectorizeStyle, vectorizeStyle, VectorizeStyle, VectorizeStyle::silhouette, Style)                     \
-    X(double, vectorStrokeWidth, VectorStrokeWidth, 3, Double)                                               \
-    X(bool, vectorFullColor, VectorFullColor, false, Bool)                                                   \
-    X(double, vectorTolerance, VectorTolerance, 45, Double)                                                  \
-    X(double, vectorMinFeature, VectorMinFeature, 0, Double)                                                 \
-    X(double, vectorDenoise, VectorDenoise, 2, Double)                                                       \
-    X(double, vectorCleanup, VectorCleanup, 3, Double)
+    X(qint64, quarterTurns, QuarterTurns, 0, 0, 3, "", "quarter turns clockwise, after the mirror (any whole number, taken modulo 4)") \
+    X(bool, mirrored, Mirrored, false, 0, 0, "", "mirror left to right before turning")                    \
+    X(bool, manualCropEnabled, ManualCropEnabled, false, 0, 0, "", "crop by hand to manualCropRect")       \
+    X(QRectF, manualCropRect, ManualCropRect, QRectF(0, 0, 1, 1), 0, 0, "", "the hand crop: x,y,w,h as fractions of the turned image") \
+    X(bool, trimEnabled, TrimEnabled, false, 0, 0, "", "trim to the artwork's box")                        \
+    X(double, threshold, Threshold, 25, 0, 100, "%", "how far from white and transparent a pixel must be to count as artwork") \
+    X(bool, keyWhiteEnabled, KeyWhiteEnabled, false, 0, 0, "", "remove the background")                    \
+    X(BGRemovalMode, bgRemovalMode, BgRemovalMode, BGRemovalMode::white, 0, 0, "", "white: key out a white background; subject: cut out the subject of a photograph") \
+    X(double, keyThreshold, KeyThreshold, 30, 0, 100, "%", "how far from white a pixel may be and still be keyed out") \
+    X(bool, keyInternal, KeyInternal, false, 0, 0, "", "key out enclosed white too, not only the background around the subject") \
+    X(bool, stickerEnabled, StickerEnabled, false, 0, 0, "", "a white sticker outline with a soft shadow") \
+    X(double, strokeWidth, StrokeWidth, 14, 0, 40, "px", "width of the sticker outline")                   \
+    X(bool, paddingEnabled, PaddingEnabled, false, 0, 0, "", "transparent padding around the picture")    \
+    X(bool, paddingUniform, PaddingUniform, true, 0, 0, "", "the same padding on every side")             \
+    X(double, padAmount, PadAmount, 40, 0, 512, "px", "padding on every side")                             \
+    X(double, padTop, PadTop, 40, 0, 512, "px", "padding at the top")                                      \
+    X(double, padRight, PadRight, 40, 0, 512, "px", "padding on the right")                                \
+    X(double, padBottom, PadBottom, 40, 0, 512, "px", "padding at the bottom")                             \
+    X(double, padLeft, PadLeft, 40, 0, 512, "px", "padding on the left")                                   \
+    X(bool, backgroundEnabled, BackgroundEnabled, false, 0, 0, "", "lay a background behind the picture") \
+    X(BackgroundKind, backgroundKind, BackgroundKind, BackgroundKind::color, 0, 0, "", "color, gradient or image") \
+    X(QColor, backgroundColor, BackgroundColor, QColor::fromRgbF(1, 1, 1, 1), 0, 0, "", "the background colour, #RRGGBB or #RRGGBBAA") \
+    X(QColor, gradientStart, GradientStart, QColor::fromRgbF(0.53f, 0.81f, 0.98f, 1), 0, 0, "", "the gradient's first colour") \
+    X(QColor, gradientEnd, GradientEnd, QColor::fromRgbF(0.15f, 0.39f, 0.78f, 1), 0, 0, "", "the gradient's last colour") \
+    X(double, gradientAngle, GradientAngle, 90, 0, 360, "°", "direction of the gradient, clockwise on screen") \
+    X(QImage, backgroundImage, BackgroundImage, QImage(), 0, 0, "", "the background picture (comes with backgroundImageURL)") \
+    X(QString, backgroundImageURL, BackgroundImageURL, QString(), 0, 0, "", "the background picture's file") \
+    X(bool, resizeEnabled, ResizeEnabled, false, 0, 0, "", "resize the result, or its canvas")            \
+    X(double, resizeWidth, ResizeWidth, 1024, 1, 100000, "px", "width of the result")                      \
+    X(double, resizeHeight, ResizeHeight, 1024, 1, 100000, "px", "height of the result")                   \
+    X(bool, resizeLockAspect, ResizeLockAspect, true, 0, 0, "", "keep the proportion: a width sets the height and back") \
+    X(bool, resizeCanvas, ResizeCanvas, false, 0, 0, "", "change the canvas to the size without scaling")  \
+    X(bool, vectorizeEnabled, VectorizeEnabled, false, 0, 0, "", "trace the result into SVG")              \
+    X(VectorizeStyle, vectorizeStyle, VectorizeStyle, VectorizeStyle::silhouette, 0, 0, "", "silhouette or outline") \
+    X(double, vectorStrokeWidth, VectorStrokeWidth, 3, 0.5, 12, "‰", "the outline's stroke, in thousandths of the long side") \
+    X(bool, vectorFullColor, VectorFullColor, false, 0, 0, "", "trace every flat colour into a layer of its own") \
+    X(double, vectorTolerance, VectorTolerance, 45, 0, 100, "", "how far colours may differ and still make one layer") \
+    X(double, vectorMinFeature, VectorMinFeature, 0, 0, 100, "", "smallest colour region kept, on a logarithmic scale from 0.003 % to 0.38 % of the picture") \
+    X(double, vectorDenoise, VectorDenoise, 2, 1, 3, "passes", "median passes over the picture before colour tracing") \
+    X(double, vectorCleanup, VectorCleanup, 3, 0, 10, "passes", "clean-up passes over the colour regions (0: none)")
+
+/// One row of the table, readable at run time: for help texts, validation and the sidebar's ranges.
+struct SettingInfo {
+    const char* name;
+    const char* type;   ///< "bool", "number", "integer", "rect", "color", "path", "picture", or the choices
+    double minimum;     ///< for numbers
+    double maximum;
+    const char* unit;   ///< "px", "%", "°", "‰", "passes", or empty
+    const char* meaning;
+    bool isNumber() const { return minimum != maximum; }
+};
 
 /// One item's dormant copy of the 40 settings; `Settings()` holds the defaults.
 struct Settings {
-#define CUTLARK_DECLARE_FIELD(Type, name, Name, def, kind) Type name = def;
+#define CUTLARK_DECLARE_FIELD(Type, name, Name, def, ...) Type name = def;
     CUTLARK_SETTINGS(CUTLARK_DECLARE_FIELD)
 #undef CUTLARK_DECLARE_FIELD
 
@@ -74,10 +88,16 @@ struct Settings {
     /// Names of the 40 fields in table order.
     static const QStringList& names();
 
+    /// The table's rows, in table order.
+    static const std::vector<SettingInfo>& table();
+    /// The row called `name`, or null.
+    static const SettingInfo* info(const QString& name);
+
     /// Writes `text` into the field called `name` of `into`, parsing it as that field's kind:
     /// booleans `true|false`, numbers, enum case names, colours `#RRGGBB` or `#RRGGBBAA`,
     /// rectangles `x,y,w,h`, and a file path for `backgroundImageURL` (which also loads `backgroundImage`).
-    /// Returns an error text naming the field when the name is unknown or the value doesn't parse.
+    /// Returns an error text naming the field when the name is unknown, the value doesn't parse, or
+    /// a number is not finite or lies outside the table's range; `into` is then unchanged.
     static std::optional<QString> parseInto(Settings& into, const QString& name, const QString& text);
 
     /// Reads a JSON object of field names to values (strings, numbers or booleans) into `into`.

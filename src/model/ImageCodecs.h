@@ -1,0 +1,57 @@
+#pragma once
+
+#include "model/ImageFile.h"
+#include "support/MemoryBudget.h"
+
+#include <QByteArray>
+#include <QImage>
+#include <QSize>
+
+#include <cstddef>
+#include <optional>
+#include <vector>
+
+class QIODevice;
+
+// The decoders behind `ImageFile`, one source file each. Private to the model: everything outside
+// goes through `ImageFile`.
+namespace cutlark::ImageCodecs {
+
+/// The budget's answer for a picture of w × h about to be decoded: a hold on the picture and its
+/// work while decoding (shrunk to the picture once it exists), an empty hold when the caller keeps
+/// the accounts itself, or absent when the picture must be refused. Sizes whose 4-byte pixels
+/// overflow what an image can address are refused before anything else.
+std::optional<MemoryBudget::Hold> admit(qint64 width, qint64 height, const ImageFile::LoadOptions& options);
+
+/// A decoded picture with its share of the budget.
+std::optional<ImageFile::Loaded> finish(QImage image, const QString& type, MemoryBudget::Hold hold);
+
+/// JPEG through libjpeg-turbo, straight into a pooled RGBX store, orientation tag applied. Refuses
+/// files with more than `kMaxJpegScans` scans (the progressive "scan bombs": thousands of empty
+/// scans over a big frame that each cost a full pass).
+std::optional<ImageFile::Loaded> decodeJpeg(const uchar* data, size_t size, const ImageFile::LoadOptions& options);
+
+/// More scans than any encoder writes (a full progressive script has about ten, optimised ones a
+/// few dozen), far fewer than a denial-of-service file needs.
+constexpr int kMaxJpegScans = 100;
+
+/// The EXIF orientation (1…8) in an APP1 payload ("Exif\0\0" and a TIFF structure); 1 when there
+/// is none or it can't be read.
+int exifOrientation(const uchar* data, size_t size);
+
+/// The canvas sizes of the grid and overlay items of a HEIF file, read from its boxes (libheif
+/// doesn't tell them); absent when the boxes can't be read.
+std::optional<std::vector<QSize>> heifDerivedCanvases(const uchar* data, size_t size);
+
+/// HEIC and HEIF through libheif, refusing what libheif would decode past 2³¹ bytes.
+std::optional<ImageFile::Loaded> decodeHeif(const QByteArray& bytes, const QString& type,
+                                            const ImageFile::LoadOptions& options);
+QByteArray encodeHeif(const QImage& image);
+bool hasHeifEncoder();
+/// `image/heic`, `image/heif`, or empty when the head isn't one of those two.
+QString heifTypeOf(const uchar* head, int length);
+
+/// Every other accepted type through Qt's readers (PNG after its chunks have been walked).
+std::optional<ImageFile::Loaded> decodeWithQt(QIODevice* device, const ImageFile::LoadOptions& options);
+
+} // namespace cutlark::ImageCodecs

@@ -1,0 +1,393 @@
+// HEIC and HEIF through libheif.
+#include "model/ImageCodecs.h"
+
+#include "engines/PixelOps.h"
+
+#include <libheif/heif.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+namespace cutlark::ImageCodecs {
+
+namespace {
+
+struct HeifContextDeleter {
+    void operator()(heif_context* c) const { heif_context_free(c); }
+};
+struct HeifHandleDeleter {
+    void operator()(heif_image_handle* h) const { heif_image_handle_release(h); }
+};
+struct HeifImageDeleter {
+    void operator()(heif_image* i) const { heif_image_release(i); }
+};
+using HeifContext = std::unique_ptr<heif_context, HeifContextDeleter>;
+using HeifHandle = std::unique_ptr<heif_image_handle, HeifHandleDeleter>;
+using HeifImage = std::unique_ptr<heif_image, HeifImageDeleter>;
+
+// libheif 1.15 indexes its interleaved planes with ints: an image whose decoded form reaches 2³¹
+// bytes makes it write out of bounds. Nothing that big is handed to it.
+constexpr qint64 kHeifDecodeCeiling = qint64(1) << 31;
+
+// --- a bounded reader of the boxes that say how big a derived image will be ---
+
+struct Bytes {
+    const uchar* data;
+    size_t size;
+};
+
+quint64 readBE(const uchar* p, int n) {
+    quint64 v = 0;
+    for (int i = 0; i < n; ++i) v = v << 8 | p[i];
+    return v;
+}
+
+// One box of `within` at `at`: its type, where its payload starts and how long it is.
+struct Box {
+    char type[4];
+    size_t payload;
+    size_t length;
+};
+
+std::optional<Box> boxAt(Bytes within, size_t at) {
+    if (at > within.size || within.size - at < 8) return std::nullopt;
+    const uchar* p = within.data + at;
+    quint64 size = readBE(p, 4);
+    size_t header = 8;
+    if (size == 1) {
+        if (within.size - at < 16) return std::nullopt;
+        size = readBE(p + 8, 8);
+        header = 16;
+    } else if (size == 0) {
+        size = within.size - at;
+    }
+    if (size < header || size > within.size - at) return std::nullopt;
+    Box box{};
+    std::memcpy(box.type, p + 4, 4);
+    box.payload = at + header;
+    box.length = size_t(size) - header;
+    return box;
+}
+
+bool is(const Box& box, const char* type) { return std::memcmp(box.type, type, 4) == 0; }
+
+struct Item {
+    quint32 id = 0;
+    char type[4] = {};
+};
+
+struct Location {
+    quint32 id = 0;
+    int method = 0;        // 0: in the file, 1: in 'idat'
+    quint64 offset = 0;    // of the first extent
+    quint64 length = 0;
+};
+
+// The item types from 'iinf'. Only the id and type of each 'infe' (version 2 and 3) are read.
+bool readItems(Bytes file, const Box& iinf, std::vector<Item>& items) {
+    if (iinf.length < 6) return false;
+    const uchar* p = file.data + iinf.payload;
+    const int version = p[0];
+    size_t at = iinf.payload + 4 + (version == 0 ? 2 : 4);
+    const size_t end = iinf.payload + iinf.length;
+    while (at < end) {
+        const auto infe = boxAt(Bytes{file.data, end}, at);
+        if (!infe) return false;
+        if (is(*infe, "infe") && infe->length >= 4) {
+            const uchar* q = file.data + infe->payload;
+            const int v = q[0];
+            const size_t need = v == 2 ? 4 + 2 + 2 + 4 : 4 + 4 + 2 + 4;
+            if (v >= 2 && infe->length >= need) {
+                Item item;
+                item.id = quint32(readBE(q + 4, v == 2 ? 2 : 4));
+                std::memcpy(item.type, q + 4 + (v == 2 ? 2 : 4) + 2, 4);
+                items.push_back(item);
+                if (items.size() > 100000) return false;
+            }
+        }
+        at = infe->payload + infe->length;
+    }
+    return true;
+}
+
+// Where each item's data starts, from 'iloc' (versions 0, 1 and 2), first extent only.
+bool readLocations(Bytes file, const Box& iloc, std::vector<Location>& out) {
+    const uchar* p = file.data + iloc.payload;
+    const uchar* end = p + iloc.length;
+    if (iloc.length < 8) return false;
+    const int version = p[0];
+    if (version > 2) return false;
+    const int offsetSize = p[4] >> 4, lengthSize = p[4] & 15, baseSize = p[5] >> 4;
+    const int indexSize = version >= 1 ? (p[5] & 15) : 0;
+    p += 6;
+    const int countSize = version < 2 ? 2 : 4;
+    if (end - p < countSize) return false;
+    const quint64 count = readBE(p, countSize);
+    p += countSize;
+    for (quint64 i = 0; i < count; ++i) {
+        Location loc;
+        const int idSize = version < 2 ? 2 : 4;
+        if (end - p < idSize) return false;
+        loc.id = quint32(readBE(p, idSize));
+        p += idSize;
+        if (version >= 1) {
+            if (end - p < 2) return false;
+            loc.method = int(readBE(p, 2) & 15);
+            p += 2;
+        }
+        if (end - p < 2 + baseSize + 2) return false;
+        p += 2; // data reference index
+        const quint64 base = readBE(p, baseSize);
+        p += baseSize;
+        const quint64 extents = readBE(p, 2);
+        p += 2;
+        for (quint64 e = 0; e < extents; ++e) {
+            if (end - p < indexSize + offsetSize + lengthSize) return false;
+            p += indexSize;
+            const quint64 offset = readBE(p, offsetSize);
+            p += offsetSize;
+            const quint64 length = readBE(p, lengthSize);
+            p += lengthSize;
+            if (e == 0) {
+                loc.offset = base + offset;
+                loc.length = length;
+            }
+        }
+        out.push_back(loc);
+    }
+    return true;
+}
+
+} // namespace
+
+std::optional<std::vector<QSize>> heifDerivedCanvases(const uchar* data, size_t size) {
+    const Bytes file{data, size};
+    std::optional<Box> meta;
+    for (size_t at = 0; at < size;) {
+        const auto box = boxAt(file, at);
+        if (!box) break;
+        if (is(*box, "meta")) {
+            meta = box;
+            break;
+        }
+        at = box->payload + box->length;
+    }
+    if (!meta || meta->length < 4) return std::nullopt;
+
+    std::vector<Item> items;
+    std::vector<Location> locations;
+    std::optional<Box> idat;
+    bool haveItems = false, haveLocations = false;
+    const Bytes inMeta{data, meta->payload + meta->length};
+    for (size_t at = meta->payload + 4; at < inMeta.size;) {
+        const auto box = boxAt(inMeta, at);
+        if (!box) return std::nullopt;
+        if (is(*box, "iinf")) haveItems = readItems(file, *box, items);
+        else if (is(*box, "iloc")) haveLocations = readLocations(file, *box, locations);
+        else if (is(*box, "idat")) idat = box;
+        at = box->payload + box->length;
+    }
+    if (!haveItems || !haveLocations) return std::nullopt;
+
+    std::vector<QSize> canvases;
+    for (const Item& item : items) {
+        const bool grid = std::memcmp(item.type, "grid", 4) == 0;
+        const bool overlay = std::memcmp(item.type, "iovl", 4) == 0;
+        if (!grid && !overlay) continue;
+        const auto loc = std::find_if(locations.begin(), locations.end(), [&](const Location& l) { return l.id == item.id; });
+        if (loc == locations.end()) return std::nullopt;
+        quint64 start = loc->offset;
+        quint64 limit = size;
+        if (loc->method == 1) {
+            if (!idat) return std::nullopt;
+            start += idat->payload;
+            limit = idat->payload + idat->length;
+        } else if (loc->method != 0) {
+            return std::nullopt;
+        }
+        if (start > limit || limit - start < 8) return std::nullopt;
+        const uchar* p = data + start;
+        const size_t available = size_t(std::min<quint64>(limit - start, loc->length ? loc->length : limit - start));
+        // grid: version, flags, rows − 1, columns − 1, width, height; iovl: version, flags, four
+        // 16-bit fill values, width, height. Bit 0 of the flags makes the sizes 32 bits wide.
+        const bool wide = p[1] & 1;
+        const size_t sizesAt = grid ? 4 : 2 + 8;
+        const size_t field = wide ? 4 : 2;
+        if (available < sizesAt + 2 * field) return std::nullopt;
+        const quint64 w = readBE(p + sizesAt, int(field));
+        const quint64 h = readBE(p + sizesAt + field, int(field));
+        canvases.push_back(QSize(int(std::min<quint64>(w, INT_MAX)), int(std::min<quint64>(h, INT_MAX))));
+    }
+    return canvases;
+}
+
+QString heifTypeOf(const uchar* head, int length) {
+    if (length < 12) return QString();
+    // A generic "mif1" brand only says "maybe"; the MIME type below decides.
+    const heif_filetype_result check = heif_check_filetype(head, length);
+    if (check != heif_filetype_yes_supported && check != heif_filetype_maybe) return QString();
+    const char* mime = heif_get_file_mime_type(head, length);
+    if (mime && std::strcmp(mime, "image/heic") == 0) return QStringLiteral("image/heic");
+    if (mime && std::strcmp(mime, "image/heif") == 0) return QStringLiteral("image/heif");
+    return QString(); // AVIF and other brands aren't accepted types
+}
+
+std::optional<ImageFile::Loaded> decodeHeif(const QByteArray& bytes, const QString& type,
+                                            const ImageFile::LoadOptions& options) {
+    HeifContext ctx(heif_context_alloc());
+    if (!ctx) return std::nullopt;
+    // libheif reads from our bytes without copying them; they outlive the context.
+    if (heif_context_read_from_memory_without_copy(ctx.get(), bytes.constData(), size_t(bytes.size()), nullptr)
+            .code != heif_error_Ok)
+        return std::nullopt;
+    heif_image_handle* rawHandle = nullptr;
+    if (heif_context_get_primary_image_handle(ctx.get(), &rawHandle).code != heif_error_Ok) return std::nullopt;
+    HeifHandle handle(rawHandle);
+
+    // Every size the file states, checked before libheif allocates anything for it: the picture as
+    // delivered (rotation applied), its coded size, the canvas of a grid or overlay it is built on,
+    // and its thumbnails and depth map.
+    const qint64 w = heif_image_handle_get_width(handle.get());
+    const qint64 h = heif_image_handle_get_height(handle.get());
+    const qint64 codedW = heif_image_handle_get_ispe_width(handle.get());
+    const qint64 codedH = heif_image_handle_get_ispe_height(handle.get());
+    if (w < 1 || h < 1) return std::nullopt;
+    // Deep pictures pass through 16-bit interleaved planes on their way to 8-bit RGBA.
+    const qint64 bytesPerPixel = heif_image_handle_get_luma_bits_per_pixel(handle.get()) > 8 ? 8 : 4;
+    qint64 side = std::max({w, h, codedW, codedH});
+    qint64 area = std::max(w * h, std::max<qint64>(codedW, 0) * std::max<qint64>(codedH, 0));
+    const auto canvases =
+        heifDerivedCanvases(reinterpret_cast<const uchar*>(bytes.constData()), size_t(bytes.size()));
+    if (canvases) {
+        for (const QSize& c : *canvases) {
+            side = std::max<qint64>({side, c.width(), c.height()});
+            area = std::max(area, qint64(c.width()) * c.height());
+        }
+    } else {
+        area = std::max(area, side * side); // the boxes couldn't be read: assume the worst canvas
+    }
+    if (area >= kHeifDecodeCeiling / bytesPerPixel) return std::nullopt;
+    const auto fitsCeiling = [](heif_image_handle* other) {
+        const qint64 ow = heif_image_handle_get_width(other), oh = heif_image_handle_get_height(other);
+        return ow >= 0 && oh >= 0 && ow * oh < kHeifDecodeCeiling / 8;
+    };
+    const int thumbnails = std::clamp(heif_image_handle_get_number_of_thumbnails(handle.get()), 0, 64);
+    std::vector<heif_item_id> ids(size_t(thumbnails) + 1);
+    if (thumbnails > 0) heif_image_handle_get_list_of_thumbnail_IDs(handle.get(), ids.data(), thumbnails);
+    for (int i = 0; i < thumbnails; ++i) {
+        heif_image_handle* raw = nullptr;
+        if (heif_image_handle_get_thumbnail(handle.get(), ids[size_t(i)], &raw).code != heif_error_Ok) continue;
+        const HeifHandle thumbnail(raw);
+        if (!fitsCeiling(thumbnail.get())) return std::nullopt;
+    }
+    if (heif_image_handle_has_depth_image(handle.get())) {
+        heif_item_id depthId = 0;
+        if (heif_image_handle_get_list_of_depth_image_IDs(handle.get(), &depthId, 1) == 1) {
+            heif_image_handle* raw = nullptr;
+            if (heif_image_handle_get_depth_image_handle(handle.get(), depthId, &raw).code == heif_error_Ok) {
+                const HeifHandle depth(raw);
+                if (!fitsCeiling(depth.get())) return std::nullopt;
+            }
+        }
+    }
+    // No image in the file (tile, alpha, canvas) may be larger on a side than the largest size seen.
+    heif_context_set_maximum_image_size_limit(ctx.get(), int(std::min<qint64>(side + 1, INT_MAX)));
+
+    auto hold = admit(w, h, options);
+    if (!hold) return std::nullopt;
+
+    heif_image* rawImage = nullptr;
+    // Default decoding options apply the transformations, so the result is upright.
+    if (heif_decode_image(handle.get(), &rawImage, heif_colorspace_RGB, heif_chroma_interleaved_RGBA, nullptr)
+            .code != heif_error_Ok)
+        return std::nullopt;
+    HeifImage image(rawImage);
+    int stride = 0;
+    const uint8_t* plane = heif_image_get_plane_readonly(image.get(), heif_channel_interleaved, &stride);
+    const int iw = heif_image_get_width(image.get(), heif_channel_interleaved);
+    const int ih = heif_image_get_height(image.get(), heif_channel_interleaved);
+    if (!plane || iw != w || ih != h || stride < iw * 4) return std::nullopt;
+
+    const bool alpha = heif_image_handle_has_alpha_channel(handle.get());
+    QImage out = PixelOps::newImage(iw, ih, alpha ? QImage::Format_RGBA8888 : QImage::Format_RGBX8888);
+    if (out.isNull()) return std::nullopt;
+    for (int y = 0; y < ih; ++y) std::memcpy(out.scanLine(y), plane + qsizetype(y) * stride, size_t(iw) * 4);
+    image.reset(); // libheif's planes go before the premultiplication below needs its own store
+    if (alpha) out.convertTo(QImage::Format_RGBA8888_Premultiplied);
+    return finish(std::move(out), type, std::move(*hold));
+}
+
+namespace {
+
+struct HeifWriteTarget {
+    QByteArray* bytes;
+};
+
+heif_error writeToByteArray(heif_context*, const void* data, size_t size, void* userdata) {
+    auto* target = static_cast<HeifWriteTarget*>(userdata);
+    target->bytes->append(static_cast<const char*>(data), qsizetype(size));
+    return heif_error{heif_error_Ok, heif_suberror_Unspecified, "ok"};
+}
+
+} // namespace
+
+QByteArray encodeHeif(const QImage& source) {
+    if (source.isNull()) return QByteArray();
+    const QImage rgba = source.convertToFormat(QImage::Format_RGBA8888); // libheif wants straight alpha
+    if (rgba.isNull()) return QByteArray();
+    const bool alpha = source.hasAlphaChannel();
+
+    HeifContext ctx(heif_context_alloc());
+    heif_encoder* encoder = nullptr;
+    if (heif_context_get_encoder_for_format(ctx.get(), heif_compression_HEVC, &encoder).code != heif_error_Ok)
+        return QByteArray();
+    std::unique_ptr<heif_encoder, decltype(&heif_encoder_release)> encoderGuard(encoder, heif_encoder_release);
+    heif_encoder_set_lossy_quality(encoder, 92);
+
+    heif_image* rawImage = nullptr;
+    const heif_chroma chroma = alpha ? heif_chroma_interleaved_RGBA : heif_chroma_interleaved_RGB;
+    if (heif_image_create(rgba.width(), rgba.height(), heif_colorspace_RGB, chroma, &rawImage).code != heif_error_Ok)
+        return QByteArray();
+    HeifImage image(rawImage);
+    if (heif_image_add_plane(image.get(), heif_channel_interleaved, rgba.width(), rgba.height(), 8).code !=
+        heif_error_Ok)
+        return QByteArray();
+    int stride = 0;
+    uint8_t* plane = heif_image_get_plane(image.get(), heif_channel_interleaved, &stride);
+    if (!plane) return QByteArray();
+    for (int y = 0; y < rgba.height(); ++y) {
+        const uchar* src = rgba.constScanLine(y);
+        uint8_t* dst = plane + qsizetype(y) * stride;
+        if (alpha) {
+            std::memcpy(dst, src, size_t(rgba.width()) * 4);
+        } else {
+            for (int x = 0; x < rgba.width(); ++x) {
+                dst[3 * x] = src[4 * x];
+                dst[3 * x + 1] = src[4 * x + 1];
+                dst[3 * x + 2] = src[4 * x + 2];
+            }
+        }
+    }
+    heif_image_handle* rawHandle = nullptr;
+    if (heif_context_encode_image(ctx.get(), image.get(), encoder, nullptr, &rawHandle).code != heif_error_Ok)
+        return QByteArray();
+    HeifHandle handle(rawHandle);
+
+    QByteArray out;
+    HeifWriteTarget target{&out};
+    heif_writer writer{};
+    writer.writer_api_version = 1;
+    writer.write = writeToByteArray;
+    if (heif_context_write(ctx.get(), &writer, &target).code != heif_error_Ok) return QByteArray();
+    return out;
+}
+
+bool hasHeifEncoder() {
+    static const bool has = heif_have_encoder_for_format(heif_compression_HEVC) != 0;
+    return has;
+}
+
+} // namespace cutlark::ImageCodecs
