@@ -5,7 +5,7 @@ namespace cutlark {
 QString CliOptions::usage() {
     return QStringLiteral(
         "Usage:\n"
-        "  cutlark-cli process [--set NAME=VALUE]... [--preset FILE.json] [-o DIR | --in-place] [--jobs N] INPUT...\n"
+        "  cutlark-cli process [--set NAME=VALUE]... [--preset FILE.json] [-o DIR | --in-place] [--overwrite] [--jobs N] INPUT...\n"
         "  cutlark-cli trace [--set NAME=VALUE]... [--preset FILE.json] -o OUT.svg INPUT\n"
         "  cutlark-cli split [-o DIR] INPUT...\n"
         "  cutlark-cli info INPUT...\n"
@@ -13,7 +13,8 @@ QString CliOptions::usage() {
         "\n"
         "INPUT may be an image file or a folder (its images, in name order).\n"
         "process writes <stem>-out.<ext> beside each input, or into DIR, or over the input with --in-place,\n"
-        "and prints one JSON object per input. trace runs the same pipeline, then the trace the settings\n"
+        "and prints one JSON object per input. A result that exists already is left alone unless --overwrite\n"
+        "is given; two inputs never share an output (the later one gets <stem>-out-2.<ext>). trace runs the same pipeline, then the trace the settings\n"
         "choose (silhouette, outline or full colour), and writes its SVG. Settings are named as\n"
         "`cutlark-cli settings` lists them.\n");
 }
@@ -66,6 +67,8 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
             out.outputDir = *v;
         } else if (a == QLatin1String("--in-place")) {
             out.inPlace = true;
+        } else if (a == QLatin1String("--overwrite")) {
+            out.overwrite = true;
         } else if (a == QLatin1String("--jobs") || a == QLatin1String("-j")) {
             const auto v = value(a);
             bool ok = false;

@@ -18,6 +18,7 @@ struct CliOptions {
     QString presetPath;                  ///< --preset FILE.json
     QString outputDir;                   ///< -o DIR (process), -o OUT.svg (trace)
     bool inPlace = false;                ///< --in-place
+    bool overwrite = false;              ///< --overwrite: replace results that exist already
     int jobs = 1;                        ///< --jobs N
     QStringList inputs;
 

@@ -5,8 +5,11 @@
 #include "model/AtomicFile.h"
 #include "model/ImageFile.h"
 #include "model/NaturalOrder.h"
+#include "support/MemoryBudget.h"
 
+#include <QCoreApplication>
 #include <QDir>
+#include <QSet>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
@@ -15,6 +18,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <exception>
+#include <system_error>
 #include <condition_variable>
 #include <mutex>
 #include <optional>
@@ -32,10 +37,13 @@ public:
 
     std::optional<QStringList> openImages(bool) override { return std::nullopt; }
     std::optional<QString> saveFile(const QString& directory, const QString& proposedName, const QString&) override {
+        if (!m_forced.isEmpty()) return m_chosen = m_forced;
         const QString folder = m_outputDir.isEmpty() ? directory : m_outputDir;
         m_chosen = QDir(folder).filePath(proposedName);
         return m_chosen;
     }
+    /// The answer of the next save panel, worked out by the command line.
+    void setChosen(const QString& path) { m_forced = path; }
     std::optional<QString> chooseFolder(const QString& directory, const QString&, const QString&) override {
         return m_outputDir.isEmpty() ? directory : m_outputDir;
     }
@@ -44,6 +52,7 @@ public:
 private:
     QString m_outputDir;
     QString m_chosen;
+    QString m_forced;
 };
 
 QJsonArray rectJson(const QRectF& r) { return QJsonArray{r.x(), r.y(), r.width(), r.height()}; }
@@ -54,43 +63,153 @@ struct Outcome {
     bool failed = false;
 };
 
-Outcome processOne(const QString& input, const Settings& settings, const QStringList& sizeWrites,
-                   const CliOptions& options) {
+/// Where one input's result goes, worked out for the whole run before any work starts.
+struct Plan {
+    QString input;           ///< as expanded from the arguments
+    QString folder;          ///< where a new result goes (unused with --in-place)
+    int number = 1;          ///< 1: <stem>-out.<ext>; n: <stem>-out-n.<ext>
+    QStringList extensions;  ///< every extension the result can end up with
+};
+
+QString stemOf(const QString& path) { return QFileInfo(path).completeBaseName(); }
+
+QString numberedName(const QString& stem, int number, const QString& extension) {
+    return stem + QStringLiteral("-out") + (number > 1 ? QStringLiteral("-%1").arg(number) : QString()) +
+           QLatin1Char('.') + extension;
+}
+
+/// Whether this run's settings can make a picture transparent, so that a type without alpha is
+/// written as PNG: keying, an outline, padding or a canvas, unless an opaque background covers
+/// them (a canvas may still grow past it).
+bool mayForcePng(const Settings& s) {
+    CropModel probe;
+    probe.applySettings(s);
+    const bool covered = s.backgroundEnabled && probe.backgroundIsOpaque();
+    return (s.resizeEnabled && s.resizeCanvas) || (!covered && (s.keyWhiteEnabled || s.stickerEnabled || s.paddingEnabled));
+}
+
+/// Numbers the results so that no two inputs of the run can write the same file, whatever type
+/// each result takes: within one folder and stem, in input order, each input takes the lowest
+/// number none of whose names is spoken for yet.
+std::vector<Plan> planOutputs(const QStringList& inputs, const CliOptions& options, bool forcePngPossible) {
+    std::vector<Plan> plans;
+    QSet<QString> taken;
+    for (const QString& input : inputs) {
+        Plan plan;
+        plan.input = input;
+        plan.folder = QDir::cleanPath(QFileInfo(options.outputDir.isEmpty() ? QFileInfo(input).absolutePath()
+                                                                           : options.outputDir)
+                                          .absoluteFilePath());
+        QString own = QFileInfo(input).suffix();
+        if (own.isEmpty()) own = QStringLiteral("png");
+        plan.extensions = {own};
+        if (forcePngPossible && !ImageFile::supportsAlpha(ImageFile::typeForExtension(own)) &&
+            own.compare(QStringLiteral("png"), Qt::CaseInsensitive) != 0)
+            plan.extensions << QStringLiteral("png");
+        const QString stem = stemOf(input);
+        const auto key = [&](int n, const QString& ext) {
+            return QDir(plan.folder).filePath(numberedName(stem, n, ext)).toLower();
+        };
+        for (int n = 1;; ++n) {
+            bool free = true;
+            for (const QString& ext : plan.extensions) free = free && !taken.contains(key(n, ext));
+            if (!free) continue;
+            for (const QString& ext : plan.extensions) taken.insert(key(n, ext));
+            plan.number = n;
+            break;
+        }
+        plans.push_back(plan);
+    }
+    return plans;
+}
+
+/// Every file the plans could write, absolute.
+QSet<QString> plannedResults(const std::vector<Plan>& plans) {
+    QSet<QString> out;
+    for (const Plan& p : plans)
+        for (const QString& ext : p.extensions) out.insert(QDir(p.folder).filePath(numberedName(stemOf(p.input), p.number, ext)));
+    return out;
+}
+
+QString absolute(const QString& path) { return QDir::cleanPath(QFileInfo(path).absoluteFilePath()); }
+
+/// What the whole run shares: the settings, the options, the inputs (absolute) and whether subject
+/// mode can run.
+struct RunContext {
+    Settings settings;
+    QStringList sizeWrites;
+    CliOptions options;
+    QSet<QString> inputs;
+};
+
+Outcome processOne(const Plan& plan, const RunContext& run) {
+    const CliOptions& options = run.options;
+    const QString& input = plan.input;
     Outcome outcome;
     outcome.json.insert(QStringLiteral("input"), input);
+    const auto fail = [&](const QString& error) {
+        outcome.failed = true;
+        outcome.json.insert(QStringLiteral("error"), error);
+        return outcome;
+    };
+
+    // The picture and its work take their share of memory before anything is decoded; a job whose
+    // picture doesn't fit beside the others' waits for them, one that can never fit is refused.
+    std::optional<MemoryBudget::Hold> memory;
+    if (const auto size = ImageFile::probeSize(input)) {
+        const qint64 bytes = qint64(size->width()) * size->height() * 4;
+        memory = MemoryBudget::waitHold(bytes * (1 + MemoryBudget::kWorkFactor));
+        if (!memory) return fail(QCoreApplication::translate("cutlark::CropModel", "1 file couldn’t be opened."));
+    }
+
     CropModel model;
     CliPanels panels(options.outputDir);
     model.setPanels(&panels);
     model.setSynchronousWork(true); // no event loop here: cutouts and traces run inside the call
+    if (memory) model.setLoadOptions(ImageFile::LoadOptions{false});
 
     model.open({input});
-    if (model.items().empty()) {
-        outcome.failed = true;
-        outcome.json.insert(QStringLiteral("error"), model.errorMessage().value_or(QStringLiteral("can’t open")));
-        return outcome;
-    }
-    model.applySettings(settings);
+    if (model.items().empty()) return fail(model.errorMessage().value_or(QStringLiteral("can’t open")));
+    model.applySettings(run.settings);
     // Sizes given by name are written again, as a person would type them, so that a locked aspect
     // follows the image as it stands before the resize.
-    for (const QString& name : sizeWrites) model.writeSetting(name, settings);
+    for (const QString& name : run.sizeWrites) model.writeSetting(name, run.settings);
+    if (model.wantsVision() && !model.subjectModeOffered())
+        return fail(QStringLiteral("subject mode needs the subject network, which isn’t installed; "
+                                   "run scripts/setup.sh (or ./run.sh) to fetch it"));
 
     const CropModel::Item* item = model.active();
     const QImage result = model.processedImage();
-    const QString type = ImageFile::writableType(model.saveTypeChoice(*item).type);
+    const CropModel::SaveChoice choice = model.saveTypeChoice(*item);
+    const QString type = ImageFile::writableType(choice.type);
     const QString sourcePath = item->url;
 
-    if (options.inPlace) model.saveOverOriginal();
-    else model.saveAsNewFile();
-
-    if (model.errorMessage()) {
-        outcome.failed = true;
-        outcome.json.insert(QStringLiteral("error"), *model.errorMessage());
+    QString target;
+    if (options.inPlace) {
+        target = choice.forcedPng ? absolute(QFileInfo(sourcePath).path() + QLatin1Char('/') +
+                                             stemOf(sourcePath) + QStringLiteral(".png"))
+                                  : absolute(sourcePath);
+        if (target != absolute(sourcePath) && run.inputs.contains(target))
+            return fail(QStringLiteral("the result would be written as “%1”, which is another input; nothing was written")
+                            .arg(QFileInfo(target).fileName()));
+    } else {
+        const QString proposed = model.proposedNewFileName(*item);
+        target = QDir(plan.folder).filePath(numberedName(stemOf(sourcePath), plan.number, QFileInfo(proposed).suffix()));
+    }
+    outcome.json.insert(QStringLiteral("output"), target);
+    // A result from before is not replaced unless asked; the file the input itself is, is.
+    if (!options.overwrite && target != absolute(sourcePath) && QFileInfo::exists(target)) {
+        outcome.json.insert(QStringLiteral("skipped"), QStringLiteral("exists"));
         return outcome;
     }
-    QString written;
-    if (options.inPlace) written = model.items().empty() ? sourcePath : model.items().front().url;
-    else written = panels.chosen();
-    outcome.json.insert(QStringLiteral("output"), written);
+
+    if (options.inPlace) {
+        model.saveOverOriginal();
+    } else {
+        panels.setChosen(target);
+        model.saveAsNewFile();
+    }
+    if (model.errorMessage()) return fail(*model.errorMessage());
     outcome.json.insert(QStringLiteral("width"), result.width());
     outcome.json.insert(QStringLiteral("height"), result.height());
     outcome.json.insert(QStringLiteral("type"), type);
@@ -326,9 +445,9 @@ int CliRunner::runSplit(const CliOptions& options) {
 }
 
 int CliRunner::runProcess(const CliOptions& options) {
-    Settings settings;
-    QStringList sizeWrites;
-    if (auto code = readSettings(options, settings, sizeWrites)) return *code;
+    RunContext run;
+    run.options = options;
+    if (auto code = readSettings(options, run.settings, run.sizeWrites)) return *code;
     if (!options.outputDir.isEmpty() && !QFileInfo(options.outputDir).isDir()) {
         if (!QDir().mkpath(options.outputDir)) {
             std::fprintf(m_err, "cutlark-cli: can’t create the folder “%s”\n", qPrintable(options.outputDir));
@@ -336,11 +455,34 @@ int CliRunner::runProcess(const CliOptions& options) {
         }
     }
 
-    const QStringList inputs = expandInputs(options.inputs);
+    // The same file named twice (a.png, ./a.png, a folder holding it) is one input.
+    QStringList inputs;
+    QSet<QString> seen;
+    for (const QString& input : expandInputs(options.inputs)) {
+        const QFileInfo info(input);
+        const QString key = info.exists() ? info.canonicalFilePath() : absolute(input);
+        if (seen.contains(key)) continue;
+        seen.insert(key);
+        inputs << input;
+    }
+    // Results this run would write are never its inputs (a second run beside the first one's
+    // results leaves them alone).
+    const bool forcePngPossible = mayForcePng(run.settings);
+    if (!options.inPlace) {
+        const QSet<QString> results = plannedResults(planOutputs(inputs, options, forcePngPossible));
+        QStringList kept;
+        for (const QString& input : std::as_const(inputs)) {
+            if (results.contains(absolute(input))) std::fprintf(m_err, "cutlark-cli: %s: left out, a result of this run\n", qPrintable(input));
+            else kept << input;
+        }
+        inputs = kept;
+    }
     if (inputs.isEmpty()) {
         std::fprintf(m_err, "cutlark-cli: No supported images found.\n");
         return 1;
     }
+    for (const QString& input : std::as_const(inputs)) run.inputs.insert(absolute(input));
+    const std::vector<Plan> plans = planOutputs(inputs, options, forcePngPossible);
 
     // N workers take the inputs in turn, each with a model of its own, so at most N images are in
     // memory at once; the results are printed in input order as soon as each is ready.
@@ -351,14 +493,29 @@ int CliRunner::runProcess(const CliOptions& options) {
     std::atomic<qsizetype> next{0};
     const auto work = [&] {
         for (qsizetype i = next++; i < total; i = next++) {
-            Outcome outcome = processOne(inputs[i], settings, sizeWrites, options);
+            Outcome outcome;
+            try {
+                outcome = processOne(plans[size_t(i)], run);
+            } catch (const std::exception& e) {
+                // Out of memory, or a library's error, for this input alone: the others go on.
+                outcome = Outcome{QJsonObject{{QStringLiteral("input"), inputs[i]},
+                                              {QStringLiteral("error"), QStringLiteral("couldn’t be processed: %1").arg(QString::fromLocal8Bit(e.what()))}},
+                                  true};
+            }
             const std::lock_guard lock(mutex);
             outcomes[size_t(i)] = std::move(outcome);
             ready.notify_all();
         }
     };
     std::vector<std::thread> workers;
-    for (int t = 0; t < std::min<qsizetype>(options.jobs, total); ++t) workers.emplace_back(work);
+    for (int t = 0; t < std::min<qsizetype>(options.jobs, total); ++t) {
+        try {
+            workers.emplace_back(work);
+        } catch (const std::system_error&) {
+            break; // no more threads to be had: fewer workers
+        }
+    }
+    if (workers.empty()) work();
 
     QStringList failures;
     for (qsizetype i = 0; i < total; ++i) {

@@ -8,6 +8,9 @@
 #include "ui/Transition.h"
 #include "ui/Widgets.h"
 
+#include "model/ImageFile.h"
+#include "support/PrivateDir.h"
+
 #include <QDir>
 #include <QDragEnterEvent>
 #include <QFileInfo>
@@ -22,6 +25,7 @@
 #include <QPushButton>
 #include <QShortcut>
 #include <QStackedWidget>
+#include <QTimer>
 #include <QUuid>
 #include <QVBoxLayout>
 
@@ -223,7 +227,9 @@ void ContentView::openCropEditor() {
 
 void ContentView::showEvent(QShowEvent* event) {
     QWidget::showEvent(event);
-    drainInbox(); // files delivered before the window existed wait in the inbox
+    // Files delivered before the window existed wait in the inbox; they open on the next turn of
+    // the event loop, so the window is up before anything decodes.
+    QTimer::singleShot(0, this, &ContentView::drainInbox);
 }
 
 void ContentView::drainInbox() {
@@ -309,12 +315,16 @@ void ContentView::dropEvent(QDropEvent* event) {
     for (const QUrl& url : mime->urls())
         if (url.isLocalFile()) paths << url.toLocalFile();
     if (paths.isEmpty() && mime->hasImage()) {
-        // Image data with no file behind it lands in a folder of its own, then opens like a file.
+        // Image data with no file behind it lands in a folder of its own, private to the user (no
+        // one else can read it, swap the folder or plant a link in it), then opens like a file.
+        // The folder goes when the window does.
         const QImage image = qvariant_cast<QImage>(mime->imageData());
-        const QString folder = QDir::temp().filePath(QStringLiteral("CutlarkDrops/") + QUuid::createUuid().toString(QUuid::WithoutBraces));
-        if (!image.isNull() && QDir().mkpath(folder)) {
-            const QString file = QDir(folder).filePath(QStringLiteral("Dropped Image.png"));
-            if (image.save(file, "PNG")) paths << file;
+        const QByteArray png = image.isNull() ? QByteArray() : ImageFile::encode(image, QStringLiteral("image/png"));
+        const QString folder = png.isEmpty() ? QString() : PrivateDir::create(QStringLiteral("CutlarkDrops"));
+        if (!folder.isEmpty()) {
+            m_dropFolders << folder;
+            const QString name = QStringLiteral("Dropped Image.png");
+            if (PrivateDir::writeNew(folder, name, png)) paths << QDir(folder).filePath(name);
         }
     }
     if (paths.isEmpty()) {
@@ -326,5 +336,9 @@ void ContentView::dropEvent(QDropEvent* event) {
 }
 
 void ContentView::paintEvent(QPaintEvent* event) { QWidget::paintEvent(event); }
+
+ContentView::~ContentView() {
+    for (const QString& folder : std::as_const(m_dropFolders)) PrivateDir::remove(folder);
+}
 
 } // namespace cutlark

@@ -24,6 +24,7 @@ class ContentView : public QWidget {
 
 public:
     explicit ContentView(QWidget* parent = nullptr);
+    ~ContentView() override;
 
     CropModel& model() { return m_model; }
     QueueDrawer* queueDrawer() const { return m_queue; }
@@ -69,6 +70,7 @@ private:
     ImagePreview* m_preview;
     SettingsSidebar* m_sidebar;
     bool m_targeted = false;
+    QStringList m_dropFolders; ///< private folders of dropped image data, removed with the window
     bool m_cropWasEnabled = false;
     QPointer<class CropEditorSheet> m_cropEditor;
 };

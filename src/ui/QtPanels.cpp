@@ -55,9 +55,12 @@ std::optional<QString> QtPanels::chooseFolder(const QString& directory, const QS
 bool QtPanels::openProgress(int done, int total) {
     if (done == 0 && !m_progress) m_openClock.start();
     if (!m_progress) {
-        // Short opens show nothing, and until the dialog is up no events run, so nothing else can
-        // happen to the window in the middle of an open.
-        if (done >= total || !m_openClock.isValid() || m_openClock.elapsed() < m_progressDelayMs) return true;
+        // Short opens show nothing. Until the dialog is up the window keeps drawing, but takes no
+        // input, so the user can't change anything in the middle of an open.
+        if (done >= total || !m_openClock.isValid() || m_openClock.elapsed() < m_progressDelayMs) {
+            QCoreApplication::processEvents(QEventLoop::ExcludeUserInputEvents);
+            return true;
+        }
         m_progress = new QProgressDialog(total == 1 ? QObject::tr("Opening 1 image…")
                                                     : QObject::tr("Opening %1 images…").arg(total), QObject::tr("Cancel"),
                                          0, total, m_parent);
