@@ -4,12 +4,15 @@
 
 #include <QFileInfo>
 #include <QJsonArray>
+#include <QPainter>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
 #include <QStandardPaths>
 
 #include <gtest/gtest.h>
+
+#include <sys/resource.h>
 
 using namespace cutlark;
 using namespace cutlark::test;
@@ -23,8 +26,16 @@ struct CliRun {
     QString err;
 };
 
-CliRun cli(const QStringList& arguments) {
+CliRun cli(const QStringList& arguments, const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment(),
+           qint64 addressSpaceLimit = 0) {
     QProcess p;
+    p.setProcessEnvironment(environment);
+    if (addressSpaceLimit > 0) {
+        p.setChildProcessModifier([addressSpaceLimit] {
+            const rlimit limit{rlim_t(addressSpaceLimit), rlim_t(addressSpaceLimit)};
+            setrlimit(RLIMIT_AS, &limit);
+        });
+    }
     p.start(QStringLiteral(CUTLARK_CLI_PATH), arguments);
     p.waitForFinished(120000);
     CliRun run;
@@ -270,4 +281,136 @@ TEST_F(CliTest, BadUsageExitsWithTwo) {
     EXPECT_EQ(cli({QStringLiteral("process"), QStringLiteral("--in-place"), QStringLiteral("-o"), m_dir.path(), a})
                   .exitCode,
               2);
+}
+
+namespace {
+
+QStringList outputsOf(const CliRun& run) {
+    QStringList out;
+    for (const QJsonObject& line : run.lines) out << QFileInfo(line.value(QStringLiteral("output")).toString()).fileName();
+    return out;
+}
+
+} // namespace
+
+TEST_F(CliTest, TwoInputsNeverShareAnOutput) {
+    QDir(m_dir.path()).mkpath(QStringLiteral("a"));
+    QDir(m_dir.path()).mkpath(QStringLiteral("b"));
+    const QString a = savePng(m_dir, QStringLiteral("a/item.png"), solid(10, 8, Qt::red));
+    const QString b = savePng(m_dir, QStringLiteral("b/item.png"), solid(12, 8, Qt::blue));
+    const QString out = path(QStringLiteral("out"));
+    for (const char* jobs : {"1", "2"}) {
+        const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--overwrite"), QStringLiteral("--jobs"),
+                                QString::fromLatin1(jobs), QStringLiteral("-o"), out, path(QStringLiteral("a")), path(QStringLiteral("b"))});
+        ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
+        EXPECT_EQ(outputsOf(run), (QStringList{"item-out.png", "item-out-2.png"})) << "the later one gets a free name";
+        EXPECT_EQ(ImageFile::load(out + QStringLiteral("/item-out.png"))->image.width(), 10);
+        EXPECT_EQ(ImageFile::load(out + QStringLiteral("/item-out-2.png"))->image.width(), 12);
+    }
+
+    // A JPEG whose result must become PNG meets the PNG of the same name.
+    writeImage(solid(20, 10, Qt::white), path(QStringLiteral("shot.jpg")), "jpeg");
+    writeImage(solid(30, 10, Qt::white), path(QStringLiteral("shot.png")), "png");
+    const CliRun keyed = cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("paddingEnabled=true"),
+                              QStringLiteral("-o"), path(QStringLiteral("keyed")), path(QStringLiteral("shot.jpg")),
+                              path(QStringLiteral("shot.png"))});
+    ASSERT_EQ(keyed.exitCode, 0) << qPrintable(keyed.err);
+    EXPECT_EQ(outputsOf(keyed), (QStringList{"shot-out.png", "shot-out-2.png"}));
+    EXPECT_EQ(ImageFile::load(path(QStringLiteral("keyed/shot-out.png")))->image.width(), 20 + 80);
+    EXPECT_EQ(ImageFile::load(path(QStringLiteral("keyed/shot-out-2.png")))->image.width(), 30 + 80);
+    // Without transparency they can't meet, and keep their plain names.
+    const CliRun plain = cli({QStringLiteral("process"), QStringLiteral("-o"), path(QStringLiteral("plain")),
+                              path(QStringLiteral("shot.jpg")), path(QStringLiteral("shot.png"))});
+    EXPECT_EQ(outputsOf(plain), (QStringList{"shot-out.jpg", "shot-out.png"}));
+}
+
+TEST_F(CliTest, InPlaceNeverWritesOverAnotherInput) {
+    QDir(m_dir.path()).mkpath(QStringLiteral("f"));
+    writeImage(solid(20, 10, Qt::red), path(QStringLiteral("f/a.jpg")), "jpeg");
+    const QString png = savePng(m_dir, QStringLiteral("f/a.png"), solid(16, 16, Qt::blue));
+    const QByteArray jpegBefore = readBytes(path(QStringLiteral("f/a.jpg")));
+    const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--in-place"), QStringLiteral("--set"),
+                            QStringLiteral("paddingEnabled=true"), path(QStringLiteral("f"))});
+    EXPECT_EQ(run.exitCode, 1);
+    ASSERT_EQ(run.lines.size(), 2);
+    EXPECT_TRUE(run.lines[0].value(QStringLiteral("error")).toString().contains(QStringLiteral("“a.png”, which is another input")))
+        << qPrintable(run.lines[0].value(QStringLiteral("error")).toString());
+    EXPECT_TRUE(run.err.contains(QStringLiteral("a.jpg")));
+    EXPECT_EQ(readBytes(path(QStringLiteral("f/a.jpg"))), jpegBefore) << "nothing of it was written";
+    const auto blue = ImageFile::load(png);
+    ASSERT_TRUE(blue);
+    EXPECT_EQ(blue->image.size(), QSize(16 + 80, 16 + 80)) << "the PNG was processed once, as itself";
+    EXPECT_EQ(QColor(blue->image.pixel(48, 48)), QColor(Qt::blue));
+}
+
+TEST_F(CliTest, ResultsAreNeverInputsAndAreNotReplacedWithoutOverwrite) {
+    QDir(m_dir.path()).mkpath(QStringLiteral("logos"));
+    const QString logo = savePng(m_dir, QStringLiteral("logos/logo.png"), solid(10, 10, Qt::green));
+    const QStringList args = {QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("paddingEnabled=true"),
+                              path(QStringLiteral("logos"))};
+    const CliRun first = cli(args);
+    ASSERT_EQ(first.exitCode, 0) << qPrintable(first.err);
+    const QString result = path(QStringLiteral("logos/logo-out.png"));
+    const QByteArray written = readBytes(result);
+    ASSERT_FALSE(written.isEmpty());
+
+    // Again beside the inputs: the first run's result is no input, and it isn't replaced.
+    const CliRun second = cli(args);
+    EXPECT_EQ(second.exitCode, 0);
+    ASSERT_EQ(second.lines.size(), 1) << "logo-out.png is not taken as an input";
+    EXPECT_EQ(second.lines[0].value(QStringLiteral("skipped")).toString(), QStringLiteral("exists"));
+    EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("logos/logo-out-out.png"))));
+    EXPECT_EQ(readBytes(result), written);
+    // Asked to, it is.
+    const CliRun third = cli(QStringList(args) << QStringLiteral("--overwrite") << QStringLiteral("--set")
+                                               << QStringLiteral("padAmount=5"));
+    EXPECT_EQ(third.exitCode, 0);
+    EXPECT_EQ(ImageFile::load(result)->image.width(), 20);
+
+    // One file named three ways is one input.
+    const QString relative = QDir::current().relativeFilePath(logo);
+    const CliRun once = cli({QStringLiteral("process"), QStringLiteral("--in-place"), QStringLiteral("--set"),
+                             QStringLiteral("paddingEnabled=true"), QStringLiteral("--set"), QStringLiteral("padAmount=1"),
+                             logo, relative, path(QStringLiteral("logos/../logos/logo.png"))});
+    EXPECT_EQ(once.exitCode, 0) << qPrintable(once.err);
+    EXPECT_EQ(once.lines.size(), 1);
+    EXPECT_EQ(ImageFile::load(logo)->image.width(), 12) << "padded once, not three times";
+}
+
+TEST_F(CliTest, SubjectModeWithoutTheNetworkFailsAndSaysHowToGetIt) {
+    QTemporaryDir emptyCache;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("XDG_CACHE_HOME"), emptyCache.path());
+    const QString photo = savePng(m_dir, QStringLiteral("photo.png"), coordinates(40, 30));
+    const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("keyWhiteEnabled=true"),
+                            QStringLiteral("--set"), QStringLiteral("bgRemovalMode=subject"), photo},
+                           environment);
+    EXPECT_EQ(run.exitCode, 1);
+    ASSERT_EQ(run.lines.size(), 1);
+    EXPECT_TRUE(run.lines[0].value(QStringLiteral("error")).toString().contains(QStringLiteral("scripts/setup.sh")))
+        << qPrintable(run.err);
+    EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("photo-out.png"))));
+}
+
+TEST_F(CliTest, NumbersOutsideTheirRangeAreRefusedBeforeAnyWork) {
+    const QString a = savePng(m_dir, QStringLiteral("a.png"), coordinates(40, 30));
+    const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("strokeWidth=500"), a});
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_TRUE(run.err.contains(QStringLiteral("strokeWidth = 500 is outside 0 to 40 px"))) << qPrintable(run.err);
+    EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("a-out.png"))));
+}
+
+TEST_F(CliTest, RunningOutOfMemoryNeverEndsTheProcessWithASignal) {
+    // A photo-sized sticker under address-space limits from too small to enough: each run refuses
+    // the picture, skips a stage or writes it, and always ends by itself with 0 or 1.
+    QImage sheet = solid(3000, 2000, Qt::white);
+    QPainter(&sheet).fillRect(1000, 600, 1000, 800, Qt::red);
+    const QString big = savePng(m_dir, QStringLiteral("big.png"), sheet);
+    for (qint64 megabytes : {300, 450, 600, 800}) {
+        const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--overwrite"), QStringLiteral("--set"),
+                                QStringLiteral("stickerEnabled=true"), QStringLiteral("--set"), QStringLiteral("strokeWidth=40"),
+                                QStringLiteral("--set"), QStringLiteral("keyWhiteEnabled=true"), big},
+                               QProcessEnvironment::systemEnvironment(), megabytes << 20);
+        EXPECT_TRUE(run.exitCode == 0 || run.exitCode == 1) << megabytes << " MB: " << run.exitCode << " " << qPrintable(run.err);
+    }
 }

@@ -105,3 +105,46 @@ TEST(Settings, JsonRoundTripsThroughThePresetReader) {
     QJsonObject bad{{QStringLiteral("padTopp"), 3}};
     EXPECT_TRUE(Settings::parseJsonInto(back, bad));
 }
+
+TEST(Settings, NumbersOutsideTheWindowsRangeAreRefused) {
+    Settings s;
+    // The outline the window allows is 0 to 40 pixels; 500 would cost half a minute on a small image.
+    EXPECT_EQ(Settings::parseInto(s, QStringLiteral("strokeWidth"), QStringLiteral("500")),
+              QStringLiteral("strokeWidth = 500 is outside 0 to 40 px"));
+    EXPECT_EQ(s.strokeWidth, 14) << "a refused value leaves the field alone";
+    EXPECT_FALSE(Settings::parseInto(s, QStringLiteral("strokeWidth"), QStringLiteral("40")));
+    EXPECT_EQ(s.strokeWidth, 40);
+    EXPECT_TRUE(Settings::parseInto(s, QStringLiteral("padAmount"), QStringLiteral("1e999")));
+    for (const char* bad : {"nan", "inf", "-inf"})
+        EXPECT_EQ(Settings::parseInto(s, QStringLiteral("padAmount"), QString::fromLatin1(bad)),
+                  QStringLiteral("padAmount must be a finite number"))
+            << bad;
+    EXPECT_TRUE(Settings::parseInto(s, QStringLiteral("padTop"), QStringLiteral("-1")));
+    EXPECT_TRUE(Settings::parseInto(s, QStringLiteral("gradientAngle"), QStringLiteral("360.5")));
+    EXPECT_TRUE(Settings::parseInto(s, QStringLiteral("resizeWidth"), QStringLiteral("0")));
+    EXPECT_TRUE(Settings::parseInto(s, QStringLiteral("vectorDenoise"), QStringLiteral("4")));
+    // Presets go through the same gate.
+    EXPECT_EQ(Settings::parseJsonInto(s, QJsonObject{{QStringLiteral("keyThreshold"), 100.5}}),
+              QStringLiteral("keyThreshold = 100.5 is outside 0 to 100 %"));
+    // Turns are any whole number, taken modulo 4.
+    EXPECT_FALSE(Settings::parseInto(s, QStringLiteral("quarterTurns"), QStringLiteral("-7")));
+    EXPECT_EQ(s.quarterTurns, 1);
+
+    // Every number of the table has a range and a unit or meaning; nothing else has a range.
+    int numbers = 0;
+    for (const SettingInfo& row : Settings::table()) {
+        EXPECT_FALSE(QString::fromUtf8(row.meaning).isEmpty()) << row.name;
+        const bool number = QByteArray(row.type) == "number";
+        EXPECT_EQ(row.isNumber(), number || QByteArray(row.type) == "integer") << row.name;
+        if (number) {
+            ++numbers;
+            EXPECT_LT(row.minimum, row.maximum) << row.name;
+            Settings probe;
+            EXPECT_FALSE(Settings::parseInto(probe, QString::fromLatin1(row.name), QString::number(row.maximum))) << row.name;
+            EXPECT_TRUE(Settings::parseInto(probe, QString::fromLatin1(row.name), QString::number(row.maximum + 1))) << row.name;
+        }
+    }
+    EXPECT_EQ(numbers, 16);
+    EXPECT_EQ(Settings::info(QStringLiteral("vectorStrokeWidth"))->minimum, 0.5);
+    EXPECT_EQ(Settings::info(QStringLiteral("nope")), nullptr);
+}

@@ -341,3 +341,13 @@ TEST_F(RealNetwork, TheModelCutsOutTheCupOfARealPhotograph) {
     EXPECT_EQ(qAlpha(out.pixel(240, 110)), 255) << "the coffee stays";
     EXPECT_EQ(qAlpha(out.pixel(230, 230)), 255) << "and the saucer";
 }
+
+TEST_F(CutoutTest, ACutoutThatRunsOutOfMemoryCountsAsNoSubject) {
+    model.setCutoutService({[] { return true; }, [](const QImage&) -> std::optional<QImage> { throw std::bad_alloc(); }});
+    openTwo();
+    model.setBgRemovalMode(BGRemovalMode::subject);
+    model.setKeyWhiteEnabled(true);
+    ASSERT_TRUE(waitUntil([&] { return !model.isDetectingSubject(); }, 30000)) << "never stuck computing";
+    EXPECT_TRUE(model.subjectNotFound());
+    EXPECT_EQ(model.processedImage().size(), QSize(40, 30)) << "the picture goes on as it was";
+}

@@ -277,3 +277,20 @@ TEST(WorkerReal, TheRealTracersRunBehindTheModel) {
     EXPECT_EQ(model.vectorColorTrace()->layers.size(), 2);
     EXPECT_FALSE(model.vectorTrace()) << "at most one of the two is present";
 }
+
+TEST_F(WorkerTest, ATraceThatRunsOutOfMemoryEndsLikeOneThatFoundNothing) {
+    int calls = 0;
+    model.setVectorTracer([&calls](const Job&) -> Result {
+        ++calls;
+        throw std::bad_alloc();
+    });
+    model.setVectorizeEnabled(true);
+    ASSERT_TRUE(settle()) << "the worker doesn't hang on a failed trace";
+    EXPECT_EQ(calls, 1);
+    EXPECT_FALSE(model.vectorTrace());
+    EXPECT_EQ(model.vectorStatusText(), QStringLiteral("No clear shape to trace. Try turning on Remove background first."));
+    // And the next request traces again.
+    model.setVectorizeStyle(VectorizeStyle::outline);
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(calls, 2);
+}

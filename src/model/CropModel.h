@@ -83,6 +83,10 @@ public:
     /// How opening decodes: by default each picture is admitted to the memory budget on its own; the
     /// command line, which takes the budget for a whole job first, turns that off.
     void setLoadOptions(const ImageFile::LoadOptions& options) { m_loadOptions = options; }
+    /// What decodes a file for opening: `ImageFile::load` unless a test puts its own in place.
+    /// Called on threads of opening's own.
+    using Decoder = std::function<std::optional<ImageFile::Loaded>(const QString&, const ImageFile::LoadOptions&)>;
+    void setDecoder(Decoder decoder) { m_decoder = std::move(decoder); }
 
     /// One trace as the worker hands it to the background: the picture and the parameters read from
     /// the settings at the start of a pass.
@@ -302,6 +306,7 @@ private:
     CutoutService m_cutoutService;
     bool m_synchronousWork = false;
     ImageFile::LoadOptions m_loadOptions;
+    Decoder m_decoder;
     VectorTracer m_vectorTracer;
     class Clipboard* m_clipboard = nullptr;
 

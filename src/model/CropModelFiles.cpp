@@ -13,6 +13,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <exception>
+#include <system_error>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -115,11 +117,19 @@ bool CropModel::decodeAll(std::vector<DecodedFile>& candidates) {
     shared->files = std::move(candidates);
     const int total = int(shared->files.size());
     const ImageFile::LoadOptions options = m_loadOptions;
-    const auto work = [shared, total, options] {
+    const Decoder decode = m_decoder ? m_decoder : Decoder([](const QString& path, const ImageFile::LoadOptions& o) {
+        return ImageFile::load(path, o);
+    });
+    const auto work = [shared, total, options, decode] {
         for (int i = shared->next++; i < total && !shared->cancelled.load(); i = shared->next++) {
             DecodedFile& d = shared->files[size_t(i)]; // each index belongs to one worker
-            d.loaded = ImageFile::load(d.path, options);
-            if (d.loaded) d.buffer = CropEngine::Buffer::make(d.loaded->image);
+            try {
+                d.loaded = decode(d.path, options);
+                if (d.loaded) d.buffer = CropEngine::Buffer::make(d.loaded->image);
+            } catch (const std::exception&) {
+                d.loaded.reset(); // out of memory on the way: this file isn't opened
+                d.buffer.reset();
+            }
             const std::lock_guard lock(shared->mutex);
             ++shared->done;
             shared->finishedOne.notify_one(); // under the lock: the waiting side may end as soon as it sees `done`
@@ -127,7 +137,14 @@ bool CropModel::decodeAll(std::vector<DecodedFile>& candidates) {
     };
     std::vector<std::thread> workers;
     const int threads = std::clamp(QThread::idealThreadCount(), 1, total);
-    for (int t = 0; t < threads; ++t) workers.emplace_back(work);
+    for (int t = 0; t < threads; ++t) {
+        try {
+            workers.emplace_back(work);
+        } catch (const std::system_error&) {
+            break; // no more threads to be had
+        }
+    }
+    if (workers.empty()) work(); // not even one: decode here rather than open nothing
 
     bool keepGoing = !m_panels || m_panels->openProgress(0, total);
     while (keepGoing) {

@@ -237,6 +237,14 @@ QString heifTypeOf(const uchar* head, int length) {
 
 std::optional<ImageFile::Loaded> decodeHeif(const QByteArray& bytes, const QString& type,
                                             const ImageFile::LoadOptions& options) {
+    // A canvas too big at any depth is refused before libheif reads the file at all (with thousands
+    // of tiles, reading alone takes seconds).
+    const auto canvases =
+        heifDerivedCanvases(reinterpret_cast<const uchar*>(bytes.constData()), size_t(bytes.size()));
+    if (canvases)
+        for (const QSize& c : *canvases)
+            if (qint64(c.width()) * c.height() >= kHeifDecodeCeiling / 4) return std::nullopt;
+
     HeifContext ctx(heif_context_alloc());
     if (!ctx) return std::nullopt;
     // libheif reads from our bytes without copying them; they outlive the context.
@@ -259,8 +267,6 @@ std::optional<ImageFile::Loaded> decodeHeif(const QByteArray& bytes, const QStri
     const qint64 bytesPerPixel = heif_image_handle_get_luma_bits_per_pixel(handle.get()) > 8 ? 8 : 4;
     qint64 side = std::max({w, h, codedW, codedH});
     qint64 area = std::max(w * h, std::max<qint64>(codedW, 0) * std::max<qint64>(codedH, 0));
-    const auto canvases =
-        heifDerivedCanvases(reinterpret_cast<const uchar*>(bytes.constData()), size_t(bytes.size()));
     if (canvases) {
         for (const QSize& c : *canvases) {
             side = std::max<qint64>({side, c.width(), c.height()});

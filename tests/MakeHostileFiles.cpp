@@ -1,0 +1,34 @@
+// Writes the hostile files at the sizes that hurt, for measuring decoders against them:
+//   make-hostile-files DIR
+#include "HostileFiles.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+
+#include <cstdio>
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    if (argc != 2) {
+        std::fprintf(stderr, "usage: make-hostile-files DIR\n");
+        return 2;
+    }
+    using namespace cutlark::test::hostile;
+    const QDir dir(QString::fromLocal8Bit(argv[1]));
+    QDir().mkpath(dir.path());
+    const QList<QPair<QString, QByteArray>> files = {
+        {QStringLiteral("text-bomb.png"), pngWithTextChunks(200, 7'900'000)},
+        {QStringLiteral("length-claim.png"), pngClaimingChunk(0x7fffffff)},
+        {QStringLiteral("scan-bomb.jpg"), jpegWithRepeatedScans(8000, 8000, 20000)},
+        {QStringLiteral("grid-bomb.heic"), heicGrid(91, 91, 256)},
+        {QStringLiteral("grid-90.heic"), heicGrid(90, 90, 256)},
+        {QStringLiteral("claims-39000.jpg"), jpegClaimingSize(39000, 39000)},
+    };
+    for (const auto& [name, bytes] : files) {
+        QFile file(dir.filePath(name));
+        if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size()) return 1;
+        std::printf("%s\t%lld bytes\n", qPrintable(file.fileName()), static_cast<long long>(bytes.size()));
+    }
+    return 0;
+}
