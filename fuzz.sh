@@ -21,7 +21,7 @@ fi
 cmake --build "$build" --parallel "$(nproc)"
 mkdir -p "$here/fuzz/crashes"
 status=0
-for target in FuzzImageFile FuzzEngines FuzzVector FuzzText; do
+for target in FuzzImageFile FuzzEngines FuzzVector FuzzText FuzzContainers; do
     work="$build/corpus-$target"
     mkdir -p "$work"
     echo "== $target for ${seconds}s"

@@ -7,9 +7,11 @@
 #include "ui/QtPanels.h"
 #include "ui/QueueDrawer.h"
 #include "ui/SettingsSidebar.h"
+#include "support/PrivateDir.h"
 
 #include <QApplication>
 #include <QDir>
+#include <QFileInfo>
 #include <QListWidget>
 #include <QMimeData>
 #include <QProgressDialog>
@@ -306,4 +308,26 @@ TEST_F(WindowTest, SectionsFollowTheirSwitchesAndModes) {
     model->select(model->items()[0].id);
     QTest::qWait(300);
     EXPECT_FALSE(visible(callout));
+}
+
+TEST(Drops, ImageDataLandsInAPrivateFolderThatGoesWithTheWindow) {
+    QString folder;
+    {
+        MainWindow window;
+        window.show();
+        ContentView* view = window.content();
+        QMimeData picture;
+        picture.setImageData(coordinates(30, 20));
+        QDragEnterEvent enter(QPoint(10, 10), Qt::CopyAction, &picture, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(view, &enter);
+        QDropEvent drop(QPointF(10, 10), Qt::CopyAction, &picture, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(view, &drop);
+        ASSERT_EQ(view->model().items().size(), 1u);
+        const QString file = view->model().items().front().url;
+        folder = QFileInfo(file).absolutePath();
+        EXPECT_TRUE(PrivateDir::isPrivate(folder)) << qPrintable(folder);
+        EXPECT_EQ(QFileInfo(file).permissions() & (QFileDevice::ReadOther | QFileDevice::ReadGroup), 0);
+        EXPECT_EQ(QFileInfo(folder).absolutePath(), QDir(PrivateDir::base()).absolutePath());
+    }
+    EXPECT_FALSE(QFileInfo::exists(folder)) << "the window took its drops with it";
 }

@@ -1,5 +1,6 @@
-// Writes the hostile files at the sizes that hurt, for measuring decoders against them:
-//   make-hostile-files DIR
+// Writes the hostile files at the sizes that hurt, for measuring decoders against them, or small
+// ones of the same shapes (seeds for the fuzzers):
+//   make-hostile-files DIR [--small]
 #include "HostileFiles.h"
 
 #include <QCoreApplication>
@@ -10,14 +11,20 @@
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
-    if (argc != 2) {
-        std::fprintf(stderr, "usage: make-hostile-files DIR\n");
+    const bool small = argc == 3 && qstrcmp(argv[2], "--small") == 0;
+    if (argc != 2 && !small) {
+        std::fprintf(stderr, "usage: make-hostile-files DIR [--small]\n");
         return 2;
     }
     using namespace cutlark::test::hostile;
     const QDir dir(QString::fromLocal8Bit(argv[1]));
     QDir().mkpath(dir.path());
-    const QList<QPair<QString, QByteArray>> files = {
+    const QList<QPair<QString, QByteArray>> files = small ? QList<QPair<QString, QByteArray>>{
+        {QStringLiteral("text.png"), pngWithTextChunks(3, 1000)},
+        {QStringLiteral("claim.png"), pngClaimingChunk(100)},
+        {QStringLiteral("scans.jpg"), jpegWithRepeatedScans(16, 16, 3)},
+        {QStringLiteral("grid.heic"), heicGrid(2, 2, 16)},
+    } : QList<QPair<QString, QByteArray>>{
         {QStringLiteral("text-bomb.png"), pngWithTextChunks(200, 7'900'000)},
         {QStringLiteral("length-claim.png"), pngClaimingChunk(0x7fffffff)},
         {QStringLiteral("scan-bomb.jpg"), jpegWithRepeatedScans(8000, 8000, 20000)},
