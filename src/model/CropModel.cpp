@@ -437,16 +437,15 @@ void CropModel::ensureVisionCutout() {
         std::optional<QImage> cutout;
     };
     auto task = std::make_unique<Task>(Task{this, id, source, m_cutoutService.compute, std::nullopt});
-    HandOff::sent();
-    (void)QtConcurrent::run(QThreadPool::globalInstance(), [task = std::move(task)]() mutable {
+    // The first capture of each closure receives and the last passes on, whenever Qt moves it.
+    (void)QtConcurrent::run(QThreadPool::globalInstance(), [in = HandOff(), task = std::move(task), out = HandOff()]() mutable {
         HandOff::received();
         task->cutout = cutoutSafely(task->compute, task->source);
         task->compute = nullptr;
         task->source = QImage();
-        HandOff::sent();
         QMetaObject::invokeMethod(
             QCoreApplication::instance(),
-            [task = std::move(task)] {
+            [in = HandOff(), task = std::move(task), out = HandOff()] {
                 HandOff::received();
                 if (task->self) task->self->finishCutout(task->id, task->cutout);
             },

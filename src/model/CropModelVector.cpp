@@ -137,16 +137,15 @@ void CropModel::runVectorPass() {
         VectorResult result;
     };
     auto task = std::make_unique<Task>(Task{this, job, m_vectorTracer, {}});
-    HandOff::sent();
-    (void)QtConcurrent::run(QThreadPool::globalInstance(), [task = std::move(task)]() mutable {
+    // The first capture of each closure receives and the last passes on, whenever Qt moves it.
+    (void)QtConcurrent::run(QThreadPool::globalInstance(), [in = HandOff(), task = std::move(task), out = HandOff()]() mutable {
         HandOff::received();
         task->result = traceSafely(task->tracer, task->job);
         task->tracer = nullptr;
         task->job.image = QImage();
-        HandOff::sent();
         QMetaObject::invokeMethod(
             QCoreApplication::instance(),
-            [task = std::move(task)] {
+            [in = HandOff(), task = std::move(task), out = HandOff()] {
                 HandOff::received();
                 if (task->self) task->self->finishVectorPass(task->job, task->result);
             },

@@ -19,10 +19,17 @@ namespace {
 
 constexpr qint64 kUnlimited = std::numeric_limits<qint64>::max();
 
-std::mutex g_mutex;
-std::condition_variable g_released;
-qint64 g_inUse = 0;
-std::atomic<qint64> g_override{0};
+// Never destroyed: a decode that was given up on may end, and give its hold back, after main returns.
+struct State {
+    std::mutex mutex;
+    std::condition_variable released;
+    qint64 inUse = 0;
+    std::atomic<qint64> forced{0};
+};
+State& state() {
+    static State* const s = new State;
+    return *s;
+}
 
 // A number from the first line of a small system file; kUnlimited for "max", absent files and junk.
 qint64 readLimitFile(const std::string& path) {
@@ -100,19 +107,19 @@ qint64 computedAvailable() {
 qint64 availableBytes() { return computedAvailable(); }
 
 qint64 limit() {
-    if (const qint64 forced = g_override.load()) return forced;
+    if (const qint64 forced = state().forced.load()) return forced;
     // A quarter stays for everything that isn't pixels: code, the network, the decoders' own tables.
     return std::max<qint64>(computedAvailable() / 4 * 3, qint64(64) << 20);
 }
 
 void setLimit(qint64 bytes) {
-    g_override = std::max<qint64>(bytes, 0);
-    g_released.notify_all();
+    state().forced = std::max<qint64>(bytes, 0);
+    state().released.notify_all();
 }
 
 qint64 inUse() {
-    const std::lock_guard lock(g_mutex);
-    return g_inUse;
+    const std::lock_guard lock(state().mutex);
+    return state().inUse;
 }
 
 Hold::Hold(Hold&& other) noexcept : m_bytes(std::exchange(other.m_bytes, 0)) {}
@@ -131,40 +138,40 @@ void Hold::shrinkTo(qint64 bytes) {
     bytes = std::clamp<qint64>(bytes, 0, m_bytes);
     if (bytes == m_bytes) return;
     {
-        const std::lock_guard lock(g_mutex);
-        g_inUse -= m_bytes - bytes;
+        const std::lock_guard lock(state().mutex);
+        state().inUse -= m_bytes - bytes;
     }
     m_bytes = bytes;
-    g_released.notify_all();
+    state().released.notify_all();
 }
 
 std::optional<Hold> tryHold(qint64 bytes) {
     bytes = std::max<qint64>(bytes, 0);
     const qint64 cap = limit();
-    const std::lock_guard lock(g_mutex);
-    if (bytes > cap - g_inUse) return std::nullopt;
-    g_inUse += bytes;
+    const std::lock_guard lock(state().mutex);
+    if (bytes > cap - state().inUse) return std::nullopt;
+    state().inUse += bytes;
     return Hold(bytes);
 }
 
 Hold forceHold(qint64 bytes) {
     bytes = std::max<qint64>(bytes, 0);
-    const std::lock_guard lock(g_mutex);
-    g_inUse += bytes;
+    const std::lock_guard lock(state().mutex);
+    state().inUse += bytes;
     return Hold(bytes);
 }
 
 std::optional<Hold> waitHold(qint64 bytes, const std::function<bool()>& keepWaiting) {
     bytes = std::max<qint64>(bytes, 0);
-    std::unique_lock lock(g_mutex);
+    std::unique_lock lock(state().mutex);
     while (true) {
         const qint64 cap = limit();
         if (bytes > cap) return std::nullopt;
-        if (bytes <= cap - g_inUse) {
-            g_inUse += bytes;
+        if (bytes <= cap - state().inUse) {
+            state().inUse += bytes;
             return Hold(bytes);
         }
-        g_released.wait_for(lock, std::chrono::milliseconds(50));
+        state().released.wait_for(lock, std::chrono::milliseconds(50));
         if (keepWaiting) {
             lock.unlock();
             const bool go = keepWaiting();
