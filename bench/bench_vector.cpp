@@ -73,7 +73,7 @@ BENCHMARK(BM_Trace)->Unit(benchmark::kMillisecond);
 
 void BM_TraceColor(benchmark::State& state) {
     static const QImage image = illustration();
-    for (auto _ : state) benchmark::DoNotOptimize(VectorizeEngine::traceColor(image, 45, 3e-5, 2, 3, 0));
+    for (auto _ : state) benchmark::DoNotOptimize(VectorizeEngine::traceColor(image, TraceParams{45, 3e-5, 2, 3}));
 }
 BENCHMARK(BM_TraceColor)->Unit(benchmark::kMillisecond);
 

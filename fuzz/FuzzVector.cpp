@@ -20,7 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
     using namespace cutlark;
-    if (auto colour = VectorizeEngine::traceColor(image, tolerance, 3e-5, 1, cleanup, 0)) {
+    if (auto colour = VectorizeEngine::traceColor(image, TraceParams{tolerance, 3e-5, 1, cleanup})) {
         (void)VectorizeEngine::colorSVG(*colour);
         (void)VectorizeEngine::colorPreview(*colour);
     }

@@ -1,7 +1,7 @@
 #include "TestImages.h"
 
 #include "engines/CollageSplitter.h"
-#include "model/AtomicFile.h"
+#include "support/AtomicFile.h"
 #include "model/CropModel.h"
 #include "model/ImageFile.h"
 

@@ -3,7 +3,7 @@
 
 #include "TestImages.h"
 
-#include "model/AtomicFile.h"
+#include "support/AtomicFile.h"
 #include "model/CropModel.h"
 
 #include <QDir>

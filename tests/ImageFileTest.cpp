@@ -1,7 +1,7 @@
 #include "TestImages.h"
 
 #include "engines/CropEngine.h"
-#include "model/AtomicFile.h"
+#include "support/AtomicFile.h"
 #include "model/ImageFile.h"
 
 #include <QTransform>

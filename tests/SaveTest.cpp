@@ -1,6 +1,6 @@
 #include "TestImages.h"
 
-#include "model/AtomicFile.h"
+#include "support/AtomicFile.h"
 #include "model/CropModel.h"
 #include "model/ImageFile.h"
 

@@ -98,7 +98,7 @@ TEST_F(WorkerTest, TenWritesDuringOneTraceMakeExactlyOneMore) {
     for (int i = 1; i <= 10; ++i) model.setVectorTolerance(10.0 * i);
     tracer.gate.release(); // the first trace ends
     ASSERT_TRUE(waitUntil([&] { return tracer.count() == 2; }));
-    EXPECT_EQ(tracer.last().tolerance, 100) << "the further trace sees the last value";
+    EXPECT_EQ(tracer.last().params.tolerance, 100) << "the further trace sees the last value";
     EXPECT_TRUE(model.isVectorizing()) << "no flicker between chained traces";
     tracer.gate.release();
     ASSERT_TRUE(settle());
@@ -163,19 +163,19 @@ TEST_F(WorkerTest, RemovingTheItemDuringATraceEndsQuietly) {
 }
 
 TEST_F(WorkerTest, ParametersFollowTheSettings) {
-    EXPECT_DOUBLE_EQ(CropModel::minFeatureFracFor(0), 0.00003);
-    EXPECT_NEAR(CropModel::minFeatureFracFor(25), 0.0001005, 1e-7);
-    EXPECT_NEAR(CropModel::minFeatureFracFor(50), 0.0003366, 1e-7);
-    EXPECT_NEAR(CropModel::minFeatureFracFor(75), 0.0011275, 1e-7);
-    EXPECT_DOUBLE_EQ(CropModel::minFeatureFracFor(100), 0.003776776235382503);
-    EXPECT_DOUBLE_EQ(CropModel::minFeatureFracFor(500), 0.003776776235382503);
-    EXPECT_DOUBLE_EQ(CropModel::minFeatureFracFor(-5), 0.00003);
-    EXPECT_EQ(CropModel::denoisePassesFor(0), 1) << "one median pass always runs";
-    EXPECT_EQ(CropModel::denoisePassesFor(2.5), 3);
-    EXPECT_EQ(CropModel::cleanupPassesFor(0), 0);
-    EXPECT_EQ(CropModel::cleanupPassesFor(2.5), 3);
-    EXPECT_DOUBLE_EQ(CropModel::outlineStrokeWidth(QSizeF(100, 40), 3), 0.5);
-    EXPECT_DOUBLE_EQ(CropModel::outlineStrokeWidth(QSizeF(4000, 3000), 3), 12);
+    EXPECT_DOUBLE_EQ(VectorSettings::minFeatureFracFor(0), 0.00003);
+    EXPECT_NEAR(VectorSettings::minFeatureFracFor(25), 0.0001005, 1e-7);
+    EXPECT_NEAR(VectorSettings::minFeatureFracFor(50), 0.0003366, 1e-7);
+    EXPECT_NEAR(VectorSettings::minFeatureFracFor(75), 0.0011275, 1e-7);
+    EXPECT_DOUBLE_EQ(VectorSettings::minFeatureFracFor(100), 0.003776776235382503);
+    EXPECT_DOUBLE_EQ(VectorSettings::minFeatureFracFor(500), 0.003776776235382503);
+    EXPECT_DOUBLE_EQ(VectorSettings::minFeatureFracFor(-5), 0.00003);
+    EXPECT_EQ(VectorSettings::denoisePassesFor(0), 1) << "one median pass always runs";
+    EXPECT_EQ(VectorSettings::denoisePassesFor(2.5), 3);
+    EXPECT_EQ(VectorSettings::cleanupPassesFor(0), 0);
+    EXPECT_EQ(VectorSettings::cleanupPassesFor(2.5), 3);
+    EXPECT_DOUBLE_EQ(VectorSettings::outlineStrokeWidth(QSizeF(100, 40), 3), 0.5);
+    EXPECT_DOUBLE_EQ(VectorSettings::outlineStrokeWidth(QSizeF(4000, 3000), 3), 12);
 
     tracer.open = true;
     model.setVectorFullColor(true);
@@ -183,10 +183,10 @@ TEST_F(WorkerTest, ParametersFollowTheSettings) {
     ASSERT_TRUE(settle());
     const Job job = tracer.last();
     EXPECT_TRUE(job.fullColor);
-    EXPECT_EQ(job.tolerance, 45);
-    EXPECT_DOUBLE_EQ(job.minFeatureFrac, 0.00003);
-    EXPECT_EQ(job.denoisePasses, 2);
-    EXPECT_EQ(job.cleanupPasses, 3);
+    EXPECT_EQ(job.params.tolerance, 45);
+    EXPECT_DOUBLE_EQ(job.params.minFeatureFrac, 0.00003);
+    EXPECT_EQ(job.params.denoisePasses, 2);
+    EXPECT_EQ(job.params.cleanupPasses, 3);
 }
 
 TEST_F(WorkerTest, SvgFollowsTheStyleOfTheMomentAndExports) {
@@ -217,8 +217,8 @@ TEST_F(WorkerTest, SvgFollowsTheStyleOfTheMomentAndExports) {
     EXPECT_EQ(model.saveConfirmation(), QStringLiteral("out.svg")) << "left alone";
 
     // A source without an extension proposes its name with .svg.
-    model.writeVector("x", m_dir.filePath(QStringLiteral("Scan")), QStringLiteral("svg"), QStringLiteral("image/svg+xml"));
-    EXPECT_EQ(panels.proposedNames.last(), QStringLiteral("Scan.svg"));
+    EXPECT_EQ(CropModel::proposedDocumentName(m_dir.filePath(QStringLiteral("Scan")), QStringLiteral("svg")),
+              QStringLiteral("Scan.svg"));
 }
 
 TEST_F(WorkerTest, CopyPutsTheSameBytesUnderBothTypes) {

@@ -290,7 +290,7 @@ TEST(ColorTrace, ThresholdTable) {
 TEST(ColorTrace, TwoHalvesGiveTwoLayersInDiscoveryOrder) {
     QImage image = solid(200, 200, QColor(0, 0, 255));
     fillRect(image, QRect(0, 0, 100, 200), QColor(255, 0, 0));
-    const auto t = VE::traceColor(image, 0, 0.001, 1, 0, 0);
+    const auto t = VE::traceColor(image, TraceParams{0, 0.001, 1, 0});
     ASSERT_TRUE(t);
     ASSERT_EQ(t->layers.size(), 2);
     EXPECT_EQ(t->size, QSizeF(200, 200));
@@ -302,19 +302,19 @@ TEST(ColorTrace, TwoHalvesGiveTwoLayersInDiscoveryOrder) {
 TEST(ColorTrace, TransparencyMakesNoLayer) {
     QImage square = clear(100, 100);
     fillRect(square, QRect(20, 20, 60, 60), QColor(0, 128, 0));
-    const auto t = VE::traceColor(square, 45, 3e-5, 1, 0, 0);
+    const auto t = VE::traceColor(square, TraceParams{45, 3e-5, 1, 0});
     ASSERT_TRUE(t);
     ASSERT_EQ(t->layers.size(), 1);
-    EXPECT_FALSE(VE::traceColor(clear(50, 50), 45, 3e-5, 1, 0, 0));
-    EXPECT_FALSE(VE::traceColor(solid(50, 50, QColor(255, 0, 0, 127)), 45, 3e-5, 1, 0, 0));
-    EXPECT_FALSE(VE::traceColor(QImage(), 45, 3e-5, 1, 0, 0));
+    EXPECT_FALSE(VE::traceColor(clear(50, 50), TraceParams{45, 3e-5, 1, 0}));
+    EXPECT_FALSE(VE::traceColor(solid(50, 50, QColor(255, 0, 0, 127)), TraceParams{45, 3e-5, 1, 0}));
+    EXPECT_FALSE(VE::traceColor(QImage(), TraceParams{45, 3e-5, 1, 0}));
 }
 
 TEST(ColorTrace, RegionsGrowAgainstTheirSeedAndJoinThePalette) {
     // Adjacent (100) and (110): distance 300, within the region limit 324: one region, weighted mean.
     QImage adjacent = solid(100, 100, QColor(100, 100, 100));
     fillRect(adjacent, QRect(0, 0, 100, 25), QColor(110, 110, 110));
-    auto t = VE::traceColor(adjacent, 0, 0.001, 1, 0, 0);
+    auto t = VE::traceColor(adjacent, TraceParams{0, 0.001, 1, 0});
     ASSERT_TRUE(t);
     ASSERT_EQ(t->layers.size(), 1);
     EXPECT_EQ(qRound(t->layers[0].r * 255), 102);
@@ -323,28 +323,28 @@ TEST(ColorTrace, RegionsGrowAgainstTheirSeedAndJoinThePalette) {
     QImage apart = white(100, 100);
     fillRect(apart, QRect(0, 0, 100, 30), QColor(110, 110, 110));
     fillRect(apart, QRect(0, 50, 100, 50), QColor(100, 100, 100));
-    t = VE::traceColor(apart, 0, 0.001, 1, 0, 0);
+    t = VE::traceColor(apart, TraceParams{0, 0.001, 1, 0});
     ASSERT_EQ(t->layers.size(), 2);
     EXPECT_EQ(qRound(t->layers[0].r * 255), 100) << "the greys together are the largest colour: the bottom layer";
     EXPECT_EQ(qRound(t->layers[1].r * 255), 255);
 
     // (100) and (120): distance 1200, two entries at tolerance 0 and one at 25 (limit 1849).
     fillRect(apart, QRect(0, 0, 100, 30), QColor(120, 120, 120));
-    EXPECT_EQ(VE::traceColor(apart, 0, 0.001, 1, 0, 0)->layers.size(), 3);
-    EXPECT_EQ(VE::traceColor(apart, 25, 0.001, 1, 0, 0)->layers.size(), 2);
+    EXPECT_EQ(VE::traceColor(apart, TraceParams{0, 0.001, 1, 0})->layers.size(), 3);
+    EXPECT_EQ(VE::traceColor(apart, TraceParams{25, 0.001, 1, 0})->layers.size(), 2);
 }
 
 TEST(ColorTrace, NoisePicturesAreRefused) {
     QImage checker(100, 100, QImage::Format_RGBA8888_Premultiplied);
     for (int y = 0; y < 100; ++y)
         for (int x = 0; x < 100; ++x) checker.setPixelColor(x, y, ((x + y) & 1) ? QColor(255, 0, 0) : QColor(0, 0, 255));
-    EXPECT_FALSE(VE::traceColor(checker, 45, 3e-5, 0, 0, 0)) << "too many regions";
+    EXPECT_FALSE(VE::traceColor(checker, TraceParams{45, 3e-5, 0, 0})) << "too many regions";
 }
 
 TEST(ColorTrace, ReducedCopyButSourceCoordinates) {
     QImage wide = white(3000, 1500);
     fillRect(wide, QRect(1500, 300, 1500, 900), QColor(200, 30, 30));
-    const auto t = VE::traceColor(wide, 45, 3e-5, 1, 0, 0);
+    const auto t = VE::traceColor(wide, TraceParams{45, 3e-5, 1, 0});
     ASSERT_TRUE(t);
     EXPECT_EQ(t->size, QSizeF(3000, 1500));
     ASSERT_EQ(t->layers.size(), 2);
@@ -356,10 +356,10 @@ TEST(ColorTrace, RareColoursDissolveAndRunsRepeat) {
     QImage image = white(300, 300);
     fillRect(image, QRect(0, 0, 150, 300), QColor(20, 120, 40));
     fillRect(image, QRect(200, 200, 4, 4), QColor(250, 0, 250)); // a speck far from all others
-    const auto a = VE::traceColor(image, 45, 0.001, 0, 0, 0);     // no median: the speck reaches the palette
+    const auto a = VE::traceColor(image, TraceParams{45, 0.001, 0, 0});     // no median: the speck reaches the palette
     ASSERT_TRUE(a);
     EXPECT_EQ(a->layers.size(), 2) << "the speck's count is below the minimum: no layer of its own";
-    const auto b = VE::traceColor(image, 45, 0.001, 0, 0, 0);
+    const auto b = VE::traceColor(image, TraceParams{45, 0.001, 0, 0});
     ASSERT_TRUE(b);
     EXPECT_EQ(VE::colorSVG(*a), VE::colorSVG(*b)) << "two runs, the same layers";
 }
@@ -443,7 +443,7 @@ TEST(Quality, ColourTraceGivesPixelsTheirOwnColour) {
         p.setBrush(colours[5]);
         p.drawRect(QRectF(660, 900, 80, 400));
     }
-    const auto t = VE::traceColor(art, 45, 3e-5, 2, 3, 0);
+    const auto t = VE::traceColor(art, TraceParams{45, 3e-5, 2, 3});
     ASSERT_TRUE(t);
     const QImage back = rendered(VE::colorSVG(*t), art.size());
     qint64 good = 0, total = 0;

@@ -1,6 +1,6 @@
 #include "app/SingleInstance.h"
 #include "engines/VisionEngine.h"
-#include "model/HugePages.h"
+#include "support/HugePages.h"
 #include "ui/ContentView.h"
 #include "ui/FileOpenInbox.h"
 #include "ui/MainWindow.h"

@@ -2,9 +2,9 @@
 
 #include "engines/CollageSplitter.h"
 #include "model/CropModel.h"
-#include "model/AtomicFile.h"
+#include "support/AtomicFile.h"
 #include "model/ImageFile.h"
-#include "model/NaturalOrder.h"
+#include "support/NaturalOrder.h"
 #include "support/MemoryBudget.h"
 
 #include <QCoreApplication>

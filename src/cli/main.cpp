@@ -1,5 +1,5 @@
 #include "cli/CliRunner.h"
-#include "model/HugePages.h"
+#include "support/HugePages.h"
 
 #include <QCoreApplication>
 

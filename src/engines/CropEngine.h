@@ -4,6 +4,8 @@
 #include <QRectF>
 #include <QSizeF>
 
+#include "engines/Rounding.h"
+
 #include <cmath>
 #include <optional>
 
@@ -58,8 +60,6 @@ std::optional<QImage> crop(const Buffer& buffer, const QRectF& rect);
 /// The rectangle is clipped to the image; null when nothing is left.
 QImage subImage(const QImage& image, const QRect& rect);
 
-/// Rounds to the nearest integer, halves away from zero (the system's rounding everywhere).
-inline double roundHalfAway(double v) { return std::round(v); }
 
 // --- Content bounds ---
 

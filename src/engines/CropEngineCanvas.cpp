@@ -23,7 +23,7 @@ using namespace PixelOps;
 // A target side: rounded half away from zero, at least 1; absent when it can't be a size at all.
 std::optional<qint64> targetSide(double v) {
     if (std::isnan(v)) return 1;
-    const double r = std::round(v);
+    const double r = roundHalfAway(v);
     if (r > double(INT_MAX)) return std::nullopt;
     return std::max<qint64>(1, qint64(r));
 }

@@ -4,7 +4,6 @@
 
 #include <opencv2/core.hpp>
 
-#include <cmath>
 
 namespace cutlark {
 
@@ -33,16 +32,5 @@ private:
     void* m_store = nullptr;
     cv::Mat m_mat;
 };
-
-/// All pixels within `radius` of the centre, as a structuring element: the neighbourhood of the
-/// morphological minimum and maximum (a disc, not OpenCV's fitted ellipse).
-inline cv::Mat diskKernel(double radius) {
-    const int r = int(std::ceil(radius));
-    cv::Mat kernel(2 * r + 1, 2 * r + 1, CV_8U, cv::Scalar(0));
-    for (int dy = -r; dy <= r; ++dy)
-        for (int dx = -r; dx <= r; ++dx)
-            if (dx * dx + dy * dy <= radius * radius + 1e-9) kernel.at<uchar>(dy + r, dx + r) = 1;
-    return kernel;
-}
 
 } // namespace cutlark

@@ -2,6 +2,7 @@
 
 #include "engines/CropEngine.h"
 #include "engines/PixelOps.h"
+#include "engines/Morphology.h"
 #include "engines/PooledMat.h"
 
 #include <opencv2/imgproc.hpp>
@@ -132,8 +133,7 @@ std::optional<QImage> make(const QImage& image, double strokeWidth) {
             const int wm = m.workingMargin;
             const cv::Rect grown(margin - wm, margin - wm, subject.width() + 2 * wm, subject.height() + 2 * wm);
             PooledMat dilated(grown.height, grown.width, CV_8U);
-            cv::dilate(base.mat()(grown), dilated.mat(), diskKernel(m.strokeWidth), cv::Point(-1, -1), 1,
-                       cv::BORDER_CONSTANT, cv::Scalar(0));
+            Morphology::dilateDisk(base.mat()(grown), dilated.mat(), m.strokeWidth);
             outline = grownOutline.mat();
             outline.setTo(cv::Scalar(0));
             cv::Mat inside = outline(grown);

@@ -1,6 +1,7 @@
 #include "engines/VisionEngine.h"
 
 #include "engines/PixelOps.h"
+#include "engines/Morphology.h"
 #include "engines/PooledMat.h"
 
 #include <QCoreApplication>
@@ -168,7 +169,7 @@ std::optional<QImage> composite(const QImage& source, const QImage& maskImage) {
         cv::resize(small, full.mat(), cv::Size(W, H), 0, 0, cv::INTER_LINEAR);
         const EdgeRadius edge = edgeRadius(W, H);
         // Edges are read as clamped, so a subject touching the border keeps its coverage there.
-        cv::erode(full.mat(), pulled.mat(), diskKernel(edge.radius), cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
+        Morphology::erodeDisk(full.mat(), pulled.mat(), edge.radius);
         cv::GaussianBlur(pulled.mat(), soft.mat(), cv::Size(0, 0), edge.blur, edge.blur, cv::BORDER_REPLICATE);
         for (int y = 0; y < H; ++y) {
             const uchar* m = soft.mat().ptr<uchar>(y);

@@ -1,7 +1,7 @@
 #include "model/CropModel.h"
 
 #include "engines/CollageSplitter.h"
-#include "model/HandOff.h"
+#include "support/HandOff.h"
 #include "engines/VisionEngine.h"
 
 #include <QCoreApplication>
@@ -38,7 +38,7 @@ template <class T> const T& normalized(const T& v) { return v; }
 
 CropModel::CropModel(QObject* parent)
     : QObject(parent), m_cutoutService{&VisionEngine::isAvailable, &VisionEngine::computeCutout},
-      m_vectorTracer(&CropModel::runVectorJob) {}
+      m_vectorTracer(&VectorSettings::trace) {}
 
 CropModel::~CropModel() = default;
 
@@ -286,10 +286,14 @@ QString CropModel::revealKey() const {
 
 void CropModel::select(const QUuid& id) {
     if (m_activeID && *m_activeID == id) return; // the status texts stay
-    captureSettingsBeforeSwitch();
-    setActiveID(id);
     setSaveConfirmation(std::nullopt);
     setErrorMessage(std::nullopt);
+    activate(id);
+}
+
+void CropModel::activate(std::optional<QUuid> id) {
+    captureSettingsBeforeSwitch(); // nothing to keep when the item left is gone already
+    setActiveID(id);
     restoreSettingsAfterSwitch();
     detectCollage();
 }
@@ -312,12 +316,7 @@ void CropModel::remove(const QUuid& id) {
         recomputeActive();
         return;
     }
-    if (wasActive) {
-        const size_t next = std::min(index, m_items.size() - 1);
-        setActiveID(m_items[next].id);
-        restoreSettingsAfterSwitch();
-        detectCollage();
-    }
+    if (wasActive) activate(m_items[std::min(index, m_items.size() - 1)].id);
 }
 
 void CropModel::setManualCrop(const QRectF& rect) {

@@ -4,6 +4,7 @@
 #include "model/ImageFile.h"
 #include "model/Panels.h"
 #include "model/Settings.h"
+#include "model/VectorSettings.h"
 #include "vectorize/VectorTrace.h"
 
 #include <QHash>
@@ -88,38 +89,13 @@ public:
     using Decoder = std::function<std::optional<ImageFile::Loaded>(const QString&, const ImageFile::LoadOptions&)>;
     void setDecoder(Decoder decoder) { m_decoder = std::move(decoder); }
 
-    /// One trace as the worker hands it to the background: the picture and the parameters read from
-    /// the settings at the start of a pass.
-    struct VectorJob {
-        QImage image;
-        bool fullColor = false;
-        VectorizeStyle style = VectorizeStyle::silhouette;
-        double strokeWidth = 0.5; ///< outline stroke in pixels of the image
-        double tolerance = 45;
-        double minFeatureFrac = 3e-5;
-        int denoisePasses = 1;
-        int cleanupPasses = 0;
-    };
-    /// What a trace hands back: plain values, nothing of the model.
-    struct VectorResult {
-        std::optional<VectorTrace> trace;
-        std::optional<VectorColorTrace> colorTrace;
-        QImage preview;
-        bool tooDetailed = false;
-    };
+    using VectorJob = cutlark::VectorJob;
+    using VectorResult = cutlark::VectorResult;
     using VectorTracer = std::function<VectorResult(const VectorJob&)>;
-    /// The real tracer; tests put one of their own in its place.
-    static VectorResult runVectorJob(const VectorJob& job);
+    /// What traces: `VectorSettings::trace` unless a test puts its own in place.
     void setVectorTracer(VectorTracer tracer) { m_vectorTracer = std::move(tracer); }
     /// Where copied SVG goes; not owned. Without one the system clipboard is used, when there is one.
     void setClipboard(class Clipboard* clipboard) { m_clipboard = clipboard; }
-
-    // The settings' mapping to the colour trace's parameters.
-    static double minFeatureFracFor(double vectorMinFeature);
-    static int denoisePassesFor(double vectorDenoise);
-    static int cleanupPassesFor(double vectorCleanup);
-    /// The outline's stroke in pixels: the long side × `vectorStrokeWidth` / 1000, at least 0.5.
-    static double outlineStrokeWidth(const QSizeF& size, double vectorStrokeWidth);
 
     /// The choosers used by `openPanel`, `chooseBackgroundImage`, `saveAsNewFile` and the like.
     /// Not owned; without one every panel counts as cancelled.
@@ -155,14 +131,11 @@ public:
     const QSet<QUuid>& visionAttempted() const { return m_visionAttempted; }
     const QSet<QUuid>& visionComputing() const { return m_visionComputing; }
     QSizeF preResizeSize() const { return m_preResizeSize; }
-    bool linkingResizeFields() const { return m_linkingResizeFields; }
     const std::optional<VectorTrace>& vectorTrace() const { return m_vectorTrace; }
     const std::optional<VectorColorTrace>& vectorColorTrace() const { return m_vectorColorTrace; }
     const QImage& vectorPreview() const { return m_vectorPreview; }
     bool isVectorizing() const { return m_isVectorizing; }
     bool vectorTooDetailed() const { return m_vectorTooDetailed; }
-    bool vectorNeedsTrace() const { return m_vectorNeedsTrace; }
-    bool vectorWorkerRunning() const { return m_vectorWorkerRunning; }
     bool isApplyingSettingsSnapshot() const { return m_isApplyingSettingsSnapshot; }
 
     // --- derived values ---
@@ -197,27 +170,11 @@ public:
     void flipVertical();
     Settings snapshotCurrentSettings() const;
     void applySettings(const Settings& settings);
-    void captureSettingsBeforeSwitch();
-    /// One file of an open, as a worker decodes it.
-    struct DecodedFile {
-        QString path;
-        std::optional<ImageFile::Loaded> loaded;
-        std::optional<CropEngine::Buffer> buffer;
-    };
-    void openNow(const QStringList& paths);
-    /// Decodes every candidate on threads of its own, never on the calling thread, reporting
-    /// progress; false when the user cancelled, which stops the waiting at once (decodes already
-    /// running finish on their own and are dropped).
-    bool decodeAll(std::vector<DecodedFile>& candidates);
-    void restoreSettingsAfterSwitch();
 
     // --- pipeline ---
 
     /// Rebuilds `processedImage` from the active item's source; does nothing while a snapshot is applied.
     void recomputeActive();
-    void seedResizePixels();
-    void linkResizeHeightToWidth();
-    void linkResizeWidthToHeight();
 
     // --- opening ---
 
@@ -228,11 +185,6 @@ public:
     /// Each folder replaced by its direct children of an accepted type (by name), in listing order;
     /// anything else passed on untested.
     static QStringList expandingFolders(const QStringList& paths);
-    /// Children of the folders among `paths` that pass the type test but whose names can't be held
-    /// in a string (not valid in the file-name encoding); `expandingFolders` can't list them.
-    static int unnamableChildren(const QStringList& paths);
-    /// True when the file name's extension names one of the accepted types. Never reads the file.
-    static bool passesTypeTest(const QString& path);
 
     // --- saving ---
 
@@ -249,14 +201,9 @@ public:
 
     // --- collage, subject, vector ---
 
-    void detectCollage();
     /// Writes each piece of the active collage into a folder the user chooses, as base-p.ext, takes the
     /// collage out of the queue and opens the pieces.
     void splitCollage();
-    void autoPickRemovalMode();
-    void invalidateVision(const QUuid& id);
-    void ensureVisionCutout();
-    void updateVector();
     bool hasVectorOutput() const;
     /// The preview when tracing is on and one exists, else the processed image.
     QImage vectorDisplayImage() const;
@@ -264,9 +211,9 @@ public:
     std::optional<QString> currentSVG() const;
     void exportSVG();
     void copySVG();
-    /// Runs the save panel for a document and writes it; the bytes, the source file (for the proposed
-    /// name), the extension and the MIME type.
-    void writeVector(const QByteArray& bytes, const QString& sourcePath, const QString& extension, const QString& type);
+    /// The name a document made from `sourcePath` is proposed under: the source's name with
+    /// `extension` in place of its own ("Poster.final.png" → "Poster.final.svg", "Scan" → "Scan.svg").
+    static QString proposedDocumentName(const QString& sourcePath, const QString& extension);
     /// The trace's status line, first match wins; absent when there's output (or nothing to say).
     std::optional<QString> vectorStatusText() const;
 
@@ -274,6 +221,38 @@ signals:
     void changed(cutlark::CropModel::Field field);
 
 private:
+    /// One file of an open, as a worker decodes it.
+    struct DecodedFile {
+        QString path;
+        std::optional<ImageFile::Loaded> loaded;
+        std::optional<CropEngine::Buffer> buffer;
+    };
+    void openNow(const QStringList& paths);
+    /// Decodes every candidate on threads of its own, never on the calling thread, reporting
+    /// progress; false when the user cancelled, which stops the waiting at once (decodes already
+    /// running finish on their own and are dropped).
+    bool decodeAll(std::vector<DecodedFile>& candidates);
+    /// Children of the folders among `paths` that pass the type test but whose names can't be held
+    /// in a string (not valid in the file-name encoding); `expandingFolders` can't list them.
+    static int unnamableChildren(const QStringList& paths);
+    /// True when the file name's extension names one of the accepted types. Never reads the file.
+    static bool passesTypeTest(const QString& path);
+    /// Makes `id` the active item: the item being left keeps its settings, the new one brings its
+    /// own (unless they are synced), and the picture is rebuilt and looked at for a collage.
+    void activate(std::optional<QUuid> id);
+    void captureSettingsBeforeSwitch();
+    void restoreSettingsAfterSwitch();
+    void seedResizePixels();
+    void linkResizeHeightToWidth();
+    void linkResizeWidthToHeight();
+    void detectCollage();
+    void autoPickRemovalMode();
+    void invalidateVision(const QUuid& id);
+    void ensureVisionCutout();
+    void updateVector();
+    /// Runs the save panel for a document and writes it; the bytes, the source file (for the proposed
+    /// name), the extension and the MIME type.
+    void writeVector(const QByteArray& bytes, const QString& sourcePath, const QString& extension, const QString& type);
     QImage buildProcessed(const Item& item);
     void advanceToNextUnsaved(const QUuid& after);
     void runHook(Field field, bool wasOn);

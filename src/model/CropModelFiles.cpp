@@ -2,7 +2,7 @@
 #include "model/CropModel.h"
 
 #include "model/ImageFile.h"
-#include "model/NaturalOrder.h"
+#include "support/NaturalOrder.h"
 
 #include <QDir>
 #include <QThread>
@@ -210,11 +210,9 @@ void CropModel::openNow(const QStringList& paths) {
         for (Item& item : fresh) m_items.push_back(std::move(item));
     }
     itemsChanged();
-    setActiveID(first);
     setSaveConfirmation(std::nullopt);
     setErrorMessage(skipped > 0 ? std::optional<QString>(skipMessage(skipped)) : std::nullopt);
-    restoreSettingsAfterSwitch();
-    detectCollage();
+    activate(first);
 }
 
 void CropModel::openPanel() {
@@ -375,11 +373,7 @@ void CropModel::advanceToNextUnsaved(const QUuid& after) {
     for (size_t step = 1; step <= n; ++step) {
         const Item& candidate = m_items[(i + step) % n];
         if (candidate.saved) continue;
-        const QUuid next = candidate.id;
-        captureSettingsBeforeSwitch();
-        setActiveID(next);
-        restoreSettingsAfterSwitch();
-        detectCollage();
+        activate(candidate.id);
         return; // the confirmation stays, naming the file just written
     }
     recomputeActive();

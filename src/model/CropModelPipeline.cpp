@@ -13,16 +13,6 @@ namespace cutlark {
 
 namespace {
 
-// Rounds half away from zero into a 64-bit integer; NaN counts as 0 and values beyond the range
-// saturate, so an absurd amount makes its stage fail to allocate rather than wrap around.
-qint64 roundedInt(double v) {
-    if (std::isnan(v)) return 0;
-    const double r = std::round(v);
-    if (r >= 9.2e18) return std::numeric_limits<qint64>::max();
-    if (r <= -9.2e18) return std::numeric_limits<qint64>::min();
-    return qint64(r);
-}
-
 // "At least 1", with NaN counting as nothing.
 double atLeastOne(double v) { return (v >= 1) ? v : 1.0; }
 
@@ -154,10 +144,10 @@ QImage CropModel::buildProcessed(const Item& item) {
 CropModel::Insets CropModel::paddingInsets() const {
     const Settings& s = m_settings;
     if (s.paddingUniform) {
-        const qint64 v = roundedInt(s.padAmount);
+        const qint64 v = roundHalfAwayToInt(s.padAmount);
         return {v, v, v, v};
     }
-    return {roundedInt(s.padTop), roundedInt(s.padRight), roundedInt(s.padBottom), roundedInt(s.padLeft)};
+    return {roundHalfAwayToInt(s.padTop), roundHalfAwayToInt(s.padRight), roundHalfAwayToInt(s.padBottom), roundHalfAwayToInt(s.padLeft)};
 }
 
 std::optional<QSizeF> CropModel::resizeTargetSize(const QSizeF& size) const {
@@ -181,7 +171,7 @@ void CropModel::linkResizeHeightToWidth() {
     if (!(aspect > 0)) return;
     if (!(m_settings.resizeWidth >= 1)) return;
     m_linkingResizeFields = true;
-    setResizeHeight(double(roundedInt(m_settings.resizeWidth / aspect)));
+    setResizeHeight(double(roundHalfAwayToInt(m_settings.resizeWidth / aspect)));
     m_linkingResizeFields = false;
 }
 
@@ -192,7 +182,7 @@ void CropModel::linkResizeWidthToHeight() {
     if (!(aspect > 0)) return;
     if (!(m_settings.resizeHeight >= 1)) return;
     m_linkingResizeFields = true;
-    setResizeWidth(double(roundedInt(aspect * m_settings.resizeHeight)));
+    setResizeWidth(double(roundHalfAwayToInt(aspect * m_settings.resizeHeight)));
     m_linkingResizeFields = false;
 }
 
@@ -200,8 +190,8 @@ void CropModel::seedResizePixels() {
     const auto base = aspectBase(m_preResizeSize, active());
     if (!base || !(base->width() >= 1) || !(base->height() >= 1)) return;
     m_linkingResizeFields = true;
-    setResizeWidth(double(roundedInt(base->width())));
-    setResizeHeight(double(roundedInt(base->height())));
+    setResizeWidth(double(roundHalfAwayToInt(base->width())));
+    setResizeHeight(double(roundHalfAwayToInt(base->height())));
     m_linkingResizeFields = false;
 }
 

@@ -1,9 +1,9 @@
 // The vector worker: one background loop with a one-slot request flag, so that any number of
 // requests made during a trace fold into one further trace.
 #include "model/CropModel.h"
-#include "model/HandOff.h"
+#include "support/HandOff.h"
 
-#include "model/AtomicFile.h"
+#include "support/AtomicFile.h"
 #include "model/Clipboard.h"
 #include "vectorize/VectorizeEngine.h"
 
@@ -19,32 +19,11 @@
 
 namespace cutlark {
 
-double CropModel::minFeatureFracFor(double m) {
-    if (m >= 100) return 0.003776776235382503;
-    // A logarithmic scale over 2.1 decades.
-    return std::pow(10.0, std::max(m, 0.0) / 100 * 2.1) * 3e-5;
-}
-
-int CropModel::denoisePassesFor(double d) {
-    const double r = std::round(d);
-    return std::isnan(r) ? 1 : int(std::clamp(r, 1.0, 1000.0)); // one median pass always runs
-}
-
-int CropModel::cleanupPassesFor(double c) {
-    const double r = std::round(c);
-    return std::isnan(r) ? 0 : int(std::clamp(r, -1000.0, 1000.0)); // 0 (or less) switches the filter off
-}
-
-double CropModel::outlineStrokeWidth(const QSizeF& size, double vectorStrokeWidth) {
-    const double w = std::max(size.width(), size.height()) * vectorStrokeWidth / 1000.0;
-    return w >= 0.5 ? w : 0.5;
-}
-
 namespace {
 
 // A trace that runs out of memory or meets a library error gives nothing, like a trace that found
 // nothing; the worker goes on.
-CropModel::VectorResult traceSafely(const CropModel::VectorTracer& tracer, const CropModel::VectorJob& job) {
+VectorResult traceSafely(const CropModel::VectorTracer& tracer, const VectorJob& job) {
     try {
         return tracer(job);
     } catch (const std::exception&) {
@@ -53,29 +32,6 @@ CropModel::VectorResult traceSafely(const CropModel::VectorTracer& tracer, const
 }
 
 } // namespace
-
-CropModel::VectorResult CropModel::runVectorJob(const VectorJob& job) {
-    VectorResult result;
-    if (job.fullColor) {
-        result.colorTrace = VectorizeEngine::traceColor(job.image, job.tolerance, job.minFeatureFrac,
-                                                        job.denoisePasses, job.cleanupPasses, 0);
-        if (result.colorTrace) result.preview = VectorizeEngine::colorPreview(*result.colorTrace);
-        return result;
-    }
-    const VectorTraceOutcome outcome = VectorizeEngine::trace(job.image, 0);
-    switch (outcome.kind) {
-    case VectorTraceOutcome::Kind::traced:
-        result.trace = outcome.trace;
-        result.preview = VectorizeEngine::preview(outcome.trace, job.style, job.strokeWidth);
-        break;
-    case VectorTraceOutcome::Kind::tooDetailed:
-        result.tooDetailed = true;
-        break;
-    case VectorTraceOutcome::Kind::noShape:
-        break;
-    }
-    return result;
-}
 
 void CropModel::updateVector() {
     if (m_isApplyingSettingsSnapshot) return;
@@ -117,11 +73,9 @@ void CropModel::runVectorPass() {
     job.image = m_processedImage;
     job.fullColor = m_settings.vectorFullColor;
     job.style = m_settings.vectorizeStyle;
-    job.strokeWidth = outlineStrokeWidth(QSizeF(job.image.width(), job.image.height()), m_settings.vectorStrokeWidth);
-    job.tolerance = m_settings.vectorTolerance;
-    job.minFeatureFrac = minFeatureFracFor(m_settings.vectorMinFeature);
-    job.denoisePasses = denoisePassesFor(m_settings.vectorDenoise);
-    job.cleanupPasses = cleanupPassesFor(m_settings.vectorCleanup);
+    job.strokeWidth =
+        VectorSettings::outlineStrokeWidth(QSizeF(job.image.width(), job.image.height()), m_settings.vectorStrokeWidth);
+    job.params = VectorSettings::traceParams(m_settings);
 
     if (m_synchronousWork) {
         finishVectorPass(job, traceSafely(m_vectorTracer, job));
@@ -193,7 +147,7 @@ std::optional<QString> CropModel::currentSVG() const {
     }
     if (!m_vectorTrace) return std::nullopt;
     return VectorizeEngine::svg(*m_vectorTrace, m_settings.vectorizeStyle,
-                                outlineStrokeWidth(m_vectorTrace->size, m_settings.vectorStrokeWidth));
+                                VectorSettings::outlineStrokeWidth(m_vectorTrace->size, m_settings.vectorStrokeWidth));
 }
 
 void CropModel::exportSVG() {
@@ -206,14 +160,18 @@ void CropModel::exportSVG() {
     writeVector(text->toUtf8(), item->url, QStringLiteral("svg"), QStringLiteral("image/svg+xml"));
 }
 
-void CropModel::writeVector(const QByteArray& bytes, const QString& sourcePath, const QString& extension,
-                            const QString& type) {
-    if (!m_panels) return;
-    // "Poster.final.png" proposes "Poster.final.svg".
+QString CropModel::proposedDocumentName(const QString& sourcePath, const QString& extension) {
     const QFileInfo source(sourcePath);
     const QString stem = source.suffix().isEmpty() ? source.fileName()
                                                    : source.fileName().left(source.fileName().size() - source.suffix().size() - 1);
-    const auto chosen = m_panels->saveFile(source.absolutePath(), stem + QLatin1Char('.') + extension, type);
+    return stem + QLatin1Char('.') + extension;
+}
+
+void CropModel::writeVector(const QByteArray& bytes, const QString& sourcePath, const QString& extension,
+                            const QString& type) {
+    if (!m_panels) return;
+    const auto chosen =
+        m_panels->saveFile(QFileInfo(sourcePath).absolutePath(), proposedDocumentName(sourcePath, extension), type);
     if (!chosen || chosen->isEmpty()) return; // cancelling changes no message
     const QString name = QFileInfo(*chosen).fileName();
     if (!AtomicFile::write(*chosen, bytes)) {

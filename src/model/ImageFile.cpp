@@ -1,7 +1,7 @@
 #include "model/ImageFile.h"
 
 #include "engines/PixelOps.h"
-#include "model/AtomicFile.h"
+#include "support/AtomicFile.h"
 #include "model/ImageCodecs.h"
 #include "model/PngChunks.h"
 

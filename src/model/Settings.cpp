@@ -271,25 +271,4 @@ QString toString(VectorizeStyle style) {
     return style == VectorizeStyle::silhouette ? QStringLiteral("silhouette") : QStringLiteral("outline");
 }
 
-QString colorToHex(const QColor& color) {
-    const QColor c = color.toRgb();
-    QString s = QStringLiteral("#%1%2%3")
-                    .arg(c.red(), 2, 16, QLatin1Char('0'))
-                    .arg(c.green(), 2, 16, QLatin1Char('0'))
-                    .arg(c.blue(), 2, 16, QLatin1Char('0'));
-    if (c.alpha() != 255) s += QStringLiteral("%1").arg(c.alpha(), 2, 16, QLatin1Char('0'));
-    return s.toUpper();
-}
-
-std::optional<QColor> colorFromHex(const QString& text) {
-    QString t = text.trimmed();
-    if (t.startsWith(QLatin1Char('#'))) t.remove(0, 1);
-    if (t.size() != 6 && t.size() != 8) return std::nullopt;
-    bool ok = false;
-    const uint v = t.toUInt(&ok, 16);
-    if (!ok) return std::nullopt;
-    if (t.size() == 6) return QColor::fromRgb((v >> 16) & 0xff, (v >> 8) & 0xff, v & 0xff, 255);
-    return QColor::fromRgb((v >> 24) & 0xff, (v >> 16) & 0xff, (v >> 8) & 0xff, v & 0xff);
-}
-
 } // namespace cutlark

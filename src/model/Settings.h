@@ -1,5 +1,8 @@
 #pragma once
 
+#include "engines/ColorComponents.h"
+#include "vectorize/TraceParams.h"
+
 #include <QColor>
 #include <QImage>
 #include <QJsonObject>
@@ -14,7 +17,6 @@ namespace cutlark {
 
 enum class BGRemovalMode { white, subject };
 enum class BackgroundKind { color, gradient, image };
-enum class VectorizeStyle { silhouette, outline };
 
 // The 40 settings, declared once, in their fixed order. Everything that lists settings — the record,
 // the model's field enum, its setters, snapshot/apply, the sidebar's ranges, the command line's
@@ -110,8 +112,5 @@ struct Settings {
 QString toString(BGRemovalMode mode);
 QString toString(BackgroundKind kind);
 QString toString(VectorizeStyle style);
-/// `#RRGGBB`, or `#RRGGBBAA` when the colour isn't opaque.
-QString colorToHex(const QColor& color);
-std::optional<QColor> colorFromHex(const QString& text);
 
 } // namespace cutlark

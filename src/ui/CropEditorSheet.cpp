@@ -20,7 +20,6 @@ namespace cutlark {
 namespace CropGeometry {
 
 namespace {
-double roundHalfAway(double v) { return std::round(v); }
 
 // Which edges a handle moves: left, top, right, bottom.
 struct Moves {

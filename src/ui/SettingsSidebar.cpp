@@ -27,7 +27,7 @@ namespace {
 
 constexpr int kSliderSteps = 10000; // fine enough to pass every intermediate value along
 
-QString rounded(double v) { return QString::number(qint64(std::round(v))); }
+QString rounded(double v) { return QString::number(roundHalfAwayToInt(v)); }
 
 // A status line of the sidebar: a small indeterminate progress indicator or a warning symbol, then
 // the text.

@@ -125,8 +125,9 @@ void majorityFilter(std::vector<int>& labels, int w, int h, int labelCount, int 
     }
 }
 
-std::optional<VectorColorTrace> traceColor(const QImage& image, double tolerance, double minFeatureFrac,
-                                           int denoisePasses, int cleanupPasses, double smoothing) {
+std::optional<VectorColorTrace> traceColor(const QImage& image, const TraceParams& params) {
+    const double tolerance = params.tolerance, minFeatureFrac = params.minFeatureFrac;
+    const int denoisePasses = params.denoisePasses, cleanupPasses = params.cleanupPasses;
     const int W = image.width(), H = image.height();
     if (W < 1 || H < 1) return std::nullopt;
     const QImage denoised = edgePreservingSimplify(image, denoisePasses).value_or(image);
@@ -257,7 +258,7 @@ std::optional<VectorColorTrace> traceColor(const QImage& image, double tolerance
             }
         }
         if (!any) continue; // an entry left without pixels traces to nothing
-        QList<Contour> found = contours(mask, W, H, smoothing, minFeatureFrac);
+        QList<Contour> found = contours(mask, W, H, 0, minFeatureFrac);
         if (found.isEmpty()) continue;
         const Rgb& c = palette[size_t(entry)].color;
         result.layers.append(VectorColorLayer{c.r / 255.0, c.g / 255.0, c.b / 255.0, std::move(found)});

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "model/Settings.h"
+#include "vectorize/TraceParams.h"
 #include "vectorize/VectorTrace.h"
 
 #include <QImage>
@@ -54,9 +54,9 @@ std::optional<QImage> edgePreservingSimplify(const QImage& image, int passes);
 void majorityFilter(std::vector<int>& labels, int w, int h, int labelCount, int passes);
 
 /// Flat-colour layers of `image`, bottom layer first; absent when the picture has no opaque colour,
-/// too many regions or too busy a label map, or when no layer traced. Deterministic.
-std::optional<VectorColorTrace> traceColor(const QImage& image, double tolerance, double minFeatureFrac,
-                                           int denoisePasses, int cleanupPasses, double smoothing);
+/// too many regions or too busy a label map, or when no layer traced. Deterministic. The polygons
+/// are approximated as finely as the silhouette's at smoothing 0.
+std::optional<VectorColorTrace> traceColor(const QImage& image, const TraceParams& params = {});
 
 // --- output ---
 

@@ -1,4 +1,4 @@
-#include "model/NaturalOrder.h"
+#include "support/NaturalOrder.h"
 
 namespace cutlark::NaturalOrder {
 

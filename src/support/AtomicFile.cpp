@@ -1,4 +1,4 @@
-#include "model/AtomicFile.h"
+#include "support/AtomicFile.h"
 
 #include <QFileInfo>
 #include <QSaveFile>

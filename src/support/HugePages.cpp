@@ -1,4 +1,4 @@
-#include "model/HugePages.h"
+#include "support/HugePages.h"
 
 #include <unistd.h>
 
