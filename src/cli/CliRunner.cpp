@@ -6,6 +6,7 @@
 #include "model/ImageFile.h"
 #include "support/NaturalOrder.h"
 #include "support/MemoryBudget.h"
+#include "support/OrderedWork.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -17,13 +18,8 @@
 
 #include <unistd.h>
 
-#include <atomic>
 #include <exception>
-#include <system_error>
-#include <condition_variable>
-#include <mutex>
 #include <optional>
-#include <thread>
 #include <vector>
 
 namespace cutlark {
@@ -487,50 +483,24 @@ int CliRunner::runProcess(const CliOptions& options) {
     // N workers take the inputs in turn, each with a model of its own, so at most N images are in
     // memory at once; the results are printed in input order as soon as each is ready.
     const qsizetype total = inputs.size();
-    std::vector<std::optional<Outcome>> outcomes(static_cast<size_t>(total));
-    std::mutex mutex;
-    std::condition_variable ready;
-    std::atomic<qsizetype> next{0};
-    const auto work = [&] {
-        for (qsizetype i = next++; i < total; i = next++) {
-            Outcome outcome;
-            try {
-                outcome = processOne(plans[size_t(i)], run);
-            } catch (const std::exception& e) {
-                // Out of memory, or a library's error, for this input alone: the others go on.
-                outcome = Outcome{QJsonObject{{QStringLiteral("input"), inputs[i]},
-                                              {QStringLiteral("error"), QStringLiteral("couldn’t be processed: %1").arg(QString::fromLocal8Bit(e.what()))}},
-                                  true};
-            }
-            const std::lock_guard lock(mutex);
-            outcomes[size_t(i)] = std::move(outcome);
-            ready.notify_all();
-        }
-    };
-    std::vector<std::thread> workers;
-    for (int t = 0; t < std::min<qsizetype>(options.jobs, total); ++t) {
+    OrderedWork<Outcome> work(int(total), options.jobs, [&plans, &run, &inputs](int i) {
         try {
-            workers.emplace_back(work);
-        } catch (const std::system_error&) {
-            break; // no more threads to be had: fewer workers
+            return processOne(plans[size_t(i)], run);
+        } catch (const std::exception& e) {
+            // Out of memory, or a library's error, for this input alone: the others go on.
+            return Outcome{QJsonObject{{QStringLiteral("input"), inputs[i]},
+                                       {QStringLiteral("error"),
+                                        QStringLiteral("couldn’t be processed: %1").arg(QString::fromLocal8Bit(e.what()))}},
+                           true};
         }
-    }
-    if (workers.empty()) work();
-
+    });
     QStringList failures;
     for (qsizetype i = 0; i < total; ++i) {
-        Outcome o;
-        {
-            std::unique_lock lock(mutex);
-            ready.wait(lock, [&] { return outcomes[size_t(i)].has_value(); });
-            o = std::move(*outcomes[size_t(i)]);
-            outcomes[size_t(i)].reset();
-        }
+        const Outcome o = *work.next();
         print(o.json);
         if (o.failed) failures << inputs[i] + QStringLiteral(": ") + o.json.value(QStringLiteral("error")).toString();
         progress(i + 1, total);
     }
-    for (std::thread& worker : workers) worker.join();
     return reportFailures(failures);
 }
 

@@ -3,6 +3,7 @@
 
 #include "model/ImageFile.h"
 #include "support/NaturalOrder.h"
+#include "support/OrderedWork.h"
 
 #include <QDir>
 #include <QThread>
@@ -12,12 +13,8 @@
 #include <dirent.h>
 
 #include <algorithm>
-#include <atomic>
+#include <chrono>
 #include <exception>
-#include <system_error>
-#include <condition_variable>
-#include <mutex>
-#include <thread>
 
 namespace cutlark {
 
@@ -103,67 +100,35 @@ void CropModel::open(const QStringList& paths) {
 bool CropModel::decodeAll(std::vector<DecodedFile>& candidates) {
     // Decoding is the slow part: the files of one call are decoded side by side, one thread per core,
     // and the call waits for all of them, so it stays synchronous and keeps the name order. The
-    // waiting side only reports progress, so a window stays drawn, and a cancel returns at once:
-    // the state lives apart from this frame, and decodes still running finish into it unheard.
-    struct Shared {
-        std::mutex mutex;
-        std::condition_variable finishedOne;
-        std::vector<DecodedFile> files;
-        int done = 0;
-        std::atomic<int> next{0};
-        std::atomic<bool> cancelled{false};
-    };
-    const auto shared = std::make_shared<Shared>();
-    shared->files = std::move(candidates);
-    const int total = int(shared->files.size());
+    // waiting side only reports progress, so a window stays drawn, and a cancel returns at once.
+    const int total = int(candidates.size());
+    QStringList paths;
+    for (const DecodedFile& d : candidates) paths << d.path;
     const ImageFile::LoadOptions options = m_loadOptions;
     const Decoder decode = m_decoder ? m_decoder : Decoder([](const QString& path, const ImageFile::LoadOptions& o) {
         return ImageFile::load(path, o);
     });
-    const auto work = [shared, total, options, decode] {
-        for (int i = shared->next++; i < total && !shared->cancelled.load(); i = shared->next++) {
-            DecodedFile& d = shared->files[size_t(i)]; // each index belongs to one worker
-            try {
-                d.loaded = decode(d.path, options);
-                if (d.loaded) d.buffer = CropEngine::Buffer::make(d.loaded->image);
-            } catch (const std::exception&) {
-                d.loaded.reset(); // out of memory on the way: this file isn't opened
-                d.buffer.reset();
-            }
-            const std::lock_guard lock(shared->mutex);
-            ++shared->done;
-            shared->finishedOne.notify_one(); // under the lock: the waiting side may end as soon as it sees `done`
-        }
-    };
-    std::vector<std::thread> workers;
-    const int threads = std::clamp(QThread::idealThreadCount(), 1, total);
-    for (int t = 0; t < threads; ++t) {
+    OrderedWork<DecodedFile> work(total, QThread::idealThreadCount(), [paths, options, decode](int i) {
+        DecodedFile d{paths[i], std::nullopt, std::nullopt};
         try {
-            workers.emplace_back(work);
-        } catch (const std::system_error&) {
-            break; // no more threads to be had
+            d.loaded = decode(d.path, options);
+            if (d.loaded) d.buffer = CropEngine::Buffer::make(d.loaded->image);
+        } catch (const std::exception&) {
+            d.loaded.reset(); // out of memory on the way: this file isn't opened
+            d.buffer.reset();
         }
-    }
-    if (workers.empty()) work(); // not even one: decode here rather than open nothing
+        return d;
+    });
 
+    std::vector<DecodedFile> decoded;
     bool keepGoing = !m_panels || m_panels->openProgress(0, total);
-    while (keepGoing) {
-        int doneNow = 0;
-        {
-            std::unique_lock lock(shared->mutex);
-            shared->finishedOne.wait_for(lock, std::chrono::milliseconds(40), [&] { return shared->done == total; });
-            doneNow = shared->done;
-        }
-        if (doneNow == total) break;
-        if (m_panels) keepGoing = m_panels->openProgress(doneNow, total);
+    while (keepGoing && int(decoded.size()) < total) {
+        if (auto d = work.next(std::chrono::milliseconds(40))) decoded.push_back(std::move(*d));
+        if (int(decoded.size()) == total) break;
+        if (m_panels) keepGoing = m_panels->openProgress(work.finished(), total);
     }
-    if (!keepGoing) {
-        shared->cancelled = true; // no new file starts; the ones running end on their own
-        for (std::thread& worker : workers) worker.detach();
-    } else {
-        for (std::thread& worker : workers) worker.join();
-        candidates = std::move(shared->files);
-    }
+    if (!keepGoing) work.abandon(); // no new file starts; the ones running end on their own, unheard
+    else candidates = std::move(decoded);
     if (m_panels) {
         if (keepGoing) m_panels->openProgress(total, total);
         m_panels->openFinished();
