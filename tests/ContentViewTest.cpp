@@ -16,6 +16,7 @@
 #include <QMimeData>
 #include <QProgressDialog>
 #include <QPushButton>
+#include <QSlider>
 #include <QStackedWidget>
 #include <QTimer>
 #include <QTest>
@@ -330,4 +331,39 @@ TEST(Drops, ImageDataLandsInAPrivateFolderThatGoesWithTheWindow) {
         EXPECT_EQ(QFileInfo(folder).absolutePath(), QDir(PrivateDir::base()).absolutePath());
     }
     EXPECT_FALSE(QFileInfo::exists(folder)) << "the window took its drops with it";
+}
+
+TEST_F(WindowTest, EverySliderSpansItsSettingsRangeFromTheTable) {
+    model->open(images(1));
+    QStringList seen;
+    for (QSlider* slider : view->sidebar()->findChildren<QSlider*>()) {
+        const QString name = slider->objectName();
+        const SettingInfo* row = Settings::info(name);
+        ASSERT_TRUE(row && row->isNumber()) << qPrintable(name);
+        seen << name;
+        slider->setValue(slider->minimum());
+        EXPECT_DOUBLE_EQ(model->snapshotCurrentSettings().toJson().value(name).toDouble(), row->minimum) << qPrintable(name);
+        slider->setValue(slider->maximum());
+        EXPECT_DOUBLE_EQ(model->snapshotCurrentSettings().toJson().value(name).toDouble(), row->maximum) << qPrintable(name);
+    }
+    seen.sort();
+    EXPECT_EQ(seen, (QStringList{"gradientAngle", "keyThreshold", "padAmount", "padBottom", "padLeft", "padRight", "padTop",
+                                 "strokeWidth", "threshold", "vectorDenoise", "vectorStrokeWidth", "vectorTolerance"}));
+}
+
+TEST_F(WindowTest, ControlsMoveOnlyForTheFieldsTheyShow) {
+    model->open(images(1));
+    auto* threshold = view->sidebar()->findChild<QSlider*>(QStringLiteral("threshold"));
+    auto* keyThreshold = view->sidebar()->findChild<QSlider*>(QStringLiteral("keyThreshold"));
+    ASSERT_TRUE(threshold && keyThreshold);
+    model->setThreshold(100);
+    EXPECT_EQ(threshold->value(), threshold->maximum());
+    // Moved by hand where the model doesn't look, a control stays put until its own field changes.
+    keyThreshold->blockSignals(true);
+    keyThreshold->setValue(0);
+    keyThreshold->blockSignals(false);
+    model->setThreshold(0);
+    EXPECT_EQ(keyThreshold->value(), 0) << "a change of threshold doesn't touch the key's slider";
+    model->setKeyThreshold(model->keyThreshold());
+    EXPECT_EQ(keyThreshold->value(), int(std::round(30.0 / 100 * keyThreshold->maximum())));
 }

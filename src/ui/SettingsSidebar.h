@@ -16,8 +16,9 @@ class QVBoxLayout;
 namespace cutlark {
 
 /// The right-hand column: the title row, the scrolling list of settings, and the foot with the status
-/// row and the action buttons. Every control writes its model field; `refresh` moves every control
-/// to the model's live value with its signals blocked, so a control moved by the model writes nothing.
+/// row and the action buttons. The sections are built in `src/ui/sidebar/`, one file each, over the
+/// shared factories of `SidebarControls`; every control writes its model field, and moves, muted, when
+/// a field it shows changes.
 class SettingsSidebar : public QWidget {
     Q_OBJECT
 
@@ -38,9 +39,8 @@ signals:
 
 private:
     void build();
+    /// The title row and the foot.
     void refresh();
-    QWidget* section(const QString& title, const QString& icon, const bool& (CropModel::*get)() const,
-                     void (CropModel::*set)(const bool&), QWidget* body, int transitionMs);
 
     QPointer<CropModel> m_model;
     QCheckBox* m_sync = nullptr;
@@ -51,7 +51,7 @@ private:
     QPushButton* m_saveAs = nullptr;
     QPushButton* m_export = nullptr;
     QPushButton* m_copy = nullptr;
-    std::vector<std::function<void()>> m_refreshers; // each moves one control to its field
+    class SidebarControls* m_controls = nullptr;
     bool m_refreshing = false;
 };
 
