@@ -2,7 +2,7 @@
 // to replace: damaged files of every accepted type, odd entries, odd names, and files that change
 // under our feet between open and save.
 
-#include "TestImages.h"
+#include "TestSupport.h"
 
 #include "model/CropModel.h"
 #include "model/ImageFile.h"

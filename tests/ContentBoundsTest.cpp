@@ -1,4 +1,4 @@
-#include "TestImages.h"
+#include "TestSupport.h"
 
 #include "engines/CropEngine.h"
 

@@ -1,4 +1,4 @@
-#include "TestImages.h"
+#include "TestSupport.h"
 
 #include "ui/ContentView.h"
 #include "ui/CropEditorSheet.h"

@@ -1,7 +1,7 @@
 // Every way a write can fail, for every operation that writes: nothing the user already had changes,
 // the message is the one the user sees, the queue stays as it was and no temporary file is left.
 
-#include "TestImages.h"
+#include "TestSupport.h"
 
 #include "support/AtomicFile.h"
 #include "model/CropModel.h"

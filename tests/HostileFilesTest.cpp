@@ -1,6 +1,6 @@
 // Files made to hurt: each is refused, or opened for what it really is, in bounded time and memory.
 #include "HostileFiles.h"
-#include "TestImages.h"
+#include "TestSupport.h"
 
 #include "model/CropModel.h"
 #include "model/ImageCodecs.h"

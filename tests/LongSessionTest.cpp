@@ -2,7 +2,7 @@
 // after item leaves the heap where it was. (The sanitizer build runs this too, where LeakSanitizer
 // checks at exit that nothing at all was lost.)
 
-#include "TestImages.h"
+#include "TestSupport.h"
 
 #include "engines/BufferPool.h"
 #include "engines/VisionEngine.h"

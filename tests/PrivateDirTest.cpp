@@ -1,6 +1,6 @@
 // What the program writes outside the user's files stays out of other local users' reach.
 #include "SecondUser.h"
-#include "TestImages.h"
+#include "TestSupport.h"
 
 #include "support/PrivateDir.h"
 

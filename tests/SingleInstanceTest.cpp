@@ -1,5 +1,5 @@
 #include "SecondUser.h"
-#include "TestImages.h"
+#include "TestSupport.h"
 
 #include "app/SingleInstance.h"
 #include "support/PrivateDir.h"

@@ -1,4 +1,4 @@
-#include "TestImages.h"
+#include "TestSupport.h"
 
 #include "engines/CropEngine.h"
 #include "engines/VisionEngine.h"
@@ -25,16 +25,6 @@ using namespace cutlark::test;
 namespace {
 
 // Spins the event loop until `done` holds or the time runs out.
-bool waitUntil(const std::function<bool()>& done, int milliseconds = 120000) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!done()) {
-        if (timer.elapsed() > milliseconds) return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    }
-    return true;
-}
-
 // A cutout service the test controls: each computation waits at the gate until released, and hands
 // back the source with its left half cleared (or nothing, when told so).
 struct FakeCutouts {
@@ -312,15 +302,9 @@ TEST_F(RealNetwork, AnObjectOfKnownShapeOverAPhotographIsFound) {
     }
     const auto cut = VisionEngine::computeCutout(scene);
     ASSERT_TRUE(cut);
-    qint64 both = 0, either = 0;
-    for (int y = 0; y < scene.height(); ++y)
-        for (int x = 0; x < scene.width(); ++x) {
-            const bool known = truth.constScanLine(y)[x] > 127;
-            const bool found = qAlpha(cut->pixel(x, y)) > 127;
-            both += known && found;
-            either += known || found;
-        }
-    const double iou = double(both) / double(either);
+    const double iou = intersectionOverUnion(
+        scene.width(), scene.height(), [&](int x, int y) { return truth.constScanLine(y)[x] > 127; },
+        [&](int x, int y) { return qAlpha(cut->pixel(x, y)) > 127; });
     std::printf("intersection over union with the known shape: %.3f\n", iou);
     EXPECT_GE(iou, 0.9);
 }

@@ -1,4 +1,4 @@
-#include "TestImages.h"
+#include "TestSupport.h"
 
 #include "model/Clipboard.h"
 #include "model/CropModel.h"
@@ -19,16 +19,6 @@ using Job = CropModel::VectorJob;
 using Result = CropModel::VectorResult;
 
 namespace {
-
-bool waitUntil(const std::function<bool()>& done, int milliseconds = 30000) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!done()) {
-        if (timer.elapsed() > milliseconds) return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-    }
-    return true;
-}
 
 // A tracer the test holds at a gate: it records every job and hands back a square.
 struct GatedTracer {

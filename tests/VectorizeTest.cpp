@@ -1,4 +1,4 @@
-#include "TestImages.h"
+#include "TestSupport.h"
 
 #include "vectorize/VectorizeEngine.h"
 
@@ -406,15 +406,9 @@ TEST(Quality, SilhouetteOfALargeDrawingCoversItsPixels) {
     const auto outcome = VE::trace(drawing, 0);
     ASSERT_EQ(outcome.kind, VectorTraceOutcome::Kind::traced);
     const QImage back = rendered(VE::svg(outcome.trace, VectorizeStyle::silhouette, 1), drawing.size());
-    qint64 both = 0, either = 0;
-    for (int y = 0; y < 3000; ++y)
-        for (int x = 0; x < 4000; ++x) {
-            const bool ink = qRed(drawing.pixel(x, y)) < 128;
-            const bool traced = qAlpha(back.pixel(x, y)) >= 128;
-            both += ink && traced;
-            either += ink || traced;
-        }
-    const double iou = double(both) / double(either);
+    const double iou = intersectionOverUnion(
+        4000, 3000, [&](int x, int y) { return qRed(drawing.pixel(x, y)) < 128; },
+        [&](int x, int y) { return qAlpha(back.pixel(x, y)) >= 128; });
     std::printf("silhouette trace of a 4000 × 3000 drawing: intersection over union %.4f\n", iou);
     EXPECT_GE(iou, 0.98);
 }

@@ -1,5 +1,7 @@
 #include "cli/CliOptions.h"
 
+#include <utility>
+
 namespace cutlark {
 
 QString CliOptions::usage() {
@@ -87,6 +89,7 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
     if (out.command == Command::trace) {
         if (out.inputs.size() != 1) return QStringLiteral("trace takes one input");
         if (out.outputDir.isEmpty()) return QStringLiteral("trace needs -o OUT.svg");
+        out.svgPath = std::exchange(out.outputDir, QString()); // trace's -o names a file, not a folder
         if (out.inPlace || out.jobs != 1) return QStringLiteral("trace takes neither --in-place nor --jobs");
     }
     return std::nullopt;

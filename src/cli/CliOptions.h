@@ -16,7 +16,8 @@ struct CliOptions {
     Command command = Command::help;
     QList<QPair<QString, QString>> sets; ///< --set NAME=VALUE, in the order given
     QString presetPath;                  ///< --preset FILE.json
-    QString outputDir;                   ///< -o DIR (process), -o OUT.svg (trace)
+    QString outputDir;                   ///< -o DIR (process, split)
+    QString svgPath;                     ///< -o OUT.svg (trace)
     bool inPlace = false;                ///< --in-place
     bool overwrite = false;              ///< --overwrite: replace results that exist already
     int jobs = 1;                        ///< --jobs N

@@ -389,13 +389,13 @@ int CliRunner::runTrace(const CliOptions& options) {
         std::fprintf(m_err, "cutlark-cli: failed: %s: %s\n", qPrintable(input), qPrintable(status));
         return 1;
     }
-    if (!AtomicFile::write(options.outputDir, svg->toUtf8())) {
+    if (!AtomicFile::write(options.svgPath, svg->toUtf8())) {
         std::fprintf(m_err, "cutlark-cli: failed: %s: Couldn’t write to “%s”.\n", qPrintable(input),
-                     qPrintable(QFileInfo(options.outputDir).fileName()));
+                     qPrintable(QFileInfo(options.svgPath).fileName()));
         return 1;
     }
     QJsonObject json{{QStringLiteral("input"), input},
-                     {QStringLiteral("output"), options.outputDir},
+                     {QStringLiteral("output"), options.svgPath},
                      {QStringLiteral("width"), model.processedImage().width()},
                      {QStringLiteral("height"), model.processedImage().height()},
                      {QStringLiteral("type"), QStringLiteral("image/svg+xml")}};

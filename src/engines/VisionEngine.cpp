@@ -25,7 +25,7 @@ using namespace PixelOps;
 const QString kModelFile = QStringLiteral("isnet-medium-fp32.onnx");
 constexpr int kSide = 1024; // the graph takes exactly 1024 × 1024
 
-// One network for the process, loaded on first use and kept, like a platform service.
+// One network for the process, loaded on first use and kept for the life of the process.
 struct Network {
     std::mutex mutex;
     QString overridePath;

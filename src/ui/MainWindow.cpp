@@ -19,7 +19,8 @@ MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent), m_content(new Con
     resize(720, 540);
 
     QMenu* file = menuBar()->addMenu(tr("&File"));
-    // The menu has no model at hand in the platform's design; the files go by way of the inbox.
+    // The menu bar belongs to the window, not to the view that owns the model; the files go by way
+    // of the inbox, as files handed over by a second start do.
     file->addAction(tr("Open…"), QKeySequence::Open, this, [this] {
         if (auto chosen = m_panels.openImages(true)) FileOpenInbox::instance().deliver(*chosen);
     });

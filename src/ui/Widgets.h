@@ -19,8 +19,8 @@ protected:
     void paintEvent(QPaintEvent*) override;
 };
 
-/// Makes the desktop's icon theme reachable, with Breeze where the platform names none (as on the
-/// offscreen and some minimal platforms). Call once after the application is made.
+/// Makes the desktop's icon theme reachable, with Breeze where the session names none (as under the
+/// offscreen platform plugin and on minimal desktops). Call once after the application is made.
 void setUpIcons();
 
 /// The icon standing for one of the window's symbols, from the desktop's icon theme (Breeze as the

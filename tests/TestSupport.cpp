@@ -1,4 +1,7 @@
-#include "TestImages.h"
+#include "TestSupport.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
 
 #include <QBuffer>
 #include <QFile>
@@ -161,5 +164,27 @@ ChangeCounter::ChangeCounter(CropModel& model) {
 }
 
 ChangeCounter::~ChangeCounter() { QObject::disconnect(m_connection); }
+
+bool waitUntil(const std::function<bool()>& done, int milliseconds) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!done()) {
+        if (timer.elapsed() > milliseconds) return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    }
+    return true;
+}
+
+double intersectionOverUnion(int w, int h, const std::function<bool(int, int)>& first,
+                             const std::function<bool(int, int)>& second) {
+    qint64 both = 0, either = 0;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const bool a = first(x, y), b = second(x, y);
+            both += a && b;
+            either += a || b;
+        }
+    return either ? double(both) / double(either) : 1.0;
+}
 
 } // namespace cutlark::test

@@ -12,6 +12,7 @@
 #include <QTemporaryDir>
 
 #include <deque>
+#include <functional>
 
 namespace cutlark::test {
 
@@ -41,6 +42,13 @@ QByteArray animatedGif();
 
 /// Writes a PNG of `image` into `dir` under `name` and returns its path (empty on failure).
 QString savePng(const QTemporaryDir& dir, const QString& name, const QImage& image);
+
+/// Lets the event loop run until `done` holds; false when `milliseconds` pass first.
+bool waitUntil(const std::function<bool()>& done, int milliseconds = 120000);
+
+/// Intersection over union of two pixel sets of a w × h picture, each given by a test of (x, y).
+double intersectionOverUnion(int w, int h, const std::function<bool(int, int)>& first,
+                             const std::function<bool(int, int)>& second);
 
 /// The panels answered from a script: each call takes the next answer; no answer means cancel.
 class ScriptedPanels : public Panels {
