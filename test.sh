@@ -4,6 +4,7 @@
 set -euo pipefail
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 CUTLARK_TEST_DATA=1 "$here/scripts/setup.sh"
+"$here/scripts/format-check.sh"
 export QT_QPA_PLATFORM=offscreen
 (
     cd "${CUTLARK_BUILD_DIR:-$here/build}"

@@ -39,7 +39,8 @@ void BM_CutoutWarm(benchmark::State& state) {
         state.SkipWithError("needs the network and the test photographs (./test.sh fetches both)");
         return;
     }
-    for (auto _ : state) benchmark::DoNotOptimize(VisionEngine::computeCutout(image));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(VisionEngine::computeCutout(image));
     state.counters["peak_MB"] = peakMegabytes();
 }
 BENCHMARK(BM_CutoutWarm)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();

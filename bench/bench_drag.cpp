@@ -23,7 +23,8 @@ QImage sheet() {
     image.fill(Qt::white);
     for (int y = 600; y < 2400; ++y) {
         QRgb* row = reinterpret_cast<QRgb*>(image.scanLine(y));
-        for (int x = 800; x < 3200; ++x) row[x] = qRgb((x * 7) & 255, (y * 3) & 255, 90);
+        for (int x = 800; x < 3200; ++x)
+            row[x] = qRgb((x * 7) & 255, (y * 3) & 255, 90);
     }
     return image;
 }

@@ -60,7 +60,8 @@ void BM_ReadPass(benchmark::State& state) {
     const size_t n = size_t(image.sizeInBytes()) / 8;
     for (auto _ : state) {
         quint64 sum = 0;
-        for (size_t i = 0; i < n; ++i) sum += p[i];
+        for (size_t i = 0; i < n; ++i)
+            sum += p[i];
         benchmark::DoNotOptimize(sum);
     }
 }
@@ -78,39 +79,46 @@ BENCHMARK(BM_Memcpy)->Unit(benchmark::kMillisecond);
 
 void BM_ContentRect(benchmark::State& state) {
     const auto buffer = CropEngine::Buffer::make(whiteSheet());
-    for (auto _ : state) benchmark::DoNotOptimize(CropEngine::contentRect(*buffer, 25));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(CropEngine::contentRect(*buffer, 25));
 }
 BENCHMARK(BM_ContentRect)->Unit(benchmark::kMillisecond);
 
 void BM_AlphaContentRect(benchmark::State& state) {
     const auto buffer = CropEngine::Buffer::make(clearSheet());
-    for (auto _ : state) benchmark::DoNotOptimize(CropEngine::alphaContentRect(*buffer, 0));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(CropEngine::alphaContentRect(*buffer, 0));
 }
 BENCHMARK(BM_AlphaContentRect)->Unit(benchmark::kMillisecond);
 
 void BM_BackgroundIsMostlyWhite(benchmark::State& state) {
     const auto buffer = CropEngine::Buffer::make(whiteSheet());
-    for (auto _ : state) benchmark::DoNotOptimize(CropEngine::backgroundIsMostlyWhite(*buffer, 0.85));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(CropEngine::backgroundIsMostlyWhite(*buffer, 0.85));
 }
 BENCHMARK(BM_BackgroundIsMostlyWhite)->Unit(benchmark::kMicrosecond);
 
 void BM_KeyOutWhiteFlood(benchmark::State& state) {
-    for (auto _ : state) benchmark::DoNotOptimize(CropEngine::keyOutWhite(whiteSheet(), 30, false));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(CropEngine::keyOutWhite(whiteSheet(), 30, false));
 }
 BENCHMARK(BM_KeyOutWhiteFlood)->Unit(benchmark::kMillisecond);
 
 void BM_KeyOutWhiteInternal(benchmark::State& state) {
-    for (auto _ : state) benchmark::DoNotOptimize(CropEngine::keyOutWhite(whiteSheet(), 30, true));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(CropEngine::keyOutWhite(whiteSheet(), 30, true));
 }
 BENCHMARK(BM_KeyOutWhiteInternal)->Unit(benchmark::kMillisecond);
 
 void BM_Pad(benchmark::State& state) {
-    for (auto _ : state) benchmark::DoNotOptimize(CropEngine::pad(whiteSheet(), 40, 40, 40, 40));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(CropEngine::pad(whiteSheet(), 40, 40, 40, 40));
 }
 BENCHMARK(BM_Pad)->Unit(benchmark::kMillisecond);
 
 void BM_ColorBackground(benchmark::State& state) {
-    for (auto _ : state) benchmark::DoNotOptimize(CropEngine::fillColorBackground(clearSheet(), 1, 0.5, 0.25, 1));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(CropEngine::fillColorBackground(clearSheet(), 1, 0.5, 0.25, 1));
 }
 BENCHMARK(BM_ColorBackground)->Unit(benchmark::kMillisecond);
 
@@ -118,18 +126,20 @@ BENCHMARK(BM_ColorBackground)->Unit(benchmark::kMillisecond);
 void BM_GradientBackground(benchmark::State& state) {
     const double angle = double(state.range(0));
     for (auto _ : state)
-        benchmark::DoNotOptimize(
-            CropEngine::fillGradientBackground(clearSheet(), 0.53, 0.81, 0.98, 1, 0.15, 0.39, 0.78, 1, angle));
+        benchmark::DoNotOptimize(CropEngine::fillGradientBackground(clearSheet(), 0.53, 0.81, 0.98, 1, 0.15,
+                                                                    0.39, 0.78, 1, angle));
 }
 BENCHMARK(BM_GradientBackground)->Arg(90)->Arg(30)->Unit(benchmark::kMillisecond);
 
 void BM_Canvas(benchmark::State& state) {
-    for (auto _ : state) benchmark::DoNotOptimize(CropEngine::canvas(whiteSheet(), QSizeF(4100, 3100)));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(CropEngine::canvas(whiteSheet(), QSizeF(4100, 3100)));
 }
 BENCHMARK(BM_Canvas)->Unit(benchmark::kMillisecond);
 
 void BM_Resize(benchmark::State& state) {
-    for (auto _ : state) benchmark::DoNotOptimize(CropEngine::resize(whiteSheet(), QSizeF(1024, 768)));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(CropEngine::resize(whiteSheet(), QSizeF(1024, 768)));
 }
 BENCHMARK(BM_Resize)->Unit(benchmark::kMillisecond);
 
@@ -148,7 +158,8 @@ void BM_Sticker(benchmark::State& state) {
         }
         return image;
     }();
-    for (auto _ : state) benchmark::DoNotOptimize(StickerEngine::make(subject, 14));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(StickerEngine::make(subject, 14));
 }
 BENCHMARK(BM_Sticker)->Unit(benchmark::kMillisecond);
 
@@ -164,14 +175,16 @@ void BM_CollagePieces(benchmark::State& state) {
                     uchar* p = image.scanLine(y) + 4 * (80 + col * 980);
                     for (int x = 0; x < 860; ++x, p += 4) {
                         noise = noise * 1664525u + 1013904223u;
-                        p[0] = uchar(noise >> 24), p[1] = uchar(90 + (x & 63)), p[2] = uchar(y & 127), p[3] = 255;
+                        p[0] = uchar(noise >> 24), p[1] = uchar(90 + (x & 63)), p[2] = uchar(y & 127),
+                        p[3] = 255;
                     }
                 }
         return image;
     }();
     const auto buffer = CropEngine::Buffer::make(sheet);
     size_t found = 0;
-    for (auto _ : state) found = size_t(CollageSplitter::pieces(*buffer, 10).size());
+    for (auto _ : state)
+        found = size_t(CollageSplitter::pieces(*buffer, 10).size());
     state.counters["pieces"] = double(found);
 }
 BENCHMARK(BM_CollagePieces)->Unit(benchmark::kMillisecond);
@@ -201,8 +214,10 @@ int main(int argc, char** argv) {
     // bench/peers.sh asks for the very same inputs to hand to the other tools.
     if (argc == 3 && std::strcmp(argv[1], "--write-inputs") == 0) {
         const QString dir = QString::fromLocal8Bit(argv[2]);
-        const bool ok = ImageFile::save(whiteSheet(), dir + QStringLiteral("/white-sheet.png"), QStringLiteral("image/png")) &&
-                        ImageFile::save(clearSheet(), dir + QStringLiteral("/clear-sheet.png"), QStringLiteral("image/png"));
+        const bool ok = ImageFile::save(whiteSheet(), dir + QStringLiteral("/white-sheet.png"),
+                                        QStringLiteral("image/png")) &&
+                        ImageFile::save(clearSheet(), dir + QStringLiteral("/clear-sheet.png"),
+                                        QStringLiteral("image/png"));
         return ok ? 0 : 1;
     }
     cv::setNumThreads(1); // one thread, like the budgets

@@ -26,7 +26,8 @@ std::pair<qint64, qint64> residentBytes() {
     if (status.open(QIODevice::ReadOnly)) {
         for (const QByteArray& line : status.readAll().split('\n')) {
             if (line.startsWith("VmRSS:")) rss = line.mid(6).trimmed().split(' ').first().toLongLong() * 1024;
-            if (line.startsWith("VmHWM:")) peak = line.mid(6).trimmed().split(' ').first().toLongLong() * 1024;
+            if (line.startsWith("VmHWM:"))
+                peak = line.mid(6).trimmed().split(' ').first().toLongLong() * 1024;
         }
     }
     return {rss, peak};
@@ -61,9 +62,11 @@ int main(int argc, char** argv) {
             QDir().mkpath(folder);
             std::fprintf(stderr, "making %d photographs in %s …\n", count, qPrintable(folder));
             QList<int> seeds;
-            for (int i = 0; i < count; ++i) seeds << i;
+            for (int i = 0; i < count; ++i)
+                seeds << i;
             QtConcurrent::blockingMap(seeds, [&](int i) {
-                QImageWriter writer(QStringLiteral("%1/photo-%2.jpg").arg(folder).arg(i, 4, 10, QLatin1Char('0')));
+                QImageWriter writer(
+                    QStringLiteral("%1/photo-%2.jpg").arg(folder).arg(i, 4, 10, QLatin1Char('0')));
                 writer.setQuality(90);
                 writer.write(photoLike(i));
             });
@@ -80,12 +83,14 @@ int main(int argc, char** argv) {
     const auto [after, peak] = residentBytes();
 
     qint64 pixels = 0;
-    for (const auto& item : model.items()) pixels += qint64(item.buffer.width()) * item.buffer.height();
+    for (const auto& item : model.items())
+        pixels += qint64(item.buffer.width()) * item.buffer.height();
     std::printf("opened %zu items, %.1f megapixels, in %.1f s (%.2f s per item)\n", model.items().size(),
                 pixels / 1e6, seconds, seconds / std::max<size_t>(1, model.items().size()));
-    std::printf("resident: %.0f MB before, %.0f MB after; %.3f bytes per pixel held; peak %.0f MB (%.3f B/px)\n",
-                before / 1e6, after / 1e6, double(after - before) / std::max<qint64>(1, pixels), peak / 1e6,
-                double(peak - before) / std::max<qint64>(1, pixels));
+    std::printf(
+        "resident: %.0f MB before, %.0f MB after; %.3f bytes per pixel held; peak %.0f MB (%.3f B/px)\n",
+        before / 1e6, after / 1e6, double(after - before) / std::max<qint64>(1, pixels), peak / 1e6,
+        double(peak - before) / std::max<qint64>(1, pixels));
     if (model.errorMessage()) std::printf("message: %s\n", qPrintable(*model.errorMessage()));
     return model.items().size() == size_t(count) ? 0 : 1;
 }

@@ -116,7 +116,8 @@ void BM_RecomputeDefaults(benchmark::State& state) {
         model.recomputeActive();
         benchmark::DoNotOptimize(model.processedImage().cacheKey());
     }
-    if (model.processedImage().cacheKey() != source) state.SkipWithError("the result isn't the source itself");
+    if (model.processedImage().cacheKey() != source)
+        state.SkipWithError("the result isn't the source itself");
 }
 BENCHMARK(BM_RecomputeDefaults)->Unit(benchmark::kMicrosecond);
 

@@ -28,7 +28,8 @@ QImage drawing() {
     p.setBrush(Qt::black);
     p.drawEllipse(QPointF(900, 900), 600, 600);
     p.drawRect(QRectF(1700, 250, 2000, 300));
-    p.drawPolygon(QPolygonF({QPointF(1800, 1000), QPointF(3700, 800), QPointF(3300, 2500), QPointF(2200, 2100)}));
+    p.drawPolygon(
+        QPolygonF({QPointF(1800, 1000), QPointF(3700, 800), QPointF(3300, 2500), QPointF(2200, 2100)}));
     p.setBrush(Qt::white);
     p.drawEllipse(QPointF(900, 900), 250, 250);
     p.drawEllipse(QPointF(2700, 1600), 200, 120);
@@ -67,13 +68,15 @@ QImage illustration() {
 
 void BM_Trace(benchmark::State& state) {
     static const QImage image = drawing();
-    for (auto _ : state) benchmark::DoNotOptimize(VectorizeEngine::trace(image, 0));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(VectorizeEngine::trace(image, 0));
 }
 BENCHMARK(BM_Trace)->Unit(benchmark::kMillisecond);
 
 void BM_TraceColor(benchmark::State& state) {
     static const QImage image = illustration();
-    for (auto _ : state) benchmark::DoNotOptimize(VectorizeEngine::traceColor(image, TraceParams{45, 3e-5, 2, 3}));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(VectorizeEngine::traceColor(image, TraceParams{45, 3e-5, 2, 3}));
 }
 BENCHMARK(BM_TraceColor)->Unit(benchmark::kMillisecond);
 

@@ -14,7 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace cutlark;
     QByteArray bytes(reinterpret_cast<const char*>(data), qsizetype(size));
     // Half the runs start as a PNG, so that the walk gets past the signature.
-    if (size > 0 && (data[0] & 1)) bytes.replace(0, qMin<qsizetype>(8, bytes.size()), QByteArray("\x89PNG\r\n\x1a\n", 8));
+    if (size > 0 && (data[0] & 1))
+        bytes.replace(0, qMin<qsizetype>(8, bytes.size()), QByteArray("\x89PNG\r\n\x1a\n", 8));
     QBuffer device(&bytes);
     device.open(QIODevice::ReadOnly);
     const PngChunks::Walk walk = PngChunks::walk(device);

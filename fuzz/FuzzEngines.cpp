@@ -18,10 +18,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     QImage image(w, h, QImage::Format_RGBA8888_Premultiplied);
     for (int y = 0; y < h; ++y) {
         uchar* row = image.scanLine(y);
-        for (int x = 0; x < 4 * w; ++x) row[x] = size ? data[(y * 4 * w + x) % size] : 0;
+        for (int x = 0; x < 4 * w; ++x)
+            row[x] = size ? data[(y * 4 * w + x) % size] : 0;
         // Premultiplied bytes never exceed their alpha.
         for (int x = 0; x < w; ++x)
-            for (int c = 0; c < 3; ++c) row[4 * x + c] = std::min(row[4 * x + c], row[4 * x + 3]);
+            for (int c = 0; c < 3; ++c)
+                row[4 * x + c] = std::min(row[4 * x + c], row[4 * x + 3]);
     }
     const auto buffer = cutlark::CropEngine::Buffer::make(image);
     if (!buffer) return 0;

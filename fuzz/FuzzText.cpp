@@ -1,6 +1,6 @@
 // Text the user types: the CLI's --set values and presets, and colours in hex.
-#include "model/Settings.h"
 #include "engines/ColorComponents.h"
+#include "model/Settings.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -22,10 +22,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         QString digits = text.trimmed();
         digits.remove(QLatin1Char('#'));
         bool hex = digits.size() == 6;
-        for (const QChar c : digits) hex = hex && QStringLiteral("0123456789abcdefABCDEF").contains(c);
+        for (const QChar c : digits)
+            hex = hex && QStringLiteral("0123456789abcdefABCDEF").contains(c);
         if (!hex || *rgb > 0xffffff || digits.toUInt(nullptr, 16) != *rgb) std::abort();
     }
-    const QJsonDocument doc = QJsonDocument::fromJson(QByteArray(reinterpret_cast<const char*>(data), qsizetype(size)));
+    const QJsonDocument doc =
+        QJsonDocument::fromJson(QByteArray(reinterpret_cast<const char*>(data), qsizetype(size)));
     if (doc.isObject() && !doc.object().contains(QStringLiteral("backgroundImageURL")))
         (void)cutlark::Settings::parseJsonInto(settings, doc.object());
     return 0;

@@ -15,7 +15,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         uchar* row = image.scanLine(y);
         for (int x = 0; x < w; ++x) {
             const uchar a = data[(y * w + x) % size] & 0x80 ? 255 : data[(y * w + x) % size];
-            for (int c = 0; c < 3; ++c) row[4 * x + c] = std::min<uchar>(data[(y * w + x + c + 1) % size], a);
+            for (int c = 0; c < 3; ++c)
+                row[4 * x + c] = std::min<uchar>(data[(y * w + x + c + 1) % size], a);
             row[4 * x + 3] = a;
         }
     }

@@ -8,6 +8,7 @@ build_dir="${CUTLARK_BUILD_DIR:-$here/build}"
 
 packages=(
     cmake ninja-build g++ pkg-config          # the toolchain
+    clang-format                              # the tree's formatting, checked by ./test.sh
     qt6-base-dev qt6-svg-dev libgl-dev        # Qt 6 Core/Gui/Widgets/Concurrent/Svg/Test
     qt6-image-formats-plugins                 # TIFF and WebP readers and writers for Qt
     libheif-dev                               # HEIC/HEIF decoding and encoding

@@ -33,7 +33,8 @@ QImage sample() {
     QImage image(37, 23, QImage::Format_RGBA8888);
     for (int y = 0; y < image.height(); ++y)
         for (int x = 0; x < image.width(); ++x)
-            image.setPixelColor(x, y, QColor(x * 7 % 256, y * 11 % 256, (x ^ y) * 5 % 256, x == 0 ? 128 : 255));
+            image.setPixelColor(x, y,
+                                QColor(x * 7 % 256, y * 11 % 256, (x ^ y) * 5 % 256, x == 0 ? 128 : 255));
     return image;
 }
 
@@ -46,7 +47,8 @@ QList<QPair<QString, QByteArray>> everyType() {
             files.append({QStringLiteral("gif"), animatedGif()}); // Qt writes no GIF
             continue;
         }
-        QByteArray bytes = ImageFile::encode(image, type == QLatin1String("image/heif") ? QStringLiteral("image/heic") : type);
+        QByteArray bytes = ImageFile::encode(
+            image, type == QLatin1String("image/heif") ? QStringLiteral("image/heic") : type);
         if (bytes.isEmpty()) continue; // no encoder for it on this machine
         if (type == QLatin1String("image/heif")) bytes.replace(8, 4, "mif1"); // the generic brand
         files.append({ImageFile::preferredExtension(type), bytes});
@@ -80,7 +82,8 @@ TEST_F(BadInputTest, AMutationRunOverEveryTypeOpensOrIsRefusedCleanly) {
         } else {
             ASSERT_EQ(fresh.items().size(), 1u);
             const auto& buffer = fresh.items().front().buffer;
-            EXPECT_TRUE(buffer.width() > 0 && buffer.height() > 0 && buffer.width() * buffer.height() <= 1 << 26);
+            EXPECT_TRUE(buffer.width() > 0 && buffer.height() > 0 &&
+                        buffer.width() * buffer.height() <= 1 << 26);
             EXPECT_FALSE(fresh.processedImage().isNull()) << "what opens can be shown";
             ++opened;
         }
@@ -91,25 +94,29 @@ TEST_F(BadInputTest, AMutationRunOverEveryTypeOpensOrIsRefusedCleanly) {
     for (const auto& [extension, bytes] : originals) {
         const qsizetype n = bytes.size();
         // Cut short anywhere, from nothing to one byte short.
-        for (qsizetype length : {qsizetype(0), qsizetype(1), qsizetype(4), qsizetype(12), qsizetype(32), n / 4, n / 2,
-                                 n * 3 / 4, n - 1})
+        for (qsizetype length : {qsizetype(0), qsizetype(1), qsizetype(4), qsizetype(12), qsizetype(32),
+                                 n / 4, n / 2, n * 3 / 4, n - 1})
             tryOpen(QStringLiteral("cut%1.%2").arg(length).arg(extension), bytes.left(length));
         // Bytes flipped: a few at random places, then runs of them.
         for (int round = 0; round < 40; ++round) {
             QByteArray damaged = bytes;
             const int flips = 1 + round % 8;
-            for (int f = 0; f < flips; ++f) damaged[qsizetype(random() % quint32(n))] ^= char(1 + random() % 255);
+            for (int f = 0; f < flips; ++f)
+                damaged[qsizetype(random() % quint32(n))] ^= char(1 + random() % 255);
             if (round >= 30) {
                 const qsizetype at = qsizetype(random() % quint32(n));
-                for (qsizetype i = at; i < std::min(n, at + 16); ++i) damaged[i] = char(random());
+                for (qsizetype i = at; i < std::min(n, at + 16); ++i)
+                    damaged[i] = char(random());
             }
             tryOpen(QStringLiteral("flip%1.%2").arg(round).arg(extension), damaged);
         }
         // Named as another type: the content decides, so it opens as what it is.
-        const QString wrong = extension == QLatin1String("png") ? QStringLiteral("jpg") : QStringLiteral("png");
+        const QString wrong =
+            extension == QLatin1String("png") ? QStringLiteral("jpg") : QStringLiteral("png");
         ASSERT_TRUE(writeBytes(path(QStringLiteral("named.") + wrong), bytes));
         model.open({path(QStringLiteral("named.") + wrong)});
-        EXPECT_FALSE(model.errorMessage()) << extension.toStdString() << " bytes named ." << wrong.toStdString();
+        EXPECT_FALSE(model.errorMessage())
+            << extension.toStdString() << " bytes named ." << wrong.toStdString();
     }
     EXPECT_GT(opened, 0);
     EXPECT_GT(refused, 0);
@@ -149,7 +156,8 @@ TEST_F(BadInputTest, AFolderOfTenThousandEntries) {
     for (int i = 0; i < 10000; ++i) {
         // One in five an image, the rest notes; written in an order that isn't the name order.
         const int n = (i * 7919) % 10000;
-        const QString name = n % 5 == 0 ? QStringLiteral("many/img%1.png").arg(n) : QStringLiteral("many/note%1.txt").arg(n);
+        const QString name =
+            n % 5 == 0 ? QStringLiteral("many/img%1.png").arg(n) : QStringLiteral("many/note%1.txt").arg(n);
         ASSERT_TRUE(writeBytes(path(name), n % 5 == 0 ? png : QByteArray("x")));
     }
     model.open({path(QStringLiteral("many"))});
@@ -157,7 +165,8 @@ TEST_F(BadInputTest, AFolderOfTenThousandEntries) {
     EXPECT_FALSE(model.errorMessage());
     EXPECT_EQ(QFileInfo(model.items()[0].url).fileName(), QStringLiteral("img0.png"));
     EXPECT_EQ(QFileInfo(model.items()[1].url).fileName(), QStringLiteral("img5.png"));
-    EXPECT_EQ(QFileInfo(model.items()[2].url).fileName(), QStringLiteral("img10.png")) << "numbers in name order";
+    EXPECT_EQ(QFileInfo(model.items()[2].url).fileName(), QStringLiteral("img10.png"))
+        << "numbers in name order";
     EXPECT_EQ(QFileInfo(model.items().back().url).fileName(), QStringLiteral("img9995.png"));
 }
 
@@ -166,7 +175,8 @@ TEST_F(BadInputTest, OddNamesOpenAndSaveUnderTheirOwnName) {
     const QStringList names = {QStringLiteral("with space.png"), QStringLiteral("quote\"and'apostrophe.png"),
                                QStringLiteral("new\nline.png"), QStringLiteral("ünïcödé ✂.png"),
                                QStringLiteral("-dash.png")};
-    for (const QString& name : names) ASSERT_TRUE(writeImage(sample(), path(name), "png"));
+    for (const QString& name : names)
+        ASSERT_TRUE(writeImage(sample(), path(name), "png"));
     // A name that isn't UTF-8 at all can't be held in a string without loss: it is refused, untouched.
     const QByteArray latin1Name = QFile::encodeName(m_dir.path()) + "/caf\xe9.png";
     const QByteArray pngBytes = ImageFile::encode(sample(), QStringLiteral("image/png"));
@@ -180,20 +190,24 @@ TEST_F(BadInputTest, OddNamesOpenAndSaveUnderTheirOwnName) {
     model.open({m_dir.path()});
     ASSERT_EQ(model.items().size(), size_t(names.size()));
     EXPECT_EQ(model.errorMessage(), kOneBad);
-    for (const auto& item : model.items()) EXPECT_TRUE(names.contains(QFileInfo(item.url).fileName()));
+    for (const auto& item : model.items())
+        EXPECT_TRUE(names.contains(QFileInfo(item.url).fileName()));
 
     // Each saves over itself, under exactly its name, and nothing else appears in the folder.
     model.setMirrored(true);
     model.setSyncSettingsAcrossQueue(true);
-    for (qsizetype i = 0; i < names.size(); ++i) model.saveOverOriginal();
+    for (qsizetype i = 0; i < names.size(); ++i)
+        model.saveOverOriginal();
     EXPECT_FALSE(model.errorMessage());
-    for (const auto& item : model.items()) EXPECT_TRUE(item.saved) << item.url.toStdString();
+    for (const auto& item : model.items())
+        EXPECT_TRUE(item.saved) << item.url.toStdString();
     EXPECT_EQ(QDir(m_dir.path()).entryList(QDir::Files | QDir::Hidden).size(), names.size())
         << "no temporary file left (Qt doesn't list the Latin-1 name)";
     struct stat st {};
     ASSERT_EQ(::stat(latin1Name.constData(), &st), 0);
     QFile raw;
-    ASSERT_TRUE(raw.open(::open(latin1Name.constData(), O_RDONLY), QIODevice::ReadOnly, QFile::AutoCloseHandle));
+    ASSERT_TRUE(
+        raw.open(::open(latin1Name.constData(), O_RDONLY), QIODevice::ReadOnly, QFile::AutoCloseHandle));
     EXPECT_EQ(raw.readAll(), pngBytes);
 }
 
@@ -233,7 +247,8 @@ TEST_F(BadInputTest, ASaveRacingAnotherWriterLeavesOneWholeFile) {
     // moment a reader sees whole files, and at the end the file is wholly one writer's.
     const QString target = path(QStringLiteral("raced.png"));
     ASSERT_TRUE(writeImage(sample(), target, "png"));
-    const QByteArray theirs = ImageFile::encode(QImage(64, 64, QImage::Format_RGB32), QStringLiteral("image/png"));
+    const QByteArray theirs =
+        ImageFile::encode(QImage(64, 64, QImage::Format_RGB32), QStringLiteral("image/png"));
     model.setPanels(&panels);
     model.open({target});
     model.setMirrored(true); // each save mirrors what the last one wrote: two pictures, in turn

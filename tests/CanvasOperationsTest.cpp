@@ -30,11 +30,13 @@ Px at(const QImage& image, int x, int y) {
 }
 
 bool near(const Px& a, const Px& b, int tolerance = 1) {
-    return std::abs(a.r - b.r) <= tolerance && std::abs(a.g - b.g) <= tolerance && std::abs(a.b - b.b) <= tolerance &&
-           std::abs(a.a - b.a) <= tolerance;
+    return std::abs(a.r - b.r) <= tolerance && std::abs(a.g - b.g) <= tolerance &&
+           std::abs(a.b - b.b) <= tolerance && std::abs(a.a - b.a) <= tolerance;
 }
 
-QImage clear(int w, int h) { return solid(w, h, QColor(0, 0, 0, 0)); }
+QImage clear(int w, int h) {
+    return solid(w, h, QColor(0, 0, 0, 0));
+}
 
 // The margins a centred placement left, from the first and last opaque rows and columns.
 struct Margins {
@@ -45,7 +47,8 @@ Margins marginsOf(const QImage& image) {
     for (int y = 0; y < image.height(); ++y)
         for (int x = 0; x < image.width(); ++x)
             if (at(image, x, y).a > 0) {
-                minX = std::min(minX, x), maxX = std::max(maxX, x), minY = std::min(minY, y), maxY = std::max(maxY, y);
+                minX = std::min(minX, x), maxX = std::max(maxX, x), minY = std::min(minY, y),
+                maxY = std::max(maxY, y);
             }
     return {minX, image.width() - 1 - maxX, minY, image.height() - 1 - maxY};
 }
@@ -70,7 +73,8 @@ TEST(Pad, TheImageLandsAtLeftTopWithClearMargins) {
     ASSERT_EQ(padded->size(), QSize(16, 10));
     EXPECT_EQ(at(*padded, 4, 1), (Px{0, 0, 7, 255}));
     EXPECT_EQ(at(*padded, 13, 6), (Px{9, 5, 7, 255}));
-    for (const QPoint p : {QPoint(3, 1), QPoint(4, 0), QPoint(14, 6), QPoint(4, 7), QPoint(0, 0), QPoint(15, 9)})
+    for (const QPoint p :
+         {QPoint(3, 1), QPoint(4, 0), QPoint(14, 6), QPoint(4, 7), QPoint(0, 0), QPoint(15, 9)})
         EXPECT_EQ(at(*padded, p.x(), p.y()), (Px{0, 0, 0, 0})) << p.x() << "," << p.y();
     EXPECT_TRUE(padded->hasAlphaChannel());
 }
@@ -85,8 +89,8 @@ TEST(Pad, AbsurdAmountsFailInsteadOfAllocating) {
 TEST(ColorBackground, FillsBehindTheImage) {
     QImage image = clear(4, 1);
     uchar* p = image.scanLine(0);
-    p[4] = 10, p[5] = 20, p[6] = 30, p[7] = 255;       // opaque: untouched
-    p[8] = 128, p[9] = 0, p[10] = 0, p[11] = 128;      // half red over blue
+    p[4] = 10, p[5] = 20, p[6] = 30, p[7] = 255;  // opaque: untouched
+    p[8] = 128, p[9] = 0, p[10] = 0, p[11] = 128; // half red over blue
     const auto filled = CropEngine::fillColorBackground(image, 0, 0, 1, 1);
     ASSERT_TRUE(filled);
     EXPECT_EQ(at(*filled, 0, 0), (Px{0, 0, 255, 255}));
@@ -94,7 +98,8 @@ TEST(ColorBackground, FillsBehindTheImage) {
     EXPECT_TRUE(near(at(*filled, 2, 0), Px{128, 0, 127, 255}));
 
     // A half-transparent colour is stored premultiplied; a colour of alpha 0 leaves the transparency.
-    EXPECT_TRUE(near(at(*CropEngine::fillColorBackground(image, 1, 1, 1, 0.5), 0, 0), Px{128, 128, 128, 128}));
+    EXPECT_TRUE(
+        near(at(*CropEngine::fillColorBackground(image, 1, 1, 1, 0.5), 0, 0), Px{128, 128, 128, 128}));
     const auto none = CropEngine::fillColorBackground(image, 1, 0, 0, 0);
     EXPECT_EQ(at(*none, 0, 0), (Px{0, 0, 0, 0}));
     EXPECT_EQ(at(*none, 2, 0), (Px{128, 0, 0, 128}));
@@ -115,7 +120,9 @@ TEST(ColorBackground, AnOpaqueImageHidesItEntirely) {
 TEST(GradientBackground, EndpointsFollowTheAngleClockwiseOnScreen) {
     const QImage image = clear(200, 100);
     const Px red{255, 0, 0, 255}, blue{0, 0, 255, 255};
-    auto gradient = [&](double angle) { return *CropEngine::fillGradientBackground(image, 1, 0, 0, 1, 0, 0, 1, 1, angle); };
+    auto gradient = [&](double angle) {
+        return *CropEngine::fillGradientBackground(image, 1, 0, 0, 1, 0, 0, 1, 1, angle);
+    };
     // 0°: from (0, 50) to (200, 50), left to right.
     const QImage zero = gradient(0);
     EXPECT_TRUE(near(at(zero, 0, 50), red, 2));
@@ -133,7 +140,8 @@ TEST(GradientBackground, EndpointsFollowTheAngleClockwiseOnScreen) {
     // 360° is 0°.
     const QImage full = gradient(360);
     for (int y = 0; y < 100; y += 9)
-        for (int x = 0; x < 200; x += 7) ASSERT_EQ(at(full, x, y), at(zero, x, y));
+        for (int x = 0; x < 200; x += 7)
+            ASSERT_EQ(at(full, x, y), at(zero, x, y));
     // 45°: from the top-left corner region to the bottom right; the far corners reach the ends.
     const QImage diagonal = gradient(45);
     EXPECT_TRUE(near(at(diagonal, 0, 0), red, 3));
@@ -147,7 +155,8 @@ TEST(GradientBackground, WorksOnASinglePixelAndUnderOpaqueImages) {
     EXPECT_EQ(one->size(), QSize(1, 1));
     EXPECT_TRUE(near(at(*one, 0, 0), Px{128, 0, 127, 255}, 2));
     const QImage opaque = coordinates(4, 4).convertToFormat(QImage::Format_RGBX8888);
-    EXPECT_EQ(CropEngine::fillGradientBackground(opaque, 1, 0, 0, 1, 0, 0, 1, 1, 0)->cacheKey(), opaque.cacheKey());
+    EXPECT_EQ(CropEngine::fillGradientBackground(opaque, 1, 0, 0, 1, 0, 0, 1, 1, 0)->cacheKey(),
+              opaque.cacheKey());
 }
 
 TEST(ImageBackground, ScalesToCoverAndCentres) {
@@ -161,7 +170,8 @@ TEST(ImageBackground, ScalesToCoverAndCentres) {
     // Over a 50×50 picture the factor is 2.
     QImage small = solid(50, 50, Qt::red);
     for (int y = 0; y < 50; ++y)
-        for (int x = 25; x < 50; ++x) small.setPixelColor(x, y, Qt::blue);
+        for (int x = 25; x < 50; ++x)
+            small.setPixelColor(x, y, Qt::blue);
     const auto scaled = CropEngine::fillImageBackground(clear(100, 100), small);
     EXPECT_TRUE(near(at(*scaled, 10, 50), Px{255, 0, 0, 255}, 2));
     EXPECT_TRUE(near(at(*scaled, 90, 50), Px{0, 0, 255, 255}, 2));
@@ -212,15 +222,18 @@ TEST(Resize, ScalesToTheRoundedTarget) {
     // Shrinking averages areas: a 1-pixel checkerboard halves to grey, without aliasing.
     QImage checker(64, 64, QImage::Format_RGBA8888_Premultiplied);
     for (int y = 0; y < 64; ++y)
-        for (int x = 0; x < 64; ++x) checker.setPixelColor(x, y, ((x + y) & 1) ? Qt::white : Qt::black);
+        for (int x = 0; x < 64; ++x)
+            checker.setPixelColor(x, y, ((x + y) & 1) ? Qt::white : Qt::black);
     const auto half = CropEngine::resize(checker, QSizeF(32, 32));
     for (int y = 0; y < 32; y += 7)
-        for (int x = 0; x < 32; x += 5) EXPECT_TRUE(near(at(*half, x, y), Px{128, 128, 128, 255}, 2));
+        for (int x = 0; x < 32; x += 5)
+            EXPECT_TRUE(near(at(*half, x, y), Px{128, 128, 128, 255}, 2));
 
     // Growing keeps premultiplied values valid at hard alpha edges.
     QImage edge = clear(8, 8);
     for (int y = 0; y < 8; ++y)
-        for (int x = 4; x < 8; ++x) edge.setPixelColor(x, y, Qt::white);
+        for (int x = 4; x < 8; ++x)
+            edge.setPixelColor(x, y, Qt::white);
     const auto grown = CropEngine::resize(edge, QSizeF(33, 33));
     for (int y = 0; y < 33; ++y)
         for (int x = 0; x < 33; ++x) {
@@ -228,28 +241,36 @@ TEST(Resize, ScalesToTheRoundedTarget) {
             ASSERT_LE(std::max({p.r, p.g, p.b}), p.a) << x << "," << y;
         }
     // An opaque image stays opaque.
-    EXPECT_FALSE(CropEngine::resize(image.convertToFormat(QImage::Format_RGBX8888), QSizeF(20, 10))->hasAlphaChannel());
+    EXPECT_FALSE(CropEngine::resize(image.convertToFormat(QImage::Format_RGBX8888), QSizeF(20, 10))
+                     ->hasAlphaChannel());
 }
 
 TEST(Resize, ShrinkingAgreesWithOpenCVsAreaAverageAtAnyFactor) {
     // OpenCV's INTER_AREA is the reference: the same area weights, computed another way.
     std::mt19937 random(7);
-    for (const auto& [sw, sh, dw, dh] : std::vector<std::array<int, 4>>{
-             {300, 200, 200, 133}, {300, 200, 150, 100}, {301, 199, 97, 64}, {64, 48, 63, 47}, {50, 40, 50, 17},
-             {500, 30, 7, 1}, {1, 9, 1, 2}, {17, 17, 1, 1}, {1000, 700, 999, 3}}) {
+    for (const auto& [sw, sh, dw, dh] : std::vector<std::array<int, 4>>{{300, 200, 200, 133},
+                                                                        {300, 200, 150, 100},
+                                                                        {301, 199, 97, 64},
+                                                                        {64, 48, 63, 47},
+                                                                        {50, 40, 50, 17},
+                                                                        {500, 30, 7, 1},
+                                                                        {1, 9, 1, 2},
+                                                                        {17, 17, 1, 1},
+                                                                        {1000, 700, 999, 3}}) {
         SCOPED_TRACE(testing::Message() << sw << "x" << sh << " -> " << dw << "x" << dh);
         // Random premultiplied pixels: colour never above alpha.
         QImage image(sw, sh, QImage::Format_RGBA8888_Premultiplied);
         for (int y = 0; y < sh; ++y)
             for (int x = 0; x < sw; ++x) {
                 const int a = int(random() % 256);
-                put(image, x, y, uchar(random() % (a + 1)), uchar(random() % (a + 1)), uchar(random() % (a + 1)),
-                    uchar(a));
+                put(image, x, y, uchar(random() % (a + 1)), uchar(random() % (a + 1)),
+                    uchar(random() % (a + 1)), uchar(a));
             }
         const auto ours = CropEngine::resize(image, QSizeF(dw, dh));
         ASSERT_TRUE(ours);
         ASSERT_EQ(ours->size(), QSize(dw, dh));
-        const cv::Mat from(sh, sw, CV_8UC4, const_cast<uchar*>(image.constBits()), size_t(image.bytesPerLine()));
+        const cv::Mat from(sh, sw, CV_8UC4, const_cast<uchar*>(image.constBits()),
+                           size_t(image.bytesPerLine()));
         cv::Mat reference;
         cv::resize(from, reference, cv::Size(dw, dh), 0, 0, cv::INTER_AREA);
         int worst = 0;
@@ -257,7 +278,8 @@ TEST(Resize, ShrinkingAgreesWithOpenCVsAreaAverageAtAnyFactor) {
             const uchar* p = ours->constScanLine(y);
             const uchar* q = reference.ptr<uchar>(y);
             for (int i = 0; i < dw * 4; i += 4) {
-                for (int c = 0; c < 4; ++c) worst = std::max(worst, std::abs(int(p[i + c]) - int(q[i + c])));
+                for (int c = 0; c < 4; ++c)
+                    worst = std::max(worst, std::abs(int(p[i + c]) - int(q[i + c])));
                 ASSERT_LE(std::max({p[i], p[i + 1], p[i + 2]}), p[i + 3]) << "still premultiplied";
             }
         }

@@ -4,9 +4,9 @@
 
 #include <QFileInfo>
 #include <QJsonArray>
-#include <QPainter>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QPainter>
 #include <QProcess>
 #include <QStandardPaths>
 
@@ -26,7 +26,8 @@ struct CliRun {
     QString err;
 };
 
-CliRun cli(const QStringList& arguments, const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment(),
+CliRun cli(const QStringList& arguments,
+           const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment(),
            qint64 addressSpaceLimit = 0) {
     QProcess p;
     p.setProcessEnvironment(environment);
@@ -84,14 +85,16 @@ TEST_F(CliTest, InfoDescribesEachImage) {
     EXPECT_EQ(info.value(QStringLiteral("contentRect")).toArray(), (QJsonArray{0, 0, 30, 20}));
     EXPECT_FALSE(info.value(QStringLiteral("mostlyWhite")).toBool());
     EXPECT_TRUE(info.value(QStringLiteral("collageRects")).isArray());
-    EXPECT_EQ(run.lines[1].value(QStringLiteral("error")).toString(), QStringLiteral("1 file couldn’t be opened."));
+    EXPECT_EQ(run.lines[1].value(QStringLiteral("error")).toString(),
+              QStringLiteral("1 file couldn’t be opened."));
     EXPECT_TRUE(run.err.contains(QStringLiteral("bad.png")));
 }
 
 TEST_F(CliTest, InfoFindsTheArtworkOnAWhiteSheet) {
     QImage sheet = solid(50, 40, Qt::white);
     for (int y = 5; y < 9; ++y)
-        for (int x = 10; x < 13; ++x) sheet.setPixelColor(x, y, Qt::black);
+        for (int x = 10; x < 13; ++x)
+            sheet.setPixelColor(x, y, Qt::black);
     const CliRun run = cli({QStringLiteral("info"), savePng(m_dir, QStringLiteral("sheet.png"), sheet)});
     ASSERT_EQ(run.exitCode, 0);
     EXPECT_EQ(run.lines[0].value(QStringLiteral("contentRect")).toArray(), (QJsonArray{10, 5, 3, 4}));
@@ -101,15 +104,18 @@ TEST_F(CliTest, InfoFindsTheArtworkOnAWhiteSheet) {
 TEST_F(CliTest, ProcessAppliesTheEngines) {
     QImage sheet = solid(50, 40, Qt::white);
     for (int y = 5; y < 25; ++y)
-        for (int x = 10; x < 40; ++x) sheet.setPixelColor(x, y, Qt::black);
+        for (int x = 10; x < 40; ++x)
+            sheet.setPixelColor(x, y, Qt::black);
     const QString in = savePng(m_dir, QStringLiteral("logo.png"), sheet);
-    const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("keyWhiteEnabled=true"),
-                            QStringLiteral("--set"), QStringLiteral("trimEnabled=true"), QStringLiteral("--set"),
-                            QStringLiteral("resizeEnabled=true"), QStringLiteral("--set"), QStringLiteral("resizeWidth=15"),
-                            in});
+    const CliRun run =
+        cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("keyWhiteEnabled=true"),
+             QStringLiteral("--set"), QStringLiteral("trimEnabled=true"), QStringLiteral("--set"),
+             QStringLiteral("resizeEnabled=true"), QStringLiteral("--set"), QStringLiteral("resizeWidth=15"),
+             in});
     ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
     EXPECT_EQ(run.lines[0].value(QStringLiteral("width")).toInt(), 15);
-    EXPECT_EQ(run.lines[0].value(QStringLiteral("height")).toInt(), 10) << "the lock keeps the trimmed 30 × 20 aspect";
+    EXPECT_EQ(run.lines[0].value(QStringLiteral("height")).toInt(), 10)
+        << "the lock keeps the trimmed 30 × 20 aspect";
     const auto written = ImageFile::load(path(QStringLiteral("logo-out.png")));
     ASSERT_TRUE(written);
     EXPECT_EQ(written->image.size(), QSize(15, 10));
@@ -119,8 +125,9 @@ TEST_F(CliTest, ProcessWritesNewFilesIntoTheOutputFolder) {
     QDir(m_dir.path()).mkdir(QStringLiteral("in"));
     savePng(m_dir, QStringLiteral("in/img10.png"), coordinates(40, 20));
     savePng(m_dir, QStringLiteral("in/img2.png"), coordinates(30, 10));
-    const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("quarterTurns=1"),
-                         QStringLiteral("-o"), path(QStringLiteral("out")), path(QStringLiteral("in"))});
+    const CliRun run =
+        cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("quarterTurns=1"),
+             QStringLiteral("-o"), path(QStringLiteral("out")), path(QStringLiteral("in"))});
     ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
     ASSERT_EQ(run.lines.size(), 2);
     EXPECT_TRUE(run.lines[0].value(QStringLiteral("input")).toString().endsWith(QStringLiteral("img2.png")))
@@ -155,7 +162,7 @@ TEST_F(CliTest, InPlaceFollowsTheSaveRules) {
     writeImage(coordinates(16, 8), photo, "jpeg");
     const QByteArray before = readBytes(photo);
     const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--in-place"), QStringLiteral("--set"),
-                         QStringLiteral("paddingEnabled=true"), photo});
+                            QStringLiteral("paddingEnabled=true"), photo});
     ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
     ASSERT_EQ(run.lines.size(), 1);
     EXPECT_EQ(run.lines[0].value(QStringLiteral("output")).toString(), path(QStringLiteral("photo.png")));
@@ -165,14 +172,16 @@ TEST_F(CliTest, InPlaceFollowsTheSaveRules) {
 
 TEST_F(CliTest, PresetsAndSetsCombineAndJobsDoNotChangeResults) {
     QStringList inputs;
-    for (int i = 0; i < 4; ++i) inputs << savePng(m_dir, QStringLiteral("p%1.png").arg(i), coordinates(20 + i, 12));
+    for (int i = 0; i < 4; ++i)
+        inputs << savePng(m_dir, QStringLiteral("p%1.png").arg(i), coordinates(20 + i, 12));
     writeBytes(path(QStringLiteral("preset.json")), R"({"quarterTurns": 2, "mirrored": true})");
-    const QStringList common = {QStringLiteral("process"), QStringLiteral("--preset"), path(QStringLiteral("preset.json")),
-                                QStringLiteral("--set"), QStringLiteral("quarterTurns=1")};
+    const QStringList common = {QStringLiteral("process"), QStringLiteral("--preset"),
+                                path(QStringLiteral("preset.json")), QStringLiteral("--set"),
+                                QStringLiteral("quarterTurns=1")};
     QStringList first = common, second = common;
     first << QStringLiteral("-o") << path(QStringLiteral("one")) << inputs;
-    second << QStringLiteral("--jobs") << QStringLiteral("2") << QStringLiteral("-o") << path(QStringLiteral("two"))
-           << inputs;
+    second << QStringLiteral("--jobs") << QStringLiteral("2") << QStringLiteral("-o")
+           << path(QStringLiteral("two")) << inputs;
     const CliRun one = cli(first);
     const CliRun two = cli(second);
     ASSERT_EQ(one.exitCode, 0) << qPrintable(one.err);
@@ -180,9 +189,11 @@ TEST_F(CliTest, PresetsAndSetsCombineAndJobsDoNotChangeResults) {
     ASSERT_EQ(one.lines.size(), 4);
     ASSERT_EQ(two.lines.size(), 4);
     for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(two.lines[i].value(QStringLiteral("input")).toString(), inputs[i]) << "printed in input order";
+        EXPECT_EQ(two.lines[i].value(QStringLiteral("input")).toString(), inputs[i])
+            << "printed in input order";
         const QString name = QStringLiteral("p%1-out.png").arg(i);
-        EXPECT_EQ(readBytes(path(QStringLiteral("one/") + name)), readBytes(path(QStringLiteral("two/") + name)));
+        EXPECT_EQ(readBytes(path(QStringLiteral("one/") + name)),
+                  readBytes(path(QStringLiteral("two/") + name)));
     }
     const QImage result = ImageFile::load(path(QStringLiteral("one/p0-out.png")))->image;
     ASSERT_EQ(result.size(), QSize(12, 20));
@@ -195,9 +206,10 @@ TEST_F(CliTest, SubjectModeCutsOutBeforeWriting) {
     const QString photo = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation) +
                           QStringLiteral("/cutlark/testdata/coffee.png");
     ASSERT_TRUE(QFileInfo::exists(photo)) << "the set-up fetches the photographs";
-    const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("keyWhiteEnabled=true"),
-                            QStringLiteral("--set"), QStringLiteral("bgRemovalMode=subject"), QStringLiteral("-o"),
-                            m_dir.path(), photo});
+    const CliRun run =
+        cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("keyWhiteEnabled=true"),
+             QStringLiteral("--set"), QStringLiteral("bgRemovalMode=subject"), QStringLiteral("-o"),
+             m_dir.path(), photo});
     ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
     EXPECT_FALSE(run.lines[0].contains(QStringLiteral("subjectNotFound")));
     const auto written = ImageFile::load(path(QStringLiteral("coffee-out.png")));
@@ -209,21 +221,24 @@ TEST_F(CliTest, SubjectModeCutsOutBeforeWriting) {
 TEST_F(CliTest, TraceWritesTheSvgTheSettingsChoose) {
     QImage page = solid(300, 200, Qt::white);
     for (int y = 50; y < 150; ++y)
-        for (int x = 100; x < 200; ++x) page.setPixelColor(x, y, Qt::black);
+        for (int x = 100; x < 200; ++x)
+            page.setPixelColor(x, y, Qt::black);
     const QString in = savePng(m_dir, QStringLiteral("shape.png"), page);
     CliRun run = cli({QStringLiteral("trace"), QStringLiteral("-o"), path(QStringLiteral("s.svg")), in});
     ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
     EXPECT_EQ(QString::fromUtf8(readBytes(path(QStringLiteral("s.svg")))),
               QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                             "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"300\" height=\"200\" viewBox=\"0 0 300 200\">\n"
-                             "<path fill=\"#111111\" fill-rule=\"evenodd\" d=\"M100.0 50.0L100.0 150.0L200.0 150.0L200.0 50.0Z\"/>\n"
+                             "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"300\" height=\"200\" "
+                             "viewBox=\"0 0 300 200\">\n"
+                             "<path fill=\"#111111\" fill-rule=\"evenodd\" d=\"M100.0 50.0L100.0 150.0L200.0 "
+                             "150.0L200.0 50.0Z\"/>\n"
                              "</svg>"));
-    run = cli({QStringLiteral("trace"), QStringLiteral("--set"), QStringLiteral("vectorizeStyle=outline"), QStringLiteral("-o"),
-               path(QStringLiteral("o.svg")), in});
+    run = cli({QStringLiteral("trace"), QStringLiteral("--set"), QStringLiteral("vectorizeStyle=outline"),
+               QStringLiteral("-o"), path(QStringLiteral("o.svg")), in});
     ASSERT_EQ(run.exitCode, 0);
     EXPECT_TRUE(readBytes(path(QStringLiteral("o.svg"))).contains("stroke-width=\"0.9\""));
-    run = cli({QStringLiteral("trace"), QStringLiteral("--set"), QStringLiteral("vectorFullColor=true"), QStringLiteral("-o"),
-               path(QStringLiteral("c.svg")), in});
+    run = cli({QStringLiteral("trace"), QStringLiteral("--set"), QStringLiteral("vectorFullColor=true"),
+               QStringLiteral("-o"), path(QStringLiteral("c.svg")), in});
     ASSERT_EQ(run.exitCode, 0);
     EXPECT_EQ(run.lines[0].value(QStringLiteral("layers")).toInt(), 2);
     EXPECT_TRUE(readBytes(path(QStringLiteral("c.svg"))).contains("<path fill=\"#000000\""));
@@ -233,16 +248,18 @@ TEST_F(CliTest, TraceFailsWithTheStatusText) {
     const QString blank = savePng(m_dir, QStringLiteral("blank.png"), solid(100, 100, Qt::white));
     CliRun run = cli({QStringLiteral("trace"), QStringLiteral("-o"), path(QStringLiteral("b.svg")), blank});
     EXPECT_EQ(run.exitCode, 1);
-    EXPECT_TRUE(run.err.contains(QStringLiteral("No clear shape to trace. Try turning on Remove background first.")));
+    EXPECT_TRUE(
+        run.err.contains(QStringLiteral("No clear shape to trace. Try turning on Remove background first.")));
     EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("b.svg"))));
     QImage checker(200, 200, QImage::Format_RGBA8888_Premultiplied);
     for (int y = 0; y < 200; ++y)
-        for (int x = 0; x < 200; ++x) checker.setPixelColor(x, y, ((x + y) & 1) ? Qt::black : Qt::white);
+        for (int x = 0; x < 200; ++x)
+            checker.setPixelColor(x, y, ((x + y) & 1) ? Qt::black : Qt::white);
     const QString busy = savePng(m_dir, QStringLiteral("busy.png"), checker);
     run = cli({QStringLiteral("trace"), QStringLiteral("-o"), path(QStringLiteral("b.svg")), busy});
     EXPECT_TRUE(run.err.contains(QStringLiteral("Too detailed for a single color — turn on Full color.")));
-    run = cli({QStringLiteral("trace"), QStringLiteral("--set"), QStringLiteral("vectorFullColor=true"), QStringLiteral("-o"),
-               path(QStringLiteral("b.svg")), busy});
+    run = cli({QStringLiteral("trace"), QStringLiteral("--set"), QStringLiteral("vectorFullColor=true"),
+               QStringLiteral("-o"), path(QStringLiteral("b.svg")), busy});
     EXPECT_TRUE(run.err.contains(QStringLiteral("No colors found to trace.")));
     EXPECT_EQ(cli({QStringLiteral("trace"), blank}).exitCode, 2) << "no -o";
 }
@@ -250,7 +267,8 @@ TEST_F(CliTest, TraceFailsWithTheStatusText) {
 TEST_F(CliTest, SplitWritesThePiecesAndInfoListsThem) {
     QImage collage = solid(200, 100, Qt::white);
     for (int y = 10; y < 90; ++y)
-        for (int x = 10; x < 90; ++x) collage.setPixelColor(x, y, Qt::black), collage.setPixelColor(x + 100, y, Qt::black);
+        for (int x = 10; x < 90; ++x)
+            collage.setPixelColor(x, y, Qt::black), collage.setPixelColor(x + 100, y, Qt::black);
     const QString in = savePng(m_dir, QStringLiteral("pair.png"), collage);
     CliRun info = cli({QStringLiteral("info"), in});
     ASSERT_EQ(info.exitCode, 0);
@@ -261,8 +279,9 @@ TEST_F(CliTest, SplitWritesThePiecesAndInfoListsThem) {
                             savePng(m_dir, QStringLiteral("single.png"), coordinates(40, 40))});
     EXPECT_EQ(run.exitCode, 1) << "the second input is no collage";
     ASSERT_EQ(run.lines.size(), 2);
-    EXPECT_EQ(run.lines[0].value(QStringLiteral("pieces")).toArray(),
-              (QJsonArray{path(QStringLiteral("pieces/pair-1.png")), path(QStringLiteral("pieces/pair-2.png"))}));
+    EXPECT_EQ(
+        run.lines[0].value(QStringLiteral("pieces")).toArray(),
+        (QJsonArray{path(QStringLiteral("pieces/pair-1.png")), path(QStringLiteral("pieces/pair-2.png"))}));
     EXPECT_EQ(ImageFile::load(path(QStringLiteral("pieces/pair-1.png")))->image.size(), QSize(91, 80));
     EXPECT_EQ(run.lines[1].value(QStringLiteral("error")).toString(), QStringLiteral("not a collage"));
     EXPECT_TRUE(run.err.contains(QStringLiteral("single.png")));
@@ -273,21 +292,25 @@ TEST_F(CliTest, BadUsageExitsWithTwo) {
     EXPECT_EQ(cli({QStringLiteral("frobnicate")}).exitCode, 2);
     EXPECT_EQ(cli({QStringLiteral("process")}).exitCode, 2);
     const QString a = savePng(m_dir, QStringLiteral("a.png"), coordinates(4, 4));
-    const CliRun badSet = cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("threshold=lots"), a});
+    const CliRun badSet =
+        cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("threshold=lots"), a});
     EXPECT_EQ(badSet.exitCode, 2);
     EXPECT_TRUE(badSet.err.contains(QStringLiteral("threshold")));
     EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("a-out.png")))) << "nothing is done on bad usage";
-    EXPECT_EQ(cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("nosuch=1"), a}).exitCode, 2);
-    EXPECT_EQ(cli({QStringLiteral("process"), QStringLiteral("--in-place"), QStringLiteral("-o"), m_dir.path(), a})
-                  .exitCode,
-              2);
+    EXPECT_EQ(
+        cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("nosuch=1"), a}).exitCode, 2);
+    EXPECT_EQ(
+        cli({QStringLiteral("process"), QStringLiteral("--in-place"), QStringLiteral("-o"), m_dir.path(), a})
+            .exitCode,
+        2);
 }
 
 namespace {
 
 QStringList outputsOf(const CliRun& run) {
     QStringList out;
-    for (const QJsonObject& line : run.lines) out << QFileInfo(line.value(QStringLiteral("output")).toString()).fileName();
+    for (const QJsonObject& line : run.lines)
+        out << QFileInfo(line.value(QStringLiteral("output")).toString()).fileName();
     return out;
 }
 
@@ -300,10 +323,12 @@ TEST_F(CliTest, TwoInputsNeverShareAnOutput) {
     const QString b = savePng(m_dir, QStringLiteral("b/item.png"), solid(12, 8, Qt::blue));
     const QString out = path(QStringLiteral("out"));
     for (const char* jobs : {"1", "2"}) {
-        const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--overwrite"), QStringLiteral("--jobs"),
-                                QString::fromLatin1(jobs), QStringLiteral("-o"), out, path(QStringLiteral("a")), path(QStringLiteral("b"))});
+        const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--overwrite"),
+                                QStringLiteral("--jobs"), QString::fromLatin1(jobs), QStringLiteral("-o"),
+                                out, path(QStringLiteral("a")), path(QStringLiteral("b"))});
         ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
-        EXPECT_EQ(outputsOf(run), (QStringList{"item-out.png", "item-out-2.png"})) << "the later one gets a free name";
+        EXPECT_EQ(outputsOf(run), (QStringList{"item-out.png", "item-out-2.png"}))
+            << "the later one gets a free name";
         EXPECT_EQ(ImageFile::load(out + QStringLiteral("/item-out.png"))->image.width(), 10);
         EXPECT_EQ(ImageFile::load(out + QStringLiteral("/item-out-2.png"))->image.width(), 12);
     }
@@ -311,9 +336,10 @@ TEST_F(CliTest, TwoInputsNeverShareAnOutput) {
     // A JPEG whose result must become PNG meets the PNG of the same name.
     writeImage(solid(20, 10, Qt::white), path(QStringLiteral("shot.jpg")), "jpeg");
     writeImage(solid(30, 10, Qt::white), path(QStringLiteral("shot.png")), "png");
-    const CliRun keyed = cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("paddingEnabled=true"),
-                              QStringLiteral("-o"), path(QStringLiteral("keyed")), path(QStringLiteral("shot.jpg")),
-                              path(QStringLiteral("shot.png"))});
+    const CliRun keyed =
+        cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("paddingEnabled=true"),
+             QStringLiteral("-o"), path(QStringLiteral("keyed")), path(QStringLiteral("shot.jpg")),
+             path(QStringLiteral("shot.png"))});
     ASSERT_EQ(keyed.exitCode, 0) << qPrintable(keyed.err);
     EXPECT_EQ(outputsOf(keyed), (QStringList{"shot-out.png", "shot-out-2.png"}));
     EXPECT_EQ(ImageFile::load(path(QStringLiteral("keyed/shot-out.png")))->image.width(), 20 + 80);
@@ -333,7 +359,10 @@ TEST_F(CliTest, InPlaceNeverWritesOverAnotherInput) {
                             QStringLiteral("paddingEnabled=true"), path(QStringLiteral("f"))});
     EXPECT_EQ(run.exitCode, 1);
     ASSERT_EQ(run.lines.size(), 2);
-    EXPECT_TRUE(run.lines[0].value(QStringLiteral("error")).toString().contains(QStringLiteral("“a.png”, which is another input")))
+    EXPECT_TRUE(run.lines[0]
+                    .value(QStringLiteral("error"))
+                    .toString()
+                    .contains(QStringLiteral("“a.png”, which is another input")))
         << qPrintable(run.lines[0].value(QStringLiteral("error")).toString());
     EXPECT_TRUE(run.err.contains(QStringLiteral("a.jpg")));
     EXPECT_EQ(readBytes(path(QStringLiteral("f/a.jpg"))), jpegBefore) << "nothing of it was written";
@@ -346,8 +375,8 @@ TEST_F(CliTest, InPlaceNeverWritesOverAnotherInput) {
 TEST_F(CliTest, ResultsAreNeverInputsAndAreNotReplacedWithoutOverwrite) {
     QDir(m_dir.path()).mkpath(QStringLiteral("logos"));
     const QString logo = savePng(m_dir, QStringLiteral("logos/logo.png"), solid(10, 10, Qt::green));
-    const QStringList args = {QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("paddingEnabled=true"),
-                              path(QStringLiteral("logos"))};
+    const QStringList args = {QStringLiteral("process"), QStringLiteral("--set"),
+                              QStringLiteral("paddingEnabled=true"), path(QStringLiteral("logos"))};
     const CliRun first = cli(args);
     ASSERT_EQ(first.exitCode, 0) << qPrintable(first.err);
     const QString result = path(QStringLiteral("logos/logo-out.png"));
@@ -369,9 +398,10 @@ TEST_F(CliTest, ResultsAreNeverInputsAndAreNotReplacedWithoutOverwrite) {
 
     // One file named three ways is one input.
     const QString relative = QDir::current().relativeFilePath(logo);
-    const CliRun once = cli({QStringLiteral("process"), QStringLiteral("--in-place"), QStringLiteral("--set"),
-                             QStringLiteral("paddingEnabled=true"), QStringLiteral("--set"), QStringLiteral("padAmount=1"),
-                             logo, relative, path(QStringLiteral("logos/../logos/logo.png"))});
+    const CliRun once =
+        cli({QStringLiteral("process"), QStringLiteral("--in-place"), QStringLiteral("--set"),
+             QStringLiteral("paddingEnabled=true"), QStringLiteral("--set"), QStringLiteral("padAmount=1"),
+             logo, relative, path(QStringLiteral("logos/../logos/logo.png"))});
     EXPECT_EQ(once.exitCode, 0) << qPrintable(once.err);
     EXPECT_EQ(once.lines.size(), 1);
     EXPECT_EQ(ImageFile::load(logo)->image.width(), 12) << "padded once, not three times";
@@ -382,21 +412,25 @@ TEST_F(CliTest, SubjectModeWithoutTheNetworkFailsAndSaysHowToGetIt) {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("XDG_CACHE_HOME"), emptyCache.path());
     const QString photo = savePng(m_dir, QStringLiteral("photo.png"), coordinates(40, 30));
-    const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("keyWhiteEnabled=true"),
-                            QStringLiteral("--set"), QStringLiteral("bgRemovalMode=subject"), photo},
-                           environment);
+    const CliRun run =
+        cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("keyWhiteEnabled=true"),
+             QStringLiteral("--set"), QStringLiteral("bgRemovalMode=subject"), photo},
+            environment);
     EXPECT_EQ(run.exitCode, 1);
     ASSERT_EQ(run.lines.size(), 1);
-    EXPECT_TRUE(run.lines[0].value(QStringLiteral("error")).toString().contains(QStringLiteral("scripts/setup.sh")))
+    EXPECT_TRUE(
+        run.lines[0].value(QStringLiteral("error")).toString().contains(QStringLiteral("scripts/setup.sh")))
         << qPrintable(run.err);
     EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("photo-out.png"))));
 }
 
 TEST_F(CliTest, NumbersOutsideTheirRangeAreRefusedBeforeAnyWork) {
     const QString a = savePng(m_dir, QStringLiteral("a.png"), coordinates(40, 30));
-    const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("strokeWidth=500"), a});
+    const CliRun run =
+        cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("strokeWidth=500"), a});
     EXPECT_EQ(run.exitCode, 2);
-    EXPECT_TRUE(run.err.contains(QStringLiteral("strokeWidth = 500 is outside 0 to 40 px"))) << qPrintable(run.err);
+    EXPECT_TRUE(run.err.contains(QStringLiteral("strokeWidth = 500 is outside 0 to 40 px")))
+        << qPrintable(run.err);
     EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("a-out.png"))));
 }
 
@@ -410,10 +444,12 @@ TEST_F(CliTest, RunningOutOfMemoryNeverEndsTheProcessWithASignal) {
     QPainter(&sheet).fillRect(1000, 600, 1000, 800, Qt::red);
     const QString big = savePng(m_dir, QStringLiteral("big.png"), sheet);
     for (qint64 megabytes : {300, 450, 600, 800}) {
-        const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--overwrite"), QStringLiteral("--set"),
-                                QStringLiteral("stickerEnabled=true"), QStringLiteral("--set"), QStringLiteral("strokeWidth=40"),
+        const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--overwrite"),
+                                QStringLiteral("--set"), QStringLiteral("stickerEnabled=true"),
+                                QStringLiteral("--set"), QStringLiteral("strokeWidth=40"),
                                 QStringLiteral("--set"), QStringLiteral("keyWhiteEnabled=true"), big},
                                QProcessEnvironment::systemEnvironment(), megabytes << 20);
-        EXPECT_TRUE(run.exitCode == 0 || run.exitCode == 1) << megabytes << " MB: " << run.exitCode << " " << qPrintable(run.err);
+        EXPECT_TRUE(run.exitCode == 0 || run.exitCode == 1)
+            << megabytes << " MB: " << run.exitCode << " " << qPrintable(run.err);
     }
 }

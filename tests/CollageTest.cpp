@@ -1,9 +1,9 @@
 #include "TestSupport.h"
 
 #include "engines/CollageSplitter.h"
-#include "support/AtomicFile.h"
 #include "model/CropModel.h"
 #include "model/ImageFile.h"
+#include "support/AtomicFile.h"
 
 #include <QFileInfo>
 
@@ -16,11 +16,14 @@ using namespace cutlark::test;
 
 namespace {
 
-QImage sheet(int w, int h) { return solid(w, h, Qt::white); }
+QImage sheet(int w, int h) {
+    return solid(w, h, Qt::white);
+}
 
 void block(QImage& image, int x, int y, int w, int h, const QColor& c = Qt::black) {
     for (int yy = y; yy < y + h; ++yy)
-        for (int xx = x; xx < x + w; ++xx) image.setPixelColor(xx, yy, c);
+        for (int xx = x; xx < x + w; ++xx)
+            image.setPixelColor(xx, yy, c);
 }
 
 QList<QRectF> piecesOf(const QImage& image, double threshold = 10) {
@@ -63,7 +66,8 @@ TEST(Collage, AGutterNeedsFourColumnsAtThisSize) {
 TEST(Collage, GridsAndMixedLayouts) {
     QImage grid = sheet(200, 200);
     for (int y : {10, 110})
-        for (int x : {10, 110}) block(grid, x, y, 80, 80);
+        for (int x : {10, 110})
+            block(grid, x, y, 80, 80);
     EXPECT_EQ(piecesOf(grid).size(), 4);
 
     QImage wideOverTwo = sheet(300, 300);
@@ -87,14 +91,16 @@ TEST(Collage, AGutterMayHoldAFewPixels) {
         QImage image = sheet(300, 300);
         block(image, 10, 10, 130, 280);
         block(image, 160, 10, 130, 280);
-        for (int s = 0; s < strays; ++s) image.setPixelColor(150, 40 + 50 * s, Qt::black);
+        for (int s = 0; s < strays; ++s)
+            image.setPixelColor(150, 40 + 50 * s, Qt::black);
         return image;
     };
     EXPECT_EQ(piecesOf(make(3)).size(), 2);
     // With four strays the middle column fails, but the gutter's other columns still make a run.
     QImage blocked = make(0);
     for (int x = 140; x < 160; x += 2)
-        for (int s = 0; s < 4; ++s) blocked.setPixelColor(x, 40 + 50 * s, Qt::black);
+        for (int s = 0; s < 4; ++s)
+            blocked.setPixelColor(x, 40 + 50 * s, Qt::black);
     EXPECT_TRUE(piecesOf(blocked).isEmpty());
 }
 
@@ -114,7 +120,8 @@ TEST(Collage, FortyIsTheMost) {
     auto grid = [](int cols, int rows) {
         QImage image = sheet(420, 420);
         for (int r = 0; r < rows; ++r)
-            for (int c = 0; c < cols; ++c) block(image, 15 + c * 65, 15 + r * 65, 30, 30);
+            for (int c = 0; c < cols; ++c)
+                block(image, 15 + c * 65, 15 + r * 65, 30, 30);
         return image;
     };
     EXPECT_TRUE(piecesOf(grid(7, 6)).isEmpty()) << "42 leaves";
@@ -208,12 +215,14 @@ TEST_F(SplitTest, PiecesAreWrittenNamedOpenedAndTheCollageLeaves) {
     EXPECT_EQ(panels.folderCalls, 1);
     panels.folderAnswers.push_back(m_dir.filePath(QStringLiteral("out")));
     model.splitCollage();
-    for (const char* name : {"sheet-1.png", "sheet-2-2.png", "sheet-3.png"}) EXPECT_TRUE(QFileInfo::exists(out(QLatin1String(name)))) << name;
+    for (const char* name : {"sheet-1.png", "sheet-2-2.png", "sheet-3.png"})
+        EXPECT_TRUE(QFileInfo::exists(out(QLatin1String(name)))) << name;
     EXPECT_EQ(readBytes(out(QStringLiteral("sheet-2.png"))), QByteArray("taken"));
     EXPECT_EQ(ImageFile::load(out(QStringLiteral("sheet-1.png")))->image.size(), QSize(260, 124))
         << "the largest piece, down to the middle of its gutter";
     ASSERT_EQ(model.items().size(), 3u);
-    for (const auto& item : model.items()) EXPECT_NE(item.url, collage);
+    for (const auto& item : model.items())
+        EXPECT_NE(item.url, collage);
     EXPECT_TRUE(QFileInfo::exists(collage)) << "the collage's file is not touched";
     EXPECT_EQ(model.noticeMessage(), QStringLiteral("Split into 3 images."));
     EXPECT_TRUE(model.collageRects().isEmpty());

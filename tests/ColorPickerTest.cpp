@@ -38,7 +38,9 @@ TEST(ColorPicker, HexFormsAcceptedAndRefused) {
         EXPECT_DOUBLE_EQ(parsed->sat, reference->sat);
         EXPECT_DOUBLE_EQ(parsed->bri, reference->bri);
     }
-    for (const char* text : {"F80", "FF88000", "GG8800", "", "FF 880", "0x12AB", "+FFFFF", "-00001", "ＦＦ８８００"}) EXPECT_FALSE(ColorPickerPopover::parseHex(QLatin1String(text))) << text;
+    for (const char* text :
+         {"F80", "FF88000", "GG8800", "", "FF 880", "0x12AB", "+FFFFF", "-00001", "ＦＦ８８００"})
+        EXPECT_FALSE(ColorPickerPopover::parseHex(QLatin1String(text))) << text;
     EXPECT_NEAR(reference->hue, 32.0 / 360, 1e-3);
 }
 
@@ -105,7 +107,8 @@ TEST(ColorPicker, PaletteClearHexAndStrips) {
     EXPECT_EQ(picker.sat(), 0);
     EXPECT_EQ(picker.bri(), 0);
     EXPECT_EQ(ColorPickerPopover::palette().size(), 5);
-    for (const QStringList& row : ColorPickerPopover::palette()) EXPECT_EQ(row.size(), 11);
+    for (const QStringList& row : ColorPickerPopover::palette())
+        EXPECT_EQ(row.size(), 11);
 }
 
 TEST(ColorPicker, SwatchRowOpensThePicker) {

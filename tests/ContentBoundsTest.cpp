@@ -11,9 +11,13 @@ using namespace cutlark::test;
 
 namespace {
 
-CropEngine::Buffer bufferOf(const QImage& image) { return *CropEngine::Buffer::make(image); }
+CropEngine::Buffer bufferOf(const QImage& image) {
+    return *CropEngine::Buffer::make(image);
+}
 
-QImage transparent(int w, int h) { return solid(w, h, QColor(0, 0, 0, 0)); }
+QImage transparent(int w, int h) {
+    return solid(w, h, QColor(0, 0, 0, 0));
+}
 
 // The definition, pixel by pixel, as the oracle for the optimised scan.
 std::optional<QRectF> naiveBounds(const QImage& image, auto qualifies) {
@@ -37,8 +41,8 @@ TEST(ContentRect, FloorsFollowTheTable) {
     const struct {
         double threshold;
         int alphaFloor, whiteFloor;
-    } rows[] = {{1, 2, 253}, {5, 12, 249}, {10, 25, 243}, {25, 63, 226}, {50, 127, 197}, {100, 254, 140}, {150, 254, 140},
-                {qInf(), 254, 140}};
+    } rows[] = {{1, 2, 253},    {5, 12, 249},    {10, 25, 243},   {25, 63, 226},
+                {50, 127, 197}, {100, 254, 140}, {150, 254, 140}, {qInf(), 254, 140}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.threshold);
         auto single = [&](uchar r, uchar g, uchar b, uchar a) {
@@ -57,7 +61,8 @@ TEST(ContentRect, FloorsFollowTheTable) {
 
 TEST(ContentRect, ZeroNegativeAndNaNMeanTheWholeImage) {
     const auto white = bufferOf(solid(7, 4, Qt::white));
-    for (double t : {0.0, -5.0, qQNaN()}) EXPECT_EQ(CropEngine::contentRect(white, t), QRectF(0, 0, 7, 4)) << t;
+    for (double t : {0.0, -5.0, qQNaN()})
+        EXPECT_EQ(CropEngine::contentRect(white, t), QRectF(0, 0, 7, 4)) << t;
     EXPECT_FALSE(CropEngine::contentRect(white, 1));
     EXPECT_EQ(CropEngine::contentRect(bufferOf(transparent(3, 3)), 0), QRectF(0, 0, 3, 3));
 }
@@ -72,8 +77,10 @@ TEST(ContentRect, HalfTransparentWhiteIsContentAtTen) {
 TEST(ContentRect, OneBlackPixelOnTransparent) {
     QImage image = transparent(20, 12);
     put(image, 3, 7, 0, 0, 0, 255);
-    for (double t : {1.0, 10.0, 50.0, 100.0}) EXPECT_EQ(CropEngine::contentRect(bufferOf(image), t), QRectF(3, 7, 1, 1));
-    for (int a : {0, 1, 128, 254}) EXPECT_EQ(CropEngine::alphaContentRect(bufferOf(image), quint8(a)), QRectF(3, 7, 1, 1));
+    for (double t : {1.0, 10.0, 50.0, 100.0})
+        EXPECT_EQ(CropEngine::contentRect(bufferOf(image), t), QRectF(3, 7, 1, 1));
+    for (int a : {0, 1, 128, 254})
+        EXPECT_EQ(CropEngine::alphaContentRect(bufferOf(image), quint8(a)), QRectF(3, 7, 1, 1));
     EXPECT_FALSE(CropEngine::alphaContentRect(bufferOf(image), 255));
     EXPECT_FALSE(CropEngine::alphaContentRect(bufferOf(transparent(9, 9)), 0));
 }
@@ -88,15 +95,17 @@ TEST(ContentRect, MatchesThePixelByPixelDefinitionOnRandomImages) {
         for (int m = 0; m < marks; ++m) {
             const uchar a = uchar(random() % 256);
             const uchar v = uchar(std::min<unsigned>(a, random() % 256));
-            put(image, int(random() % unsigned(w)), int(random() % unsigned(h)), v, v, uchar(std::min<unsigned>(a, 250)), a);
+            put(image, int(random() % unsigned(w)), int(random() % unsigned(h)), v, v,
+                uchar(std::min<unsigned>(a, 250)), a);
         }
         const double threshold = double(random() % 101);
         const double t = threshold / 100;
         const int af = int(t * 254), wf = int(t * -115 + 255);
-        const auto expected = threshold <= 0 ? std::optional<QRectF>(QRectF(0, 0, w, h))
-                                             : naiveBounds(image, [&](const uchar* p) {
-                                                   return p[3] > af && !(p[0] >= wf && p[1] >= wf && p[2] >= wf);
-                                               });
+        const auto expected = threshold <= 0
+                                  ? std::optional<QRectF>(QRectF(0, 0, w, h))
+                                  : naiveBounds(image, [&](const uchar* p) {
+                                        return p[3] > af && !(p[0] >= wf && p[1] >= wf && p[2] >= wf);
+                                    });
         ASSERT_EQ(CropEngine::contentRect(bufferOf(image), threshold), expected)
             << "round " << round << " size " << w << "x" << h << " threshold " << threshold;
         const auto minAlpha = quint8(random() % 256);
@@ -109,7 +118,8 @@ TEST(ContentRect, MatchesThePixelByPixelDefinitionOnRandomImages) {
 TEST(MostlyWhite, BandsAndTheThreeOfFourRule) {
     // 40×40 looks at 1-pixel bands: dark in row 1 doesn't count.
     QImage small = solid(40, 40, Qt::white);
-    for (int x = 0; x < 40; ++x) put(small, x, 1, 0, 0, 0, 255);
+    for (int x = 0; x < 40; ++x)
+        put(small, x, 1, 0, 0, 0, 255);
     EXPECT_TRUE(CropEngine::backgroundIsMostlyWhite(bufferOf(small), 0.85));
     // 100×300 looks at 2-pixel bands: dark rows 0 and 1 at the top fail it, and so do the bottom ones.
     QImage tall = solid(100, 300, Qt::white);
@@ -117,16 +127,19 @@ TEST(MostlyWhite, BandsAndTheThreeOfFourRule) {
         put(tall, x, 1, 0, 0, 0, 255);
         put(tall, x, 298, 0, 0, 0, 255);
     }
-    EXPECT_TRUE(CropEngine::backgroundIsMostlyWhite(bufferOf(tall), 0.5)) << "rows 1 and 298 are half of their bands";
+    EXPECT_TRUE(CropEngine::backgroundIsMostlyWhite(bufferOf(tall), 0.5))
+        << "rows 1 and 298 are half of their bands";
     EXPECT_FALSE(CropEngine::backgroundIsMostlyWhite(bufferOf(tall), 0.6));
 
     // A 200×200 sheet (4-pixel bands) with a black stripe down one side, then both sides.
     QImage sheet = solid(200, 200, Qt::white);
     for (int y = 0; y < 200; ++y)
-        for (int x = 0; x < 4; ++x) put(sheet, x, y, 0, 0, 0, 255);
+        for (int x = 0; x < 4; ++x)
+            put(sheet, x, y, 0, 0, 0, 255);
     EXPECT_TRUE(CropEngine::backgroundIsMostlyWhite(bufferOf(sheet), 0.85));
     for (int y = 0; y < 200; ++y)
-        for (int x = 196; x < 200; ++x) put(sheet, x, y, 0, 0, 0, 255);
+        for (int x = 196; x < 200; ++x)
+            put(sheet, x, y, 0, 0, 0, 255);
     EXPECT_FALSE(CropEngine::backgroundIsMostlyWhite(bufferOf(sheet), 0.85));
 
     EXPECT_TRUE(CropEngine::backgroundIsMostlyWhite(bufferOf(transparent(30, 30)), 0.85));
@@ -137,10 +150,12 @@ TEST(MostlyWhite, BandsAndTheThreeOfFourRule) {
     // Near-transparent counts as white whatever its colour; alpha 9 doesn't.
     QImage faint = transparent(30, 30);
     for (int y = 0; y < 30; ++y)
-        for (int x = 0; x < 30; ++x) put(faint, x, y, 8, 0, 0, 8);
+        for (int x = 0; x < 30; ++x)
+            put(faint, x, y, 8, 0, 0, 8);
     EXPECT_TRUE(CropEngine::backgroundIsMostlyWhite(bufferOf(faint), 0.85));
     for (int y = 0; y < 30; ++y)
-        for (int x = 0; x < 30; ++x) put(faint, x, y, 9, 0, 0, 9);
+        for (int x = 0; x < 30; ++x)
+            put(faint, x, y, 9, 0, 0, 9);
     EXPECT_FALSE(CropEngine::backgroundIsMostlyWhite(bufferOf(faint), 0.85));
 }
 

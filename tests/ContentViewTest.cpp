@@ -1,5 +1,6 @@
 #include "TestSupport.h"
 
+#include "support/PrivateDir.h"
 #include "ui/ContentView.h"
 #include "ui/FileOpenInbox.h"
 #include "ui/ImagePreview.h"
@@ -7,7 +8,6 @@
 #include "ui/QtPanels.h"
 #include "ui/QueueDrawer.h"
 #include "ui/SettingsSidebar.h"
-#include "support/PrivateDir.h"
 
 #include <QApplication>
 #include <QDir>
@@ -18,8 +18,8 @@
 #include <QPushButton>
 #include <QSlider>
 #include <QStackedWidget>
-#include <QTimer>
 #include <QTest>
+#include <QTimer>
 
 #include <gtest/gtest.h>
 
@@ -40,7 +40,8 @@ protected:
     }
     QStringList images(int n) {
         QStringList paths;
-        for (int i = 0; i < n; ++i) paths << savePng(m_dir, QStringLiteral("img%1.png").arg(i + 1), coordinates(60 + i, 40));
+        for (int i = 0; i < n; ++i)
+            paths << savePng(m_dir, QStringLiteral("img%1.png").arg(i + 1), coordinates(60 + i, 40));
         return paths;
     }
     bool visible(QWidget* w) const { return w && w->isVisibleTo(&window); }
@@ -94,9 +95,11 @@ TEST_F(WindowTest, StatusRowFirstMatchWins) {
     model->saveOverOriginal();
     EXPECT_EQ(SettingsSidebar::statusText(*model), QStringLiteral("Saved img2.png — next image ready."));
     model->saveOverOriginal();
-    EXPECT_EQ(SettingsSidebar::statusText(*model), QStringLiteral("All 2 images saved.")) << "before the saved lines";
+    EXPECT_EQ(SettingsSidebar::statusText(*model), QStringLiteral("All 2 images saved."))
+        << "before the saved lines";
     model->open({m_dir.filePath(QStringLiteral("missing.png"))});
-    EXPECT_EQ(SettingsSidebar::statusText(*model), QStringLiteral("1 file couldn’t be opened.")) << "an error comes first";
+    EXPECT_EQ(SettingsSidebar::statusText(*model), QStringLiteral("1 file couldn’t be opened."))
+        << "an error comes first";
     model->select(model->items()[1].id); // switching clears the error
     EXPECT_EQ(SettingsSidebar::statusText(*model), QStringLiteral("All 2 images saved."));
 
@@ -113,7 +116,6 @@ TEST_F(WindowTest, CtrlSFollowsTheVectorizeSwitch) {
     model->setVectorizeEnabled(true);
     EXPECT_EQ(view->sidebar()->primaryButton()->text(), QStringLiteral("Export SVG"));
     EXPECT_FALSE(view->sidebar()->primaryButton()->isEnabled()) << "nothing traced yet";
-
 }
 
 TEST_F(WindowTest, DeleteRemovesTheActiveImageFromAnywhere) {
@@ -129,7 +131,8 @@ TEST_F(WindowTest, ThumbnailsAreDrawnOnceAndFollowTheSource) {
     QListWidget* list = view->queueDrawer()->list();
     const auto keys = [&] {
         QList<qint64> out;
-        for (int i = 0; i < list->count(); ++i) out << list->item(i)->icon().cacheKey();
+        for (int i = 0; i < list->count(); ++i)
+            out << list->item(i)->icon().cacheKey();
         return out;
     };
     const QList<qint64> before = keys();
@@ -206,8 +209,8 @@ TEST_F(WindowTest, DropsOfFilesAndOfImageData) {
     QApplication::sendEvent(view, &enterAgain); // every drop comes after its drag enters
     QDropEvent imageDrop(QPointF(10, 10), Qt::CopyAction, &picture, Qt::LeftButton, Qt::NoModifier);
     QApplication::sendEvent(view, &imageDrop);
-    ASSERT_EQ(model->items().size(), 3u) << model->errorMessage().value_or(QString()).toStdString()
-                                          << " image " << picture.hasImage();
+    ASSERT_EQ(model->items().size(), 3u)
+        << model->errorMessage().value_or(QString()).toStdString() << " image " << picture.hasImage();
     EXPECT_TRUE(model->items().back().url.contains(QStringLiteral("/CutlarkDrops-")));
     EXPECT_EQ(model->items().back().buffer.width(), 30);
 
@@ -243,7 +246,8 @@ TEST_F(WindowTest, LongOpensShowProgressThatCanCancel) {
         QTest::mouseClick(cancel, Qt::LeftButton);
     });
     QStringList more;
-    for (int i = 0; i < 3; ++i) more << savePng(m_dir, QStringLiteral("more%1.png").arg(i), coordinates(50, 40));
+    for (int i = 0; i < 3; ++i)
+        more << savePng(m_dir, QStringLiteral("more%1.png").arg(i), coordinates(50, 40));
     model->open(more);
     EXPECT_EQ(label, QStringLiteral("Opening 3 images…"));
     EXPECT_TRUE(modal);
@@ -272,7 +276,8 @@ TEST(Inbox, FilesWaitForTheWindowAndLaterOnesOpenAtOnce) {
     QTest::qWait(0);
     QCoreApplication::processEvents();
     ASSERT_EQ(window.content()->model().items().size(), 2u);
-    EXPECT_TRUE(window.content()->model().items()[0].url.endsWith(QStringLiteral("a.png"))) << "in name order";
+    EXPECT_TRUE(window.content()->model().items()[0].url.endsWith(QStringLiteral("a.png")))
+        << "in name order";
     EXPECT_TRUE(FileOpenInbox::instance().pending().isEmpty());
 
     FileOpenInbox::instance().deliver({c});
@@ -281,7 +286,8 @@ TEST(Inbox, FilesWaitForTheWindowAndLaterOnesOpenAtOnce) {
 
     window.content()->model().open({dir.filePath(QStringLiteral("missing.png"))});
     FileOpenInbox::instance().deliver({});
-    EXPECT_TRUE(window.content()->model().errorMessage()) << "an empty delivery opens nothing, the texts stay";
+    EXPECT_TRUE(window.content()->model().errorMessage())
+        << "an empty delivery opens nothing, the texts stay";
 }
 
 TEST_F(WindowTest, SectionsFollowTheirSwitchesAndModes) {
@@ -296,14 +302,16 @@ TEST_F(WindowTest, SectionsFollowTheirSwitchesAndModes) {
     // The collage callout comes with two pictures on one sheet.
     QImage sheet = solid(200, 100, Qt::white);
     for (int y = 10; y < 90; ++y)
-        for (int x = 10; x < 90; ++x) sheet.setPixelColor(x, y, Qt::black), sheet.setPixelColor(x + 100, y, Qt::black);
+        for (int x = 10; x < 90; ++x)
+            sheet.setPixelColor(x, y, Qt::black), sheet.setPixelColor(x + 100, y, Qt::black);
     model->open({savePng(m_dir, QStringLiteral("pair.png"), sheet)});
     QTest::qWait(300);
     QWidget* callout = view->findChild<QWidget*>(QStringLiteral("collageCallout"));
     ASSERT_NE(callout, nullptr);
     EXPECT_TRUE(visible(callout));
     QPushButton* split = nullptr;
-    for (QPushButton* b : callout->findChildren<QPushButton*>()) split = b;
+    for (QPushButton* b : callout->findChildren<QPushButton*>())
+        split = b;
     ASSERT_NE(split, nullptr);
     EXPECT_EQ(split->text(), QStringLiteral("Split into 2 files"));
     model->select(model->items()[0].id);
@@ -342,13 +350,16 @@ TEST_F(WindowTest, EverySliderSpansItsSettingsRangeFromTheTable) {
         ASSERT_TRUE(row && row->isNumber()) << qPrintable(name);
         seen << name;
         slider->setValue(slider->minimum());
-        EXPECT_DOUBLE_EQ(model->snapshotCurrentSettings().toJson().value(name).toDouble(), row->minimum) << qPrintable(name);
+        EXPECT_DOUBLE_EQ(model->snapshotCurrentSettings().toJson().value(name).toDouble(), row->minimum)
+            << qPrintable(name);
         slider->setValue(slider->maximum());
-        EXPECT_DOUBLE_EQ(model->snapshotCurrentSettings().toJson().value(name).toDouble(), row->maximum) << qPrintable(name);
+        EXPECT_DOUBLE_EQ(model->snapshotCurrentSettings().toJson().value(name).toDouble(), row->maximum)
+            << qPrintable(name);
     }
     seen.sort();
-    EXPECT_EQ(seen, (QStringList{"gradientAngle", "keyThreshold", "padAmount", "padBottom", "padLeft", "padRight", "padTop",
-                                 "strokeWidth", "threshold", "vectorDenoise", "vectorStrokeWidth", "vectorTolerance"}));
+    EXPECT_EQ(seen, (QStringList{"gradientAngle", "keyThreshold", "padAmount", "padBottom", "padLeft",
+                                 "padRight", "padTop", "strokeWidth", "threshold", "vectorDenoise",
+                                 "vectorStrokeWidth", "vectorTolerance"}));
 }
 
 TEST_F(WindowTest, ControlsMoveOnlyForTheFieldsTheyShow) {

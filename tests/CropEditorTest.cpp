@@ -50,10 +50,12 @@ protected:
 
 TEST(CropGeometryTest, AspectFitSanitizeAndClamp) {
     EXPECT_EQ(G::aspectFit(QSizeF(200, 100), QSizeF(700, 480)), QRectF(0, 65, 700, 350));
-    EXPECT_EQ(G::aspectFit(QSizeF(100, 1000), QSizeF(700, 480)), QRectF(326, 0, 48, 480)) << "a tall image is letterboxed";
+    EXPECT_EQ(G::aspectFit(QSizeF(100, 1000), QSizeF(700, 480)), QRectF(326, 0, 48, 480))
+        << "a tall image is letterboxed";
     expectRect(G::sanitized(QRectF(1, 0.5, 0.3, 0.9)), QRectF(1, 0.5, 0.02, 0.5));
     expectRect(G::sanitized(QRectF(-0.2, 0.1, 2, 0.01)), QRectF(0, 0.1, 1, 0.02));
-    expectRect(G::edgeClamp(0.9, 0.2, 0.5, 0.8), QRectF(0.48, 0.2, 0.02, 0.6)); // stops 0.02 short, never crosses
+    expectRect(G::edgeClamp(0.9, 0.2, 0.5, 0.8),
+               QRectF(0.48, 0.2, 0.02, 0.6)); // stops 0.02 short, never crosses
     expectRect(G::edgeClamp(-0.1, -0.5, 1.4, 2), QRectF(0, 0, 1, 1));
 }
 
@@ -61,7 +63,8 @@ TEST(CropGeometryTest, DragsSnapAndNudgesDoNot) {
     const QRectF img(0, 65, 700, 350);
     const QSize pixels(200, 100);
     // nw dragged right past the right edge: 0.02 wide, the right edge where it was.
-    expectRect(G::dragged(QRectF(0, 0, 1, 1), CropHandle::nw, QPointF(2000, 0), img, pixels), QRectF(0.98, 0, 0.02, 1));
+    expectRect(G::dragged(QRectF(0, 0, 1, 1), CropHandle::nw, QPointF(2000, 0), img, pixels),
+               QRectF(0.98, 0, 0.02, 1));
     // A drag snaps to whole pixels: 17.5 points is 5 pixels of 200.
     const QRectF snapped = G::dragged(QRectF(0, 0, 1, 1), CropHandle::w, QPointF(17.6, 0), img, pixels);
     EXPECT_NEAR(snapped.left() * 200, 5, 1e-9);
@@ -135,7 +138,8 @@ TEST_F(SheetTest, AutoFindsTheArtworkOrBeeps) {
 
     QImage sheetImage = solid(100, 50, Qt::white);
     for (int y = 10; y < 20; ++y)
-        for (int x = 30; x < 60; ++x) sheetImage.setPixelColor(x, y, Qt::black);
+        for (int x = 30; x < 60; ++x)
+            sheetImage.setPixelColor(x, y, Qt::black);
     CropEditorSheet onWhite(sheetImage, QRectF(0, 0, 1, 1));
     onWhite.runAutoDetect();
     expectRect(onWhite.crop(), QRectF(0.3, 0.2, 0.3, 0.2));

@@ -46,7 +46,8 @@ TEST(Oriented, OnlyTheTwoLowBitsCount) {
     const auto three = CropEngine::oriented(image, 3, false);
     ASSERT_TRUE(minusOne && three);
     EXPECT_EQ(*minusOne, *three);
-    EXPECT_EQ(origin(*three, 0, 0), QPoint(3, 0)) << "a counter-clockwise turn brings the top right to the top left";
+    EXPECT_EQ(origin(*three, 0, 0), QPoint(3, 0))
+        << "a counter-clockwise turn brings the top right to the top left";
 }
 
 TEST(Oriented, HalfTurnOfAMirrorIsAFlipTopToBottom) {
@@ -100,7 +101,8 @@ TEST(Crop, BufferSizedRectangleReturnsItsImageWithoutCopying) {
     ASSERT_TRUE(part);
     ASSERT_EQ(part->size(), QSize(4, 2));
     EXPECT_EQ(origin(*part, 0, 0), QPoint(2, 3));
-    EXPECT_EQ(part->constBits(), image.constBits() + 3 * image.bytesPerLine() + 2 * 4) << "shares the source's pixels";
+    EXPECT_EQ(part->constBits(), image.constBits() + 3 * image.bytesPerLine() + 2 * 4)
+        << "shares the source's pixels";
 
     EXPECT_FALSE(CropEngine::crop(*buffer, QRectF(20, 20, 3, 3)));
 }
@@ -144,7 +146,8 @@ TEST(Buffer, PremultipliedSrgbIsSharedOtherFormsAreConverted) {
     const uchar* p = b->pixels();
     EXPECT_EQ(p[0], 128);
     EXPECT_EQ(p[3], 128);
-    for (int i = 4; i < 8; ++i) EXPECT_EQ(p[i], 0);
+    for (int i = 4; i < 8; ++i)
+        EXPECT_EQ(p[i], 0);
     EXPECT_EQ(b->cgImage().cacheKey(), straight.cacheKey()) << "the image itself is kept as it was";
 
     // Another colour space is brought into sRGB.

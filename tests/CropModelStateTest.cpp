@@ -19,7 +19,8 @@ protected:
             paths << savePng(m_dir, QStringLiteral("img%1.png").arg(i), coordinates(w + i, h));
         model.open(paths);
         QList<QUuid> ids;
-        for (const auto& item : model.items()) ids << item.id;
+        for (const auto& item : model.items())
+            ids << item.id;
         return ids;
     }
 
@@ -70,8 +71,9 @@ TEST_F(ModelTest, ConditionalHooksRebuildOnlyWhenTheFieldMatters) {
     EXPECT_EQ(rebuildsOf([&] { model.setResizeCanvas(true); }), 0);
     EXPECT_EQ(rebuildsOf([&] { model.setBackgroundImageURL(QStringLiteral("x")); }), 0);
     EXPECT_EQ(rebuildsOf([&] { model.setSyncSettingsAcrossQueue(false); }), 0);
-    for (auto write : {+[](CropModel& m) { m.setVectorTolerance(3); }, +[](CropModel& m) { m.setVectorStrokeWidth(4); },
-                       +[](CropModel& m) { m.setVectorFullColor(true); }})
+    for (auto write :
+         {+[](CropModel& m) { m.setVectorTolerance(3); }, +[](CropModel& m) { m.setVectorStrokeWidth(4); },
+          +[](CropModel& m) { m.setVectorFullColor(true); }})
         EXPECT_EQ(rebuildsOf([&] { write(model); }), 0) << "vector settings retrace, never rebuild";
 
     model.setManualCropEnabled(true);
@@ -85,7 +87,8 @@ TEST_F(ModelTest, ConditionalHooksRebuildOnlyWhenTheFieldMatters) {
     EXPECT_EQ(rebuildsOf([&] { model.setStrokeWidth(3); }), 1);
     EXPECT_EQ(rebuildsOf([&] { model.setPadAmount(3); }), 1);
     EXPECT_EQ(rebuildsOf([&] { model.setPadTop(3); }), 0) << "sides don't count while uniform";
-    EXPECT_EQ(rebuildsOf([&] { model.setBackgroundColor(Qt::red); }), 0) << "the colour doesn't show on a gradient";
+    EXPECT_EQ(rebuildsOf([&] { model.setBackgroundColor(Qt::red); }), 0)
+        << "the colour doesn't show on a gradient";
     EXPECT_EQ(rebuildsOf([&] { model.setGradientAngle(10); }), 1);
     EXPECT_EQ(rebuildsOf([&] { model.setResizeCanvas(true); }), 1);
 
@@ -295,7 +298,8 @@ TEST_F(ModelTest, LinksDoNothingWithoutAnImage) {
 
 TEST_F(ModelTest, KeyingOnPicksWhiteWithoutASubjectNetwork) {
     int computed = 0;
-    model.setCutoutService({[] { return false; }, [&](const QImage&) {
+    model.setCutoutService({[] { return false; },
+                            [&](const QImage&) {
                                 ++computed;
                                 return std::optional<QImage>();
                             }});

@@ -3,8 +3,8 @@
 
 #include "TestSupport.h"
 
-#include "support/AtomicFile.h"
 #include "model/CropModel.h"
+#include "support/AtomicFile.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -27,8 +27,9 @@ struct Failure {
 };
 
 const Failure kFailures[] = {
-    {"open", AtomicFile::Step::open},   {"write", AtomicFile::Step::write}, {"sync", AtomicFile::Step::sync},
-    {"rename", AtomicFile::Step::rename}, {"full disk", std::nullopt},
+    {"open", AtomicFile::Step::open}, {"write", AtomicFile::Step::write},
+    {"sync", AtomicFile::Step::sync}, {"rename", AtomicFile::Step::rename},
+    {"full disk", std::nullopt},
 };
 
 /// While alive, every file write of this process beyond `bytes` fails the way a full disk does
@@ -110,7 +111,8 @@ protected:
     /// Every file of the folder tree with its bytes.
     QMap<QString, QByteArray> snapshot() const {
         QMap<QString, QByteArray> files;
-        QDirIterator it(m_dir.path(), QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+        QDirIterator it(m_dir.path(), QDir::Files | QDir::Hidden | QDir::System,
+                        QDirIterator::Subdirectories);
         while (it.hasNext()) {
             const QString path = it.next();
             files.insert(QDir(m_dir.path()).relativeFilePath(path), readBytes(path));
@@ -177,10 +179,12 @@ TEST_P(FaultInjectionTest, SavingAsANewFileOverAnExistingOne) {
 TEST_P(FaultInjectionTest, ExportingSVGOverAnExistingOne) {
     QImage logo = solid(100, 80, Qt::transparent);
     for (int y = 20; y < 60; ++y)
-        for (int x = 30; x < 70; ++x) put(logo, x, y, 0, 0, 0, 255);
+        for (int x = 30; x < 70; ++x)
+            put(logo, x, y, 0, 0, 0, 255);
     model.open({savePng(m_dir, QStringLiteral("logo.png"), logo)});
     model.setVectorizeEnabled(true);
-    ASSERT_TRUE(model.currentSVG()) << model.vectorStatusText().value_or(QStringLiteral("no status")).toStdString();
+    ASSERT_TRUE(model.currentSVG())
+        << model.vectorStatusText().value_or(QStringLiteral("no status")).toStdString();
     ASSERT_TRUE(writeBytes(m_dir.filePath(QStringLiteral("photo.svg")), QByteArray("<svg>old</svg>")));
     const auto files = snapshot();
     const auto before = queue();

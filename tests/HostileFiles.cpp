@@ -2,15 +2,16 @@
 
 #include <QImage>
 
-#include <libheif/heif.h>
-#include <jpeglib.h>
-#include <zlib.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 #include <vector>
+
+// After <cstdio>: libjpeg's header uses FILE without including what defines it.
+#include <jpeglib.h>
+#include <libheif/heif.h>
+#include <zlib.h>
 
 namespace cutlark::test::hostile {
 
@@ -30,8 +31,8 @@ void be32(QByteArray& out, quint32 v) {
 QByteArray zlibOf(const QByteArray& data) {
     uLongf size = compressBound(uLong(data.size()));
     QByteArray out(int(size), '\0');
-    if (compress2(reinterpret_cast<Bytef*>(out.data()), &size, reinterpret_cast<const Bytef*>(data.constData()),
-                  uLong(data.size()), 9) != Z_OK)
+    if (compress2(reinterpret_cast<Bytef*>(out.data()), &size,
+                  reinterpret_cast<const Bytef*>(data.constData()), uLong(data.size()), 9) != Z_OK)
         throw std::runtime_error("zlib");
     out.resize(int(size));
     return out;
@@ -94,7 +95,8 @@ QByteArray encodeJpeg(const QImage& image, bool progressive) {
 QImage gradient(int w, int h) {
     QImage image(w, h, QImage::Format_RGB32);
     for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) image.setPixel(x, y, qRgb(x * 255 / w, y * 255 / h, (x + y) % 256));
+        for (int x = 0; x < w; ++x)
+            image.setPixel(x, y, qRgb(x * 255 / w, y * 255 / h, (x + y) % 256));
     return image;
 }
 
@@ -116,7 +118,8 @@ QByteArray fullBox(const char* type, int version, quint32 flags, const QByteArra
 
 quint64 readBE(const uchar* p, int n) {
     quint64 v = 0;
-    for (int i = 0; i < n; ++i) v = v << 8 | p[i];
+    for (int i = 0; i < n; ++i)
+        v = v << 8 | p[i];
     return v;
 }
 
@@ -155,7 +158,8 @@ CodedTile encodeTile(int size) {
     int stride = 0;
     uint8_t* plane = heif_image_get_plane(image, heif_channel_interleaved, &stride);
     for (int y = 0; y < size; ++y)
-        for (int x = 0; x < 3 * size; ++x) plane[y * stride + x] = uint8_t((x + y) & 0xff);
+        for (int x = 0; x < 3 * size; ++x)
+            plane[y * stride + x] = uint8_t((x + y) & 0xff);
     heif_image_handle* handle = nullptr;
     heif_context_encode_image(ctx, image, encoder, nullptr, &handle);
     QByteArray file;
@@ -172,7 +176,8 @@ CodedTile encodeTile(int size) {
     heif_context_free(ctx);
 
     CodedTile tile;
-    qsizetype meta = 0, metaLength = 0, iprp = 0, iprpLength = 0, ipco = 0, ipcoLength = 0, p = 0, n = 0, start = 0;
+    qsizetype meta = 0, metaLength = 0, iprp = 0, iprpLength = 0, ipco = 0, ipcoLength = 0, p = 0, n = 0,
+              start = 0;
     if (!findBox(file, 0, file.size(), "meta", meta, metaLength)) throw std::runtime_error("no meta");
     const qsizetype metaEnd = meta + metaLength;
     if (!findBox(file, meta + 4, metaEnd, "iprp", iprp, iprpLength) ||
@@ -186,9 +191,9 @@ CodedTile encodeTile(int size) {
     const int offsetSize = d[4] >> 4, lengthSize = d[4] & 15, baseSize = d[5] >> 4;
     const int indexSize = version >= 1 ? (d[5] & 15) : 0;
     const uchar* q = d + 6 + (version < 2 ? 2 : 4); // the first item
-    q += version < 2 ? 2 : 4;                      // its id
-    if (version >= 1) q += 2;                      // construction method
-    q += 2;                                        // data reference
+    q += version < 2 ? 2 : 4;                       // its id
+    if (version >= 1) q += 2;                       // construction method
+    q += 2;                                         // data reference
     const quint64 base = readBE(q, baseSize);
     q += baseSize + 2; // extent count: one
     q += indexSize;
@@ -203,7 +208,8 @@ CodedTile encodeTile(int size) {
 QByteArray pngWithTextChunks(int chunks, int inflatedBytes) {
     QByteArray png = pngStart();
     const QByteArray text = QByteArray("Comment") + '\0' + '\0' + zlibOf(QByteArray(inflatedBytes, 'a'));
-    for (int i = 0; i < chunks; ++i) chunk(png, "zTXt", text);
+    for (int i = 0; i < chunks; ++i)
+        chunk(png, "zTXt", text);
     pngFinish(png);
     return png;
 }
@@ -234,7 +240,8 @@ QByteArray jpegWithRepeatedScans(int width, int height, int extraScans) {
         if (marker == 0xda) {
             lastScan = at;
             // Entropy-coded data runs to the next marker that isn't a stuffed zero or a restart.
-            while (next + 1 < n && !(d[next] == 0xff && d[next + 1] != 0 && (d[next + 1] < 0xd0 || d[next + 1] > 0xd7)))
+            while (next + 1 < n &&
+                   !(d[next] == 0xff && d[next + 1] != 0 && (d[next + 1] < 0xd0 || d[next + 1] > 0xd7)))
                 ++next;
         }
         at = next;
@@ -242,7 +249,8 @@ QByteArray jpegWithRepeatedScans(int width, int height, int extraScans) {
     if (lastScan < 0) throw std::runtime_error("no scan");
     const QByteArray scan = jpeg.mid(lastScan, at - lastScan);
     QByteArray out = jpeg.left(at);
-    for (int i = 0; i < extraScans; ++i) out.append(scan);
+    for (int i = 0; i < extraScans; ++i)
+        out.append(scan);
     out.append("\xff\xd9", 2);
     return out;
 }
@@ -265,7 +273,8 @@ QByteArray jpegClaimingSize(int width, int height) {
     throw std::runtime_error("no frame header");
 }
 
-QByteArray heicGrid(int columns, int rows, int tile, std::optional<QSize> canvas, std::optional<QSize> stated) {
+QByteArray heicGrid(int columns, int rows, int tile, std::optional<QSize> canvas,
+                    std::optional<QSize> stated) {
     const CodedTile coded = encodeTile(tile);
     const QSize extent = canvas.value_or(QSize(columns * tile, rows * tile));
     const QSize claimed = stated.value_or(extent);
@@ -312,7 +321,8 @@ QByteArray heicGrid(int columns, int rows, int tile, std::optional<QSize> canvas
         QByteArray dimg;
         be16(dimg, 1);
         be16(dimg, quint32(tiles));
-        for (int id = 2; id <= 1 + tiles; ++id) be16(dimg, quint32(id));
+        for (int id = 2; id <= 1 + tiles; ++id)
+            be16(dimg, quint32(id));
         QByteArray ipma;
         be32(ipma, quint32(1 + tiles));
         be16(ipma, 1);
@@ -332,14 +342,15 @@ QByteArray heicGrid(int columns, int rows, int tile, std::optional<QSize> canvas
             be16(iloc, quint32(id));
             be16(iloc, 0);
             be16(iloc, 1);
-            be32(iloc, id == 1 ? mdatData : mdatData + quint32(gridData.size())); // every tile is the same data
+            be32(iloc,
+                 id == 1 ? mdatData : mdatData + quint32(gridData.size())); // every tile is the same data
             be32(iloc, quint32(id == 1 ? gridData.size() : coded.data.size()));
         }
         const QByteArray ipco = box("ipco", coded.hvcC + ispe(QSize(tile, tile)) + ispe(claimed));
         return fullBox("meta", 0, 0,
-                       fullBox("hdlr", 0, 0, hdlr) + fullBox("pitm", 0, 0, pitm) + fullBox("iinf", 0, 0, iinf) +
-                           fullBox("iref", 0, 0, box("dimg", dimg)) + box("iprp", ipco + fullBox("ipma", 0, 0, ipma)) +
-                           fullBox("iloc", 0, 0, iloc));
+                       fullBox("hdlr", 0, 0, hdlr) + fullBox("pitm", 0, 0, pitm) +
+                           fullBox("iinf", 0, 0, iinf) + fullBox("iref", 0, 0, box("dimg", dimg)) +
+                           box("iprp", ipco + fullBox("ipma", 0, 0, ipma)) + fullBox("iloc", 0, 0, iloc));
     };
     QByteArray ftyp;
     ftyp.append("heic", 4);

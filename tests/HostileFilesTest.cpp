@@ -50,12 +50,14 @@ struct BudgetGuard {
 
 int maxDifference(const QImage& a, const QImage& b) {
     if (a.size() != b.size()) return 256;
-    const QImage x = a.convertToFormat(QImage::Format_RGBX8888), y = b.convertToFormat(QImage::Format_RGBX8888);
+    const QImage x = a.convertToFormat(QImage::Format_RGBX8888),
+                 y = b.convertToFormat(QImage::Format_RGBX8888);
     int worst = 0;
     for (int row = 0; row < x.height(); ++row) {
         const uchar* p = x.constScanLine(row);
         const uchar* q = y.constScanLine(row);
-        for (int i = 0; i < x.width() * 4; ++i) worst = std::max(worst, std::abs(p[i] - q[i]));
+        for (int i = 0; i < x.width() * 4; ++i)
+            worst = std::max(worst, std::abs(p[i] - q[i]));
     }
     return worst;
 }

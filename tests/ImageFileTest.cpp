@@ -1,8 +1,8 @@
 #include "TestSupport.h"
 
 #include "engines/CropEngine.h"
-#include "support/AtomicFile.h"
 #include "model/ImageFile.h"
+#include "support/AtomicFile.h"
 
 #include <QTransform>
 
@@ -21,24 +21,34 @@ QImage quarters(int w, int h) {
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x) {
             const bool right = x >= w / 2, bottom = y >= h / 2;
-            image.setPixel(x, y, !bottom ? (right ? qRgb(0, 255, 0) : qRgb(255, 0, 0))
-                                         : (right ? qRgb(255, 255, 255) : qRgb(0, 0, 255)));
+            image.setPixel(x, y,
+                           !bottom ? (right ? qRgb(0, 255, 0) : qRgb(255, 0, 0))
+                                   : (right ? qRgb(255, 255, 255) : qRgb(0, 0, 255)));
         }
     return image;
 }
 
 // The upright picture for each EXIF orientation, by the definitions of the tag.
 QImage uprightOracle(const QImage& stored, int orientation) {
-    const QTransform r90 = QTransform().rotate(90), r180 = QTransform().rotate(180), r270 = QTransform().rotate(270);
+    const QTransform r90 = QTransform().rotate(90), r180 = QTransform().rotate(180),
+                     r270 = QTransform().rotate(270);
     switch (orientation) {
-    case 2: return stored.mirrored(true, false);
-    case 3: return stored.transformed(r180);
-    case 4: return stored.mirrored(false, true);
-    case 5: return stored.transformed(r90).mirrored(true, false); // transpose
-    case 6: return stored.transformed(r90);
-    case 7: return stored.transformed(r90).mirrored(false, true); // transverse
-    case 8: return stored.transformed(r270);
-    default: return stored;
+    case 2:
+        return stored.mirrored(true, false);
+    case 3:
+        return stored.transformed(r180);
+    case 4:
+        return stored.mirrored(false, true);
+    case 5:
+        return stored.transformed(r90).mirrored(true, false); // transpose
+    case 6:
+        return stored.transformed(r90);
+    case 7:
+        return stored.transformed(r90).mirrored(false, true); // transverse
+    case 8:
+        return stored.transformed(r270);
+    default:
+        return stored;
     }
 }
 
@@ -87,8 +97,10 @@ TEST_F(ImageFileTest, AllEightTypesDecodeAndReportTheirType) {
         const char* name;
         const char* format;
         const char* type;
-    } qtWritten[] = {{"a.png", "png", "image/png"},   {"a.jpg", "jpeg", "image/jpeg"},
-                     {"a.tiff", "tiff", "image/tiff"}, {"a.bmp", "bmp", "image/bmp"},
+    } qtWritten[] = {{"a.png", "png", "image/png"},
+                     {"a.jpg", "jpeg", "image/jpeg"},
+                     {"a.tiff", "tiff", "image/tiff"},
+                     {"a.bmp", "bmp", "image/bmp"},
                      {"a.webp", "webp", "image/webp"}};
     for (const auto& c : qtWritten) {
         SCOPED_TRACE(c.name);
@@ -201,12 +213,14 @@ TEST_F(ImageFileTest, BrokenAndMislabelledFilesAreRefused) {
 
 TEST_F(ImageFileTest, WritableTypesAreWhatThisMachineEncodes) {
     const QStringList& encodable = ImageFile::encodableTypes();
-    for (const QString& t : {QStringLiteral("image/png"), QStringLiteral("image/jpeg"), QStringLiteral("image/tiff"),
-                             QStringLiteral("image/bmp"), QStringLiteral("image/webp"), QStringLiteral("image/heic")})
+    for (const QString& t :
+         {QStringLiteral("image/png"), QStringLiteral("image/jpeg"), QStringLiteral("image/tiff"),
+          QStringLiteral("image/bmp"), QStringLiteral("image/webp"), QStringLiteral("image/heic")})
         EXPECT_TRUE(encodable.contains(t)) << qPrintable(t);
     EXPECT_FALSE(encodable.contains(QStringLiteral("image/gif"))) << "Qt carries no GIF encoder";
 
-    for (const QString& t : ImageFile::acceptedTypes() + QStringList{QStringLiteral("image/x-tga"), QString()}) {
+    for (const QString& t :
+         ImageFile::acceptedTypes() + QStringList{QStringLiteral("image/x-tga"), QString()}) {
         const QString w = ImageFile::writableType(t);
         EXPECT_TRUE(w == png || encodable.contains(w)) << qPrintable(t);
     }
@@ -242,8 +256,10 @@ TEST_F(ImageFileTest, FailedWritesLeaveTheOldFileIntact) {
     ASSERT_TRUE(writeImage(quarters(8, 8), file, "png"));
     const QByteArray before = readBytes(file);
 
-    for (AtomicFile::Step failing : {AtomicFile::Step::open, AtomicFile::Step::write, AtomicFile::Step::sync, AtomicFile::Step::rename}) {
-        AtomicFile::setFaultInjector([failing](AtomicFile::Step step, const QString&) { return step != failing; });
+    for (AtomicFile::Step failing : {AtomicFile::Step::open, AtomicFile::Step::write, AtomicFile::Step::sync,
+                                     AtomicFile::Step::rename}) {
+        AtomicFile::setFaultInjector(
+            [failing](AtomicFile::Step step, const QString&) { return step != failing; });
         EXPECT_FALSE(ImageFile::save(solid(8, 8, Qt::black), file, png));
         AtomicFile::setFaultInjector({});
         EXPECT_EQ(readBytes(file), before);

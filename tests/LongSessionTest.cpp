@@ -47,7 +47,8 @@ CropModel::CutoutService cheapCutouts() {
     return {[] { return true; },
             [](const QImage& source) -> std::optional<QImage> {
                 QImage cut = source.convertToFormat(QImage::Format_RGBA8888_Premultiplied);
-                for (int y = 0; y < cut.height(); ++y) memset(cut.scanLine(y), 0, size_t(cut.width() / 3) * 4);
+                for (int y = 0; y < cut.height(); ++y)
+                    memset(cut.scanLine(y), 0, size_t(cut.width() / 3) * 4);
                 return cut;
             }};
 }
@@ -73,7 +74,8 @@ TEST(LongSession, FiftyItemsComeAndGoWithoutTheHeapGrowing) {
         model.open(files);
         ASSERT_EQ(model.items().size(), 10u) << "round " << round;
         std::vector<QUuid> ids;
-        for (const auto& it : model.items()) ids.push_back(it.id);
+        for (const auto& it : model.items())
+            ids.push_back(it.id);
 
         for (size_t i = 0; i < ids.size(); ++i) {
             model.select(ids[i]);
@@ -92,7 +94,8 @@ TEST(LongSession, FiftyItemsComeAndGoWithoutTheHeapGrowing) {
             model.setVectorFullColor(i % 2 == 1);
             ASSERT_TRUE(model.currentSVG()) << "item " << item;
             model.setVectorizeEnabled(false);
-            if (round == 0 && i == 0 && network) model.setCutoutService(cheapCutouts()); // one real cutout is enough
+            if (round == 0 && i == 0 && network)
+                model.setCutoutService(cheapCutouts()); // one real cutout is enough
             // … and every other one written out.
             if (i % 2 == 0) {
                 panels.saveAnswers.push_back(dir.filePath(QStringLiteral("out%1-%2.png").arg(round).arg(i)));
@@ -100,7 +103,8 @@ TEST(LongSession, FiftyItemsComeAndGoWithoutTheHeapGrowing) {
                 ASSERT_FALSE(model.errorMessage()) << model.errorMessage()->toStdString();
             }
         }
-        for (const QUuid& id : ids) model.remove(id);
+        for (const QUuid& id : ids)
+            model.remove(id);
         ASSERT_TRUE(model.items().empty());
         if (round == 0) {
             // Everything loaded once and for all (the network, Qt's plugins, the thread pool's

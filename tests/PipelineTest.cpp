@@ -162,7 +162,8 @@ namespace {
 QImage sheetWithBlock() {
     QImage image = solid(60, 40, Qt::white);
     for (int y = 12; y < 22; ++y)
-        for (int x = 15; x < 35; ++x) image.setPixelColor(x, y, Qt::black);
+        for (int x = 15; x < 35; ++x)
+            image.setPixelColor(x, y, Qt::black);
     return image;
 }
 } // namespace

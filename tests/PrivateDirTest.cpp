@@ -38,7 +38,8 @@ TEST(PrivateDir, FreshFoldersAndFilesAreTheUsersAloneAndLinksAreNeverFollowed) {
 
     ASSERT_TRUE(PrivateDir::writeNew(folder, QStringLiteral("Dropped Image.png"), "picture"));
     EXPECT_EQ(modeOf(QDir(folder).filePath(QStringLiteral("Dropped Image.png"))), 0600u);
-    EXPECT_FALSE(PrivateDir::writeNew(folder, QStringLiteral("Dropped Image.png"), "again")) << "never over a file";
+    EXPECT_FALSE(PrivateDir::writeNew(folder, QStringLiteral("Dropped Image.png"), "again"))
+        << "never over a file";
     EXPECT_FALSE(PrivateDir::writeNew(folder, QStringLiteral("../escape"), "x"));
 
     // A link planted where a file is to go is refused, and what it points at stays as it was.
@@ -72,8 +73,10 @@ TEST(PrivateDir, FreshFoldersAndFilesAreTheUsersAloneAndLinksAreNeverFollowed) {
     chmod(QFile::encodeName(open.path()).constData(), 0700);
     EXPECT_EQ(PrivateDir::runtimeDir(), QDir::cleanPath(open.path()));
     EXPECT_EQ(PrivateDir::base(), QDir::cleanPath(open.path()));
-    if (saved.isNull()) qunsetenv("XDG_RUNTIME_DIR");
-    else qputenv("XDG_RUNTIME_DIR", saved);
+    if (saved.isNull())
+        qunsetenv("XDG_RUNTIME_DIR");
+    else
+        qputenv("XDG_RUNTIME_DIR", saved);
 }
 
 TEST(PrivateDir, AnotherUserCanNeitherPrepareNorTakeOverTheFolders) {
@@ -89,8 +92,10 @@ TEST(PrivateDir, AnotherUserCanNeitherPrepareNorTakeOverTheFolders) {
     writeBytes(precious, "mine");
     chmod(QFile::encodeName(home.path()).constData(), 0755);
     chmod(QFile::encodeName(precious).constData(), 0644);
-    const bool planted = secondUser::run(QStringLiteral("mkdir -p '%1' && chmod 777 '%1' && ln -sf '%2' '%1/Dropped Image.png'")
-                                             .arg(shared, precious)) == 0;
+    const bool planted =
+        secondUser::run(
+            QStringLiteral("mkdir -p '%1' && chmod 777 '%1' && ln -sf '%2' '%1/Dropped Image.png'")
+                .arg(shared, precious)) == 0;
     const QString folder = PrivateDir::create(QStringLiteral("CutlarkDrops"));
     ASSERT_FALSE(folder.isEmpty());
     EXPECT_NE(QFileInfo(folder).absolutePath(), shared) << "nothing goes into a folder someone else made";
@@ -102,7 +107,9 @@ TEST(PrivateDir, AnotherUserCanNeitherPrepareNorTakeOverTheFolders) {
     PrivateDir::remove(folder);
 
     // A folder another user made where ours would be is refused, not used.
-    const QString taken = QDir(QDir::tempPath()).filePath(QStringLiteral("cutlark-test-") + QUuid::createUuid().toString(QUuid::WithoutBraces));
+    const QString taken =
+        QDir(QDir::tempPath())
+            .filePath(QStringLiteral("cutlark-test-") + QUuid::createUuid().toString(QUuid::WithoutBraces));
     ASSERT_EQ(secondUser::run(QStringLiteral("mkdir -m 700 '%1'").arg(taken)), 0);
     EXPECT_TRUE(PrivateDir::ensure(taken).isEmpty());
     secondUser::run(QStringLiteral("rm -rf '%1'").arg(taken));

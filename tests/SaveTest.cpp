@@ -1,8 +1,8 @@
 #include "TestSupport.h"
 
-#include "support/AtomicFile.h"
 #include "model/CropModel.h"
 #include "model/ImageFile.h"
+#include "support/AtomicFile.h"
 
 #include <QFileInfo>
 
@@ -23,7 +23,9 @@ protected:
         writeImage(coordinates(w, h), p, "jpeg", 95);
         return p;
     }
-    QString png(const QString& name, int w = 20, int h = 10) { return savePng(m_dir, name, coordinates(w, h)); }
+    QString png(const QString& name, int w = 20, int h = 10) {
+        return savePng(m_dir, name, coordinates(w, h));
+    }
 
     QTemporaryDir m_dir;
     ScriptedPanels panels;
@@ -115,9 +117,15 @@ TEST_F(SaveTest, AFileWithoutExtensionGetsTheTypesOwn) {
     const QString noExt = m_dir.filePath(QStringLiteral("Scan"));
     QFile::rename(bare, noExt);
     // Opening refuses a name without extension, so the item is made by hand.
-    CropModel::Item item{QUuid::createUuid(), noExt, QStringLiteral("image/jpeg"),
-                         *CropEngine::Buffer::make(ImageFile::load(noExt)->image), false, {}, nullptr};
-    EXPECT_EQ(model.proposedNewFileName(item), QStringLiteral("Scan-out.") + ImageFile::preferredExtension(item.type));
+    CropModel::Item item{QUuid::createUuid(),
+                         noExt,
+                         QStringLiteral("image/jpeg"),
+                         *CropEngine::Buffer::make(ImageFile::load(noExt)->image),
+                         false,
+                         {},
+                         nullptr};
+    EXPECT_EQ(model.proposedNewFileName(item),
+              QStringLiteral("Scan-out.") + ImageFile::preferredExtension(item.type));
     EXPECT_TRUE(model.proposedNewFileName(item).endsWith(QStringLiteral(".jpg")) ||
                 model.proposedNewFileName(item).endsWith(QStringLiteral(".jpeg")));
 }
@@ -139,7 +147,8 @@ TEST_F(SaveTest, SaveAsNewWritesWhereThePanelSaysAndLeavesTheSourceAlone) {
 
 TEST_F(SaveTest, TheQueueMovesOnToTheNextUnsavedItemWrappingAround) {
     QStringList paths;
-    for (int i = 1; i <= 4; ++i) paths << png(QStringLiteral("%1.png").arg(i));
+    for (int i = 1; i <= 4; ++i)
+        paths << png(QStringLiteral("%1.png").arg(i));
     model.open(paths);
     const auto id = [&](int i) { return model.items()[size_t(i)].id; };
     // Item 4 saved first; then item 3 is saved and the search wraps to item 1.
@@ -150,7 +159,8 @@ TEST_F(SaveTest, TheQueueMovesOnToTheNextUnsavedItemWrappingAround) {
     model.setMirrored(true);
     model.saveOverOriginal();
     EXPECT_EQ(model.activeID(), id(0));
-    EXPECT_EQ(model.saveConfirmation(), QStringLiteral("3.png")) << "the confirmation names the file just written";
+    EXPECT_EQ(model.saveConfirmation(), QStringLiteral("3.png"))
+        << "the confirmation names the file just written";
     EXPECT_TRUE(model.items()[2].settingsSnapshot.mirrored) << "the item left keeps its settings";
     model.saveOverOriginal();
     EXPECT_EQ(model.activeID(), id(1));
@@ -178,7 +188,8 @@ TEST_F(SaveTest, FailedWritesReportAndLoseNothing) {
     const QByteArray before = readBytes(source);
     const QUuid active = *model.activeID();
 
-    AtomicFile::setFaultInjector([](AtomicFile::Step step, const QString&) { return step != AtomicFile::Step::rename; });
+    AtomicFile::setFaultInjector(
+        [](AtomicFile::Step step, const QString&) { return step != AtomicFile::Step::rename; });
     model.saveOverOriginal();
     EXPECT_EQ(model.errorMessage(), QStringLiteral("Couldn’t write to “keep.png”."));
     EXPECT_EQ(readBytes(source), before);

@@ -11,15 +11,20 @@ namespace cutlark::test::secondUser {
 namespace {
 
 QStringList command(const QString& script) {
-    return {QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"), QStringLiteral("--clear-groups"),
-            QStringLiteral("/bin/sh"), QStringLiteral("-c"), script};
+    return {QStringLiteral("--reuid=65534"),
+            QStringLiteral("--regid=65534"),
+            QStringLiteral("--clear-groups"),
+            QStringLiteral("/bin/sh"),
+            QStringLiteral("-c"),
+            script};
 }
 
 } // namespace
 
 QString unavailableBecause() {
     if (geteuid() != 0) return QStringLiteral("playing a second local user needs root (setpriv)");
-    if (QStandardPaths::findExecutable(QStringLiteral("setpriv")).isEmpty()) return QStringLiteral("setpriv isn't installed");
+    if (QStandardPaths::findExecutable(QStringLiteral("setpriv")).isEmpty())
+        return QStringLiteral("setpriv isn't installed");
     return QString();
 }
 

@@ -50,7 +50,8 @@ TEST(Settings, ParsesEveryKindOfValue) {
     EXPECT_FALSE(Settings::parseInto(s, QStringLiteral("vectorizeStyle"), QStringLiteral("outline")));
     EXPECT_FALSE(Settings::parseInto(s, QStringLiteral("backgroundColor"), QStringLiteral("#FF000080")));
     EXPECT_FALSE(Settings::parseInto(s, QStringLiteral("gradientEnd"), QStringLiteral("#00ff00")));
-    EXPECT_FALSE(Settings::parseInto(s, QStringLiteral("manualCropRect"), QStringLiteral("0.1, 0.2,0.5,0.25")));
+    EXPECT_FALSE(
+        Settings::parseInto(s, QStringLiteral("manualCropRect"), QStringLiteral("0.1, 0.2,0.5,0.25")));
     EXPECT_TRUE(s.trimEnabled);
     EXPECT_EQ(s.threshold, 12.5);
     EXPECT_EQ(s.quarterTurns, 3) << "turns are kept modulo 4";
@@ -77,7 +78,8 @@ TEST(Settings, RefusesWhatDoesNotParseAndKeepsTheOldValue) {
              {"manualCropRect", "1,2,3,inf"},
              {"backgroundImage", "x"},
              {"backgroundImageURL", "/definitely/not/here.png"}}) {
-        EXPECT_TRUE(Settings::parseInto(s, QLatin1String(name), QLatin1String(value))) << name << "=" << value;
+        EXPECT_TRUE(Settings::parseInto(s, QLatin1String(name), QLatin1String(value)))
+            << name << "=" << value;
     }
     EXPECT_EQ(s, Settings());
 }
@@ -140,8 +142,12 @@ TEST(Settings, NumbersOutsideTheWindowsRangeAreRefused) {
             ++numbers;
             EXPECT_LT(row.minimum, row.maximum) << row.name;
             Settings probe;
-            EXPECT_FALSE(Settings::parseInto(probe, QString::fromLatin1(row.name), QString::number(row.maximum))) << row.name;
-            EXPECT_TRUE(Settings::parseInto(probe, QString::fromLatin1(row.name), QString::number(row.maximum + 1))) << row.name;
+            EXPECT_FALSE(
+                Settings::parseInto(probe, QString::fromLatin1(row.name), QString::number(row.maximum)))
+                << row.name;
+            EXPECT_TRUE(
+                Settings::parseInto(probe, QString::fromLatin1(row.name), QString::number(row.maximum + 1)))
+                << row.name;
         }
     }
     EXPECT_EQ(numbers, 16);

@@ -5,8 +5,8 @@
 #include "support/PrivateDir.h"
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
@@ -36,7 +36,8 @@ TEST(SingleInstance, ASecondStartHandsItsFilesToTheFirst) {
     EXPECT_TRUE(later.handOver(files));
     QElapsedTimer timer;
     timer.start();
-    while (received.isEmpty() && timer.elapsed() < 5000) QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    while (received.isEmpty() && timer.elapsed() < 5000)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
     EXPECT_EQ(received, files);
 }
 
@@ -45,12 +46,16 @@ namespace {
 /// Sets an environment variable for the life of the object.
 struct ScopedEnv {
     ScopedEnv(const char* name, const QByteArray& value) : m_name(name), m_old(qgetenv(name)) {
-        if (value.isNull()) qunsetenv(name);
-        else qputenv(name, value);
+        if (value.isNull())
+            qunsetenv(name);
+        else
+            qputenv(name, value);
     }
     ~ScopedEnv() {
-        if (m_old.isNull()) qunsetenv(m_name);
-        else qputenv(m_name, m_old);
+        if (m_old.isNull())
+            qunsetenv(m_name);
+        else
+            qputenv(m_name, m_old);
     }
     const char* m_name;
     QByteArray m_old;
@@ -81,9 +86,11 @@ TEST(SingleInstance, TheSocketIsTheSessionsOwnInTheRuntimeFolder) {
     EXPECT_TRUE(SingleInstance(first).handOver({QStringLiteral("/tmp/x.png")}));
     QElapsedTimer timer;
     timer.start();
-    while (received.isEmpty() && timer.elapsed() < 5000) QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    while (received.isEmpty() && timer.elapsed() < 5000)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
     EXPECT_EQ(received, QStringList{QStringLiteral("/tmp/x.png")});
-    EXPECT_FALSE(SingleInstance(second).handOver({QStringLiteral("/tmp/y.png")})) << "nobody on the other display";
+    EXPECT_FALSE(SingleInstance(second).handOver({QStringLiteral("/tmp/y.png")}))
+        << "nobody on the other display";
 }
 
 TEST(SingleInstance, AnotherUserCanNeitherSquatTheNameNorReceiveTheFiles) {
@@ -112,11 +119,13 @@ TEST(SingleInstance, AnotherUserCanNeitherSquatTheNameNorReceiveTheFiles) {
     ASSERT_GT(secondUser::start(QStringLiteral("python3 '%1' '%2' '%3'").arg(script, socketPath, caught)), 0);
     QElapsedTimer timer;
     timer.start();
-    while (!QFileInfo::exists(socketPath) && timer.elapsed() < 10000) QThread::msleep(20);
+    while (!QFileInfo::exists(socketPath) && timer.elapsed() < 10000)
+        QThread::msleep(20);
     ASSERT_TRUE(QFileInfo::exists(socketPath));
     EXPECT_FALSE(SingleInstance(socketPath).handOver({QStringLiteral("/home/victim/secret.png")}));
     timer.restart();
-    while (!QFileInfo::exists(caught) && timer.elapsed() < 10000) QThread::msleep(20);
+    while (!QFileInfo::exists(caught) && timer.elapsed() < 10000)
+        QThread::msleep(20);
     EXPECT_FALSE(readBytes(caught).contains("secret")) << "nothing was sent to the other user";
 
     // Without a runtime folder the socket's folder in /tmp must be ours: taken by someone else

@@ -10,7 +10,9 @@ using namespace cutlark::test;
 
 namespace {
 
-QImage clear(int w, int h) { return solid(w, h, QColor(0, 0, 0, 0)); }
+QImage clear(int w, int h) {
+    return solid(w, h, QColor(0, 0, 0, 0));
+}
 
 // Where `part` sits inside `whole`, pixel for pixel, or (−1, −1).
 QPoint find(const QImage& whole, const QImage& part) {
@@ -18,7 +20,8 @@ QPoint find(const QImage& whole, const QImage& part) {
         for (int x = 0; x + part.width() <= whole.width(); ++x) {
             bool same = true;
             for (int r = 0; r < part.height() && same; ++r)
-                same = std::memcmp(whole.constScanLine(y + r) + 4 * x, part.constScanLine(r), size_t(part.width()) * 4) == 0;
+                same = std::memcmp(whole.constScanLine(y + r) + 4 * x, part.constScanLine(r),
+                                   size_t(part.width()) * 4) == 0;
             if (same) return QPoint(x, y);
         }
     return QPoint(-1, -1);
@@ -89,10 +92,12 @@ TEST(Sticker, GrowsOnAllSidesMoreBelowAndKeepsTheSubjectUntouched) {
 TEST(Sticker, TransparentMarginsMakeNoDifference) {
     QImage subject = clear(30, 20);
     for (int y = 3; y < 17; ++y)
-        for (int x = 5; x < 25; ++x) subject.setPixelColor(x, y, QColor(200, 40, 40));
+        for (int x = 5; x < 25; ++x)
+            subject.setPixelColor(x, y, QColor(200, 40, 40));
     subject.setPixelColor(12, 10, QColor(0, 90, 0, 128));
     QImage framed = clear(90, 70);
-    for (int y = 0; y < 20; ++y) std::memcpy(framed.scanLine(y + 25) + 4 * 31, subject.constScanLine(y), 30 * 4);
+    for (int y = 0; y < 20; ++y)
+        std::memcpy(framed.scanLine(y + 25) + 4 * 31, subject.constScanLine(y), 30 * 4);
     const auto a = StickerEngine::make(subject, 9);
     const auto b = StickerEngine::make(framed, 9);
     ASSERT_TRUE(a && b);
@@ -133,5 +138,6 @@ TEST(Sticker, EmptyAndTransparentInputs) {
     EXPECT_EQ(out->size(), QSize(20 + 2 * m, 10 + 2 * m)) << "untrimmed: nothing to trim to";
     const auto buffer = CropEngine::Buffer::make(*out);
     EXPECT_FALSE(CropEngine::alphaContentRect(*buffer, 0));
-    EXPECT_FALSE(StickerEngine::make(coordinates(4, 4), 1e12)->isNull()) << "an absurd width gives the input back";
+    EXPECT_FALSE(StickerEngine::make(coordinates(4, 4), 1e12)->isNull())
+        << "an absurd width gives the input back";
 }

@@ -7,13 +7,13 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QMutex>
 #include <QPainter>
 #include <QPainterPath>
 #include <QSemaphore>
-#include <QThreadPool>
-#include <QFileInfo>
 #include <QStandardPaths>
+#include <QThreadPool>
 
 #include <atomic>
 
@@ -40,7 +40,8 @@ struct FakeCutouts {
                     if (!open) gate.acquire();
                     if (findsNothing) return std::nullopt;
                     QImage cut = source.convertToFormat(QImage::Format_RGBA8888_Premultiplied);
-                    for (int y = 0; y < cut.height(); ++y) std::memset(cut.scanLine(y), 0, size_t(cut.width() / 2) * 4);
+                    for (int y = 0; y < cut.height(); ++y)
+                        std::memset(cut.scanLine(y), 0, size_t(cut.width() / 2) * 4);
                     return cut;
                 }};
     }
@@ -77,12 +78,14 @@ protected:
         model.open({savePng(m_dir, QStringLiteral("a.png"), coordinates(40, 30)),
                     savePng(m_dir, QStringLiteral("b.png"), coordinates(50, 20))});
         QList<QUuid> ids;
-        for (const auto& item : model.items()) ids << item.id;
+        for (const auto& item : model.items())
+            ids << item.id;
         return ids;
     }
     QImage expectedCut(const QImage& source) {
         QImage cut = source.convertToFormat(QImage::Format_RGBA8888_Premultiplied);
-        for (int y = 0; y < cut.height(); ++y) std::memset(cut.scanLine(y), 0, size_t(cut.width() / 2) * 4);
+        for (int y = 0; y < cut.height(); ++y)
+            std::memset(cut.scanLine(y), 0, size_t(cut.width() / 2) * 4);
         return cut;
     }
 
@@ -96,7 +99,8 @@ protected:
 TEST_F(CutoutTest, KeyingOnChoosesTheModeFromTheEdges) {
     QImage sheet = solid(60, 60, Qt::white);
     for (int y = 20; y < 40; ++y)
-        for (int x = 20; x < 40; ++x) sheet.setPixelColor(x, y, Qt::black);
+        for (int x = 20; x < 40; ++x)
+            sheet.setPixelColor(x, y, Qt::black);
     model.open({savePng(m_dir, QStringLiteral("logo.png"), sheet)});
     model.setKeyWhiteEnabled(true);
     EXPECT_EQ(model.bgRemovalMode(), BGRemovalMode::white);
@@ -119,7 +123,8 @@ TEST_F(CutoutTest, WhileComputingTheImageStaysUnkeyedThenTheCutoutArrives) {
     ASSERT_EQ(model.bgRemovalMode(), BGRemovalMode::subject);
     EXPECT_TRUE(model.isDetectingSubject());
     EXPECT_FALSE(model.subjectNotFound());
-    EXPECT_EQ(model.processedImage().cacheKey(), source.cacheKey()) << "the stages run on the full image meanwhile";
+    EXPECT_EQ(model.processedImage().cacheKey(), source.cacheKey())
+        << "the stages run on the full image meanwhile";
     EXPECT_TRUE(model.visionComputing().contains(ids[0]));
 
     ChangeCounter counter(model);
@@ -179,7 +184,8 @@ TEST_F(CutoutTest, NothingFoundIsFinalUntilInvalidated) {
     model.setKeyWhiteEnabled(true);
     ASSERT_TRUE(waitUntil([&] { return !model.isDetectingSubject(); }));
     EXPECT_TRUE(model.subjectNotFound());
-    EXPECT_EQ(model.processedImage().cacheKey(), model.active()->buffer.cgImage().cacheKey()) << "left unkeyed";
+    EXPECT_EQ(model.processedImage().cacheKey(), model.active()->buffer.cgImage().cacheKey())
+        << "left unkeyed";
     model.select(ids[1]);
     model.select(ids[0]);
     model.setBgRemovalMode(BGRemovalMode::white);
@@ -246,7 +252,8 @@ TEST(VisionEdge, CompositeKeepsBorderCoverageAndPullsTheEdgeIn) {
     EXPECT_TRUE(sameBytes(*all, source)) << "a subject touching the border keeps its full coverage there";
 
     QImage half(200, 100, QImage::Format_Grayscale8);
-    for (int y = 0; y < 100; ++y) std::memset(half.scanLine(y), 255, 100), std::memset(half.scanLine(y) + 100, 0, 100);
+    for (int y = 0; y < 100; ++y)
+        std::memset(half.scanLine(y), 255, 100), std::memset(half.scanLine(y) + 100, 0, 100);
     const auto cut = VisionEngine::composite(source, half);
     EXPECT_EQ(qAlpha(cut->pixel(50, 50)), 255);
     EXPECT_EQ(qAlpha(cut->pixel(150, 50)), 0);
@@ -259,7 +266,8 @@ TEST(VisionEdge, NoSubjectRule) {
     QImage mask(100, 100, QImage::Format_Grayscale8);
     mask.fill(0);
     EXPECT_TRUE(VisionEngine::isEmptyMask(mask));
-    for (int i = 0; i < 49; ++i) mask.scanLine(0)[i] = 200; // 0.49 %
+    for (int i = 0; i < 49; ++i)
+        mask.scanLine(0)[i] = 200; // 0.49 %
     EXPECT_TRUE(VisionEngine::isEmptyMask(mask));
     mask.scanLine(1)[0] = 200; // 0.5 %
     EXPECT_FALSE(VisionEngine::isEmptyMask(mask));
@@ -271,7 +279,8 @@ class RealNetwork : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(VisionEngine::isAvailable()) << "the set-up puts the network into the cache folder";
-        ASSERT_TRUE(QFileInfo::exists(testPhoto(QStringLiteral("coffee.png")))) << "the set-up fetches the photographs";
+        ASSERT_TRUE(QFileInfo::exists(testPhoto(QStringLiteral("coffee.png"))))
+            << "the set-up fetches the photographs";
     }
 };
 
@@ -327,7 +336,8 @@ TEST_F(RealNetwork, TheModelCutsOutTheCupOfARealPhotograph) {
 }
 
 TEST_F(CutoutTest, ACutoutThatRunsOutOfMemoryCountsAsNoSubject) {
-    model.setCutoutService({[] { return true; }, [](const QImage&) -> std::optional<QImage> { throw std::bad_alloc(); }});
+    model.setCutoutService(
+        {[] { return true; }, [](const QImage&) -> std::optional<QImage> { throw std::bad_alloc(); }});
     openTwo();
     model.setBgRemovalMode(BGRemovalMode::subject);
     model.setKeyWhiteEnabled(true);

@@ -35,9 +35,12 @@ struct GatedTracer {
             }
             if (!open) gate.acquire();
             Result r;
-            const VectorTrace square{{{{1, 1}, {5, 1}, {5, 5}, {1, 5}}}, QSizeF(job.image.width(), job.image.height())};
-            if (job.fullColor) r.colorTrace = VectorColorTrace{{VectorColorLayer{1, 0, 0, square.contours}}, square.size};
-            else r.trace = square;
+            const VectorTrace square{{{{1, 1}, {5, 1}, {5, 5}, {1, 5}}},
+                                     QSizeF(job.image.width(), job.image.height())};
+            if (job.fullColor)
+                r.colorTrace = VectorColorTrace{{VectorColorLayer{1, 0, 0, square.contours}}, square.size};
+            else
+                r.trace = square;
             r.preview = solid(job.image.width(), job.image.height(), Qt::red);
             return r;
         };
@@ -70,7 +73,9 @@ protected:
         QThreadPool::globalInstance()->waitForDone();
         QCoreApplication::processEvents();
     }
-    bool settle() { return waitUntil([&] { return !model.isVectorizing(); }); }
+    bool settle() {
+        return waitUntil([&] { return !model.isVectorizing(); });
+    }
 
     QTemporaryDir m_dir;
     GatedTracer tracer;
@@ -85,7 +90,8 @@ TEST_F(WorkerTest, TenWritesDuringOneTraceMakeExactlyOneMore) {
     model.setVectorizeEnabled(true);
     EXPECT_TRUE(model.isVectorizing());
     ASSERT_TRUE(waitUntil([&] { return tracer.count() == 1; }));
-    for (int i = 1; i <= 10; ++i) model.setVectorTolerance(10.0 * i);
+    for (int i = 1; i <= 10; ++i)
+        model.setVectorTolerance(10.0 * i);
     tracer.gate.release(); // the first trace ends
     ASSERT_TRUE(waitUntil([&] { return tracer.count() == 2; }));
     EXPECT_EQ(tracer.last().params.tolerance, 100) << "the further trace sees the last value";
@@ -97,7 +103,8 @@ TEST_F(WorkerTest, TenWritesDuringOneTraceMakeExactlyOneMore) {
     EXPECT_TRUE(model.vectorColorTrace());
     EXPECT_FALSE(model.vectorTrace());
     EXPECT_TRUE(model.hasVectorOutput());
-    EXPECT_EQ(model.vectorDisplayImage().pixel(0, 0), qRgb(255, 0, 0)) << "the preview stands in for the image";
+    EXPECT_EQ(model.vectorDisplayImage().pixel(0, 0), qRgb(255, 0, 0))
+        << "the preview stands in for the image";
 }
 
 TEST_F(WorkerTest, SettingsThatDoNotMatterStartNoTrace) {
@@ -105,8 +112,8 @@ TEST_F(WorkerTest, SettingsThatDoNotMatterStartNoTrace) {
     model.setVectorizeEnabled(true);
     ASSERT_TRUE(settle());
     const int before = tracer.count();
-    model.setVectorTolerance(80);     // full colour is off
-    model.setVectorStrokeWidth(9);    // silhouette style
+    model.setVectorTolerance(80);  // full colour is off
+    model.setVectorStrokeWidth(9); // silhouette style
     QCoreApplication::processEvents();
     EXPECT_FALSE(model.isVectorizing());
     EXPECT_EQ(tracer.count(), before);
@@ -187,7 +194,8 @@ TEST_F(WorkerTest, SvgFollowsTheStyleOfTheMomentAndExports) {
     ASSERT_TRUE(model.currentSVG());
     EXPECT_TRUE(model.currentSVG()->contains(QStringLiteral("fill=\"#111111\"")));
     model.setVectorizeStyle(VectorizeStyle::outline);
-    EXPECT_TRUE(model.currentSVG()->contains(QStringLiteral("stroke-width=\"0.5\""))) << "at once, from the stored trace";
+    EXPECT_TRUE(model.currentSVG()->contains(QStringLiteral("stroke-width=\"0.5\"")))
+        << "at once, from the stored trace";
     ASSERT_TRUE(settle());
 
     // Export: proposes the source's stem with .svg; the confirmation is the bare file name.
@@ -228,7 +236,8 @@ TEST_F(WorkerTest, CopyPutsTheSameBytesUnderBothTypes) {
 }
 
 TEST_F(WorkerTest, StatusTextsFirstMatchWins) {
-    EXPECT_EQ(model.vectorStatusText(), QStringLiteral("No clear shape to trace. Try turning on Remove background first."));
+    EXPECT_EQ(model.vectorStatusText(),
+              QStringLiteral("No clear shape to trace. Try turning on Remove background first."));
     model.setVectorFullColor(true);
     EXPECT_EQ(model.vectorStatusText(), QStringLiteral("No colors found to trace."));
     model.setVectorizeEnabled(true);
@@ -246,7 +255,8 @@ TEST_F(WorkerTest, StatusTextsFirstMatchWins) {
     model.setVectorFullColor(false);
     ASSERT_TRUE(settle());
     EXPECT_TRUE(model.vectorTooDetailed());
-    EXPECT_EQ(model.vectorStatusText(), QStringLiteral("Too detailed for a single color — turn on Full color."));
+    EXPECT_EQ(model.vectorStatusText(),
+              QStringLiteral("Too detailed for a single color — turn on Full color."));
 }
 
 TEST(WorkerReal, TheRealTracersRunBehindTheModel) {
@@ -254,7 +264,8 @@ TEST(WorkerReal, TheRealTracersRunBehindTheModel) {
     CropModel model;
     QImage page = solid(300, 200, Qt::white);
     for (int y = 50; y < 150; ++y)
-        for (int x = 100; x < 200; ++x) page.setPixelColor(x, y, Qt::black);
+        for (int x = 100; x < 200; ++x)
+            page.setPixelColor(x, y, Qt::black);
     model.open({savePng(dir, QStringLiteral("p.png"), page)});
     model.setVectorizeEnabled(true);
     ASSERT_TRUE(waitUntil([&] { return !model.isVectorizing(); }));
@@ -278,7 +289,8 @@ TEST_F(WorkerTest, ATraceThatRunsOutOfMemoryEndsLikeOneThatFoundNothing) {
     ASSERT_TRUE(settle()) << "the worker doesn't hang on a failed trace";
     EXPECT_EQ(calls, 1);
     EXPECT_FALSE(model.vectorTrace());
-    EXPECT_EQ(model.vectorStatusText(), QStringLiteral("No clear shape to trace. Try turning on Remove background first."));
+    EXPECT_EQ(model.vectorStatusText(),
+              QStringLiteral("No clear shape to trace. Try turning on Remove background first."));
     // And the next request traces again.
     model.setVectorizeStyle(VectorizeStyle::outline);
     ASSERT_TRUE(settle());

@@ -13,12 +13,17 @@ namespace VE = VectorizeEngine;
 
 namespace {
 
-QImage white(int w, int h) { return solid(w, h, Qt::white); }
-QImage clear(int w, int h) { return solid(w, h, QColor(0, 0, 0, 0)); }
+QImage white(int w, int h) {
+    return solid(w, h, Qt::white);
+}
+QImage clear(int w, int h) {
+    return solid(w, h, QColor(0, 0, 0, 0));
+}
 
 void fillRect(QImage& image, const QRect& r, const QColor& c) {
     for (int y = r.top(); y <= r.bottom(); ++y)
-        for (int x = r.left(); x <= r.right(); ++x) image.setPixelColor(x, y, c);
+        for (int x = r.left(); x <= r.right(); ++x)
+            image.setPixelColor(x, y, c);
 }
 
 QRectF boundsOf(const Contour& c) {
@@ -59,7 +64,8 @@ TEST(BinaryMask, DarknessOrAlphaDecidesWithLimit129) {
     QImage alphas = clear(4, 1);
     alphas.scanLine(0)[3] = 128;
     alphas.scanLine(0)[4 + 3] = 129;
-    alphas.scanLine(0)[8 + 0] = 255, alphas.scanLine(0)[8 + 1] = 255, alphas.scanLine(0)[8 + 2] = 255, alphas.scanLine(0)[8 + 3] = 255;
+    alphas.scanLine(0)[8 + 0] = 255, alphas.scanLine(0)[8 + 1] = 255, alphas.scanLine(0)[8 + 2] = 255,
+                           alphas.scanLine(0)[8 + 3] = 255;
     m = VE::binaryMask(alphas);
     EXPECT_EQ(m->mask.constScanLine(0)[0], 255);
     EXPECT_EQ(m->mask.constScanLine(0)[1], 0);
@@ -81,14 +87,16 @@ TEST(BinaryMask, WorkingSizeIsCappedAt1400) {
 TEST(BinaryMask, BusynessOfCheckerboards) {
     QImage fine(64, 64, QImage::Format_RGBA8888_Premultiplied);
     for (int y = 0; y < 64; ++y)
-        for (int x = 0; x < 64; ++x) fine.setPixelColor(x, y, ((x + y) & 1) ? Qt::black : Qt::white);
+        for (int x = 0; x < 64; ++x)
+            fine.setPixelColor(x, y, ((x + y) & 1) ? Qt::black : Qt::white);
     EXPECT_NEAR(VE::binaryMask(fine)->busyness, 2.0 * 63 * 64 / (64 * 64), 1e-9);
     EXPECT_EQ(VE::trace(fine, 0).kind, VectorTraceOutcome::Kind::tooDetailed);
 
     auto checker = [](int cell) {
         QImage image(1000, 1000, QImage::Format_RGBA8888_Premultiplied);
         for (int y = 0; y < 1000; ++y)
-            for (int x = 0; x < 1000; ++x) image.setPixelColor(x, y, ((x / cell + y / cell) & 1) ? Qt::black : Qt::white);
+            for (int x = 0; x < 1000; ++x)
+                image.setPixelColor(x, y, ((x / cell + y / cell) & 1) ? Qt::black : Qt::white);
         return image;
     };
     EXPECT_NEAR(VE::binaryMask(checker(40))->busyness, 0.048, 0.001);
@@ -99,7 +107,8 @@ TEST(BinaryMask, BusynessOfCheckerboards) {
 TEST(BinaryMask, BusynessOfExactlyPointZeroSixPasses) {
     // Seven stripes across 100 × 100: six boundaries of 100 transitions each, 600 / 10000 = 0.06.
     QImage stripes = white(100, 100);
-    for (int s = 1; s < 7; s += 2) fillRect(stripes, QRect(s * 14, 0, 14, 100), Qt::black);
+    for (int s = 1; s < 7; s += 2)
+        fillRect(stripes, QRect(s * 14, 0, 14, 100), Qt::black);
     const auto m = VE::binaryMask(stripes);
     EXPECT_DOUBLE_EQ(m->busyness, 0.06);
     EXPECT_EQ(VE::trace(stripes, 0).kind, VectorTraceOutcome::Kind::traced);
@@ -142,7 +151,8 @@ TEST(Trace, AlphaModeTracesWhiteOnTransparentAndOnePixelFlipsTheMode) {
     drawing.setPixelColor(0, 0, QColor(255, 255, 255, 200)); // one pixel below 250
     const auto b = VE::trace(drawing, 0);
     ASSERT_EQ(b.kind, VectorTraceOutcome::Kind::traced);
-    EXPECT_GT(boundsOf(b.trace.contours.first()).width(), 195) << "everything else is foreground: a page-sized shape";
+    EXPECT_GT(boundsOf(b.trace.contours.first()).width(), 195)
+        << "everything else is foreground: a page-sized shape";
 }
 
 TEST(Trace, TheAreaFloorKeepsTwentyByTwentyAndDropsNineteen) {
@@ -170,7 +180,8 @@ TEST(Trace, ADonutGivesOutlineAndHole) {
     ASSERT_EQ(outcome.kind, VectorTraceOutcome::Kind::traced);
     ASSERT_EQ(outcome.trace.contours.size(), 2);
     QList<double> widths;
-    for (const Contour& c : outcome.trace.contours) widths << boundsOf(c).width();
+    for (const Contour& c : outcome.trace.contours)
+        widths << boundsOf(c).width();
     std::sort(widths.begin(), widths.end());
     EXPECT_NEAR(widths[0], 120, 2);
     EXPECT_NEAR(widths[1], 300, 2);
@@ -213,26 +224,33 @@ TEST(Straighten, EpsilonFromSmoothing) {
 
 TEST(Svg, SilhouetteDocumentByteForByte) {
     const VectorTrace t{{{{2, 2}, {8, 2}, {8, 8}, {2, 8}}}, QSizeF(10, 10)};
-    EXPECT_EQ(VE::svg(t, VectorizeStyle::silhouette, 3),
-              QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                             "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"10\" height=\"10\" viewBox=\"0 0 10 10\">\n"
-                             "<path fill=\"#111111\" fill-rule=\"evenodd\" d=\"M2.0 2.0L8.0 2.0L8.0 8.0L2.0 8.0Z\"/>\n"
-                             "</svg>"));
-    EXPECT_EQ(VE::svg(t, VectorizeStyle::outline, 3),
-              QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                             "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"10\" height=\"10\" viewBox=\"0 0 10 10\">\n"
-                             "<path fill=\"none\" stroke=\"#111111\" stroke-width=\"3.0\" stroke-linejoin=\"round\" "
-                             "d=\"M2.0 2.0L8.0 2.0L8.0 8.0L2.0 8.0Z\"/>\n"
-                             "</svg>"));
+    EXPECT_EQ(
+        VE::svg(t, VectorizeStyle::silhouette, 3),
+        QStringLiteral(
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+            "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"10\" height=\"10\" viewBox=\"0 0 10 10\">\n"
+            "<path fill=\"#111111\" fill-rule=\"evenodd\" d=\"M2.0 2.0L8.0 2.0L8.0 8.0L2.0 8.0Z\"/>\n"
+            "</svg>"));
+    EXPECT_EQ(
+        VE::svg(t, VectorizeStyle::outline, 3),
+        QStringLiteral(
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+            "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"10\" height=\"10\" viewBox=\"0 0 10 10\">\n"
+            "<path fill=\"none\" stroke=\"#111111\" stroke-width=\"3.0\" stroke-linejoin=\"round\" "
+            "d=\"M2.0 2.0L8.0 2.0L8.0 8.0L2.0 8.0Z\"/>\n"
+            "</svg>"));
     const VectorTrace odd{{}, QSizeF(640.9, 480.2)};
-    EXPECT_TRUE(VE::svg(odd, VectorizeStyle::silhouette, 1).contains(QStringLiteral("width=\"640\" height=\"480\" viewBox=\"0 0 640 480\"")));
-    EXPECT_TRUE(VE::svg(odd, VectorizeStyle::silhouette, 1).contains(QStringLiteral(" d=\"\"/>"))) << "an empty path still stands";
+    EXPECT_TRUE(VE::svg(odd, VectorizeStyle::silhouette, 1)
+                    .contains(QStringLiteral("width=\"640\" height=\"480\" viewBox=\"0 0 640 480\"")));
+    EXPECT_TRUE(VE::svg(odd, VectorizeStyle::silhouette, 1).contains(QStringLiteral(" d=\"\"/>")))
+        << "an empty path still stands";
 }
 
 TEST(Svg, PathDataOfTwoTriangles) {
     EXPECT_EQ(VE::pathD({{{2, 2}, {8, 2}, {8, 8}}, {}, {{3.5, 3.5}, {4, 3.5}, {4, 4.5}}}),
               QStringLiteral("M2.0 2.0L8.0 2.0L8.0 8.0ZM3.5 3.5L4.0 3.5L4.0 4.5Z"));
-    EXPECT_EQ(VE::pathD({{{0.04, 0.06}, {10.25, 1e4}, {0, 0}}}), QStringLiteral("M0.0 0.1L10.2 10000.0L0.0 0.0Z"));
+    EXPECT_EQ(VE::pathD({{{0.04, 0.06}, {10.25, 1e4}, {0, 0}}}),
+              QStringLiteral("M0.0 0.1L10.2 10000.0L0.0 0.0Z"));
     EXPECT_EQ(VE::pathD({}), QString());
 }
 
@@ -241,16 +259,19 @@ TEST(Svg, ColourDocumentByteForByte) {
     VectorColorTrace t{{VectorColorLayer{1.0, 0.0, 0.0, {square}}, VectorColorLayer{1.0, 0.5, 0.0, {square}},
                         VectorColorLayer{0, 0, 0, {}}},
                        QSizeF(10, 10)};
-    EXPECT_EQ(VE::colorSVG(t),
-              QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                             "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"10\" height=\"10\" viewBox=\"0 0 10 10\">\n"
-                             "<path fill=\"#FF0000\" fill-rule=\"evenodd\" d=\"M2.0 2.0L8.0 2.0L8.0 8.0L2.0 8.0Z\"/>\n"
-                             "<path fill=\"#FF8000\" fill-rule=\"evenodd\" d=\"M2.0 2.0L8.0 2.0L8.0 8.0L2.0 8.0Z\"/>\n"
-                             "</svg>"));
+    EXPECT_EQ(
+        VE::colorSVG(t),
+        QStringLiteral(
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+            "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"10\" height=\"10\" viewBox=\"0 0 10 10\">\n"
+            "<path fill=\"#FF0000\" fill-rule=\"evenodd\" d=\"M2.0 2.0L8.0 2.0L8.0 8.0L2.0 8.0Z\"/>\n"
+            "<path fill=\"#FF8000\" fill-rule=\"evenodd\" d=\"M2.0 2.0L8.0 2.0L8.0 8.0L2.0 8.0Z\"/>\n"
+            "</svg>"));
     EXPECT_EQ(VE::colorSVG(VectorColorTrace{{}, QSizeF(3, 4)}),
-              QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                             "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"3\" height=\"4\" viewBox=\"0 0 3 4\">\n"
-                             "</svg>"));
+              QStringLiteral(
+                  "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                  "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"3\" height=\"4\" viewBox=\"0 0 3 4\">\n"
+                  "</svg>"));
 }
 
 TEST(Svg, PreviewsFillEvenOddInTheFixedGrey) {
@@ -268,7 +289,8 @@ TEST(Svg, PreviewsFillEvenOddInTheFixedGrey) {
     EXPECT_EQ(qAlpha(stroked.pixel(40, 50)), 255) << "the hole is stroked like any contour";
     EXPECT_TRUE(VE::preview(VectorTrace{{outer}, QSizeF(0.5, 100)}, VectorizeStyle::silhouette, 1).isNull());
 
-    const VectorColorTrace colours{{VectorColorLayer{1, 0, 0, {outer}}, VectorColorLayer{0, 0, 1, {hole}}}, QSizeF(100, 100)};
+    const VectorColorTrace colours{{VectorColorLayer{1, 0, 0, {outer}}, VectorColorLayer{0, 0, 1, {hole}}},
+                                   QSizeF(100, 100)};
     const QImage both = VE::colorPreview(colours);
     EXPECT_EQ(both.pixel(20, 20), qRgb(255, 0, 0));
     EXPECT_EQ(both.pixel(50, 50), qRgb(0, 0, 255)) << "a later layer covers an earlier one";
@@ -325,7 +347,8 @@ TEST(ColorTrace, RegionsGrowAgainstTheirSeedAndJoinThePalette) {
     fillRect(apart, QRect(0, 50, 100, 50), QColor(100, 100, 100));
     t = VE::traceColor(apart, TraceParams{0, 0.001, 1, 0});
     ASSERT_EQ(t->layers.size(), 2);
-    EXPECT_EQ(qRound(t->layers[0].r * 255), 100) << "the greys together are the largest colour: the bottom layer";
+    EXPECT_EQ(qRound(t->layers[0].r * 255), 100)
+        << "the greys together are the largest colour: the bottom layer";
     EXPECT_EQ(qRound(t->layers[1].r * 255), 255);
 
     // (100) and (120): distance 1200, two entries at tolerance 0 and one at 25 (limit 1849).
@@ -337,7 +360,8 @@ TEST(ColorTrace, RegionsGrowAgainstTheirSeedAndJoinThePalette) {
 TEST(ColorTrace, NoisePicturesAreRefused) {
     QImage checker(100, 100, QImage::Format_RGBA8888_Premultiplied);
     for (int y = 0; y < 100; ++y)
-        for (int x = 0; x < 100; ++x) checker.setPixelColor(x, y, ((x + y) & 1) ? QColor(255, 0, 0) : QColor(0, 0, 255));
+        for (int x = 0; x < 100; ++x)
+            checker.setPixelColor(x, y, ((x + y) & 1) ? QColor(255, 0, 0) : QColor(0, 0, 255));
     EXPECT_FALSE(VE::traceColor(checker, TraceParams{45, 3e-5, 0, 0})) << "too many regions";
 }
 
@@ -356,7 +380,8 @@ TEST(ColorTrace, RareColoursDissolveAndRunsRepeat) {
     QImage image = white(300, 300);
     fillRect(image, QRect(0, 0, 150, 300), QColor(20, 120, 40));
     fillRect(image, QRect(200, 200, 4, 4), QColor(250, 0, 250)); // a speck far from all others
-    const auto a = VE::traceColor(image, TraceParams{45, 0.001, 0, 0});     // no median: the speck reaches the palette
+    const auto a =
+        VE::traceColor(image, TraceParams{45, 0.001, 0, 0}); // no median: the speck reaches the palette
     ASSERT_TRUE(a);
     EXPECT_EQ(a->layers.size(), 2) << "the speck's count is below the minimum: no layer of its own";
     const auto b = VE::traceColor(image, TraceParams{45, 0.001, 0, 0});
@@ -394,7 +419,8 @@ TEST(Quality, SilhouetteOfALargeDrawingCoversItsPixels) {
         p.setBrush(Qt::black);
         p.drawEllipse(QPointF(800, 800), 500, 500);
         p.drawRect(QRectF(1600, 300, 1800, 260));
-        p.drawPolygon(QPolygonF({QPointF(1700, 1100), QPointF(3600, 900), QPointF(3200, 2400), QPointF(2100, 2000)}));
+        p.drawPolygon(
+            QPolygonF({QPointF(1700, 1100), QPointF(3600, 900), QPointF(3200, 2400), QPointF(2100, 2000)}));
         p.setBrush(Qt::white);
         p.drawEllipse(QPointF(800, 800), 220, 220);
         p.setBrush(Qt::NoBrush);
@@ -420,8 +446,9 @@ TEST(Quality, ColourTraceGivesPixelsTheirOwnColour) {
         QPainter p(&art);
         p.setRenderHint(QPainter::Antialiasing);
         p.setPen(Qt::NoPen);
-        const QColor colours[] = {QColor(30, 60, 140),  QColor(230, 80, 40),  QColor(250, 200, 40), QColor(40, 150, 80),
-                                  QColor(120, 40, 120), QColor(20, 20, 20),   QColor(180, 220, 240)};
+        const QColor colours[] = {QColor(30, 60, 140),  QColor(230, 80, 40),  QColor(250, 200, 40),
+                                  QColor(40, 150, 80),  QColor(120, 40, 120), QColor(20, 20, 20),
+                                  QColor(180, 220, 240)};
         p.setBrush(colours[0]);
         p.drawRect(0, 1300, 2000, 700);
         p.setBrush(colours[6]);

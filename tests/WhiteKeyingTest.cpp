@@ -12,7 +12,9 @@ using namespace cutlark::test;
 
 namespace {
 
-bool cleared(const QImage& image, int x, int y) { return *reinterpret_cast<const quint32*>(image.constScanLine(y) + 4 * x) == 0; }
+bool cleared(const QImage& image, int x, int y) {
+    return *reinterpret_cast<const quint32*>(image.constScanLine(y) + 4 * x) == 0;
+}
 
 // Picture from rows of characters: '#' black, '.' white.
 QImage drawing(std::initializer_list<const char*> rows) {
@@ -32,7 +34,8 @@ std::vector<std::string> clearedMap(const QImage& image) {
     std::vector<std::string> out;
     for (int y = 0; y < image.height(); ++y) {
         std::string row;
-        for (int x = 0; x < image.width(); ++x) row += cleared(image, x, y) ? 'o' : '-';
+        for (int x = 0; x < image.width(); ++x)
+            row += cleared(image, x, y) ? 'o' : '-';
         out.push_back(row);
     }
     return out;
@@ -52,8 +55,10 @@ std::vector<bool> naiveFlood(const QImage& image, int floor) {
         reached[size_t(y * w + x)] = true;
         queue.push_back(QPoint(x, y));
     };
-    for (int x = 0; x < w; ++x) visit(x, 0), visit(x, h - 1);
-    for (int y = 0; y < h; ++y) visit(0, y), visit(w - 1, y);
+    for (int x = 0; x < w; ++x)
+        visit(x, 0), visit(x, h - 1);
+    for (int y = 0; y < h; ++y)
+        visit(0, y), visit(w - 1, y);
     while (!queue.empty()) {
         const QPoint p = queue.front();
         queue.pop_front();
@@ -68,8 +73,8 @@ TEST(WhiteKeying, FloorsFollowTheTable) {
     const struct {
         double threshold;
         int floor;
-    } rows[] = {{0, 255}, {1, 253}, {5, 248}, {10, 241}, {25, 221}, {30, 214}, {50, 187}, {75, 153}, {100, 120},
-                {250, 120}, {-4, 255}, {qQNaN(), 255}, {qInf(), 120}};
+    } rows[] = {{0, 255},  {1, 253},   {5, 248},   {10, 241}, {25, 221},      {30, 214},    {50, 187},
+                {75, 153}, {100, 120}, {250, 120}, {-4, 255}, {qQNaN(), 255}, {qInf(), 120}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.threshold);
         for (bool internal : {false, true}) {
@@ -81,7 +86,8 @@ TEST(WhiteKeying, FloorsFollowTheTable) {
             if (row.floor < 255) {
                 QImage below = solid(3, 3, QColor(f, f, uchar(f - 1)));
                 const auto keyedBelow = CropEngine::keyOutWhite(below, row.threshold, internal);
-                EXPECT_EQ(keyedBelow->cacheKey(), below.cacheKey()) << "one level darker is kept: the image itself";
+                EXPECT_EQ(keyedBelow->cacheKey(), below.cacheKey())
+                    << "one level darker is kept: the image itself";
             }
         }
     }
@@ -91,7 +97,8 @@ TEST(WhiteKeying, AllWhiteGoesFullyTransparentInBothModes) {
     for (bool internal : {false, true}) {
         const auto keyed = CropEngine::keyOutWhite(solid(6, 4, Qt::white), 0, internal);
         ASSERT_TRUE(keyed);
-        for (const auto& row : clearedMap(*keyed)) EXPECT_EQ(row, "oooooo");
+        for (const auto& row : clearedMap(*keyed))
+            EXPECT_EQ(row, "oooooo");
     }
 }
 
@@ -124,7 +131,8 @@ TEST(WhiteKeying, NoKeyableBorderMeansTheImageItself) {
     // A dark frame around a white interior: nothing is reached, even though the inside is white.
     QImage photo = solid(8, 8, QColor(90, 60, 30));
     for (int y = 2; y < 6; ++y)
-        for (int x = 2; x < 6; ++x) put(photo, x, y, 255, 255, 255, 255);
+        for (int x = 2; x < 6; ++x)
+            put(photo, x, y, 255, 255, 255, 255);
     EXPECT_EQ(CropEngine::keyOutWhite(photo, 30, false)->cacheKey(), photo.cacheKey());
     EXPECT_NE(CropEngine::keyOutWhite(photo, 30, true)->cacheKey(), photo.cacheKey());
     const QImage dark = solid(8, 8, QColor(90, 60, 30));
@@ -135,8 +143,8 @@ TEST(WhiteKeying, NoKeyableBorderMeansTheImageItself) {
 TEST(WhiteKeying, ThresholdZeroKeysOnlyPureWhiteAndNearTransparent) {
     QImage image = solid(4, 1, Qt::white);
     put(image, 1, 0, 254, 255, 255, 255);
-    put(image, 2, 0, 40, 10, 0, 8);   // alpha 8: keyable whatever its colour
-    put(image, 3, 0, 9, 9, 9, 9);     // alpha 9: subject to the colour test
+    put(image, 2, 0, 40, 10, 0, 8); // alpha 8: keyable whatever its colour
+    put(image, 3, 0, 9, 9, 9, 9);   // alpha 9: subject to the colour test
     const auto keyed = CropEngine::keyOutWhite(image, 0, true);
     EXPECT_EQ(clearedMap(*keyed), (std::vector<std::string>{"o-o-"}));
 }
@@ -151,8 +159,8 @@ TEST(WhiteKeying, ThresholdHundredKeysMidGreysConnectedToTheBorder) {
 TEST(WhiteKeying, HalfTransparentWhiteIsKeyedOnlyByALowFloor) {
     QImage image = solid(3, 3, QColor(0, 0, 0, 0));
     put(image, 1, 1, 128, 128, 128, 128);
-    EXPECT_FALSE(cleared(*CropEngine::keyOutWhite(image, 50, true), 1, 1));  // floor 187
-    EXPECT_TRUE(cleared(*CropEngine::keyOutWhite(image, 95, true), 1, 1));   // floor 126
+    EXPECT_FALSE(cleared(*CropEngine::keyOutWhite(image, 50, true), 1, 1)); // floor 187
+    EXPECT_TRUE(cleared(*CropEngine::keyOutWhite(image, 95, true), 1, 1));  // floor 126
 }
 
 TEST(WhiteKeying, TransparentMarginsAreReachedAndZeroed) {
@@ -174,14 +182,16 @@ TEST(WhiteKeying, TransparentMarginsAreReachedAndZeroed) {
 
     // A fully transparent border counts as a change: a new image whose margin bytes are all zero.
     QImage framed = solid(5, 5, QColor(0, 0, 0));
-    for (int i = 0; i < 5; ++i) put(framed, i, 0, 0, 0, 0, 0);
+    for (int i = 0; i < 5; ++i)
+        put(framed, i, 0, 0, 0, 0, 0);
     const auto refilled = CropEngine::keyOutWhite(framed, 30, false);
     EXPECT_NE(refilled->cacheKey(), framed.cacheKey());
 }
 
 TEST(WhiteKeying, KeptPixelsAreUntouchedAndOpaqueInputGainsAlpha) {
     QImage opaque = coordinates(40, 30).convertToFormat(QImage::Format_RGBX8888);
-    for (int x = 0; x < 40; ++x) put(opaque, x, 0, 255, 255, 255, 255);
+    for (int x = 0; x < 40; ++x)
+        put(opaque, x, 0, 255, 255, 255, 255);
     const auto keyed = CropEngine::keyOutWhite(opaque, 30, false);
     ASSERT_TRUE(keyed);
     EXPECT_TRUE(keyed->hasAlphaChannel());
@@ -199,10 +209,14 @@ TEST(WhiteKeying, ScanlineFloodMatchesThePixelByPixelFlood) {
         for (int y = 0; y < h; ++y)
             for (int x = 0; x < w; ++x) {
                 const unsigned r = random() % 100;
-                if (r < 30) put(image, x, y, 20, 20, 20, 255);
-                else if (r < 33) put(image, x, y, 2, 2, 2, 4);
-                else if (r < 40) put(image, x, y, 230, 230, 200, 255);
-                else put(image, x, y, 255, 255, 255, 255);
+                if (r < 30)
+                    put(image, x, y, 20, 20, 20, 255);
+                else if (r < 33)
+                    put(image, x, y, 2, 2, 2, 4);
+                else if (r < 40)
+                    put(image, x, y, 230, 230, 200, 255);
+                else
+                    put(image, x, y, 255, 255, 255, 255);
             }
         const double threshold = double(random() % 60);
         const int floor = int(threshold / 100 * -135 + 255);

@@ -7,14 +7,14 @@
 #include "ui/Widgets.h"
 
 #include <QApplication>
-#include <QProgressDialog>
-#include <QTimer>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QIcon>
 #include <QPainter>
 #include <QPainterPath>
+#include <QProgressDialog>
 #include <QTemporaryDir>
+#include <QTimer>
 
 #include <cstdio>
 
@@ -149,7 +149,8 @@ int main(int argc, char** argv) {
             sheet->overlay()->setSelectedHandle(CropHandle::e);
             QApplication::processEvents();
             const bool wrote = sheet->grab().save(out + QStringLiteral("/05-crop-editor.png"));
-            std::printf("%s %s\n", wrote ? "wrote" : "couldn't write", qPrintable(out + QStringLiteral("/05-crop-editor.png")));
+            std::printf("%s %s\n", wrote ? "wrote" : "couldn't write",
+                        qPrintable(out + QStringLiteral("/05-crop-editor.png")));
             ok &= wrote;
         }
     }
@@ -158,8 +159,9 @@ int main(int argc, char** argv) {
         QColor colour = QColor::fromRgbF(0.53f, 0.81f, 0.98f);
         QWidget host;
         host.resize(260, 60);
-        auto* row = new ColorSwatchRow(QStringLiteral("Background color"), [&] { return colour; },
-                                       [&](const QColor& c) { colour = c; }, &host);
+        auto* row = new ColorSwatchRow(
+            QStringLiteral("Background color"), [&] { return colour; }, [&](const QColor& c) { colour = c; },
+            &host);
         row->setGeometry(10, 18, 200, 24);
         host.show();
         row->click();
@@ -168,7 +170,8 @@ int main(int argc, char** argv) {
             QWidget* frame = row->popover()->parentWidget();
             frame->setAutoFillBackground(true);
             const bool wrote = frame->grab().save(out + QStringLiteral("/06-color-picker.png"));
-            std::printf("%s %s\n", wrote ? "wrote" : "couldn't write", qPrintable(out + QStringLiteral("/06-color-picker.png")));
+            std::printf("%s %s\n", wrote ? "wrote" : "couldn't write",
+                        qPrintable(out + QStringLiteral("/06-color-picker.png")));
             ok &= wrote;
         }
     }
@@ -195,7 +198,8 @@ int main(int argc, char** argv) {
             if (shot || !dialog || dialog->value() < 2) return;
             shot = true;
             const bool wrote = dialog->grab().save(out + QStringLiteral("/07-opening.png"));
-            std::printf("%s %s\n", wrote ? "wrote" : "couldn't write", qPrintable(out + QStringLiteral("/07-opening.png")));
+            std::printf("%s %s\n", wrote ? "wrote" : "couldn't write",
+                        qPrintable(out + QStringLiteral("/07-opening.png")));
             ok &= wrote;
         });
         poll.start(10);

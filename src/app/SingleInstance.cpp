@@ -19,7 +19,8 @@ namespace {
 qint64 peerUid(qintptr descriptor) {
     ucred credentials{};
     socklen_t length = sizeof credentials;
-    if (descriptor < 0 || getsockopt(int(descriptor), SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return -1;
+    if (descriptor < 0 || getsockopt(int(descriptor), SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0)
+        return -1;
     return credentials.uid;
 }
 
@@ -30,7 +31,9 @@ QString displayKey() {
     if (display.isEmpty()) display = qEnvironmentVariable("DISPLAY");
     if (display.isEmpty()) display = QStringLiteral("none");
     QString key;
-    for (const QChar c : display) key += (c.isLetterOrNumber() || c == QLatin1Char('.') || c == QLatin1Char('-')) ? c : QLatin1Char('_');
+    for (const QChar c : display)
+        key +=
+            (c.isLetterOrNumber() || c == QLatin1Char('.') || c == QLatin1Char('-')) ? c : QLatin1Char('_');
     return key.left(64);
 }
 
@@ -38,7 +41,9 @@ QString displayKey() {
 
 QString SingleInstance::sessionSocketPath() {
     QString folder = PrivateDir::runtimeDir();
-    if (folder.isEmpty()) folder = PrivateDir::ensure(QDir(QDir::tempPath()).filePath(QStringLiteral("cutlark-%1").arg(getuid())));
+    if (folder.isEmpty())
+        folder =
+            PrivateDir::ensure(QDir(QDir::tempPath()).filePath(QStringLiteral("cutlark-%1").arg(getuid())));
     if (folder.isEmpty()) return QString(); // taken by someone else, or open to them
     return QDir(folder).filePath(QStringLiteral("cutlark-%1.socket").arg(displayKey()));
 }

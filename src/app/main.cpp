@@ -9,8 +9,8 @@
 #include <QApplication>
 #include <QFileInfo>
 #include <QIcon>
-#include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
+#include <QThreadPool>
 
 int main(int argc, char** argv) {
     cutlark::HugePages::restartWithHugePages(argv);
@@ -21,7 +21,8 @@ int main(int argc, char** argv) {
     QApplication::setWindowIcon(QIcon::fromTheme(QStringLiteral("cutlark")));
 
     QStringList files;
-    for (const QString& arg : QApplication::arguments().mid(1)) files << QFileInfo(arg).absoluteFilePath();
+    for (const QString& arg : QApplication::arguments().mid(1))
+        files << QFileInfo(arg).absoluteFilePath();
 
     // A running window takes the files; this process then has nothing more to do.
     cutlark::SingleInstance instance;
@@ -32,11 +33,12 @@ int main(int argc, char** argv) {
     if (!files.isEmpty()) cutlark::FileOpenInbox::instance().deliver(files);
     cutlark::MainWindow window;
     window.show();
-    QObject::connect(&instance, &cutlark::SingleInstance::filesReceived, &window, [&](const QStringList& handed) {
-        if (!handed.isEmpty()) cutlark::FileOpenInbox::instance().deliver(handed);
-        window.raise();
-        window.activateWindow();
-    });
+    QObject::connect(&instance, &cutlark::SingleInstance::filesReceived, &window,
+                     [&](const QStringList& handed) {
+                         if (!handed.isEmpty()) cutlark::FileOpenInbox::instance().deliver(handed);
+                         window.raise();
+                         window.activateWindow();
+                     });
 
     // The subject network loads in the background, so the first cutout doesn't wait for it.
     (void)QtConcurrent::run(QThreadPool::globalInstance(), [] { cutlark::VisionEngine::preload(); });

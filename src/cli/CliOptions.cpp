@@ -7,7 +7,8 @@ namespace cutlark {
 QString CliOptions::usage() {
     return QStringLiteral(
         "Usage:\n"
-        "  cutlark-cli process [--set NAME=VALUE]... [--preset FILE.json] [-o DIR | --in-place] [--overwrite] [--jobs N] INPUT...\n"
+        "  cutlark-cli process [--set NAME=VALUE]... [--preset FILE.json] [-o DIR | --in-place] "
+        "[--overwrite] [--jobs N] INPUT...\n"
         "  cutlark-cli trace [--set NAME=VALUE]... [--preset FILE.json] -o OUT.svg INPUT\n"
         "  cutlark-cli split [-o DIR] INPUT...\n"
         "  cutlark-cli info INPUT...\n"
@@ -15,8 +16,10 @@ QString CliOptions::usage() {
         "\n"
         "INPUT may be an image file or a folder (its images, in name order).\n"
         "process writes <stem>-out.<ext> beside each input, or into DIR, or over the input with --in-place,\n"
-        "and prints one JSON object per input. A result that exists already is left alone unless --overwrite\n"
-        "is given; two inputs never share an output (the later one gets <stem>-out-2.<ext>). trace runs the same pipeline, then the trace the settings\n"
+        "and prints one JSON object per input. A result that exists already is left alone unless "
+        "--overwrite\n"
+        "is given; two inputs never share an output (the later one gets <stem>-out-2.<ext>). trace runs the "
+        "same pipeline, then the trace the settings\n"
         "choose (silhouette, outline or full colour), and writes its SVG. Settings are named as\n"
         "`cutlark-cli settings` lists them.\n");
 }
@@ -25,14 +28,21 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
     out = CliOptions();
     if (arguments.isEmpty()) return QStringLiteral("no command given");
     const QString& command = arguments.first();
-    if (command == QLatin1String("settings")) out.command = Command::settings;
-    else if (command == QLatin1String("info")) out.command = Command::info;
-    else if (command == QLatin1String("process")) out.command = Command::process;
-    else if (command == QLatin1String("trace")) out.command = Command::trace;
-    else if (command == QLatin1String("split")) out.command = Command::split;
-    else if (command == QLatin1String("help") || command == QLatin1String("--help") || command == QLatin1String("-h"))
+    if (command == QLatin1String("settings"))
+        out.command = Command::settings;
+    else if (command == QLatin1String("info"))
+        out.command = Command::info;
+    else if (command == QLatin1String("process"))
+        out.command = Command::process;
+    else if (command == QLatin1String("trace"))
+        out.command = Command::trace;
+    else if (command == QLatin1String("split"))
+        out.command = Command::split;
+    else if (command == QLatin1String("help") || command == QLatin1String("--help") ||
+             command == QLatin1String("-h"))
         out.command = Command::help;
-    else return QStringLiteral("unknown command “%1”").arg(command);
+    else
+        return QStringLiteral("unknown command “%1”").arg(command);
 
     const bool takesOptions =
         out.command == Command::process || out.command == Command::trace || out.command == Command::split;
@@ -81,7 +91,8 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
             return QStringLiteral("unknown option “%1”").arg(a);
         }
     }
-    if (out.inPlace && !out.outputDir.isEmpty()) return QStringLiteral("-o and --in-place exclude each other");
+    if (out.inPlace && !out.outputDir.isEmpty())
+        return QStringLiteral("-o and --in-place exclude each other");
     if (out.command != Command::settings && out.command != Command::help && out.inputs.isEmpty())
         return QStringLiteral("no input given");
     if (out.command == Command::split && (out.inPlace || !out.sets.isEmpty() || !out.presetPath.isEmpty()))

@@ -2,19 +2,19 @@
 
 #include "engines/CollageSplitter.h"
 #include "model/CropModel.h"
-#include "support/AtomicFile.h"
 #include "model/ImageFile.h"
-#include "support/NaturalOrder.h"
+#include "support/AtomicFile.h"
 #include "support/MemoryBudget.h"
+#include "support/NaturalOrder.h"
 #include "support/OrderedWork.h"
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QSet>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QSet>
 
 #include <unistd.h>
 
@@ -32,7 +32,8 @@ public:
     explicit CliPanels(QString outputDir) : m_outputDir(std::move(outputDir)) {}
 
     std::optional<QStringList> openImages(bool) override { return std::nullopt; }
-    std::optional<QString> saveFile(const QString& directory, const QString& proposedName, const QString&) override {
+    std::optional<QString> saveFile(const QString& directory, const QString& proposedName,
+                                    const QString&) override {
         if (!m_forced.isEmpty()) return m_chosen = m_forced;
         const QString folder = m_outputDir.isEmpty() ? directory : m_outputDir;
         m_chosen = QDir(folder).filePath(proposedName);
@@ -51,7 +52,9 @@ private:
     QString m_forced;
 };
 
-QJsonArray rectJson(const QRectF& r) { return QJsonArray{r.x(), r.y(), r.width(), r.height()}; }
+QJsonArray rectJson(const QRectF& r) {
+    return QJsonArray{r.x(), r.y(), r.width(), r.height()};
+}
 
 /// What one input turned into, ready to print.
 struct Outcome {
@@ -61,13 +64,15 @@ struct Outcome {
 
 /// Where one input's result goes, worked out for the whole run before any work starts.
 struct Plan {
-    QString input;           ///< as expanded from the arguments
-    QString folder;          ///< where a new result goes (unused with --in-place)
-    int number = 1;          ///< 1: <stem>-out.<ext>; n: <stem>-out-n.<ext>
-    QStringList extensions;  ///< every extension the result can end up with
+    QString input;          ///< as expanded from the arguments
+    QString folder;         ///< where a new result goes (unused with --in-place)
+    int number = 1;         ///< 1: <stem>-out.<ext>; n: <stem>-out-n.<ext>
+    QStringList extensions; ///< every extension the result can end up with
 };
 
-QString stemOf(const QString& path) { return QFileInfo(path).completeBaseName(); }
+QString stemOf(const QString& path) {
+    return QFileInfo(path).completeBaseName();
+}
 
 QString numberedName(const QString& stem, int number, const QString& extension) {
     return stem + QStringLiteral("-out") + (number > 1 ? QStringLiteral("-%1").arg(number) : QString()) +
@@ -81,7 +86,8 @@ bool mayForcePng(const Settings& s) {
     CropModel probe;
     probe.applySettings(s);
     const bool covered = s.backgroundEnabled && probe.backgroundIsOpaque();
-    return (s.resizeEnabled && s.resizeCanvas) || (!covered && (s.keyWhiteEnabled || s.stickerEnabled || s.paddingEnabled));
+    return (s.resizeEnabled && s.resizeCanvas) ||
+           (!covered && (s.keyWhiteEnabled || s.stickerEnabled || s.paddingEnabled));
 }
 
 /// Numbers the results so that no two inputs of the run can write the same file, whatever type
@@ -93,9 +99,9 @@ std::vector<Plan> planOutputs(const QStringList& inputs, const CliOptions& optio
     for (const QString& input : inputs) {
         Plan plan;
         plan.input = input;
-        plan.folder = QDir::cleanPath(QFileInfo(options.outputDir.isEmpty() ? QFileInfo(input).absolutePath()
-                                                                           : options.outputDir)
-                                          .absoluteFilePath());
+        plan.folder = QDir::cleanPath(
+            QFileInfo(options.outputDir.isEmpty() ? QFileInfo(input).absolutePath() : options.outputDir)
+                .absoluteFilePath());
         QString own = QFileInfo(input).suffix();
         if (own.isEmpty()) own = QStringLiteral("png");
         plan.extensions = {own};
@@ -108,9 +114,11 @@ std::vector<Plan> planOutputs(const QStringList& inputs, const CliOptions& optio
         };
         for (int n = 1;; ++n) {
             bool free = true;
-            for (const QString& ext : plan.extensions) free = free && !taken.contains(key(n, ext));
+            for (const QString& ext : plan.extensions)
+                free = free && !taken.contains(key(n, ext));
             if (!free) continue;
-            for (const QString& ext : plan.extensions) taken.insert(key(n, ext));
+            for (const QString& ext : plan.extensions)
+                taken.insert(key(n, ext));
             plan.number = n;
             break;
         }
@@ -123,11 +131,14 @@ std::vector<Plan> planOutputs(const QStringList& inputs, const CliOptions& optio
 QSet<QString> plannedResults(const std::vector<Plan>& plans) {
     QSet<QString> out;
     for (const Plan& p : plans)
-        for (const QString& ext : p.extensions) out.insert(QDir(p.folder).filePath(numberedName(stemOf(p.input), p.number, ext)));
+        for (const QString& ext : p.extensions)
+            out.insert(QDir(p.folder).filePath(numberedName(stemOf(p.input), p.number, ext)));
     return out;
 }
 
-QString absolute(const QString& path) { return QDir::cleanPath(QFileInfo(path).absoluteFilePath()); }
+QString absolute(const QString& path) {
+    return QDir::cleanPath(QFileInfo(path).absoluteFilePath());
+}
 
 /// What the whole run shares: the settings, the options, the inputs (absolute) and whether subject
 /// mode can run.
@@ -155,7 +166,8 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
     if (const auto size = ImageFile::probeSize(input)) {
         const qint64 bytes = qint64(size->width()) * size->height() * 4;
         memory = MemoryBudget::waitHold(bytes * (1 + MemoryBudget::kWorkFactor));
-        if (!memory) return fail(QCoreApplication::translate("cutlark::CropModel", "1 file couldn’t be opened."));
+        if (!memory)
+            return fail(QCoreApplication::translate("cutlark::CropModel", "1 file couldn’t be opened."));
     }
 
     CropModel model;
@@ -169,7 +181,8 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
     model.applySettings(run.settings);
     // Sizes given by name are written again, as a person would type them, so that a locked aspect
     // follows the image as it stands before the resize.
-    for (const QString& name : run.sizeWrites) model.writeSetting(name, run.settings);
+    for (const QString& name : run.sizeWrites)
+        model.writeSetting(name, run.settings);
     if (model.wantsVision() && !model.subjectModeOffered())
         return fail(QStringLiteral("subject mode needs the subject network, which isn’t installed; "
                                    "run scripts/setup.sh (or ./run.sh) to fetch it"));
@@ -186,11 +199,14 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
                                              stemOf(sourcePath) + QStringLiteral(".png"))
                                   : absolute(sourcePath);
         if (target != absolute(sourcePath) && run.inputs.contains(target))
-            return fail(QStringLiteral("the result would be written as “%1”, which is another input; nothing was written")
-                            .arg(QFileInfo(target).fileName()));
+            return fail(
+                QStringLiteral(
+                    "the result would be written as “%1”, which is another input; nothing was written")
+                    .arg(QFileInfo(target).fileName()));
     } else {
         const QString proposed = model.proposedNewFileName(*item);
-        target = QDir(plan.folder).filePath(numberedName(stemOf(sourcePath), plan.number, QFileInfo(proposed).suffix()));
+        target = QDir(plan.folder)
+                     .filePath(numberedName(stemOf(sourcePath), plan.number, QFileInfo(proposed).suffix()));
     }
     outcome.json.insert(QStringLiteral("output"), target);
     // A result from before is not replaced unless asked; the file the input itself is, is.
@@ -222,7 +238,8 @@ Outcome infoOne(const QString& input) {
     const CropModel::Item* item = model.active();
     if (!item) {
         outcome.failed = true;
-        outcome.json.insert(QStringLiteral("error"), model.errorMessage().value_or(QStringLiteral("can’t open")));
+        outcome.json.insert(QStringLiteral("error"),
+                            model.errorMessage().value_or(QStringLiteral("can’t open")));
         return outcome;
     }
     outcome.json.insert(QStringLiteral("width"), double(item->buffer.width()));
@@ -230,10 +247,14 @@ Outcome infoOne(const QString& input) {
     outcome.json.insert(QStringLiteral("type"), item->type);
     const Settings defaults;
     const auto content = CropEngine::contentRect(item->buffer, defaults.threshold);
-    outcome.json.insert(QStringLiteral("contentRect"), content ? QJsonValue(rectJson(*content)) : QJsonValue());
-    outcome.json.insert(QStringLiteral("mostlyWhite"), CropEngine::backgroundIsMostlyWhite(item->buffer, CropEngine::kMostlyWhiteEdgeFraction));
+    outcome.json.insert(QStringLiteral("contentRect"),
+                        content ? QJsonValue(rectJson(*content)) : QJsonValue());
+    outcome.json.insert(
+        QStringLiteral("mostlyWhite"),
+        CropEngine::backgroundIsMostlyWhite(item->buffer, CropEngine::kMostlyWhiteEdgeFraction));
     QJsonArray pieces;
-    for (const QRectF& r : model.collageRects()) pieces.append(rectJson(r));
+    for (const QRectF& r : model.collageRects())
+        pieces.append(rectJson(r));
     outcome.json.insert(QStringLiteral("collageRects"), pieces);
     return outcome;
 }
@@ -275,7 +296,8 @@ void CliRunner::progress(qsizetype done, qsizetype total) {
 
 int CliRunner::reportFailures(const QStringList& failures) {
     if (failures.isEmpty()) return 0;
-    for (const QString& f : failures) std::fprintf(m_err, "cutlark-cli: failed: %s\n", qPrintable(f));
+    for (const QString& f : failures)
+        std::fprintf(m_err, "cutlark-cli: failed: %s\n", qPrintable(f));
     return 1;
 }
 
@@ -328,12 +350,14 @@ int CliRunner::runInfo(const CliOptions& options) {
     for (const QString& input : inputs) {
         const Outcome o = infoOne(input);
         print(o.json);
-        if (o.failed) failures << input + QStringLiteral(": ") + o.json.value(QStringLiteral("error")).toString();
+        if (o.failed)
+            failures << input + QStringLiteral(": ") + o.json.value(QStringLiteral("error")).toString();
     }
     return reportFailures(failures);
 }
 
-std::optional<int> CliRunner::readSettings(const CliOptions& options, Settings& settings, QStringList& sizeWrites) {
+std::optional<int> CliRunner::readSettings(const CliOptions& options, Settings& settings,
+                                           QStringList& sizeWrites) {
     if (!options.presetPath.isEmpty()) {
         QFile file(options.presetPath);
         if (!file.open(QIODevice::ReadOnly)) {
@@ -382,7 +406,8 @@ int CliRunner::runTrace(const CliOptions& options) {
         return 1;
     }
     model.applySettings(settings);
-    for (const QString& name : sizeWrites) model.writeSetting(name, settings);
+    for (const QString& name : sizeWrites)
+        model.writeSetting(name, settings);
     const auto svg = model.currentSVG();
     if (!svg) {
         const QString status = model.vectorStatusText().value_or(QStringLiteral("No output."));
@@ -408,7 +433,8 @@ int CliRunner::runTrace(const CliOptions& options) {
 }
 
 int CliRunner::runSplit(const CliOptions& options) {
-    if (!options.outputDir.isEmpty() && !QFileInfo(options.outputDir).isDir() && !QDir().mkpath(options.outputDir)) {
+    if (!options.outputDir.isEmpty() && !QFileInfo(options.outputDir).isDir() &&
+        !QDir().mkpath(options.outputDir)) {
         std::fprintf(m_err, "cutlark-cli: can’t create the folder “%s”\n", qPrintable(options.outputDir));
         return 2;
     }
@@ -420,8 +446,10 @@ int CliRunner::runSplit(const CliOptions& options) {
         model.setPanels(&panels);
         model.open({input});
         QString error;
-        if (model.items().empty()) error = model.errorMessage().value_or(QStringLiteral("can’t open"));
-        else if (model.collageRects().size() < 2) error = QStringLiteral("not a collage");
+        if (model.items().empty())
+            error = model.errorMessage().value_or(QStringLiteral("can’t open"));
+        else if (model.collageRects().size() < 2)
+            error = QStringLiteral("not a collage");
         else {
             model.splitCollage();
             if (model.errorMessage()) error = *model.errorMessage();
@@ -431,7 +459,8 @@ int CliRunner::runSplit(const CliOptions& options) {
             failures << input + QStringLiteral(": ") + error;
         } else {
             QJsonArray pieces;
-            for (const auto& item : model.items()) pieces.append(item.url);
+            for (const auto& item : model.items())
+                pieces.append(item.url);
             json.insert(QStringLiteral("pieces"), pieces);
             if (model.noticeMessage()) json.insert(QStringLiteral("notice"), *model.noticeMessage());
         }
@@ -468,8 +497,10 @@ int CliRunner::runProcess(const CliOptions& options) {
         const QSet<QString> results = plannedResults(planOutputs(inputs, options, forcePngPossible));
         QStringList kept;
         for (const QString& input : std::as_const(inputs)) {
-            if (results.contains(absolute(input))) std::fprintf(m_err, "cutlark-cli: %s: left out, a result of this run\n", qPrintable(input));
-            else kept << input;
+            if (results.contains(absolute(input)))
+                std::fprintf(m_err, "cutlark-cli: %s: left out, a result of this run\n", qPrintable(input));
+            else
+                kept << input;
         }
         inputs = kept;
     }
@@ -477,7 +508,8 @@ int CliRunner::runProcess(const CliOptions& options) {
         std::fprintf(m_err, "cutlark-cli: No supported images found.\n");
         return 1;
     }
-    for (const QString& input : std::as_const(inputs)) run.inputs.insert(absolute(input));
+    for (const QString& input : std::as_const(inputs))
+        run.inputs.insert(absolute(input));
     const std::vector<Plan> plans = planOutputs(inputs, options, forcePngPossible);
 
     // N workers take the inputs in turn, each with a model of its own, so at most N images are in
@@ -489,8 +521,8 @@ int CliRunner::runProcess(const CliOptions& options) {
         } catch (const std::exception& e) {
             // Out of memory, or a library's error, for this input alone: the others go on.
             return Outcome{QJsonObject{{QStringLiteral("input"), inputs[i]},
-                                       {QStringLiteral("error"),
-                                        QStringLiteral("couldn’t be processed: %1").arg(QString::fromLocal8Bit(e.what()))}},
+                                       {QStringLiteral("error"), QStringLiteral("couldn’t be processed: %1")
+                                                                     .arg(QString::fromLocal8Bit(e.what()))}},
                            true};
         }
     });
@@ -498,7 +530,8 @@ int CliRunner::runProcess(const CliOptions& options) {
     for (qsizetype i = 0; i < total; ++i) {
         const Outcome o = *work.next();
         print(o.json);
-        if (o.failed) failures << inputs[i] + QStringLiteral(": ") + o.json.value(QStringLiteral("error")).toString();
+        if (o.failed)
+            failures << inputs[i] + QStringLiteral(": ") + o.json.value(QStringLiteral("error")).toString();
         progress(i + 1, total);
     }
     return reportFailures(failures);

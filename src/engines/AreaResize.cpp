@@ -50,7 +50,8 @@ inline void store4(__m128 v, uint8_t* p) {
 
 } // namespace
 
-void shrink(const uint8_t* src, int sw, int sh, size_t srcStride, uint8_t* dst, int dw, int dh, size_t dstStride) {
+void shrink(const uint8_t* src, int sw, int sh, size_t srcStride, uint8_t* dst, int dw, int dh,
+            size_t dstStride) {
     const Split xs = splitAxis(sw, dw), ys = splitAxis(sh, dh);
     const __m128 norm = _mm_set1_ps(float(double(dw) * dh / (double(sw) * sh)));
     // One filtered source row, and the output row being filled plus the one after it.
@@ -80,7 +81,8 @@ void shrink(const uint8_t* src, int sw, int sh, size_t srcStride, uint8_t* dst, 
         const int o = ys.to[size_t(y)];
         while (filling < o) { // every source row of `filling` is in: write it out
             uint8_t* out = dst + size_t(filling) * dstStride;
-            for (int x = 0; x < dw; ++x) store4(_mm_mul_ps(current[size_t(x)], norm), out + 4 * x);
+            for (int x = 0; x < dw; ++x)
+                store4(_mm_mul_ps(current[size_t(x)], norm), out + 4 * x);
             current.swap(next);
             std::fill(next.begin(), next.end(), _mm_setzero_ps());
             ++filling;
@@ -94,12 +96,14 @@ void shrink(const uint8_t* src, int sw, int sh, size_t srcStride, uint8_t* dst, 
                 next[x] = _mm_add_ps(next[x], _mm_sub_ps(row[x], part));
             }
         } else {
-            for (size_t x = 0; x < width; ++x) current[x] = _mm_add_ps(current[x], row[x]);
+            for (size_t x = 0; x < width; ++x)
+                current[x] = _mm_add_ps(current[x], row[x]);
         }
     }
     for (; filling < dh; ++filling) {
         uint8_t* out = dst + size_t(filling) * dstStride;
-        for (int x = 0; x < dw; ++x) store4(_mm_mul_ps(current[size_t(x)], norm), out + 4 * x);
+        for (int x = 0; x < dw; ++x)
+            store4(_mm_mul_ps(current[size_t(x)], norm), out + 4 * x);
         current.swap(next);
         std::fill(next.begin(), next.end(), _mm_setzero_ps());
     }

@@ -12,6 +12,7 @@ namespace cutlark::AreaResize {
 /// One pass over the source: each source pixel is spread over the one or two output columns it
 /// overlaps, each filtered row over the one or two output rows it overlaps. Requires
 /// `dw` ≤ `sw` and `dh` ≤ `sh` (all at least 1); strides are in bytes.
-void shrink(const uint8_t* src, int sw, int sh, size_t srcStride, uint8_t* dst, int dw, int dh, size_t dstStride);
+void shrink(const uint8_t* src, int sw, int sh, size_t srcStride, uint8_t* dst, int dw, int dh,
+            size_t dstStride);
 
 } // namespace cutlark::AreaResize

@@ -44,7 +44,8 @@ size_t idleLimit() {
     static const size_t limit = [] {
         const long pages = sysconf(_SC_PHYS_PAGES);
         const long pageSize = sysconf(_SC_PAGESIZE);
-        const size_t physical = (pages > 0 && pageSize > 0) ? size_t(pages) * size_t(pageSize) : size_t(4) << 30;
+        const size_t physical =
+            (pages > 0 && pageSize > 0) ? size_t(pages) * size_t(pageSize) : size_t(4) << 30;
         return std::clamp(physical / 16, size_t(256) << 20, size_t(1) << 30);
     }();
     return limit;
@@ -60,8 +61,12 @@ void adviseHugePages(void* begin, size_t bytes) {
     if (last > first) madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
 }
 
-void* payload(Header* h) { return reinterpret_cast<uint8_t*>(h) + sizeof(Header); }
-Header* headerOf(void* p) { return reinterpret_cast<Header*>(static_cast<uint8_t*>(p) - sizeof(Header)); }
+void* payload(Header* h) {
+    return reinterpret_cast<uint8_t*>(h) + sizeof(Header);
+}
+Header* headerOf(void* p) {
+    return reinterpret_cast<Header*>(static_cast<uint8_t*>(p) - sizeof(Header));
+}
 
 } // namespace
 
@@ -111,7 +116,8 @@ void BufferPool::release(void* block) {
             pl.idle.erase(pl.idle.begin());
         }
     }
-    for (Header* f : freed) std::free(f);
+    for (Header* f : freed)
+        std::free(f);
 }
 
 size_t BufferPool::idleBytes() {
@@ -128,7 +134,8 @@ void BufferPool::trim() {
         all.swap(pl.idle);
         pl.idleBytes = 0;
     }
-    for (const Idle& i : all) std::free(i.block);
+    for (const Idle& i : all)
+        std::free(i.block);
 }
 
 } // namespace cutlark

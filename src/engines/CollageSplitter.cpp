@@ -26,8 +26,7 @@ struct Mask {
     const uint8_t* row(int y) const { return bytes + qsizetype(y) * width; }
 };
 
-CUTLARK_CLONES void markBlank(const uchar* pixels, qsizetype count, uint32_t floor,
-                                                                 uint8_t* mask) {
+CUTLARK_CLONES void markBlank(const uchar* pixels, qsizetype count, uint32_t floor, uint8_t* mask) {
     const auto* px = reinterpret_cast<const uint32_t*>(pixels);
     for (qsizetype i = 0; i < count; ++i) {
         const uint32_t v = px[i];
@@ -39,13 +38,15 @@ CUTLARK_CLONES void markBlank(const uchar* pixels, qsizetype count, uint32_t flo
 // Content pixels of a stretch of one row.
 CUTLARK_CLONES int contentIn(const uint8_t* m, int n) {
     int count = 0;
-    for (int i = 0; i < n; ++i) count += m[i] == 0;
+    for (int i = 0; i < n; ++i)
+        count += m[i] == 0;
     return count;
 }
 
 // Adds each column's content pixels over the rows of `r` into `counts`.
 CUTLARK_CLONES void addColumns(const uint8_t* m, int n, int* counts) {
-    for (int i = 0; i < n; ++i) counts[i] += m[i] == 0;
+    for (int i = 0; i < n; ++i)
+        counts[i] += m[i] == 0;
 }
 
 // The tight box of the content pixels inside `r`.
@@ -57,7 +58,8 @@ std::optional<IRect> content(const Mask& mask, const IRect& r) {
         if (!first) continue;
         const int left = int(static_cast<const uint8_t*>(first) - row);
         int right = r.w - 1;
-        while (row[right] != 0) --right;
+        while (row[right] != 0)
+            --right;
         minX = std::min(minX, left);
         maxX = std::max(maxX, right);
         if (minY < 0) minY = y;
@@ -93,8 +95,10 @@ std::optional<std::vector<IRect>> split(const Mask& mask, const IRect& r, bool h
     } else {
         // Columns are counted row by row, which reads memory in order.
         std::vector<int> counts(size_t(n), 0);
-        for (int y = r.y; y < r.y + r.h; ++y) addColumns(mask.row(y) + r.x, n, counts.data());
-        for (int i = 0; i < n; ++i) empty[size_t(i)] = counts[size_t(i)] <= tolerance;
+        for (int y = r.y; y < r.y + r.h; ++y)
+            addColumns(mask.row(y) + r.x, n, counts.data());
+        for (int i = 0; i < n; ++i)
+            empty[size_t(i)] = counts[size_t(i)] <= tolerance;
     }
 
     std::vector<int> cuts;
@@ -105,7 +109,8 @@ std::optional<std::vector<IRect>> split(const Mask& mask, const IRect& r, bool h
             continue;
         }
         const int first = i;
-        while (i < n && empty[size_t(i)]) ++i;
+        while (i < n && empty[size_t(i)])
+            ++i;
         const int last = i - 1;
         if (last == n - 1) break;                   // an outer margin ends the walk
         if (first == 0) continue;                   // an outer margin makes no cut
@@ -128,11 +133,13 @@ std::optional<std::vector<IRect>> split(const Mask& mask, const IRect& r, bool h
 // just cut; leaves come out depth first.
 void cut(const Mask& mask, const IRect& r, bool horizontalFirst, int minGutter, std::vector<IRect>& leaves) {
     if (auto parts = split(mask, r, horizontalFirst, minGutter)) {
-        for (const IRect& part : *parts) cut(mask, part, !horizontalFirst, minGutter, leaves);
+        for (const IRect& part : *parts)
+            cut(mask, part, !horizontalFirst, minGutter, leaves);
         return;
     }
     if (auto parts = split(mask, r, !horizontalFirst, minGutter)) {
-        for (const IRect& part : *parts) cut(mask, part, horizontalFirst, minGutter, leaves);
+        for (const IRect& part : *parts)
+            cut(mask, part, horizontalFirst, minGutter, leaves);
         return;
     }
     leaves.push_back(r);
@@ -153,7 +160,8 @@ int blankFloor(double threshold) {
 QList<QRectF> pieces(const CropEngine::Buffer& buffer, double threshold) {
     const qint64 W = buffer.width(), H = buffer.height();
     if (W < 9 || H < 9) return {};
-    std::unique_ptr<uint8_t, PoolBytes> bytes(static_cast<uint8_t*>(BufferPool::acquire(size_t(W) * size_t(H))));
+    std::unique_ptr<uint8_t, PoolBytes> bytes(
+        static_cast<uint8_t*>(BufferPool::acquire(size_t(W) * size_t(H))));
     if (!bytes) return {};
     markBlank(buffer.pixels(), W * H, uint32_t(blankFloor(threshold)), bytes.get());
     const Mask mask{bytes.get(), int(W)};
@@ -178,7 +186,8 @@ QList<QRectF> pieces(const CropEngine::Buffer& buffer, double threshold) {
     std::stable_sort(kept.begin(), kept.end(),
                      [](const IRect& a, const IRect& b) { return qint64(a.w) * a.h > qint64(b.w) * b.h; });
     QList<QRectF> out;
-    for (const IRect& r : kept) out.append(QRectF(r.x, r.y, r.w, r.h));
+    for (const IRect& r : kept)
+        out.append(QRectF(r.x, r.y, r.w, r.h));
     return out;
 }
 

@@ -15,10 +15,14 @@ std::optional<quint32> hexValue(QStringView digits) {
         // Digits only: QString::toUInt would also take a "0x" prefix or a sign.
         const char16_t u = c.unicode();
         quint32 digit = 0;
-        if (u >= '0' && u <= '9') digit = u - '0';
-        else if (u >= 'a' && u <= 'f') digit = u - 'a' + 10;
-        else if (u >= 'A' && u <= 'F') digit = u - 'A' + 10;
-        else return std::nullopt;
+        if (u >= '0' && u <= '9')
+            digit = u - '0';
+        else if (u >= 'a' && u <= 'f')
+            digit = u - 'a' + 10;
+        else if (u >= 'A' && u <= 'F')
+            digit = u - 'A' + 10;
+        else
+            return std::nullopt;
         value = value * 16 + digit;
     }
     return value;

@@ -18,7 +18,9 @@ bool isSrgb(const QImage& image) {
     return !cs.isValid() || cs == QColorSpace(QColorSpace::SRgb);
 }
 
-void deleteImage(void* info) { delete static_cast<QImage*>(info); }
+void deleteImage(void* info) {
+    delete static_cast<QImage*>(info);
+}
 
 // Mirror and quarter turn of an image with 32-bit pixels, as pure pixel moves: destination (x, y)
 // reads the source at a fixed linear offset in x and y, so each row is one strided walk. Odd turns
@@ -33,12 +35,32 @@ QImage moved32(const QImage& src, int q, bool mirrored) {
     // q=0: m(x, y)   q=1: m(y, H-1-x)   q=2: m(W-1-x, H-1-y)   q=3: m(W-1-y, x).
     qint64 ax = 0, bx = 0, cx = 0, ay = 0, by = 0, cy = 0; // mx = ax·x + bx·y + cx, my = ay·x + by·y + cy
     switch (q) {
-    case 0: ax = 1; by = 1; break;
-    case 1: bx = 1; ay = -1; cy = H - 1; break;
-    case 2: ax = -1; cx = W - 1; by = -1; cy = H - 1; break;
-    default: bx = -1; cx = W - 1; ay = 1; break;
+    case 0:
+        ax = 1;
+        by = 1;
+        break;
+    case 1:
+        bx = 1;
+        ay = -1;
+        cy = H - 1;
+        break;
+    case 2:
+        ax = -1;
+        cx = W - 1;
+        by = -1;
+        cy = H - 1;
+        break;
+    default:
+        bx = -1;
+        cx = W - 1;
+        ay = 1;
+        break;
     }
-    if (mirrored) { ax = -ax; bx = -bx; cx = W - 1 - cx; }
+    if (mirrored) {
+        ax = -ax;
+        bx = -bx;
+        cx = W - 1 - cx;
+    }
     const qint64 stride = src.bytesPerLine() / 4;
     const qint64 stepX = ay * stride + ax, stepY = by * stride + bx, origin = cy * stride + cx;
     const uint32_t* base = reinterpret_cast<const uint32_t*>(src.constBits());
@@ -49,7 +71,8 @@ QImage moved32(const QImage& src, int q, bool mirrored) {
         for (qint64 y = 0; y < dh; ++y) {
             uint32_t* d = PixelOps::row(out, int(y));
             const uint32_t* s = base + origin + stepY * y;
-            for (qint64 x = x0; x < x1; ++x) d[x] = s[stepX * x];
+            for (qint64 x = x0; x < x1; ++x)
+                d[x] = s[stepX * x];
         }
     }
     out.setColorSpace(src.colorSpace());
@@ -61,15 +84,15 @@ QImage moved32(const QImage& src, int q, bool mirrored) {
 } // namespace
 
 Buffer::Buffer(QImage image, QImage store)
-    : m_image(std::move(image)), m_store(std::move(store)), m_width(m_image.width()), m_height(m_image.height()) {}
+    : m_image(std::move(image)), m_store(std::move(store)), m_width(m_image.width()),
+      m_height(m_image.height()) {}
 
 std::optional<Buffer> Buffer::make(const QImage& image) {
     if (image.isNull() || image.width() < 1 || image.height() < 1) return std::nullopt;
     // Opaque RGBX has the very bytes of premultiplied RGBA with alpha 255, so it is shared too.
-    const bool layout = image.format() == QImage::Format_RGBA8888_Premultiplied ||
-                        image.format() == QImage::Format_RGBX8888;
-    if (layout && isSrgb(image) &&
-        image.bytesPerLine() == qsizetype(image.width()) * 4)
+    const bool layout =
+        image.format() == QImage::Format_RGBA8888_Premultiplied || image.format() == QImage::Format_RGBX8888;
+    if (layout && isSrgb(image) && image.bytesPerLine() == qsizetype(image.width()) * 4)
         return Buffer(image, image);
 
     QImage store = image;
@@ -87,8 +110,8 @@ QImage subImage(const QImage& image, const QRect& rect) {
     if (image.depth() < 8 || image.format() == QImage::Format_Indexed8) return image.copy(r);
 
     auto* keep = new QImage(image);
-    const uchar* bits = keep->constBits() + qsizetype(r.y()) * keep->bytesPerLine() +
-                        qsizetype(r.x()) * (keep->depth() / 8);
+    const uchar* bits =
+        keep->constBits() + qsizetype(r.y()) * keep->bytesPerLine() + qsizetype(r.x()) * (keep->depth() / 8);
     QImage view(bits, r.width(), r.height(), keep->bytesPerLine(), keep->format(), deleteImage, keep);
     if (view.isNull()) {
         delete keep;
@@ -123,18 +146,23 @@ QImage cropNormalized(const QImage& image, const QRectF& rect) {
     if (W < 1 || H < 1) return image;
     auto clampD = [](double v, double lo, double hi) { return std::max(lo, std::min(v, hi)); };
     // NaN and infinities fall to the nearest edge rather than poisoning the arithmetic.
-    auto safe = [](double v) { return std::isfinite(v) ? v : (std::isnan(v) ? 0.0 : (v > 0 ? 1e18 : -1e18)); };
+    auto safe = [](double v) {
+        return std::isfinite(v) ? v : (std::isnan(v) ? 0.0 : (v > 0 ? 1e18 : -1e18));
+    };
     const double x = std::max(0.0, std::min(roundHalfAway(clampD(safe(rect.x()) * W, -1e15, 1e15)), W - 1));
     const double y = std::max(0.0, std::min(roundHalfAway(clampD(safe(rect.y()) * H, -1e15, 1e15)), H - 1));
-    const double w = std::max(1.0, std::min(roundHalfAway(clampD(safe(rect.width()) * W, -1e15, 1e15)), W - x));
-    const double h = std::max(1.0, std::min(roundHalfAway(clampD(safe(rect.height()) * H, -1e15, 1e15)), H - y));
+    const double w =
+        std::max(1.0, std::min(roundHalfAway(clampD(safe(rect.width()) * W, -1e15, 1e15)), W - x));
+    const double h =
+        std::max(1.0, std::min(roundHalfAway(clampD(safe(rect.height()) * H, -1e15, 1e15)), H - y));
     if (x == 0 && y == 0 && w == W && h == H) return image;
     const QImage out = subImage(image, QRect(int(x), int(y), int(w), int(h)));
     return out.isNull() ? image : out;
 }
 
 std::optional<QImage> crop(const Buffer& buffer, const QRectF& rect) {
-    if (std::trunc(rect.width()) == double(buffer.width()) && std::trunc(rect.height()) == double(buffer.height()))
+    if (std::trunc(rect.width()) == double(buffer.width()) &&
+        std::trunc(rect.height()) == double(buffer.height()))
         return buffer.cgImage();
     if (!std::isfinite(rect.x()) || !std::isfinite(rect.y()) || !std::isfinite(rect.width()) ||
         !std::isfinite(rect.height()))

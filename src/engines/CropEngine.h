@@ -60,7 +60,6 @@ std::optional<QImage> crop(const Buffer& buffer, const QRectF& rect);
 /// The rectangle is clipped to the image; null when nothing is left.
 QImage subImage(const QImage& image, const QRect& rect);
 
-
 // --- Content bounds ---
 
 /// The tight box of the pixels that are neither near-transparent nor near-white at `threshold`

@@ -30,27 +30,35 @@ struct AlphaTest {
 constexpr int kBig = 64;
 constexpr int kSmall = 8;
 
-template <int N, class Test> inline __attribute__((always_inline)) bool blockHas(const uint32_t* p, Test test) {
+template <int N, class Test>
+inline __attribute__((always_inline)) bool blockHas(const uint32_t* p, Test test) {
     uint32_t any = 0;
-    for (int k = 0; k < N; ++k) any |= uint32_t(test(p[k]));
+    for (int k = 0; k < N; ++k)
+        any |= uint32_t(test(p[k]));
     return any != 0;
 }
 
 // First qualifying x in [from, to), or −1.
-template <class Test> inline __attribute__((always_inline)) int firstIn(const uint32_t* row, int from, int to, Test test) {
+template <class Test>
+inline __attribute__((always_inline)) int firstIn(const uint32_t* row, int from, int to, Test test) {
     int x = from;
-    while (x + kBig <= to && !blockHas<kBig>(row + x, test)) x += kBig;
-    while (x + kSmall <= to && !blockHas<kSmall>(row + x, test)) x += kSmall;
+    while (x + kBig <= to && !blockHas<kBig>(row + x, test))
+        x += kBig;
+    while (x + kSmall <= to && !blockHas<kSmall>(row + x, test))
+        x += kSmall;
     for (; x < to; ++x)
         if (test(row[x])) return x;
     return -1;
 }
 
 // Last qualifying x in [from, to), or −1.
-template <class Test> inline __attribute__((always_inline)) int lastIn(const uint32_t* row, int from, int to, Test test) {
+template <class Test>
+inline __attribute__((always_inline)) int lastIn(const uint32_t* row, int from, int to, Test test) {
     int end = to;
-    while (end - kBig >= from && !blockHas<kBig>(row + end - kBig, test)) end -= kBig;
-    while (end - kSmall >= from && !blockHas<kSmall>(row + end - kSmall, test)) end -= kSmall;
+    while (end - kBig >= from && !blockHas<kBig>(row + end - kBig, test))
+        end -= kBig;
+    while (end - kSmall >= from && !blockHas<kSmall>(row + end - kSmall, test))
+        end -= kSmall;
     for (int x = end - 1; x >= from; --x)
         if (test(row[x])) return x;
     return -1;
@@ -60,7 +68,8 @@ template <class Test> inline __attribute__((always_inline)) int lastIn(const uin
 // far and from the right only down to it; the inside of the box is looked at only to learn whether
 // the row holds anything at all. The result is that of testing every pixel.
 template <class Test>
-inline __attribute__((always_inline)) std::optional<QRectF> bounds(const uchar* pixels, int w, int h, Test test) {
+inline __attribute__((always_inline)) std::optional<QRectF> bounds(const uchar* pixels, int w, int h,
+                                                                   Test test) {
     int minX = w, maxX = -1, minY = -1, maxY = -1;
     for (int y = 0; y < h; ++y) {
         const uint32_t* row = reinterpret_cast<const uint32_t*>(pixels) + qsizetype(y) * w;
@@ -85,13 +94,12 @@ inline __attribute__((always_inline)) std::optional<QRectF> bounds(const uchar* 
     return QRectF(minX, minY, maxX - minX + 1, maxY - minY + 1);
 }
 
-CUTLARK_CLONES std::optional<QRectF>
-contentBounds(const uchar* pixels, int w, int h, uint32_t alphaFloor, uint32_t whiteFloor) {
+CUTLARK_CLONES std::optional<QRectF> contentBounds(const uchar* pixels, int w, int h, uint32_t alphaFloor,
+                                                   uint32_t whiteFloor) {
     return bounds(pixels, w, h, ContentTest{alphaFloor, whiteFloor});
 }
 
-CUTLARK_CLONES std::optional<QRectF> alphaBounds(const uchar* pixels, int w, int h,
-                                                                                    uint32_t minAlpha) {
+CUTLARK_CLONES std::optional<QRectF> alphaBounds(const uchar* pixels, int w, int h, uint32_t minAlpha) {
     return bounds(pixels, w, h, AlphaTest{minAlpha});
 }
 
@@ -117,8 +125,8 @@ bool bandPasses(const uchar* pixels, qint64 w, qint64 rowFrom, qint64 rowTo, qin
     for (qint64 y = rowFrom; y < rowTo; ++y) {
         white += countWhite(reinterpret_cast<const uint32_t*>(pixels) + y * w + colFrom, cols);
         seen += cols;
-        if (double(white) / total >= fraction) return true;                           // enough already
-        if (double(white + qint64(total) - seen) / total < fraction) return false;    // can't be enough
+        if (double(white) / total >= fraction) return true;                        // enough already
+        if (double(white + qint64(total) - seen) / total < fraction) return false; // can't be enough
     }
     return double(white) / total >= fraction;
 }
@@ -129,7 +137,7 @@ std::optional<QRectF> contentRect(const Buffer& buffer, double threshold) {
     // Nothing to discard at 0 (or NaN): the whole image, without a look at a pixel.
     if (!(threshold > 0)) return QRectF(0, 0, double(buffer.width()), double(buffer.height()));
     const double t = threshold >= 100 ? 1.0 : threshold / 100;
-    const auto alphaFloor = uint32_t(t * 254);       // 0 … 254
+    const auto alphaFloor = uint32_t(t * 254);        // 0 … 254
     const auto whiteFloor = uint32_t(t * -115 + 255); // 255 … 140
     return contentBounds(buffer.pixels(), int(buffer.width()), int(buffer.height()), alphaFloor, whiteFloor);
 }
@@ -149,8 +157,10 @@ bool backgroundIsMostlyWhite(const Buffer& buffer, double perEdgeFraction) {
     const qint64 bands[4][4] = {{0, b, 0, w}, {h - b, h, 0, w}, {b, h - b, 0, b}, {b, h - b, w - b, w}};
     int passing = 0, failing = 0;
     for (const auto& band : bands) {
-        if (bandPasses(px, w, band[0], band[1], band[2], band[3], perEdgeFraction)) ++passing;
-        else ++failing;
+        if (bandPasses(px, w, band[0], band[1], band[2], band[3], perEdgeFraction))
+            ++passing;
+        else
+            ++failing;
         if (passing >= 3 || failing >= 2) break;
     }
     return passing >= 3;

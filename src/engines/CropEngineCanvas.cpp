@@ -36,7 +36,8 @@ uint32_t premultipliedByte(double c, double a) {
 
 uint32_t packedColor(double r, double g, double b, double a) {
     const uint32_t A = uint32_t(std::lround(std::clamp(a, 0.0, 1.0) * 255.0));
-    return premultipliedByte(r, a) | (premultipliedByte(g, a) << 8) | (premultipliedByte(b, a) << 16) | (A << 24);
+    return premultipliedByte(r, a) | (premultipliedByte(g, a) << 8) | (premultipliedByte(b, a) << 16) |
+           (A << 24);
 }
 
 // Source over: the image's premultiplied pixel over a background pixel.
@@ -62,21 +63,25 @@ inline __attribute__((always_inline)) void overSpan(const uint32_t* s, Backgroun
         if (alpha(all) == 255) {
             std::memcpy(d + x, s + x, kBlock * 4);
         } else if (any == 0) {
-            for (int k = 0; k < kBlock; ++k) d[x + k] = bg(x + k);
+            for (int k = 0; k < kBlock; ++k)
+                d[x + k] = bg(x + k);
         } else {
-            for (int k = 0; k < kBlock; ++k) d[x + k] = over(s[x + k], bg(x + k));
+            for (int k = 0; k < kBlock; ++k)
+                d[x + k] = over(s[x + k], bg(x + k));
         }
     }
-    for (; x < w; ++x) d[x] = over(s[x], bg(x));
+    for (; x < w; ++x)
+        d[x] = over(s[x], bg(x));
 }
 
-CUTLARK_CLONES void overColorRow(const uint32_t* s, uint32_t color, uint32_t* d,
-                                                                    int w) {
-    overSpan(s, [color](int) { return color; }, d, w);
+CUTLARK_CLONES void overColorRow(const uint32_t* s, uint32_t color, uint32_t* d, int w) {
+    overSpan(
+        s, [color](int) { return color; }, d, w);
 }
 
 void overColor(const QImage& src, QImage& dst, uint32_t color) {
-    for (int y = 0; y < src.height(); ++y) overColorRow(row(src, y), color, row(dst, y), src.width());
+    for (int y = 0; y < src.height(); ++y)
+        overColorRow(row(src, y), color, row(dst, y), src.width());
 }
 
 // Premultiplied gradient ends, in bytes as floats; colours in between are interpolated linearly, so a
@@ -97,9 +102,8 @@ struct Ramp {
 // (0 at the start, 1 at the end), `step` its change per pixel, not 0. The end colours extend beyond
 // both ends, so only pixels between them are interpolated; and the colour is worked out only for
 // blocks of the image that aren't opaque, since nothing else shows it.
-CUTLARK_CLONES void overGradientSpan(const uint32_t* s, const Ramp& ramp, float t,
-                                                                        float step, int from, int to, uint32_t left,
-                                                                        uint32_t right, uint32_t* d, int w) {
+CUTLARK_CLONES void overGradientSpan(const uint32_t* s, const Ramp& ramp, float t, float step, int from,
+                                     int to, uint32_t left, uint32_t right, uint32_t* d, int w) {
     const Ramp r = ramp;
     auto colourAt = [&](int x) { return x < from ? left : (x >= to ? right : r.at(t + step * float(x))); };
     int x = 0;
@@ -115,17 +119,21 @@ CUTLARK_CLONES void overGradientSpan(const uint32_t* s, const Ramp& ramp, float 
         }
         uint32_t background[kBlock];
         if (x >= from && x + kBlock <= to) {
-            for (int k = 0; k < kBlock; ++k) background[k] = r.at(t + step * float(x + k));
+            for (int k = 0; k < kBlock; ++k)
+                background[k] = r.at(t + step * float(x + k));
         } else {
-            for (int k = 0; k < kBlock; ++k) background[k] = colourAt(x + k);
+            for (int k = 0; k < kBlock; ++k)
+                background[k] = colourAt(x + k);
         }
         if (any == 0) {
             std::memcpy(d + x, background, kBlock * 4);
             continue;
         }
-        for (int k = 0; k < kBlock; ++k) d[x + k] = over(s[x + k], background[k]);
+        for (int k = 0; k < kBlock; ++k)
+            d[x + k] = over(s[x + k], background[k]);
     }
-    for (; x < w; ++x) d[x] = over(s[x], colourAt(x));
+    for (; x < w; ++x)
+        d[x] = over(s[x], colourAt(x));
 }
 
 void overGradientRow(const uint32_t* s, const Ramp& ramp, double t, double step, uint32_t* d, int w) {
@@ -133,7 +141,8 @@ void overGradientRow(const uint32_t* s, const Ramp& ramp, double t, double step,
     const double lo = std::min(xStart, xEnd), hi = std::max(xStart, xEnd);
     const int from = int(std::clamp(std::ceil(lo), 0.0, double(w)));
     const int to = int(std::clamp(std::floor(hi) + 1, double(from), double(w)));
-    overGradientSpan(s, ramp, float(t), float(step), from, to, ramp.clamped(t), ramp.clamped(t + step * (w - 1)), d, w);
+    overGradientSpan(s, ramp, float(t), float(step), from, to, ramp.clamped(t),
+                     ramp.clamped(t + step * (w - 1)), d, w);
 }
 
 // Copies `src` into `dst` with its top-left corner at (dx, dy) (either may be negative: the image is
@@ -186,7 +195,8 @@ std::optional<QImage> fillColorBackground(const QImage& image, double r, double 
 }
 
 std::optional<QImage> fillGradientBackground(const QImage& image, double r0, double g0, double b0, double a0,
-                                             double r1, double g1, double b1, double a1, double angleDegrees) {
+                                             double r1, double g1, double b1, double a1,
+                                             double angleDegrees) {
     const int W = image.width(), H = image.height();
     if (W < 1 || H < 1 || !std::isfinite(angleDegrees)) return image;
     const QImage src = rgbaPixels(image);
@@ -206,9 +216,17 @@ std::optional<QImage> fillGradientBackground(const QImage& image, double r0, dou
     const double len2 = vx * vx + vy * vy;
 
     // Premultiplied ends in bytes, as floats.
-    auto channel = [](double c, double a) { return float(std::clamp(c, 0.0, 1.0) * std::clamp(a, 0.0, 1.0) * 255.0); };
+    auto channel = [](double c, double a) {
+        return float(std::clamp(c, 0.0, 1.0) * std::clamp(a, 0.0, 1.0) * 255.0);
+    };
     const float sr = channel(r0, a0), sg = channel(g0, a0), sb = channel(b0, a0), sa = channel(1, a0);
-    const Ramp ramp{sr, sg, sb, sa, channel(r1, a1) - sr, channel(g1, a1) - sg, channel(b1, a1) - sb,
+    const Ramp ramp{sr,
+                    sg,
+                    sb,
+                    sa,
+                    channel(r1, a1) - sr,
+                    channel(g1, a1) - sg,
+                    channel(b1, a1) - sb,
                     channel(1, a1) - sa};
     // Position along the axis of each pixel centre; it moves by a constant along a row.
     const double stepX = len2 > 0 ? vx / len2 : 0.0;
@@ -235,9 +253,10 @@ std::optional<QImage> fillImageBackground(const QImage& image, const QImage& bac
     const double dw = factor * background.width(), dh = factor * background.height();
     const qint64 sw = std::max<qint64>(1, std::llround(dw)), sh = std::max<qint64>(1, std::llround(dh));
     if (!canvasFits(sw, sh)) return std::nullopt;
-    const QImage scaled = (sw == background.width() && sh == background.height())
-                              ? background
-                              : background.scaled(int(sw), int(sh), Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+    const QImage scaled =
+        (sw == background.width() && sh == background.height())
+            ? background
+            : background.scaled(int(sw), int(sh), Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
     if (scaled.isNull()) return std::nullopt;
     QPainter painter(&out);
     painter.setRenderHint(QPainter::SmoothPixmapTransform, true);
@@ -279,8 +298,8 @@ std::optional<QImage> resize(const QImage& image, const QSizeF& target) {
         QImage shrunk = newCanvas(*tw, *th);
         if (shrunk.isNull()) return std::nullopt;
         if (!src.hasAlphaChannel()) shrunk.reinterpretAsFormat(src.format()); // opaque stays opaque
-        AreaResize::shrink(src.constBits(), src.width(), src.height(), size_t(src.bytesPerLine()), shrunk.bits(),
-                           shrunk.width(), shrunk.height(), size_t(shrunk.bytesPerLine()));
+        AreaResize::shrink(src.constBits(), src.width(), src.height(), size_t(src.bytesPerLine()),
+                           shrunk.bits(), shrunk.width(), shrunk.height(), size_t(shrunk.bytesPerLine()));
         return shrunk;
     }
     QImage out(int(*tw), int(*th), src.format()); // an opaque image stays opaque

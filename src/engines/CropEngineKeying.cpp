@@ -36,8 +36,7 @@ struct PoolDeleter {
 
 // --- internal mode: every keyable pixel, one pass ---
 
-CUTLARK_CLONES qsizetype firstKeyable(const QImage& image, uint32_t floor,
-                                                                         int& rowOut) {
+CUTLARK_CLONES qsizetype firstKeyable(const QImage& image, uint32_t floor, int& rowOut) {
     const Keyable keyable{floor};
     const int w = image.width();
     for (int y = 0; y < image.height(); ++y) {
@@ -46,7 +45,8 @@ CUTLARK_CLONES qsizetype firstKeyable(const QImage& image, uint32_t floor,
         // Blocks without an exit inside vectorise; the exact pixel is found afterwards.
         for (; x + 16 <= w; x += 16) {
             uint32_t any = 0;
-            for (int k = 0; k < 16; ++k) any |= uint32_t(keyable(r[x + k]));
+            for (int k = 0; k < 16; ++k)
+                any |= uint32_t(keyable(r[x + k]));
             if (any) break;
         }
         for (; x < w; ++x)
@@ -58,14 +58,14 @@ CUTLARK_CLONES qsizetype firstKeyable(const QImage& image, uint32_t floor,
     return -1;
 }
 
-CUTLARK_CLONES void clearKeyableRows(const QImage& src, QImage& dst, int fromRow,
-                                                                        uint32_t floor) {
+CUTLARK_CLONES void clearKeyableRows(const QImage& src, QImage& dst, int fromRow, uint32_t floor) {
     const Keyable keyable{floor};
     const int w = src.width();
     for (int y = fromRow; y < src.height(); ++y) {
         const uint32_t* s = row(src, y);
         uint32_t* d = row(dst, y);
-        for (int x = 0; x < w; ++x) d[x] = keyable(s[x]) ? 0u : s[x];
+        for (int x = 0; x < w; ++x)
+            d[x] = keyable(s[x]) ? 0u : s[x];
     }
 }
 
@@ -75,7 +75,8 @@ std::optional<QImage> keyInternal(const QImage& src, uint32_t floor) {
     QImage out = newCanvas(src.width(), src.height());
     if (out.isNull()) return std::nullopt;
     // Rows above the first keyable one are copied as they are.
-    for (int y = 0; y < firstRow; ++y) std::memcpy(out.scanLine(y), src.constScanLine(y), size_t(src.width()) * 4);
+    for (int y = 0; y < firstRow; ++y)
+        std::memcpy(out.scanLine(y), src.constScanLine(y), size_t(src.width()) * 4);
     clearKeyableRows(src, out, firstRow, floor);
     return out;
 }
@@ -86,8 +87,7 @@ std::optional<QImage> keyInternal(const QImage& src, uint32_t floor) {
 enum : uint8_t { kSolid = 0, kOpen = 1, kCleared = 2 };
 
 // One pass that copies the picture into the result and notes which pixels are keyable.
-CUTLARK_CLONES void copyAndMark(const QImage& src, QImage& dst, uint8_t* map,
-                                                                   uint32_t floor) {
+CUTLARK_CLONES void copyAndMark(const QImage& src, QImage& dst, uint8_t* map, uint32_t floor) {
     const Keyable keyable{floor};
     const int w = src.width();
     for (int y = 0; y < src.height(); ++y) {
@@ -110,7 +110,8 @@ inline int skipCells(const uint8_t* m, int x, int end, uint8_t value) {
         if (word != pattern) break;
         x += 8;
     }
-    while (x < end && m[x] == value) ++x;
+    while (x < end && m[x] == value)
+        ++x;
     return x;
 }
 
@@ -124,7 +125,8 @@ inline int runStart(const uint8_t* m, int from, int x, uint8_t value) {
         if (word != pattern) break;
         x -= 8;
     }
-    while (x - 1 >= from && m[x - 1] == value) --x;
+    while (x - 1 >= from && m[x - 1] == value)
+        --x;
     return x;
 }
 
@@ -172,7 +174,8 @@ std::optional<QImage> keyFlood(const QImage& src, uint32_t floor) {
     if (!borderKeyable) return std::nullopt;
 
     if (qint64(w) * h > qint64(UINT32_MAX)) return std::nullopt; // seeds are 32-bit indices
-    std::unique_ptr<uint8_t, PoolDeleter> map(static_cast<uint8_t*>(BufferPool::acquire(size_t(w) * size_t(h))));
+    std::unique_ptr<uint8_t, PoolDeleter> map(
+        static_cast<uint8_t*>(BufferPool::acquire(size_t(w) * size_t(h))));
     if (!map) return std::nullopt;
     QImage out = newCanvas(w, h);
     if (out.isNull()) return std::nullopt;

@@ -31,7 +31,8 @@ QImage newImage(qint64 w, qint64 h, QImage::Format format) {
     const qsizetype bytesPerLine = qsizetype(w) * 4;
     void* store = BufferPool::acquire(size_t(bytesPerLine) * size_t(h));
     if (!store) return QImage();
-    QImage image(static_cast<uchar*>(store), int(w), int(h), bytesPerLine, format, BufferPool::release, store);
+    QImage image(static_cast<uchar*>(store), int(w), int(h), bytesPerLine, format, BufferPool::release,
+                 store);
     if (image.isNull()) {
         BufferPool::release(store);
         return QImage();
@@ -49,7 +50,8 @@ QImage rgbaPixels(const QImage& image) {
     if (image.isNull()) return QImage();
     const QColorSpace cs = image.colorSpace();
     const bool srgb = !cs.isValid() || cs == QColorSpace(QColorSpace::SRgb);
-    if (srgb && (image.format() == QImage::Format_RGBA8888_Premultiplied || image.format() == QImage::Format_RGBX8888))
+    if (srgb && (image.format() == QImage::Format_RGBA8888_Premultiplied ||
+                 image.format() == QImage::Format_RGBX8888))
         return image;
     QImage out = srgb ? image : image.convertedToColorSpace(QColorSpace(QColorSpace::SRgb));
     out = out.convertToFormat(out.hasAlphaChannel() ? QImage::Format_RGBA8888_Premultiplied

@@ -17,13 +17,23 @@
 
 namespace cutlark::PixelOps {
 
-inline uint32_t red(uint32_t v) { return v & 0xffu; }
-inline uint32_t green(uint32_t v) { return (v >> 8) & 0xffu; }
-inline uint32_t blue(uint32_t v) { return (v >> 16) & 0xffu; }
-inline uint32_t alpha(uint32_t v) { return v >> 24; }
+inline uint32_t red(uint32_t v) {
+    return v & 0xffu;
+}
+inline uint32_t green(uint32_t v) {
+    return (v >> 8) & 0xffu;
+}
+inline uint32_t blue(uint32_t v) {
+    return (v >> 16) & 0xffu;
+}
+inline uint32_t alpha(uint32_t v) {
+    return v >> 24;
+}
 
 /// x / 255 rounded, exact for every x in 0…65025.
-inline uint32_t div255(uint32_t x) { return (x + 128 + ((x + 128) >> 8)) >> 8; }
+inline uint32_t div255(uint32_t x) {
+    return (x + 128 + ((x + 128) >> 8)) >> 8;
+}
 
 /// The largest image, in bytes at 4 per pixel, that an engine will allocate: a quarter of the
 /// machine's memory, at least 256 MB. Bigger canvases count as failed stages.
@@ -46,6 +56,8 @@ QImage rgbaPixels(const QImage& image);
 inline const uint32_t* row(const QImage& image, int y) {
     return reinterpret_cast<const uint32_t*>(image.constScanLine(y));
 }
-inline uint32_t* row(QImage& image, int y) { return reinterpret_cast<uint32_t*>(image.scanLine(y)); }
+inline uint32_t* row(QImage& image, int y) {
+    return reinterpret_cast<uint32_t*>(image.scanLine(y));
+}
 
 } // namespace cutlark::PixelOps

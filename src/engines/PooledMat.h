@@ -4,7 +4,6 @@
 
 #include <opencv2/core.hpp>
 
-
 namespace cutlark {
 
 /// A cv::Mat whose store comes from the BufferPool, so working planes of a size used before cost no
@@ -17,7 +16,9 @@ public:
         if (!m_store) throw cv::Exception(cv::Error::StsNoMem, "out of memory", __func__, __FILE__, __LINE__);
         m_mat = cv::Mat(rows, cols, type, m_store);
     }
-    PooledMat(int rows, int cols, int type, const cv::Scalar& fill) : PooledMat(rows, cols, type) { m_mat = fill; }
+    PooledMat(int rows, int cols, int type, const cv::Scalar& fill) : PooledMat(rows, cols, type) {
+        m_mat = fill;
+    }
     ~PooledMat() {
         m_mat.release();
         BufferPool::release(m_store);

@@ -8,7 +8,9 @@
 /// The system's one rounding rule: to the nearest integer, halves away from zero.
 namespace cutlark {
 
-inline double roundHalfAway(double v) { return std::round(v); }
+inline double roundHalfAway(double v) {
+    return std::round(v);
+}
 
 /// `roundHalfAway` as a 64-bit integer: NaN counts as 0, and values beyond the range saturate, so an
 /// absurd amount makes the stage that uses it fail to allocate rather than wrap around.

@@ -1,8 +1,8 @@
 #include "engines/StickerEngine.h"
 
 #include "engines/CropEngine.h"
-#include "engines/PixelOps.h"
 #include "engines/Morphology.h"
+#include "engines/PixelOps.h"
 #include "engines/PooledMat.h"
 
 #include <opencv2/imgproc.hpp>
@@ -37,7 +37,8 @@ void refineAlpha(const cv::Mat& in, cv::Mat& out, double softness) {
     const auto& table = steepLine();
     for (int y = 0; y < out.rows; ++y) {
         uchar* p = out.ptr<uchar>(y);
-        for (int x = 0; x < out.cols; ++x) p[x] = table[p[x]];
+        for (int x = 0; x < out.cols; ++x)
+            p[x] = table[p[x]];
     }
 }
 
@@ -59,7 +60,8 @@ void blurredDroppedShadow(const cv::Mat& outline, cv::Mat& shadow, double sigma,
 }
 
 // Subject over white outline over half-black shadow, into premultiplied RGBA.
-void composite(const QImage& subject, int margin, const cv::Mat& outline, const cv::Mat& shadow, QImage& out) {
+void composite(const QImage& subject, int margin, const cv::Mat& outline, const cv::Mat& shadow,
+               QImage& out) {
     const int W = out.width(), H = out.height();
     for (int y = 0; y < H; ++y) {
         const uchar* o = outline.ptr<uchar>(y);
@@ -109,7 +111,8 @@ std::optional<QImage> make(const QImage& image, double strokeWidth) {
     if (subject.isNull()) return image;
 
     const int margin = m.renderMargin;
-    const qint64 W = qint64(subject.width()) + 2 * qint64(margin), H = qint64(subject.height()) + 2 * qint64(margin);
+    const qint64 W = qint64(subject.width()) + 2 * qint64(margin),
+                 H = qint64(subject.height()) + 2 * qint64(margin);
     // Several planes of a byte per pixel come on top of the result.
     if (!canvasFits(W, H * 2)) return image;
     QImage out = newCanvas(W, H);
@@ -122,7 +125,8 @@ std::optional<QImage> make(const QImage& image, double strokeWidth) {
         for (int y = 0; y < subject.height(); ++y) {
             const uint32_t* s = row(subject, y);
             uchar* a = silhouette.mat().ptr<uchar>(y + margin) + margin;
-            for (int x = 0; x < subject.width(); ++x) a[x] = uchar(alpha(s[x]));
+            for (int x = 0; x < subject.width(); ++x)
+                a[x] = uchar(alpha(s[x]));
         }
         refineAlpha(silhouette.mat(), base.mat(), 1.0);
 
@@ -131,7 +135,8 @@ std::optional<QImage> make(const QImage& image, double strokeWidth) {
         cv::Mat outline = base.mat();
         if (m.strokeWidth > 0) {
             const int wm = m.workingMargin;
-            const cv::Rect grown(margin - wm, margin - wm, subject.width() + 2 * wm, subject.height() + 2 * wm);
+            const cv::Rect grown(margin - wm, margin - wm, subject.width() + 2 * wm,
+                                 subject.height() + 2 * wm);
             PooledMat dilated(grown.height, grown.width, CV_8U);
             Morphology::dilateDisk(base.mat()(grown), dilated.mat(), m.strokeWidth);
             outline = grownOutline.mat();

@@ -10,12 +10,12 @@ namespace cutlark::StickerEngine {
 
 /// The sizes a border width leads to, in pixels; `strokeWidth` below 0 counts as 0.
 struct Metrics {
-    double strokeWidth;   ///< w
-    double softness;      ///< the outline's edge blur: larger of w × 0.35 and 1
-    double shadowBlur;    ///< w × 0.9 + 6
-    double shadowDrop;    ///< w × 0.4 + 6, straight down
-    int workingMargin;    ///< ⌈w⌉ + 2: how far the outline may reach beyond the subject
-    int renderMargin;     ///< ⌈shadow blur × 2.5 + w + shadow drop⌉ + 2: the canvas around the subject
+    double strokeWidth; ///< w
+    double softness;    ///< the outline's edge blur: larger of w × 0.35 and 1
+    double shadowBlur;  ///< w × 0.9 + 6
+    double shadowDrop;  ///< w × 0.4 + 6, straight down
+    int workingMargin;  ///< ⌈w⌉ + 2: how far the outline may reach beyond the subject
+    int renderMargin;   ///< ⌈shadow blur × 2.5 + w + shadow drop⌉ + 2: the canvas around the subject
 };
 Metrics metrics(double strokeWidth);
 

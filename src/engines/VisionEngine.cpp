@@ -1,7 +1,7 @@
 #include "engines/VisionEngine.h"
 
-#include "engines/PixelOps.h"
 #include "engines/Morphology.h"
+#include "engines/PixelOps.h"
 #include "engines/PooledMat.h"
 
 #include <QCoreApplication>
@@ -45,9 +45,11 @@ QStringList candidates() {
     if (!cache.isEmpty()) out << QDir(cache).filePath(QStringLiteral("cutlark/") + kModelFile);
     if (QCoreApplication::instance()) {
         const QString bin = QCoreApplication::applicationDirPath();
-        out << QDir(bin).filePath(kModelFile) << QDir(bin).filePath(QStringLiteral("../share/cutlark/") + kModelFile);
+        out << QDir(bin).filePath(kModelFile)
+            << QDir(bin).filePath(QStringLiteral("../share/cutlark/") + kModelFile);
     }
-    out << QStringLiteral("/usr/local/share/cutlark/") + kModelFile << QStringLiteral("/usr/share/cutlark/") + kModelFile;
+    out << QStringLiteral("/usr/local/share/cutlark/") + kModelFile
+        << QStringLiteral("/usr/share/cutlark/") + kModelFile;
     return out;
 }
 
@@ -143,7 +145,8 @@ bool isEmptyMask(const QImage& mask) {
     qint64 above = 0;
     for (int y = 0; y < mask.height(); ++y) {
         const uchar* p = mask.constScanLine(y);
-        for (int x = 0; x < mask.width(); ++x) above += p[x] > 127;
+        for (int x = 0; x < mask.width(); ++x)
+            above += p[x] > 127;
     }
     return double(above) < 0.005 * double(mask.width()) * double(mask.height());
 }
@@ -170,12 +173,14 @@ std::optional<QImage> composite(const QImage& source, const QImage& maskImage) {
         const EdgeRadius edge = edgeRadius(W, H);
         // Edges are read as clamped, so a subject touching the border keeps its coverage there.
         Morphology::erodeDisk(full.mat(), pulled.mat(), edge.radius);
-        cv::GaussianBlur(pulled.mat(), soft.mat(), cv::Size(0, 0), edge.blur, edge.blur, cv::BORDER_REPLICATE);
+        cv::GaussianBlur(pulled.mat(), soft.mat(), cv::Size(0, 0), edge.blur, edge.blur,
+                         cv::BORDER_REPLICATE);
         for (int y = 0; y < H; ++y) {
             const uchar* m = soft.mat().ptr<uchar>(y);
             const uchar* s = src.constScanLine(y);
             uchar* d = out.scanLine(y);
-            for (int x = 0; x < 4 * W; ++x) d[x] = uchar(div255(uint32_t(s[x]) * m[x >> 2]));
+            for (int x = 0; x < 4 * W; ++x)
+                d[x] = uchar(div255(uint32_t(s[x]) * m[x >> 2]));
         }
     } catch (const cv::Exception&) {
         return std::nullopt;

@@ -1,13 +1,13 @@
 #include "model/CropModel.h"
 
 #include "engines/CollageSplitter.h"
-#include "support/HandOff.h"
 #include "engines/VisionEngine.h"
+#include "support/HandOff.h"
 
 #include <QCoreApplication>
 #include <QPointer>
-#include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
+#include <QThreadPool>
 
 #include <exception>
 #include <memory>
@@ -17,8 +17,12 @@ namespace cutlark {
 namespace {
 
 // The "went from false to true" tests of the hooks need the old value of flags only.
-bool flagOf(bool v) { return v; }
-template <class T> bool flagOf(const T&) { return false; }
+bool flagOf(bool v) {
+    return v;
+}
+template <class T> bool flagOf(const T&) {
+    return false;
+}
 
 // A cutout that runs out of memory or meets a library error counts as no subject found.
 std::optional<QImage> cutoutSafely(const std::function<std::optional<QImage>(const QImage&)>& compute,
@@ -31,8 +35,12 @@ std::optional<QImage> cutoutSafely(const std::function<std::optional<QImage>(con
 }
 
 // Every writer of the quarter turns keeps them in 0…3.
-qint64 normalized(qint64 v) { return ((v % 4) + 4) % 4; }
-template <class T> const T& normalized(const T& v) { return v; }
+qint64 normalized(qint64 v) {
+    return ((v % 4) + 4) % 4;
+}
+template <class T> const T& normalized(const T& v) {
+    return v;
+}
 
 } // namespace
 
@@ -43,18 +51,18 @@ CropModel::CropModel(QObject* parent)
 CropModel::~CropModel() = default;
 
 // Each setter stores, notifies, then runs the field's hook — also for an unchanged value.
-#define CUTLARK_SETTER(Type, name, Name, def, ...)                                                         \
-    void CropModel::set##Name(const Type& value) {                                                          \
-        const bool wasOn = flagOf(m_settings.name);                                                         \
-        m_settings.name = normalized(value);                                                                \
-        notify(Field::name);                                                                                \
-        runHook(Field::name, wasOn);                                                                        \
+#define CUTLARK_SETTER(Type, name, Name, def, ...)                                                           \
+    void CropModel::set##Name(const Type& value) {                                                           \
+        const bool wasOn = flagOf(m_settings.name);                                                          \
+        m_settings.name = normalized(value);                                                                 \
+        notify(Field::name);                                                                                 \
+        runHook(Field::name, wasOn);                                                                         \
     }
 CUTLARK_SETTINGS(CUTLARK_SETTER)
 #undef CUTLARK_SETTER
 
 bool CropModel::writeSetting(const QString& name, const Settings& from) {
-#define CUTLARK_WRITE_BY_NAME(Type, field, Name, def, ...)                                                 \
+#define CUTLARK_WRITE_BY_NAME(Type, field, Name, def, ...)                                                   \
     if (name == QLatin1String(#field)) {                                                                     \
         set##Name(from.field);                                                                               \
         return true;                                                                                         \
@@ -271,7 +279,8 @@ CropModel::Item* CropModel::findItem(const QUuid& id) {
 QImage CropModel::cropSourceImage() const {
     const Item* item = active();
     if (!item) return QImage();
-    const auto turned = CropEngine::oriented(item->buffer.cgImage(), m_settings.quarterTurns, m_settings.mirrored);
+    const auto turned =
+        CropEngine::oriented(item->buffer.cgImage(), m_settings.quarterTurns, m_settings.mirrored);
     return turned ? *turned : item->buffer.cgImage();
 }
 
@@ -335,7 +344,9 @@ void CropModel::flipVertical() {
     setMirrored(!m_settings.mirrored);
 }
 
-CropModel::Settings CropModel::snapshotCurrentSettings() const { return m_settings; }
+CropModel::Settings CropModel::snapshotCurrentSettings() const {
+    return m_settings;
+}
 
 void CropModel::applySettings(const Settings& settings) {
     m_isApplyingSettingsSnapshot = true;
@@ -382,8 +393,9 @@ void CropModel::autoPickRemovalMode() {
     BGRemovalMode mode = BGRemovalMode::white;
     // The measurement reads the untouched source, so turns and crops don't sway it.
     if (m_cutoutService.available() && item)
-        mode = CropEngine::backgroundIsMostlyWhite(item->buffer, CropEngine::kMostlyWhiteEdgeFraction) ? BGRemovalMode::white
-                                                                                           : BGRemovalMode::subject;
+        mode = CropEngine::backgroundIsMostlyWhite(item->buffer, CropEngine::kMostlyWhiteEdgeFraction)
+                   ? BGRemovalMode::white
+                   : BGRemovalMode::subject;
     setBgRemovalMode(mode);
     recomputeActive();
 }
@@ -392,7 +404,9 @@ bool CropModel::wantsVision() const {
     return m_settings.keyWhiteEnabled && m_settings.bgRemovalMode == BGRemovalMode::subject;
 }
 
-bool CropModel::isDetectingSubject() const { return m_activeID && m_visionComputing.contains(*m_activeID); }
+bool CropModel::isDetectingSubject() const {
+    return m_activeID && m_visionComputing.contains(*m_activeID);
+}
 
 bool CropModel::subjectNotFound() const {
     return wantsVision() && m_activeID && m_visionAttempted.contains(*m_activeID) &&
@@ -437,19 +451,20 @@ void CropModel::ensureVisionCutout() {
     };
     auto task = std::make_unique<Task>(Task{this, id, source, m_cutoutService.compute, std::nullopt});
     // The first capture of each closure receives and the last passes on, whenever Qt moves it.
-    (void)QtConcurrent::run(QThreadPool::globalInstance(), [in = HandOff(), task = std::move(task), out = HandOff()]() mutable {
-        HandOff::received();
-        task->cutout = cutoutSafely(task->compute, task->source);
-        task->compute = nullptr;
-        task->source = QImage();
-        QMetaObject::invokeMethod(
-            QCoreApplication::instance(),
-            [in = HandOff(), task = std::move(task), out = HandOff()] {
-                HandOff::received();
-                if (task->self) task->self->finishCutout(task->id, task->cutout);
-            },
-            Qt::QueuedConnection);
-    });
+    (void)QtConcurrent::run(QThreadPool::globalInstance(),
+                            [in = HandOff(), task = std::move(task), out = HandOff()]() mutable {
+                                HandOff::received();
+                                task->cutout = cutoutSafely(task->compute, task->source);
+                                task->compute = nullptr;
+                                task->source = QImage();
+                                QMetaObject::invokeMethod(
+                                    QCoreApplication::instance(),
+                                    [in = HandOff(), task = std::move(task), out = HandOff()] {
+                                        HandOff::received();
+                                        if (task->self) task->self->finishCutout(task->id, task->cutout);
+                                    },
+                                    Qt::QueuedConnection);
+                            });
 }
 
 void CropModel::finishCutout(const QUuid& id, const std::optional<QImage>& cutout) {

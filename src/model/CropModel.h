@@ -32,11 +32,11 @@ public:
 
     /// One queued image.
     struct Item {
-        QUuid id;                ///< identity, the item's key in the queue and the cutout cache
-        QString url;             ///< the file; changes when a save had to change the extension
-        QString type;            ///< the MIME type the file was read as; changes with `url`
+        QUuid id;                  ///< identity, the item's key in the queue and the cutout cache
+        QString url;               ///< the file; changes when a save had to change the extension
+        QString type;              ///< the MIME type the file was read as; changes with `url`
         CropEngine::Buffer buffer; ///< the upright source and its pixels
-        bool saved = false;      ///< set by a successful save, never cleared
+        bool saved = false;        ///< set by a successful save, never cleared
         Settings settingsSnapshot; ///< the settings the item had when it was last left
         /// The source's share of the memory budget, given back when the last copy of the item goes.
         std::shared_ptr<const MemoryBudget::Hold> memory;
@@ -56,7 +56,7 @@ public:
 #define CUTLARK_FIELD_ENUM(Type, name, Name, def, ...) name,
         CUTLARK_SETTINGS(CUTLARK_FIELD_ENUM)
 #undef CUTLARK_FIELD_ENUM
-        visionComputing,
+            visionComputing,
         vectorTrace,
         vectorColorTrace,
         vectorPreview,
@@ -74,51 +74,88 @@ public:
 
     /// What computes subject cutouts: by default the subject network. Tests put a fake in its place.
     struct CutoutService {
-        std::function<bool()> available;                                 ///< whether subject mode is offered
-        std::function<std::optional<QImage>(const QImage&)> compute;     ///< blocking; runs off the main thread
+        std::function<bool()> available;                             ///< whether subject mode is offered
+        std::function<std::optional<QImage>(const QImage&)> compute; ///< blocking; runs off the main thread
     };
-    void setCutoutService(CutoutService service) { m_cutoutService = std::move(service); }
+    void setCutoutService(CutoutService service) {
+        m_cutoutService = std::move(service);
+    }
     /// Compute cutouts and traces on the calling thread, inside the call that asks for them (the
     /// command line, which has no event loop to bring results back).
-    void setSynchronousWork(bool on) { m_synchronousWork = on; }
+    void setSynchronousWork(bool on) {
+        m_synchronousWork = on;
+    }
     /// How opening decodes: by default each picture is admitted to the memory budget on its own; the
     /// command line, which takes the budget for a whole job first, turns that off.
-    void setLoadOptions(const ImageFile::LoadOptions& options) { m_loadOptions = options; }
+    void setLoadOptions(const ImageFile::LoadOptions& options) {
+        m_loadOptions = options;
+    }
     /// What decodes a file for opening: `ImageFile::load` unless a test puts its own in place.
     /// Called on threads of opening's own.
-    using Decoder = std::function<std::optional<ImageFile::Loaded>(const QString&, const ImageFile::LoadOptions&)>;
-    void setDecoder(Decoder decoder) { m_decoder = std::move(decoder); }
+    using Decoder =
+        std::function<std::optional<ImageFile::Loaded>(const QString&, const ImageFile::LoadOptions&)>;
+    void setDecoder(Decoder decoder) {
+        m_decoder = std::move(decoder);
+    }
 
     using VectorJob = cutlark::VectorJob;
     using VectorResult = cutlark::VectorResult;
     using VectorTracer = std::function<VectorResult(const VectorJob&)>;
     /// What traces: `VectorSettings::trace` unless a test puts its own in place.
-    void setVectorTracer(VectorTracer tracer) { m_vectorTracer = std::move(tracer); }
+    void setVectorTracer(VectorTracer tracer) {
+        m_vectorTracer = std::move(tracer);
+    }
     /// Where copied SVG goes; not owned. Without one the system clipboard is used, when there is one.
-    void setClipboard(class Clipboard* clipboard) { m_clipboard = clipboard; }
+    void setClipboard(class Clipboard* clipboard) {
+        m_clipboard = clipboard;
+    }
 
     /// The choosers used by `openPanel`, `chooseBackgroundImage`, `saveAsNewFile` and the like.
     /// Not owned; without one every panel counts as cancelled.
-    void setPanels(Panels* panels) { m_panels = panels; }
-    Panels* panels() const { return m_panels; }
+    void setPanels(Panels* panels) {
+        m_panels = panels;
+    }
+    Panels* panels() const {
+        return m_panels;
+    }
 
     // --- stored fields ---
 
-    const std::vector<Item>& items() const { return m_items; }
-    std::optional<QUuid> activeID() const { return m_activeID; }
-    bool syncSettingsAcrossQueue() const { return m_syncSettingsAcrossQueue; }
+    const std::vector<Item>& items() const {
+        return m_items;
+    }
+    std::optional<QUuid> activeID() const {
+        return m_activeID;
+    }
+    bool syncSettingsAcrossQueue() const {
+        return m_syncSettingsAcrossQueue;
+    }
     void setSyncSettingsAcrossQueue(bool on);
-    std::optional<QRectF> activeContentRect() const { return m_activeContentRect; }
+    std::optional<QRectF> activeContentRect() const {
+        return m_activeContentRect;
+    }
     /// The result of the pipeline for the active item; null when there is none.
-    const QImage& processedImage() const { return m_processedImage; }
-    std::optional<QString> errorMessage() const { return m_errorMessage; }
-    std::optional<QString> saveConfirmation() const { return m_saveConfirmation; }
-    std::optional<QString> noticeMessage() const { return m_noticeMessage; }
-    const QList<QRectF>& collageRects() const { return m_collageRects; }
+    const QImage& processedImage() const {
+        return m_processedImage;
+    }
+    std::optional<QString> errorMessage() const {
+        return m_errorMessage;
+    }
+    std::optional<QString> saveConfirmation() const {
+        return m_saveConfirmation;
+    }
+    std::optional<QString> noticeMessage() const {
+        return m_noticeMessage;
+    }
+    const QList<QRectF>& collageRects() const {
+        return m_collageRects;
+    }
 
     // The 40 settings: a getter and a setter each. Every write notifies and runs the field's hook.
-#define CUTLARK_ACCESSORS(Type, name, Name, def, ...)                                                      \
-    const Type& name() const { return m_settings.name; }                                                    \
+#define CUTLARK_ACCESSORS(Type, name, Name, def, ...)                                                        \
+    const Type& name() const {                                                                               \
+        return m_settings.name;                                                                              \
+    }                                                                                                        \
     void set##Name(const Type& value);
     CUTLARK_SETTINGS(CUTLARK_ACCESSORS)
 #undef CUTLARK_ACCESSORS
@@ -127,16 +164,36 @@ public:
     /// False for an unknown name.
     bool writeSetting(const QString& name, const Settings& from);
 
-    const QHash<QUuid, QImage>& visionCache() const { return m_visionCache; }
-    const QSet<QUuid>& visionAttempted() const { return m_visionAttempted; }
-    const QSet<QUuid>& visionComputing() const { return m_visionComputing; }
-    QSizeF preResizeSize() const { return m_preResizeSize; }
-    const std::optional<VectorTrace>& vectorTrace() const { return m_vectorTrace; }
-    const std::optional<VectorColorTrace>& vectorColorTrace() const { return m_vectorColorTrace; }
-    const QImage& vectorPreview() const { return m_vectorPreview; }
-    bool isVectorizing() const { return m_isVectorizing; }
-    bool vectorTooDetailed() const { return m_vectorTooDetailed; }
-    bool isApplyingSettingsSnapshot() const { return m_isApplyingSettingsSnapshot; }
+    const QHash<QUuid, QImage>& visionCache() const {
+        return m_visionCache;
+    }
+    const QSet<QUuid>& visionAttempted() const {
+        return m_visionAttempted;
+    }
+    const QSet<QUuid>& visionComputing() const {
+        return m_visionComputing;
+    }
+    QSizeF preResizeSize() const {
+        return m_preResizeSize;
+    }
+    const std::optional<VectorTrace>& vectorTrace() const {
+        return m_vectorTrace;
+    }
+    const std::optional<VectorColorTrace>& vectorColorTrace() const {
+        return m_vectorColorTrace;
+    }
+    const QImage& vectorPreview() const {
+        return m_vectorPreview;
+    }
+    bool isVectorizing() const {
+        return m_isVectorizing;
+    }
+    bool vectorTooDetailed() const {
+        return m_vectorTooDetailed;
+    }
+    bool isApplyingSettingsSnapshot() const {
+        return m_isApplyingSettingsSnapshot;
+    }
 
     // --- derived values ---
 
@@ -151,7 +208,9 @@ public:
     bool backgroundIsOpaque() const;
     bool wantsVision() const;
     /// Whether subject mode is offered at all: the subject network is present.
-    bool subjectModeOffered() const { return m_cutoutService.available && m_cutoutService.available(); }
+    bool subjectModeOffered() const {
+        return m_cutoutService.available && m_cutoutService.available();
+    }
     /// The active source turned and mirrored as the settings say: what the manual crop is drawn on.
     /// Null without an active item.
     QImage cropSourceImage() const;
@@ -252,11 +311,14 @@ private:
     void updateVector();
     /// Runs the save panel for a document and writes it; the bytes, the source file (for the proposed
     /// name), the extension and the MIME type.
-    void writeVector(const QByteArray& bytes, const QString& sourcePath, const QString& extension, const QString& type);
+    void writeVector(const QByteArray& bytes, const QString& sourcePath, const QString& extension,
+                     const QString& type);
     QImage buildProcessed(const Item& item);
     void advanceToNextUnsaved(const QUuid& after);
     void runHook(Field field, bool wasOn);
-    void notify(Field field) { emit changed(field); }
+    void notify(Field field) {
+        emit changed(field);
+    }
     Item* findItem(const QUuid& id);
     QString skipMessage(int count) const;
     void finishCutout(const QUuid& id, const std::optional<QImage>& cutout);
@@ -277,7 +339,9 @@ private:
     void setVectorPreview(const QImage& image);
     void setIsVectorizing(bool on);
     void setVectorTooDetailed(bool on);
-    void itemsChanged() { notify(Field::items); }
+    void itemsChanged() {
+        notify(Field::items);
+    }
 
     Panels* m_panels = nullptr;
     bool m_opening = false;

@@ -6,9 +6,9 @@
 #include "support/OrderedWork.h"
 
 #include <QDir>
-#include <QThread>
 #include <QFile>
 #include <QFileInfo>
+#include <QThread>
 
 #include <dirent.h>
 
@@ -20,9 +20,15 @@ namespace cutlark {
 
 namespace {
 
-QString fileName(const QString& path) { return QFileInfo(path).fileName(); }
-QString extensionOf(const QString& path) { return QFileInfo(path).suffix(); }
-QString folderOf(const QString& path) { return QFileInfo(path).absolutePath(); }
+QString fileName(const QString& path) {
+    return QFileInfo(path).fileName();
+}
+QString extensionOf(const QString& path) {
+    return QFileInfo(path).suffix();
+}
+QString folderOf(const QString& path) {
+    return QFileInfo(path).absolutePath();
+}
 
 QString withoutExtension(const QString& path) {
     const QString ext = extensionOf(path);
@@ -93,7 +99,8 @@ void CropModel::open(const QStringList& paths) {
     }
     m_opening = true;
     openNow(paths);
-    while (!m_pendingOpens.isEmpty()) openNow(m_pendingOpens.takeFirst());
+    while (!m_pendingOpens.isEmpty())
+        openNow(m_pendingOpens.takeFirst());
     m_opening = false;
 }
 
@@ -103,11 +110,13 @@ bool CropModel::decodeAll(std::vector<DecodedFile>& candidates) {
     // waiting side only reports progress, so a window stays drawn, and a cancel returns at once.
     const int total = int(candidates.size());
     QStringList paths;
-    for (const DecodedFile& d : candidates) paths << d.path;
+    for (const DecodedFile& d : candidates)
+        paths << d.path;
     const ImageFile::LoadOptions options = m_loadOptions;
-    const Decoder decode = m_decoder ? m_decoder : Decoder([](const QString& path, const ImageFile::LoadOptions& o) {
-        return ImageFile::load(path, o);
-    });
+    const Decoder decode =
+        m_decoder ? m_decoder : Decoder([](const QString& path, const ImageFile::LoadOptions& o) {
+            return ImageFile::load(path, o);
+        });
     OrderedWork<DecodedFile> work(total, QThread::idealThreadCount(), [paths, options, decode](int i) {
         DecodedFile d{paths[i], std::nullopt, std::nullopt};
         try {
@@ -127,8 +136,10 @@ bool CropModel::decodeAll(std::vector<DecodedFile>& candidates) {
         if (int(decoded.size()) == total) break;
         if (m_panels) keepGoing = m_panels->openProgress(work.finished(), total);
     }
-    if (!keepGoing) work.abandon(); // no new file starts; the ones running end on their own, unheard
-    else candidates = std::move(decoded);
+    if (!keepGoing)
+        work.abandon(); // no new file starts; the ones running end on their own, unheard
+    else
+        candidates = std::move(decoded);
     if (m_panels) {
         if (keepGoing) m_panels->openProgress(total, total);
         m_panels->openFinished();
@@ -146,8 +157,10 @@ void CropModel::openNow(const QStringList& paths) {
     std::vector<DecodedFile> candidates;
     int skipped = unnamableChildren(paths);
     for (const QString& path : list) {
-        if (passesTypeTest(path)) candidates.push_back(DecodedFile{path, std::nullopt, std::nullopt});
-        else ++skipped;
+        if (passesTypeTest(path))
+            candidates.push_back(DecodedFile{path, std::nullopt, std::nullopt});
+        else
+            ++skipped;
     }
     if (!candidates.empty() && !decodeAll(candidates)) return; // cancelled: the queue stays as it was
     std::vector<Item> fresh;
@@ -156,14 +169,16 @@ void CropModel::openNow(const QStringList& paths) {
             ++skipped;
             continue;
         }
-        fresh.push_back(Item{QUuid::createUuid(), QFileInfo(d.path).absoluteFilePath(), d.loaded->type, *d.buffer, false,
-                             Settings(), d.loaded->hold});
+        fresh.push_back(Item{QUuid::createUuid(), QFileInfo(d.path).absoluteFilePath(), d.loaded->type,
+                             *d.buffer, false, Settings(), d.loaded->hold});
     }
     candidates.clear();
 
     if (fresh.empty()) {
-        if (skipped > 0) setErrorMessage(skipMessage(skipped));
-        else if (!paths.isEmpty()) setErrorMessage(tr("No supported images found."));
+        if (skipped > 0)
+            setErrorMessage(skipMessage(skipped));
+        else if (!paths.isEmpty())
+            setErrorMessage(tr("No supported images found."));
         return;
     }
 
@@ -172,7 +187,8 @@ void CropModel::openNow(const QStringList& paths) {
     if (m_items.empty() || (m_items.size() == 1 && m_items.front().saved)) {
         m_items = std::move(fresh);
     } else {
-        for (Item& item : fresh) m_items.push_back(std::move(item));
+        for (Item& item : fresh)
+            m_items.push_back(std::move(item));
     }
     itemsChanged();
     setSaveConfirmation(std::nullopt);
@@ -206,7 +222,8 @@ void CropModel::clearBackgroundImage() {
 
 CropModel::SaveChoice CropModel::saveTypeChoice(const Item& item) const {
     // A result with transparency can't go into a type without alpha.
-    if (producesTransparency() && !ImageFile::supportsAlpha(item.type)) return {QStringLiteral("image/png"), true};
+    if (producesTransparency() && !ImageFile::supportsAlpha(item.type))
+        return {QStringLiteral("image/png"), true};
     return {item.type, false};
 }
 
@@ -284,8 +301,8 @@ void CropModel::saveAsNewFile() {
 void CropModel::splitCollage() {
     const Item* item = active();
     if (!item || m_collageRects.size() < 2 || !m_panels) return;
-    const auto folder =
-        m_panels->chooseFolder(folderOf(item->url), tr("Split Here"), tr("Choose a folder for the split images."));
+    const auto folder = m_panels->chooseFolder(folderOf(item->url), tr("Split Here"),
+                                               tr("Choose a folder for the split images."));
     if (!folder || folder->isEmpty()) return;
 
     const QUuid id = item->id;
@@ -305,7 +322,8 @@ void CropModel::splitCollage() {
         const QString stem = base + QLatin1Char('-') + QString::number(i + 1);
         QString target = dir.filePath(stem + QLatin1Char('.') + extension);
         for (int n = 2; QFileInfo::exists(target); ++n)
-            target = dir.filePath(stem + QLatin1Char('-') + QString::number(n) + QLatin1Char('.') + extension);
+            target =
+                dir.filePath(stem + QLatin1Char('-') + QString::number(n) + QLatin1Char('.') + extension);
         if (ImageFile::save(piece, target, item->type)) written << target;
     }
     if (written.size() < 2) {
@@ -327,7 +345,8 @@ void CropModel::splitCollage() {
 }
 
 void CropModel::advanceToNextUnsaved(const QUuid& after) {
-    const auto it = std::find_if(m_items.begin(), m_items.end(), [&](const Item& item) { return item.id == after; });
+    const auto it =
+        std::find_if(m_items.begin(), m_items.end(), [&](const Item& item) { return item.id == after; });
     if (it == m_items.end()) {
         recomputeActive();
         return;

@@ -14,13 +14,19 @@ namespace cutlark {
 namespace {
 
 // "At least 1", with NaN counting as nothing.
-double atLeastOne(double v) { return (v >= 1) ? v : 1.0; }
+double atLeastOne(double v) {
+    return (v >= 1) ? v : 1.0;
+}
 
 // 0.999 counts as opaque. QColor keeps 16 bits per component, where 0.999 lands half a step below
 // itself, so allow that half step.
-bool opaqueAlpha(double a) { return a >= 0.999 - 0.5 / 65535.0; }
+bool opaqueAlpha(double a) {
+    return a >= 0.999 - 0.5 / 65535.0;
+}
 
-RGBA componentsOrWhite(const QColor& color) { return sRGBComponents(color).value_or(RGBA{1, 1, 1, 1}); }
+RGBA componentsOrWhite(const QColor& color) {
+    return sRGBComponents(color).value_or(RGBA{1, 1, 1, 1});
+}
 
 // A stage that runs out of memory, or meets an error in a library under it (OpenCV, a thread that
 // can't be started), simply doesn't happen: the picture goes on as it was.
@@ -59,11 +65,13 @@ QImage CropModel::buildProcessed(const Item& item) {
     QImage work = item.buffer.cgImage();
 
     // 2. Orientation, always.
-    if (auto turned = attempt([&] { return CropEngine::oriented(work, s.quarterTurns, s.mirrored); })) work = *turned;
+    if (auto turned = attempt([&] { return CropEngine::oriented(work, s.quarterTurns, s.mirrored); }))
+        work = *turned;
 
     // 3. Manual crop, of the turned image.
     if (s.manualCropEnabled) {
-        if (auto cropped = attempt([&] { return std::optional(CropEngine::cropNormalized(work, s.manualCropRect)); }))
+        if (auto cropped =
+                attempt([&] { return std::optional(CropEngine::cropNormalized(work, s.manualCropRect)); }))
             work = *cropped;
     }
 
@@ -73,10 +81,12 @@ QImage CropModel::buildProcessed(const Item& item) {
             // The cutout is of the whole source, so it replaces what the crop made.
             const auto cached = m_visionCache.constFind(item.id);
             if (cached != m_visionCache.constEnd()) {
-                auto turned = attempt([&] { return CropEngine::oriented(*cached, s.quarterTurns, s.mirrored); });
+                auto turned =
+                    attempt([&] { return CropEngine::oriented(*cached, s.quarterTurns, s.mirrored); });
                 work = turned ? *turned : *cached;
             }
-        } else if (auto keyed = attempt([&] { return CropEngine::keyOutWhite(work, s.keyThreshold, s.keyInternal); })) {
+        } else if (auto keyed = attempt(
+                       [&] { return CropEngine::keyOutWhite(work, s.keyThreshold, s.keyInternal); })) {
             work = *keyed;
         }
     }
@@ -98,7 +108,8 @@ QImage CropModel::buildProcessed(const Item& item) {
     // 6. Padding: transparent margins.
     if (s.paddingEnabled) {
         const Insets p = paddingInsets();
-        if (auto padded = attempt([&] { return CropEngine::pad(work, p.top, p.right, p.bottom, p.left); })) work = *padded;
+        if (auto padded = attempt([&] { return CropEngine::pad(work, p.top, p.right, p.bottom, p.left); }))
+            work = *padded;
     }
 
     // 7. Background.
@@ -112,10 +123,12 @@ QImage CropModel::buildProcessed(const Item& item) {
             case BackgroundKind::gradient: {
                 const RGBA a = componentsOrWhite(s.gradientStart);
                 const RGBA b = componentsOrWhite(s.gradientEnd);
-                return CropEngine::fillGradientBackground(work, a.r, a.g, a.b, a.a, b.r, b.g, b.b, b.a, s.gradientAngle);
+                return CropEngine::fillGradientBackground(work, a.r, a.g, a.b, a.a, b.r, b.g, b.b, b.a,
+                                                          s.gradientAngle);
             }
             case BackgroundKind::image:
-                if (!s.backgroundImage.isNull()) return CropEngine::fillImageBackground(work, s.backgroundImage);
+                if (!s.backgroundImage.isNull())
+                    return CropEngine::fillImageBackground(work, s.backgroundImage);
                 return std::nullopt;
             }
             return std::nullopt;
@@ -147,7 +160,8 @@ CropModel::Insets CropModel::paddingInsets() const {
         const qint64 v = roundHalfAwayToInt(s.padAmount);
         return {v, v, v, v};
     }
-    return {roundHalfAwayToInt(s.padTop), roundHalfAwayToInt(s.padRight), roundHalfAwayToInt(s.padBottom), roundHalfAwayToInt(s.padLeft)};
+    return {roundHalfAwayToInt(s.padTop), roundHalfAwayToInt(s.padRight), roundHalfAwayToInt(s.padBottom),
+            roundHalfAwayToInt(s.padLeft)};
 }
 
 std::optional<QSizeF> CropModel::resizeTargetSize(const QSizeF& size) const {
@@ -198,11 +212,12 @@ void CropModel::seedResizePixels() {
 bool CropModel::willTrim() const {
     const Item* item = active();
     if (!item || m_processedImage.isNull()) return false;
-    if (m_processedImage.width() != item->buffer.width() || m_processedImage.height() != item->buffer.height())
+    if (m_processedImage.width() != item->buffer.width() ||
+        m_processedImage.height() != item->buffer.height())
         return true;
     const Settings& s = m_settings;
-    return s.keyWhiteEnabled || s.stickerEnabled || s.paddingEnabled || s.backgroundEnabled || s.quarterTurns != 0 ||
-           s.mirrored;
+    return s.keyWhiteEnabled || s.stickerEnabled || s.paddingEnabled || s.backgroundEnabled ||
+           s.quarterTurns != 0 || s.mirrored;
 }
 
 bool CropModel::backgroundIsOpaque() const {
@@ -229,7 +244,8 @@ bool CropModel::producesTransparency() const {
     if (s.resizeEnabled && s.resizeCanvas) {
         if (auto target = resizeTargetSize(m_preResizeSize)) {
             // A bigger canvas leaves margins after the background has been laid.
-            if (m_preResizeSize.width() < target->width() || m_preResizeSize.height() < target->height()) return true;
+            if (m_preResizeSize.width() < target->width() || m_preResizeSize.height() < target->height())
+                return true;
         }
     }
     if (s.backgroundEnabled && backgroundIsOpaque()) return false;

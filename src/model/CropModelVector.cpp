@@ -3,15 +3,15 @@
 #include "model/CropModel.h"
 #include "support/HandOff.h"
 
-#include "support/AtomicFile.h"
 #include "model/Clipboard.h"
+#include "support/AtomicFile.h"
 #include "vectorize/VectorizeEngine.h"
 
 #include <QCoreApplication>
 #include <QFileInfo>
 #include <QPointer>
-#include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
+#include <QThreadPool>
 
 #include <cmath>
 #include <exception>
@@ -73,8 +73,8 @@ void CropModel::runVectorPass() {
     job.image = m_processedImage;
     job.fullColor = m_settings.vectorFullColor;
     job.style = m_settings.vectorizeStyle;
-    job.strokeWidth =
-        VectorSettings::outlineStrokeWidth(QSizeF(job.image.width(), job.image.height()), m_settings.vectorStrokeWidth);
+    job.strokeWidth = VectorSettings::outlineStrokeWidth(QSizeF(job.image.width(), job.image.height()),
+                                                         m_settings.vectorStrokeWidth);
     job.params = VectorSettings::traceParams(m_settings);
 
     if (m_synchronousWork) {
@@ -92,19 +92,20 @@ void CropModel::runVectorPass() {
     };
     auto task = std::make_unique<Task>(Task{this, job, m_vectorTracer, {}});
     // The first capture of each closure receives and the last passes on, whenever Qt moves it.
-    (void)QtConcurrent::run(QThreadPool::globalInstance(), [in = HandOff(), task = std::move(task), out = HandOff()]() mutable {
-        HandOff::received();
-        task->result = traceSafely(task->tracer, task->job);
-        task->tracer = nullptr;
-        task->job.image = QImage();
-        QMetaObject::invokeMethod(
-            QCoreApplication::instance(),
-            [in = HandOff(), task = std::move(task), out = HandOff()] {
-                HandOff::received();
-                if (task->self) task->self->finishVectorPass(task->job, task->result);
-            },
-            Qt::QueuedConnection);
-    });
+    (void)QtConcurrent::run(QThreadPool::globalInstance(),
+                            [in = HandOff(), task = std::move(task), out = HandOff()]() mutable {
+                                HandOff::received();
+                                task->result = traceSafely(task->tracer, task->job);
+                                task->tracer = nullptr;
+                                task->job.image = QImage();
+                                QMetaObject::invokeMethod(
+                                    QCoreApplication::instance(),
+                                    [in = HandOff(), task = std::move(task), out = HandOff()] {
+                                        HandOff::received();
+                                        if (task->self) task->self->finishVectorPass(task->job, task->result);
+                                    },
+                                    Qt::QueuedConnection);
+                            });
 }
 
 void CropModel::finishVectorPass(const VectorJob& job, const VectorResult& result) {
@@ -146,8 +147,9 @@ std::optional<QString> CropModel::currentSVG() const {
         return VectorizeEngine::colorSVG(*m_vectorColorTrace);
     }
     if (!m_vectorTrace) return std::nullopt;
-    return VectorizeEngine::svg(*m_vectorTrace, m_settings.vectorizeStyle,
-                                VectorSettings::outlineStrokeWidth(m_vectorTrace->size, m_settings.vectorStrokeWidth));
+    return VectorizeEngine::svg(
+        *m_vectorTrace, m_settings.vectorizeStyle,
+        VectorSettings::outlineStrokeWidth(m_vectorTrace->size, m_settings.vectorStrokeWidth));
 }
 
 void CropModel::exportSVG() {
@@ -162,16 +164,17 @@ void CropModel::exportSVG() {
 
 QString CropModel::proposedDocumentName(const QString& sourcePath, const QString& extension) {
     const QFileInfo source(sourcePath);
-    const QString stem = source.suffix().isEmpty() ? source.fileName()
-                                                   : source.fileName().left(source.fileName().size() - source.suffix().size() - 1);
+    const QString stem = source.suffix().isEmpty()
+                             ? source.fileName()
+                             : source.fileName().left(source.fileName().size() - source.suffix().size() - 1);
     return stem + QLatin1Char('.') + extension;
 }
 
 void CropModel::writeVector(const QByteArray& bytes, const QString& sourcePath, const QString& extension,
                             const QString& type) {
     if (!m_panels) return;
-    const auto chosen =
-        m_panels->saveFile(QFileInfo(sourcePath).absolutePath(), proposedDocumentName(sourcePath, extension), type);
+    const auto chosen = m_panels->saveFile(QFileInfo(sourcePath).absolutePath(),
+                                           proposedDocumentName(sourcePath, extension), type);
     if (!chosen || chosen->isEmpty()) return; // cancelling changes no message
     const QString name = QFileInfo(*chosen).fileName();
     if (!AtomicFile::write(*chosen, bytes)) {
@@ -189,7 +192,8 @@ void CropModel::copySVG() {
         setErrorMessage(tr("Nothing to vectorize."));
         return;
     }
-    if (Clipboard* clipboard = m_clipboard ? m_clipboard : Clipboard::system()) clipboard->putSvg(text->toUtf8());
+    if (Clipboard* clipboard = m_clipboard ? m_clipboard : Clipboard::system())
+        clipboard->putSvg(text->toUtf8());
     setErrorMessage(std::nullopt);
     setNoticeMessage(tr("SVG copied to the clipboard."));
 }

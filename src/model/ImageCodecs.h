@@ -29,7 +29,8 @@ std::optional<ImageFile::Loaded> finish(QImage image, const QString& type, Memor
 /// JPEG through libjpeg-turbo, straight into a pooled RGBX store, orientation tag applied. Refuses
 /// files with more than `kMaxJpegScans` scans (the progressive "scan bombs": thousands of empty
 /// scans over a big frame that each cost a full pass).
-std::optional<ImageFile::Loaded> decodeJpeg(const uchar* data, size_t size, const ImageFile::LoadOptions& options);
+std::optional<ImageFile::Loaded> decodeJpeg(const uchar* data, size_t size,
+                                            const ImageFile::LoadOptions& options);
 
 /// More scans than any encoder writes (a full progressive script has about ten, optimised ones a
 /// few dozen), far fewer than a denial-of-service file needs.

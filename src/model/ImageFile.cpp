@@ -1,9 +1,9 @@
 #include "model/ImageFile.h"
 
 #include "engines/PixelOps.h"
-#include "support/AtomicFile.h"
 #include "model/ImageCodecs.h"
 #include "model/PngChunks.h"
+#include "support/AtomicFile.h"
 
 #include <QBuffer>
 #include <QColorSpace>
@@ -52,7 +52,9 @@ QByteArray writerFormatForType(const QString& type) {
     return QByteArray();
 }
 
-bool isHeifType(const QString& type) { return type == kHeic || type == kHeif; }
+bool isHeifType(const QString& type) {
+    return type == kHeic || type == kHeif;
+}
 
 bool isJpeg(const QByteArray& head) {
     return head.size() >= 3 && uchar(head[0]) == 0xff && uchar(head[1]) == 0xd8 && uchar(head[2]) == 0xff;
@@ -100,7 +102,8 @@ QImage intoBufferLayout(QImage image) {
 std::optional<Loaded> decodeContent(QIODevice& device, const QByteArray& whole, const LoadOptions& options) {
     const QByteArray head = device.peek(64);
     if (head.isEmpty()) return std::nullopt;
-    const QString heif = ImageCodecs::heifTypeOf(reinterpret_cast<const uchar*>(head.constData()), int(head.size()));
+    const QString heif =
+        ImageCodecs::heifTypeOf(reinterpret_cast<const uchar*>(head.constData()), int(head.size()));
     const bool jpeg = isJpeg(head);
     if (!heif.isEmpty() || jpeg) {
         // These decoders want the whole file in memory (read, not mapped: a file rewritten while it
@@ -108,7 +111,8 @@ std::optional<Loaded> decodeContent(QIODevice& device, const QByteArray& whole, 
         if (device.size() > maxDecodedBytes()) return std::nullopt;
         const QByteArray bytes = whole.isNull() ? device.readAll() : whole;
         if (!heif.isEmpty()) return ImageCodecs::decodeHeif(bytes, heif, options);
-        return ImageCodecs::decodeJpeg(reinterpret_cast<const uchar*>(bytes.constData()), size_t(bytes.size()), options);
+        return ImageCodecs::decodeJpeg(reinterpret_cast<const uchar*>(bytes.constData()),
+                                       size_t(bytes.size()), options);
     }
     if (PngChunks::isPng(head)) {
         PngChunks::Walk walk = PngChunks::walk(device);
@@ -134,8 +138,8 @@ std::optional<Loaded> decodeContent(QIODevice& device, const QByteArray& whole, 
 
 namespace cutlark::ImageCodecs {
 
-using ImageFile::LoadOptions;
 using ImageFile::Loaded;
+using ImageFile::LoadOptions;
 using ImageFile::maxDecodedBytes;
 
 std::optional<MemoryBudget::Hold> admit(qint64 width, qint64 height, const LoadOptions& options) {
@@ -256,7 +260,8 @@ std::optional<QSize> probeSize(const QString& path) {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) return std::nullopt;
     const QByteArray head = file.peek(64);
-    if (!ImageCodecs::heifTypeOf(reinterpret_cast<const uchar*>(head.constData()), int(head.size())).isEmpty())
+    if (!ImageCodecs::heifTypeOf(reinterpret_cast<const uchar*>(head.constData()), int(head.size()))
+             .isEmpty())
         return std::nullopt; // libheif reads the whole file to know; decoding will tell
     QImageReader reader(&file);
     reader.setDecideFormatFromContent(true);

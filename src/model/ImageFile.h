@@ -20,8 +20,8 @@ class Hold;
 namespace cutlark::ImageFile {
 
 struct Loaded {
-    QImage image;  ///< upright, orientation tag applied
-    QString type;  ///< MIME type the content was recognised as
+    QImage image; ///< upright, orientation tag applied
+    QString type; ///< MIME type the content was recognised as
     /// The picture's share of the memory budget, for as long as anything keeps the picture; null
     /// when the caller keeps the accounts itself (`LoadOptions::admit` off).
     std::shared_ptr<const MemoryBudget::Hold> hold;

@@ -41,7 +41,8 @@ struct Bytes {
 
 quint64 readBE(const uchar* p, int n) {
     quint64 v = 0;
-    for (int i = 0; i < n; ++i) v = v << 8 | p[i];
+    for (int i = 0; i < n; ++i)
+        v = v << 8 | p[i];
     return v;
 }
 
@@ -72,7 +73,9 @@ std::optional<Box> boxAt(Bytes within, size_t at) {
     return box;
 }
 
-bool is(const Box& box, const char* type) { return std::memcmp(box.type, type, 4) == 0; }
+bool is(const Box& box, const char* type) {
+    return std::memcmp(box.type, type, 4) == 0;
+}
 
 struct Item {
     quint32 id = 0;
@@ -81,8 +84,8 @@ struct Item {
 
 struct Location {
     quint32 id = 0;
-    int method = 0;        // 0: in the file, 1: in 'idat'
-    quint64 offset = 0;    // of the first extent
+    int method = 0;     // 0: in the file, 1: in 'idat'
+    quint64 offset = 0; // of the first extent
     quint64 length = 0;
 };
 
@@ -185,9 +188,12 @@ std::optional<std::vector<QSize>> heifDerivedCanvases(const uchar* data, size_t 
     for (size_t at = meta->payload + 4; at < inMeta.size;) {
         const auto box = boxAt(inMeta, at);
         if (!box) return std::nullopt;
-        if (is(*box, "iinf")) haveItems = readItems(file, *box, items);
-        else if (is(*box, "iloc")) haveLocations = readLocations(file, *box, locations);
-        else if (is(*box, "idat")) idat = box;
+        if (is(*box, "iinf"))
+            haveItems = readItems(file, *box, items);
+        else if (is(*box, "iloc"))
+            haveLocations = readLocations(file, *box, locations);
+        else if (is(*box, "idat"))
+            idat = box;
         at = box->payload + box->length;
     }
     if (!haveItems || !haveLocations) return std::nullopt;
@@ -197,7 +203,8 @@ std::optional<std::vector<QSize>> heifDerivedCanvases(const uchar* data, size_t 
         const bool grid = std::memcmp(item.type, "grid", 4) == 0;
         const bool overlay = std::memcmp(item.type, "iovl", 4) == 0;
         if (!grid && !overlay) continue;
-        const auto loc = std::find_if(locations.begin(), locations.end(), [&](const Location& l) { return l.id == item.id; });
+        const auto loc = std::find_if(locations.begin(), locations.end(),
+                                      [&](const Location& l) { return l.id == item.id; });
         if (loc == locations.end()) return std::nullopt;
         quint64 start = loc->offset;
         quint64 limit = size;
@@ -210,7 +217,8 @@ std::optional<std::vector<QSize>> heifDerivedCanvases(const uchar* data, size_t 
         }
         if (start > limit || limit - start < 8) return std::nullopt;
         const uchar* p = data + start;
-        const size_t available = size_t(std::min<quint64>(limit - start, loc->length ? loc->length : limit - start));
+        const size_t available =
+            size_t(std::min<quint64>(limit - start, loc->length ? loc->length : limit - start));
         // grid: version, flags, rows − 1, columns − 1, width, height; iovl: version, flags, four
         // 16-bit fill values, width, height. Bit 0 of the flags makes the sizes 32 bits wide.
         const bool wide = p[1] & 1;
@@ -248,11 +256,13 @@ std::optional<ImageFile::Loaded> decodeHeif(const QByteArray& bytes, const QStri
     HeifContext ctx(heif_context_alloc());
     if (!ctx) return std::nullopt;
     // libheif reads from our bytes without copying them; they outlive the context.
-    if (heif_context_read_from_memory_without_copy(ctx.get(), bytes.constData(), size_t(bytes.size()), nullptr)
+    if (heif_context_read_from_memory_without_copy(ctx.get(), bytes.constData(), size_t(bytes.size()),
+                                                   nullptr)
             .code != heif_error_Ok)
         return std::nullopt;
     heif_image_handle* rawHandle = nullptr;
-    if (heif_context_get_primary_image_handle(ctx.get(), &rawHandle).code != heif_error_Ok) return std::nullopt;
+    if (heif_context_get_primary_image_handle(ctx.get(), &rawHandle).code != heif_error_Ok)
+        return std::nullopt;
     HeifHandle handle(rawHandle);
 
     // Every size the file states, checked before libheif allocates anything for it: the picture as
@@ -285,7 +295,8 @@ std::optional<ImageFile::Loaded> decodeHeif(const QByteArray& bytes, const QStri
     if (thumbnails > 0) heif_image_handle_get_list_of_thumbnail_IDs(handle.get(), ids.data(), thumbnails);
     for (int i = 0; i < thumbnails; ++i) {
         heif_image_handle* raw = nullptr;
-        if (heif_image_handle_get_thumbnail(handle.get(), ids[size_t(i)], &raw).code != heif_error_Ok) continue;
+        if (heif_image_handle_get_thumbnail(handle.get(), ids[size_t(i)], &raw).code != heif_error_Ok)
+            continue;
         const HeifHandle thumbnail(raw);
         if (!fitsCeiling(thumbnail.get())) return std::nullopt;
     }
@@ -320,7 +331,8 @@ std::optional<ImageFile::Loaded> decodeHeif(const QByteArray& bytes, const QStri
     const bool alpha = heif_image_handle_has_alpha_channel(handle.get());
     QImage out = PixelOps::newImage(iw, ih, alpha ? QImage::Format_RGBA8888 : QImage::Format_RGBX8888);
     if (out.isNull()) return std::nullopt;
-    for (int y = 0; y < ih; ++y) std::memcpy(out.scanLine(y), plane + qsizetype(y) * stride, size_t(iw) * 4);
+    for (int y = 0; y < ih; ++y)
+        std::memcpy(out.scanLine(y), plane + qsizetype(y) * stride, size_t(iw) * 4);
     image.reset(); // libheif's planes go before the premultiplication below needs its own store
     if (alpha) out.convertTo(QImage::Format_RGBA8888_Premultiplied);
     return finish(std::move(out), type, std::move(*hold));
@@ -350,12 +362,14 @@ QByteArray encodeHeif(const QImage& source) {
     heif_encoder* encoder = nullptr;
     if (heif_context_get_encoder_for_format(ctx.get(), heif_compression_HEVC, &encoder).code != heif_error_Ok)
         return QByteArray();
-    std::unique_ptr<heif_encoder, decltype(&heif_encoder_release)> encoderGuard(encoder, heif_encoder_release);
+    std::unique_ptr<heif_encoder, decltype(&heif_encoder_release)> encoderGuard(encoder,
+                                                                                heif_encoder_release);
     heif_encoder_set_lossy_quality(encoder, 92);
 
     heif_image* rawImage = nullptr;
     const heif_chroma chroma = alpha ? heif_chroma_interleaved_RGBA : heif_chroma_interleaved_RGB;
-    if (heif_image_create(rgba.width(), rgba.height(), heif_colorspace_RGB, chroma, &rawImage).code != heif_error_Ok)
+    if (heif_image_create(rgba.width(), rgba.height(), heif_colorspace_RGB, chroma, &rawImage).code !=
+        heif_error_Ok)
         return QByteArray();
     HeifImage image(rawImage);
     if (heif_image_add_plane(image.get(), heif_channel_interleaved, rgba.width(), rgba.height(), 8).code !=

@@ -47,7 +47,9 @@ void checkScans(j_common_ptr cinfo) {
     if (reinterpret_cast<j_decompress_ptr>(cinfo)->input_scan_number > kMaxJpegScans) onError(cinfo);
 }
 
-quint16 read16(const uchar* p, bool bigEndian) { return bigEndian ? quint16(p[0] << 8 | p[1]) : quint16(p[1] << 8 | p[0]); }
+quint16 read16(const uchar* p, bool bigEndian) {
+    return bigEndian ? quint16(p[0] << 8 | p[1]) : quint16(p[1] << 8 | p[0]);
+}
 quint32 read32(const uchar* p, bool bigEndian) {
     return bigEndian ? (quint32(p[0]) << 24 | quint32(p[1]) << 16 | quint32(p[2]) << 8 | p[3])
                      : (quint32(p[3]) << 24 | quint32(p[2]) << 16 | quint32(p[1]) << 8 | p[0]);
@@ -77,7 +79,7 @@ struct Decoding {
     jpeg_decompress_struct cinfo;
     ErrorManager errors;
     ScanLimit progress;
-    QImage image;       // the pooled store the rows go into
+    QImage image; // the pooled store the rows go into
     std::vector<JSAMPROW> rows;
     int orientation = 1;
     QByteArray icc;
@@ -118,7 +120,8 @@ bool run(Decoding& d, const uchar* data, size_t size, const ImageFile::LoadOptio
     cinfo.dct_method = JDCT_ISLOW;
 
     for (jpeg_saved_marker_ptr m = cinfo.marker_list; m; m = m->next) {
-        if (m->marker == JPEG_APP0 + 1 && d.orientation == 1) d.orientation = exifOrientation(m->data, m->data_length);
+        if (m->marker == JPEG_APP0 + 1 && d.orientation == 1)
+            d.orientation = exifOrientation(m->data, m->data_length);
     }
     JOCTET* iccData = nullptr;
     unsigned int iccLength = 0;
@@ -138,11 +141,13 @@ bool run(Decoding& d, const uchar* data, size_t size, const ImageFile::LoadOptio
     while (cinfo.output_scanline < cinfo.output_height) {
         const JDIMENSION first = cinfo.output_scanline;
         const JDIMENSION count = std::min<JDIMENSION>(JDIMENSION(rows.size()), cinfo.output_height - first);
-        for (JDIMENSION i = 0; i < count; ++i) rows[i] = d.image.scanLine(int(first + i));
+        for (JDIMENSION i = 0; i < count; ++i)
+            rows[i] = d.image.scanLine(int(first + i));
         const JDIMENSION got = jpeg_read_scanlines(&cinfo, rows.data(), count);
         if (got == 0) return false;
         if (cmyk)
-            for (JDIMENSION i = 0; i < got; ++i) cmykToRgbx(rows[i], int(w));
+            for (JDIMENSION i = 0; i < got; ++i)
+                cmykToRgbx(rows[i], int(w));
     }
     jpeg_finish_decompress(&cinfo);
     return true;
@@ -156,9 +161,12 @@ int exifOrientation(const uchar* data, size_t size) {
     const uchar* tiff = data + 6;
     const size_t n = size - 6;
     bool big;
-    if (tiff[0] == 'M' && tiff[1] == 'M') big = true;
-    else if (tiff[0] == 'I' && tiff[1] == 'I') big = false;
-    else return 1;
+    if (tiff[0] == 'M' && tiff[1] == 'M')
+        big = true;
+    else if (tiff[0] == 'I' && tiff[1] == 'I')
+        big = false;
+    else
+        return 1;
     if (read16(tiff + 2, big) != 42) return 1;
     const quint32 ifd = read32(tiff + 4, big);
     if (ifd < 8 || ifd > n - 2) return 1;
@@ -175,7 +183,8 @@ int exifOrientation(const uchar* data, size_t size) {
     return 1;
 }
 
-std::optional<ImageFile::Loaded> decodeJpeg(const uchar* data, size_t size, const ImageFile::LoadOptions& options) {
+std::optional<ImageFile::Loaded> decodeJpeg(const uchar* data, size_t size,
+                                            const ImageFile::LoadOptions& options) {
     if (!data || size < 4) return std::nullopt;
     auto d = std::make_unique<Decoding>();
     d->cinfo.err = jpeg_std_error(&d->errors.base);

@@ -17,7 +17,9 @@ quint32 bigEndian32(const char* p) {
            quint32(uchar(p[3]));
 }
 
-bool isLetter(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
+bool isLetter(char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+}
 
 // Ancillary chunks that change what the pixels look like, with the largest size kept.
 struct Kept {
@@ -25,11 +27,11 @@ struct Kept {
     qint64 maxLength;
 };
 constexpr std::array<Kept, 8> kAncillary = {{
-    {"tRNS", 256 * 2},       // one alpha per palette entry, or one colour key
+    {"tRNS", 256 * 2}, // one alpha per palette entry, or one colour key
     {"gAMA", 4},
     {"cHRM", 32},
     {"sRGB", 1},
-    {"iCCP", kMaxIccChunk},  // name, method and the compressed profile
+    {"iCCP", kMaxIccChunk}, // name, method and the compressed profile
     {"sBIT", 4},
     {"pHYs", 9},
     {"eXIf", kMaxExifChunk},
@@ -43,7 +45,9 @@ struct Chunk {
 
 } // namespace
 
-bool isPng(const QByteArray& head) { return head.size() >= 8 && std::memcmp(head.constData(), kSignature, 8) == 0; }
+bool isPng(const QByteArray& head) {
+    return head.size() >= 8 && std::memcmp(head.constData(), kSignature, 8) == 0;
+}
 
 Walk walk(QIODevice& device) {
     Walk result;
@@ -64,7 +68,8 @@ Walk walk(QIODevice& device) {
         const char* type = header + 4;
         // The format caps a length at 2³¹ − 1, and no chunk may run past the end of the file.
         if (length > 0x7fffffff || length > size - pos - 12) return result;
-        if (!isLetter(type[0]) || !isLetter(type[1]) || !isLetter(type[2]) || !isLetter(type[3])) return result;
+        if (!isLetter(type[0]) || !isLetter(type[1]) || !isLetter(type[2]) || !isLetter(type[3]))
+            return result;
         if (first && std::memcmp(type, "IHDR", 4) != 0) return result;
         first = false;
 

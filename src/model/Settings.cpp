@@ -34,28 +34,51 @@ bool parseValue(const QString& text, double& out) {
 }
 
 // Numbers must be finite and inside the table's range; everything else has no range.
-QString numberText(double v) { return QString::number(v, 'g', 10); }
+QString numberText(double v) {
+    return QString::number(v, 'g', 10);
+}
 std::optional<QString> outOfRange(double v, double lo, double hi, const char* unit, const QString& name) {
     const QString u = *unit ? QLatin1Char(' ') + QString::fromUtf8(unit) : QString();
     if (!std::isfinite(v)) return QStringLiteral("%1 must be a finite number").arg(name);
     if (v < lo || v > hi)
-        return QStringLiteral("%1 = %2 is outside %3 to %4%5").arg(name, numberText(v), numberText(lo), numberText(hi), u);
+        return QStringLiteral("%1 = %2 is outside %3 to %4%5")
+            .arg(name, numberText(v), numberText(lo), numberText(hi), u);
     return std::nullopt;
 }
 template <class T> std::optional<QString> outOfRange(const T&, double, double, const char*, const QString&) {
     return std::nullopt;
 }
 
-const char* typeName(bool) { return "bool"; }
-const char* typeName(double) { return "number"; }
-const char* typeName(qint64) { return "integer"; }
-const char* typeName(const QRectF&) { return "rect"; }
-const char* typeName(const QColor&) { return "color"; }
-const char* typeName(BGRemovalMode) { return "white|subject"; }
-const char* typeName(BackgroundKind) { return "color|gradient|image"; }
-const char* typeName(VectorizeStyle) { return "silhouette|outline"; }
-const char* typeName(const QImage&) { return "picture"; }
-const char* typeName(const QString&) { return "path"; }
+const char* typeName(bool) {
+    return "bool";
+}
+const char* typeName(double) {
+    return "number";
+}
+const char* typeName(qint64) {
+    return "integer";
+}
+const char* typeName(const QRectF&) {
+    return "rect";
+}
+const char* typeName(const QColor&) {
+    return "color";
+}
+const char* typeName(BGRemovalMode) {
+    return "white|subject";
+}
+const char* typeName(BackgroundKind) {
+    return "color|gradient|image";
+}
+const char* typeName(VectorizeStyle) {
+    return "silhouette|outline";
+}
+const char* typeName(const QImage&) {
+    return "picture";
+}
+const char* typeName(const QString&) {
+    return "path";
+}
 
 bool parseValue(const QString& text, qint64& out) {
     bool ok = false;
@@ -88,31 +111,43 @@ bool parseValue(const QString& text, QColor& out) {
 
 bool parseValue(const QString& text, BGRemovalMode& out) {
     const QString t = text.trimmed();
-    if (t == QLatin1String("white")) out = BGRemovalMode::white;
-    else if (t == QLatin1String("subject")) out = BGRemovalMode::subject;
-    else return false;
+    if (t == QLatin1String("white"))
+        out = BGRemovalMode::white;
+    else if (t == QLatin1String("subject"))
+        out = BGRemovalMode::subject;
+    else
+        return false;
     return true;
 }
 
 bool parseValue(const QString& text, BackgroundKind& out) {
     const QString t = text.trimmed();
-    if (t == QLatin1String("color")) out = BackgroundKind::color;
-    else if (t == QLatin1String("gradient")) out = BackgroundKind::gradient;
-    else if (t == QLatin1String("image")) out = BackgroundKind::image;
-    else return false;
+    if (t == QLatin1String("color"))
+        out = BackgroundKind::color;
+    else if (t == QLatin1String("gradient"))
+        out = BackgroundKind::gradient;
+    else if (t == QLatin1String("image"))
+        out = BackgroundKind::image;
+    else
+        return false;
     return true;
 }
 
 bool parseValue(const QString& text, VectorizeStyle& out) {
     const QString t = text.trimmed();
-    if (t == QLatin1String("silhouette")) out = VectorizeStyle::silhouette;
-    else if (t == QLatin1String("outline")) out = VectorizeStyle::outline;
-    else return false;
+    if (t == QLatin1String("silhouette"))
+        out = VectorizeStyle::silhouette;
+    else if (t == QLatin1String("outline"))
+        out = VectorizeStyle::outline;
+    else
+        return false;
     return true;
 }
 
 // The picture itself can't be written as text; it comes with its path.
-bool parseValue(const QString&, QImage&) { return false; }
+bool parseValue(const QString&, QImage&) {
+    return false;
+}
 
 // A path is stored as given; the caller loads the picture behind it.
 bool parseValue(const QString& text, QString& out) {
@@ -122,22 +157,38 @@ bool parseValue(const QString& text, QString& out) {
 
 // --- JSON, one overload per value type ---
 
-QJsonValue jsonValue(bool v) { return v; }
-QJsonValue jsonValue(double v) { return v; }
-QJsonValue jsonValue(qint64 v) { return v; }
+QJsonValue jsonValue(bool v) {
+    return v;
+}
+QJsonValue jsonValue(double v) {
+    return v;
+}
+QJsonValue jsonValue(qint64 v) {
+    return v;
+}
 QJsonValue jsonValue(const QRectF& r) {
     return QString::number(r.x()) + QLatin1Char(',') + QString::number(r.y()) + QLatin1Char(',') +
            QString::number(r.width()) + QLatin1Char(',') + QString::number(r.height());
 }
-QJsonValue jsonValue(const QColor& c) { return colorToHex(c); }
-QJsonValue jsonValue(BGRemovalMode v) { return toString(v); }
-QJsonValue jsonValue(BackgroundKind v) { return toString(v); }
-QJsonValue jsonValue(VectorizeStyle v) { return toString(v); }
+QJsonValue jsonValue(const QColor& c) {
+    return colorToHex(c);
+}
+QJsonValue jsonValue(BGRemovalMode v) {
+    return toString(v);
+}
+QJsonValue jsonValue(BackgroundKind v) {
+    return toString(v);
+}
+QJsonValue jsonValue(VectorizeStyle v) {
+    return toString(v);
+}
 QJsonValue jsonValue(const QImage& image) {
     if (image.isNull()) return QJsonValue::Null;
     return QString::number(image.width()) + QLatin1Char('x') + QString::number(image.height());
 }
-QJsonValue jsonValue(const QString& s) { return s.isEmpty() ? QJsonValue(QJsonValue::Null) : QJsonValue(s); }
+QJsonValue jsonValue(const QString& s) {
+    return s.isEmpty() ? QJsonValue(QJsonValue::Null) : QJsonValue(s);
+}
 
 QString jsonToText(const QJsonValue& v) {
     switch (v.type()) {
@@ -153,7 +204,9 @@ QString jsonToText(const QJsonValue& v) {
 }
 
 // A path brings its picture with it.
-template <class T> std::optional<QString> afterParse(Settings&, const T&, const QString&) { return std::nullopt; }
+template <class T> std::optional<QString> afterParse(Settings&, const T&, const QString&) {
+    return std::nullopt;
+}
 std::optional<QString> afterParse(Settings& into, const QString& path, const QString& name) {
     if (path.isEmpty()) {
         into.backgroundImage = QImage();
@@ -165,14 +218,20 @@ std::optional<QString> afterParse(Settings& into, const QString& path, const QSt
     return std::nullopt;
 }
 
-bool sameImage(const QImage& a, const QImage& b) { return a.isNull() == b.isNull() && a.cacheKey() == b.cacheKey(); }
-template <class T> bool same(const T& a, const T& b) { return a == b; }
-bool same(const QImage& a, const QImage& b) { return sameImage(a, b); }
+bool sameImage(const QImage& a, const QImage& b) {
+    return a.isNull() == b.isNull() && a.cacheKey() == b.cacheKey();
+}
+template <class T> bool same(const T& a, const T& b) {
+    return a == b;
+}
+bool same(const QImage& a, const QImage& b) {
+    return sameImage(a, b);
+}
 
 } // namespace
 
 bool Settings::operator==(const Settings& other) const {
-#define CUTLARK_COMPARE(Type, name, Name, def, ...)                                                        \
+#define CUTLARK_COMPARE(Type, name, Name, def, ...)                                                          \
     if (!same(name, other.name)) return false;
     CUTLARK_SETTINGS(CUTLARK_COMPARE)
 #undef CUTLARK_COMPARE
@@ -190,7 +249,8 @@ const QStringList& Settings::names() {
 
 const std::vector<SettingInfo>& Settings::table() {
     static const std::vector<SettingInfo> rows = {
-#define CUTLARK_INFO(Type, name, Name, def, lo, hi, unit, meaning) {#name, typeName(Type()), lo, hi, unit, meaning},
+#define CUTLARK_INFO(Type, name, Name, def, lo, hi, unit, meaning)                                           \
+    {#name, typeName(Type()), lo, hi, unit, meaning},
         CUTLARK_SETTINGS(CUTLARK_INFO)
 #undef CUTLARK_INFO
     };
@@ -205,7 +265,7 @@ const SettingInfo* Settings::info(const QString& name) {
 
 std::optional<QString> Settings::parseInto(Settings& into, const QString& name, const QString& text) {
     // Parsed into a copy, so a refused value leaves every field as it was.
-#define CUTLARK_PARSE(Type, field, Name, def, lo, hi, unit, meaning)                                       \
+#define CUTLARK_PARSE(Type, field, Name, def, lo, hi, unit, meaning)                                         \
     if (name == QLatin1String(#field)) {                                                                     \
         Settings candidate = into;                                                                           \
         if (!parseValue(text, candidate.field))                                                              \

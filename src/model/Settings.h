@@ -23,6 +23,7 @@ enum class BackgroundKind { color, gradient, image };
 // --set parser, its help and `cutlark-cli settings` — is derived from this table.
 //
 // X(Type, name, Name, default, minimum, maximum, unit, meaning)
+// clang-format off
 // The range applies to numbers only (the sliders' range; values outside it are refused when typed
 // or read from a preset); 0, 0 elsewhere.
 #define CUTLARK_SETTINGS(X)                                                                                \
@@ -66,14 +67,15 @@ enum class BackgroundKind { color, gradient, image };
     X(double, vectorMinFeature, VectorMinFeature, 0, 0, 100, "", "smallest colour region kept, on a logarithmic scale from 0.003 % to 0.38 % of the picture") \
     X(double, vectorDenoise, VectorDenoise, 2, 1, 3, "passes", "median passes over the picture before colour tracing") \
     X(double, vectorCleanup, VectorCleanup, 3, 0, 10, "passes", "clean-up passes over the colour regions (0: none)")
+// clang-format on
 
 /// One row of the table, readable at run time: for help texts, validation and the sidebar's ranges.
 struct SettingInfo {
     const char* name;
-    const char* type;   ///< "bool", "number", "integer", "rect", "color", "path", "picture", or the choices
-    double minimum;     ///< for numbers
+    const char* type; ///< "bool", "number", "integer", "rect", "color", "path", "picture", or the choices
+    double minimum;   ///< for numbers
     double maximum;
-    const char* unit;   ///< "px", "%", "°", "‰", "passes", or empty
+    const char* unit; ///< "px", "%", "°", "‰", "passes", or empty
     const char* meaning;
     bool isNumber() const { return minimum != maximum; }
 };

@@ -97,14 +97,16 @@ qint64 physicalBytes() {
 }
 
 qint64 computedAvailable() {
-    static const qint64 available = std::min(
-        {physicalBytes(), cgroupLimit(), rlimitRoom(RLIMIT_AS), rlimitRoom(RLIMIT_DATA)});
+    static const qint64 available =
+        std::min({physicalBytes(), cgroupLimit(), rlimitRoom(RLIMIT_AS), rlimitRoom(RLIMIT_DATA)});
     return available;
 }
 
 } // namespace
 
-qint64 availableBytes() { return computedAvailable(); }
+qint64 availableBytes() {
+    return computedAvailable();
+}
 
 qint64 limit() {
     if (const qint64 forced = state().forced.load()) return forced;
@@ -132,7 +134,9 @@ Hold& Hold::operator=(Hold&& other) noexcept {
     return *this;
 }
 
-Hold::~Hold() { release(); }
+Hold::~Hold() {
+    release();
+}
 
 void Hold::shrinkTo(qint64 bytes) {
     bytes = std::clamp<qint64>(bytes, 0, m_bytes);

@@ -7,11 +7,15 @@ namespace {
 int compareDigitRuns(const QString& a, qsizetype& i, const QString& b, qsizetype& j) {
     // Skip leading zeros, then a longer run is a larger number; equal lengths compare digit by digit.
     const qsizetype startA = i, startB = j;
-    while (i < a.size() && a[i] == QLatin1Char('0')) ++i;
-    while (j < b.size() && b[j] == QLatin1Char('0')) ++j;
+    while (i < a.size() && a[i] == QLatin1Char('0'))
+        ++i;
+    while (j < b.size() && b[j] == QLatin1Char('0'))
+        ++j;
     const qsizetype sigA = i, sigB = j;
-    while (i < a.size() && a[i].isDigit()) ++i;
-    while (j < b.size() && b[j].isDigit()) ++j;
+    while (i < a.size() && a[i].isDigit())
+        ++i;
+    while (j < b.size() && b[j].isDigit())
+        ++j;
     const qsizetype lenA = i - sigA, lenB = j - sigB;
     if (lenA != lenB) return lenA < lenB ? -1 : 1;
     for (qsizetype k = 0; k < lenA; ++k) {

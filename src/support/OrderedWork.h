@@ -43,7 +43,8 @@ public:
     ~OrderedWork() {
         if (m_abandoned) return;
         m_shared->stop = true;
-        for (std::thread& t : m_threads) t.join();
+        for (std::thread& t : m_threads)
+            t.join();
     }
 
     OrderedWork(const OrderedWork&) = delete;
@@ -58,8 +59,10 @@ public:
         std::unique_lock lock(s.mutex);
         if (m_handedBack >= s.count) return std::nullopt;
         const auto ready = [&] { return s.results[size_t(m_handedBack)].has_value(); };
-        if (timeout.count() < 0) s.finishedOne.wait(lock, ready);
-        else if (!s.finishedOne.wait_for(lock, timeout, ready)) return std::nullopt;
+        if (timeout.count() < 0)
+            s.finishedOne.wait(lock, ready);
+        else if (!s.finishedOne.wait_for(lock, timeout, ready))
+            return std::nullopt;
         std::optional<Result> out = std::move(s.results[size_t(m_handedBack)]);
         s.results[size_t(m_handedBack)].reset();
         ++m_handedBack;
@@ -75,13 +78,15 @@ public:
     /// Stops waiting: no new piece starts, and the threads are let go to finish what they run.
     void abandon() {
         m_shared->stop = true;
-        for (std::thread& t : m_threads) t.detach();
+        for (std::thread& t : m_threads)
+            t.detach();
         m_abandoned = true;
     }
 
 private:
     struct Shared {
-        Shared(int n, std::function<Result(int)> w) : count(n), work(std::move(w)), results(size_t(std::max(n, 0))) {}
+        Shared(int n, std::function<Result(int)> w)
+            : count(n), work(std::move(w)), results(size_t(std::max(n, 0))) {}
         void run() {
             for (int i = next++; i < count && !stop.load(); i = next++) {
                 Result r = work(i);

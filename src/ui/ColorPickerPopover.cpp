@@ -5,8 +5,8 @@
 #include <QFontDatabase>
 #include <QHBoxLayout>
 #include <QLabel>
-#include <QLineEdit>
 #include <QLinearGradient>
+#include <QLineEdit>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
@@ -19,7 +19,8 @@ namespace cutlark {
 
 namespace {
 
-constexpr double kPadHeight = 140, kStripHeight = 14, kSpacing = 10, kSwatch = 18, kSwatchGap = 2, kRowGap = 4;
+constexpr double kPadHeight = 140, kStripHeight = 14, kSpacing = 10, kSwatch = 18, kSwatchGap = 2,
+                 kRowGap = 4;
 
 QString hexOf(double r, double g, double b) {
     auto byte = [](double c) { return int(std::round(std::clamp(c, 0.0, 1.0) * 255)); };
@@ -31,9 +32,12 @@ ColorPickerPopover::HSB hsbOf(double r, double g, double b) {
     const double mx = std::max({r, g, b}), mn = std::min({r, g, b}), d = mx - mn;
     double h = 0;
     if (d > 1e-9) {
-        if (mx == r) h = std::fmod((g - b) / d, 6.0);
-        else if (mx == g) h = (b - r) / d + 2;
-        else h = (r - g) / d + 4;
+        if (mx == r)
+            h = std::fmod((g - b) / d, 6.0);
+        else if (mx == g)
+            h = (b - r) / d + 2;
+        else
+            h = (r - g) / d + 4;
         h /= 6;
         if (h < 0) h += 1;
     }
@@ -50,7 +54,9 @@ void rgbOf(double hue, double sat, double bri, double& r, double& g, double& b) 
     b = std::clamp(table[sector][2] + m, 0.0, 1.0);
 }
 
-QColor hairline() { return QColor(0, 0, 0, int(0.15 * 255)); }
+QColor hairline() {
+    return QColor(0, 0, 0, int(0.15 * 255));
+}
 
 void paintThumb(QPainter& p, const QRectF& r, double radius) {
     p.setBrush(Qt::NoBrush);
@@ -73,11 +79,16 @@ void paintCheckerboardPattern(QPainter& p, const QRectF& r) {
 
 const QList<QStringList>& ColorPickerPopover::palette() {
     static const QList<QStringList> rows = {
-        QStringLiteral("FF1744 FF6F00 FFC400 FFEA00 C6FF00 00E676 1DE9B6 00E5FF 2979FF 651FFF F50057").split(' '),
-        QStringLiteral("EF4444 F97316 F59E0B EAB308 84CC16 22C55E 10B981 06B6D4 3B82F6 8B5CF6 EC4899").split(' '),
-        QStringLiteral("FCA5A5 FDBA74 FCD34D FDE68A BEF264 86EFAC 6EE7B7 67E8F9 93C5FD C4B5FD F9A8D4").split(' '),
-        QStringLiteral("991B1B 9A3412 92400E 854D0E 3F6212 166534 065F46 155E75 1E40AF 5B21B6 9D174D").split(' '),
-        QStringLiteral("FFFFFF F3F4F6 D1D5DB 9CA3AF 6B7280 4B5563 374151 1F2937 111827 000000 CLEAR").split(' '),
+        QStringLiteral("FF1744 FF6F00 FFC400 FFEA00 C6FF00 00E676 1DE9B6 00E5FF 2979FF 651FFF F50057")
+            .split(' '),
+        QStringLiteral("EF4444 F97316 F59E0B EAB308 84CC16 22C55E 10B981 06B6D4 3B82F6 8B5CF6 EC4899")
+            .split(' '),
+        QStringLiteral("FCA5A5 FDBA74 FCD34D FDE68A BEF264 86EFAC 6EE7B7 67E8F9 93C5FD C4B5FD F9A8D4")
+            .split(' '),
+        QStringLiteral("991B1B 9A3412 92400E 854D0E 3F6212 166534 065F46 155E75 1E40AF 5B21B6 9D174D")
+            .split(' '),
+        QStringLiteral("FFFFFF F3F4F6 D1D5DB 9CA3AF 6B7280 4B5563 374151 1F2937 111827 000000 CLEAR")
+            .split(' '),
     };
     return rows;
 }
@@ -88,10 +99,13 @@ std::optional<ColorPickerPopover::HSB> ColorPickerPopover::parseHex(const QStrin
     return hsbOf(((*v >> 16) & 0xff) / 255.0, ((*v >> 8) & 0xff) / 255.0, (*v & 0xff) / 255.0);
 }
 
-QString ColorPickerPopover::percentText(double alpha) { return QStringLiteral("%1%").arg(qint64(std::round(alpha * 100))); }
+QString ColorPickerPopover::percentText(double alpha) {
+    return QStringLiteral("%1%").arg(qint64(std::round(alpha * 100)));
+}
 
 ColorPickerPopover::ColorPickerPopover(std::function<QColor()> get, std::function<void(const QColor&)> set,
-                                       std::function<void(double, double, double, double)> onApplyRGBA, QWidget* parent)
+                                       std::function<void(double, double, double, double)> onApplyRGBA,
+                                       QWidget* parent)
     : QWidget(parent), m_get(std::move(get)), m_set(std::move(set)), m_onApplyRGBA(std::move(onApplyRGBA)),
       m_hexField(new QLineEdit(this)), m_percent(new QLabel(this)) {
     const double paletteHeight = 5 * kSwatch + 4 * kRowGap;
@@ -139,8 +153,10 @@ void ColorPickerPopover::pushOut() {
     const bool same = bound && std::abs(bound->r - r) < 0.004 && std::abs(bound->g - g) < 0.004 &&
                       std::abs(bound->b - b) < 0.004 && std::abs(bound->a - a) < 0.004;
     if (!same) {
-        if (m_onApplyRGBA) m_onApplyRGBA(r, g, b, a);
-        else m_set(QColor::fromRgbF(float(r), float(g), float(b), float(a)));
+        if (m_onApplyRGBA)
+            m_onApplyRGBA(r, g, b, a);
+        else
+            m_set(QColor::fromRgbF(float(r), float(g), float(b), float(a)));
         m_hexText = hexOf(r, g, b);
     }
     // Cleared after the current update, so the notification of our own write still finds it set.
@@ -155,9 +171,13 @@ void ColorPickerPopover::dragPad(double x, double y) {
     setLocal(m_hue, std::clamp(x / r.width(), 0.0, 1.0), std::clamp(1 - y / r.height(), 0.0, 1.0), m_alpha);
 }
 
-void ColorPickerPopover::dragHue(double x) { setLocal(std::clamp(x / hueRect().width(), 0.0, 0.9999), m_sat, m_bri, m_alpha); }
+void ColorPickerPopover::dragHue(double x) {
+    setLocal(std::clamp(x / hueRect().width(), 0.0, 0.9999), m_sat, m_bri, m_alpha);
+}
 
-void ColorPickerPopover::dragAlpha(double x) { setLocal(m_hue, m_sat, m_bri, std::clamp(x / alphaRect().width(), 0.0, 1.0)); }
+void ColorPickerPopover::dragAlpha(double x) {
+    setLocal(m_hue, m_sat, m_bri, std::clamp(x / alphaRect().width(), 0.0, 1.0));
+}
 
 void ColorPickerPopover::pickPalette(int row, int column) {
     const QString entry = palette().value(row).value(column);
@@ -174,8 +194,12 @@ void ColorPickerPopover::commitHex(const QString& text) {
     if (const auto hsb = parseHex(text)) setLocal(hsb->hue, hsb->sat, hsb->bri, m_alpha);
 }
 
-QRectF ColorPickerPopover::padRect() const { return QRectF(0, 0, kWidth, kPadHeight); }
-QRectF ColorPickerPopover::hueRect() const { return QRectF(0, kPadHeight + kSpacing, kWidth, kStripHeight); }
+QRectF ColorPickerPopover::padRect() const {
+    return QRectF(0, 0, kWidth, kPadHeight);
+}
+QRectF ColorPickerPopover::hueRect() const {
+    return QRectF(0, kPadHeight + kSpacing, kWidth, kStripHeight);
+}
 QRectF ColorPickerPopover::alphaRect() const {
     return QRectF(0, kPadHeight + kStripHeight + 2 * kSpacing, kWidth, kStripHeight);
 }
@@ -189,9 +213,12 @@ QRectF ColorPickerPopover::swatchRect(int row, int column) const {
 void ColorPickerPopover::dragAt(const QPointF& p, bool press) {
     if (press) {
         m_dragArea = -1;
-        if (padRect().contains(p)) m_dragArea = 0;
-        else if (hueRect().contains(p)) m_dragArea = 1;
-        else if (alphaRect().contains(p)) m_dragArea = 2;
+        if (padRect().contains(p))
+            m_dragArea = 0;
+        else if (hueRect().contains(p))
+            m_dragArea = 1;
+        else if (alphaRect().contains(p))
+            m_dragArea = 2;
         else {
             for (int row = 0; row < 5; ++row)
                 for (int col = 0; col < 11; ++col)
@@ -199,13 +226,20 @@ void ColorPickerPopover::dragAt(const QPointF& p, bool press) {
         }
     }
     // A drag may leave its area; the clamps hold.
-    if (m_dragArea == 0) dragPad(p.x() - padRect().left(), p.y() - padRect().top());
-    else if (m_dragArea == 1) dragHue(p.x() - hueRect().left());
-    else if (m_dragArea == 2) dragAlpha(p.x() - alphaRect().left());
+    if (m_dragArea == 0)
+        dragPad(p.x() - padRect().left(), p.y() - padRect().top());
+    else if (m_dragArea == 1)
+        dragHue(p.x() - hueRect().left());
+    else if (m_dragArea == 2)
+        dragAlpha(p.x() - alphaRect().left());
 }
 
-void ColorPickerPopover::mousePressEvent(QMouseEvent* e) { dragAt(e->position(), true); }
-void ColorPickerPopover::mouseMoveEvent(QMouseEvent* e) { dragAt(e->position(), false); }
+void ColorPickerPopover::mousePressEvent(QMouseEvent* e) {
+    dragAt(e->position(), true);
+}
+void ColorPickerPopover::mouseMoveEvent(QMouseEvent* e) {
+    dragAt(e->position(), false);
+}
 
 void ColorPickerPopover::paintEvent(QPaintEvent*) {
     QPainter p(this);
@@ -284,8 +318,8 @@ void ColorPickerPopover::paintEvent(QPaintEvent*) {
 
 // --- the swatch row ---
 
-ColorSwatchRow::ColorSwatchRow(const QString& label, std::function<QColor()> get, std::function<void(const QColor&)> set,
-                               QWidget* parent)
+ColorSwatchRow::ColorSwatchRow(const QString& label, std::function<QColor()> get,
+                               std::function<void(const QColor&)> set, QWidget* parent)
     : QAbstractButton(parent), m_get(std::move(get)), m_set(std::move(set)) {
     setText(label);
     setToolTip(label);
@@ -306,7 +340,8 @@ ColorSwatchRow::ColorSwatchRow(const QString& label, std::function<QColor()> get
 }
 
 QSize ColorSwatchRow::sizeHint() const {
-    return QSize(26 + 9 + fontMetrics().horizontalAdvance(text()) + 4, std::max(24, fontMetrics().height() + 6));
+    return QSize(26 + 9 + fontMetrics().horizontalAdvance(text()) + 4,
+                 std::max(24, fontMetrics().height() + 6));
 }
 
 void ColorSwatchRow::colorChanged() {

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <QAbstractButton>
-#include <QPointer>
 #include <QColor>
+#include <QPointer>
 #include <QStringList>
 #include <QWidget>
 
@@ -27,7 +27,8 @@ public:
     };
 
     ColorPickerPopover(std::function<QColor()> get, std::function<void(const QColor&)> set,
-                       std::function<void(double, double, double, double)> onApplyRGBA = {}, QWidget* parent = nullptr);
+                       std::function<void(double, double, double, double)> onApplyRGBA = {},
+                       QWidget* parent = nullptr);
 
     /// The five rows of eleven palette entries; the last entry is "CLEAR".
     static const QList<QStringList>& palette();

@@ -11,10 +11,10 @@
 #include "model/ImageFile.h"
 #include "support/PrivateDir.h"
 
+#include <QBoxLayout>
 #include <QDir>
 #include <QDragEnterEvent>
 #include <QFileInfo>
-#include <QBoxLayout>
 #include <QHBoxLayout>
 #include <QImage>
 #include <QLabel>
@@ -52,9 +52,10 @@ public:
         title->setFont(f);
         title->setAlignment(Qt::AlignCenter);
         column->addWidget(title);
-        auto* text = secondaryLabel(tr("Trim to the artwork, key out white backgrounds, and add a sticker outline. Drop "
-                                       "several images — or a folder — to queue them up."),
-                                    this);
+        auto* text = secondaryLabel(
+            tr("Trim to the artwork, key out white backgrounds, and add a sticker outline. Drop "
+               "several images — or a folder — to queue them up."),
+            this);
         text->setAlignment(Qt::AlignCenter);
         text->setMaximumWidth(380);
         auto* textRow = new QHBoxLayout;
@@ -82,7 +83,8 @@ protected:
         QRectF r = QRectF(rect()).adjusted(28, 28, -28, -28);
         if (targeted) {
             const QPointF c = r.center();
-            r = QRectF(c.x() - r.width() * 0.505, c.y() - r.height() * 0.505, r.width() * 1.01, r.height() * 1.01);
+            r = QRectF(c.x() - r.width() * 0.505, c.y() - r.height() * 0.505, r.width() * 1.01,
+                       r.height() * 1.01);
         }
         QColor accent = palette().color(QPalette::Highlight);
         if (targeted) {
@@ -115,7 +117,8 @@ protected:
         p.setRenderHint(QPainter::Antialiasing);
         p.setPen(QPen(QColor(128, 128, 128, int(0.05 * 255 * 2)), 1.5));
         const int w = width(), h = height();
-        for (int x = -h; x < w; x += 10) p.drawLine(QPointF(x, 0), QPointF(x + h, h));
+        for (int x = -h; x < w; x += 10)
+            p.drawLine(QPointF(x, 0), QPointF(x + h, h));
         if (m_view->isTargeted()) {
             // The drop ring, inside the region's edges.
             p.setPen(QPen(palette().color(QPalette::Highlight), 3));
@@ -131,9 +134,10 @@ private:
 } // namespace
 
 ContentView::ContentView(QWidget* parent)
-    : QWidget(parent), m_panels(this), m_queue(new QueueDrawer(&m_model, this)), m_queueDivider(divider(Qt::Vertical, this)),
-      m_header(new QWidget(this)), m_name(new QLabel(m_header)), m_badge(captionLabel(QString(), m_header)),
-      m_dims(new QLabel(m_header)), m_region(new QStackedWidget(this)), m_dropZone(new DropZone(&m_model, this)),
+    : QWidget(parent), m_panels(this), m_queue(new QueueDrawer(&m_model, this)),
+      m_queueDivider(divider(Qt::Vertical, this)), m_header(new QWidget(this)), m_name(new QLabel(m_header)),
+      m_badge(captionLabel(QString(), m_header)), m_dims(new QLabel(m_header)),
+      m_region(new QStackedWidget(this)), m_dropZone(new DropZone(&m_model, this)),
       m_preview(new ImagePreview(&m_model)), m_sidebar(new SettingsSidebar(&m_model, this)) {
     m_model.setPanels(&m_panels);
     setAcceptDrops(true);
@@ -211,7 +215,9 @@ ContentView::ContentView(QWidget* parent)
     refresh();
 }
 
-CropEditorSheet* ContentView::cropEditor() const { return m_cropEditor.data(); }
+CropEditorSheet* ContentView::cropEditor() const {
+    return m_cropEditor.data();
+}
 
 void ContentView::openCropEditor() {
     const QImage source = m_model.cropSourceImage();
@@ -246,7 +252,11 @@ QString ContentView::dimsText() const {
     const auto* item = const_cast<CropModel&>(m_model).active();
     const QImage& out = m_model.processedImage();
     if (!item || out.isNull()) return QString();
-    return QStringLiteral("%1×%2 → %3×%4").arg(item->buffer.width()).arg(item->buffer.height()).arg(out.width()).arg(out.height());
+    return QStringLiteral("%1×%2 → %3×%4")
+        .arg(item->buffer.width())
+        .arg(item->buffer.height())
+        .arg(out.width())
+        .arg(out.height());
 }
 
 void ContentView::refresh() {
@@ -267,13 +277,15 @@ void ContentView::refresh() {
         if (!out.isNull()) {
             const QString accent = m_model.willTrim() ? palette().color(QPalette::Highlight).name()
                                                       : palette().color(QPalette::PlaceholderText).name();
-            m_dims->setText(QStringLiteral("<span style='color:%1'>%2×%3</span>&nbsp;→&nbsp;<b style='color:%4'>%5×%6</b>")
-                                .arg(palette().color(QPalette::PlaceholderText).name())
-                                .arg(item->buffer.width())
-                                .arg(item->buffer.height())
-                                .arg(accent)
-                                .arg(out.width())
-                                .arg(out.height()));
+            m_dims->setText(
+                QStringLiteral(
+                    "<span style='color:%1'>%2×%3</span>&nbsp;→&nbsp;<b style='color:%4'>%5×%6</b>")
+                    .arg(palette().color(QPalette::PlaceholderText).name())
+                    .arg(item->buffer.width())
+                    .arg(item->buffer.height())
+                    .arg(accent)
+                    .arg(out.width())
+                    .arg(out.height()));
         }
         arrangeHeader();
     }
@@ -293,7 +305,9 @@ void ContentView::arrangeHeader() {
     m_headerLayout->setContentsMargins(16, oneRow ? 0 : 4, 16, oneRow ? 0 : 4);
 }
 
-bool ContentView::headerIsOneRow() const { return m_headerLayout->direction() == QBoxLayout::LeftToRight; }
+bool ContentView::headerIsOneRow() const {
+    return m_headerLayout->direction() == QBoxLayout::LeftToRight;
+}
 
 void ContentView::setTargeted(bool on) {
     m_targeted = on;
@@ -306,7 +320,9 @@ void ContentView::dragEnterEvent(QDragEnterEvent* event) {
     setTargeted(true);
 }
 
-void ContentView::dragLeaveEvent(QDragLeaveEvent*) { setTargeted(false); }
+void ContentView::dragLeaveEvent(QDragLeaveEvent*) {
+    setTargeted(false);
+}
 
 void ContentView::dropEvent(QDropEvent* event) {
     setTargeted(false);
@@ -319,7 +335,8 @@ void ContentView::dropEvent(QDropEvent* event) {
         // one else can read it, swap the folder or plant a link in it), then opens like a file.
         // The folder goes when the window does.
         const QImage image = qvariant_cast<QImage>(mime->imageData());
-        const QByteArray png = image.isNull() ? QByteArray() : ImageFile::encode(image, QStringLiteral("image/png"));
+        const QByteArray png =
+            image.isNull() ? QByteArray() : ImageFile::encode(image, QStringLiteral("image/png"));
         const QString folder = png.isEmpty() ? QString() : PrivateDir::create(QStringLiteral("CutlarkDrops"));
         if (!folder.isEmpty()) {
             m_dropFolders << folder;
@@ -335,10 +352,13 @@ void ContentView::dropEvent(QDropEvent* event) {
     m_model.open(paths);
 }
 
-void ContentView::paintEvent(QPaintEvent* event) { QWidget::paintEvent(event); }
+void ContentView::paintEvent(QPaintEvent* event) {
+    QWidget::paintEvent(event);
+}
 
 ContentView::~ContentView() {
-    for (const QString& folder : std::as_const(m_dropFolders)) PrivateDir::remove(folder);
+    for (const QString& folder : std::as_const(m_dropFolders))
+        PrivateDir::remove(folder);
 }
 
 } // namespace cutlark

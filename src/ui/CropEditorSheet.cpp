@@ -27,15 +27,24 @@ struct Moves {
 };
 Moves movesOf(CropHandle h) {
     switch (h) {
-    case CropHandle::nw: return {true, true, false, false};
-    case CropHandle::n: return {false, true, false, false};
-    case CropHandle::ne: return {false, true, true, false};
-    case CropHandle::e: return {false, false, true, false};
-    case CropHandle::se: return {false, false, true, true};
-    case CropHandle::s: return {false, false, false, true};
-    case CropHandle::sw: return {true, false, false, true};
-    case CropHandle::w: return {true, false, false, false};
-    case CropHandle::body: return {true, true, true, true};
+    case CropHandle::nw:
+        return {true, true, false, false};
+    case CropHandle::n:
+        return {false, true, false, false};
+    case CropHandle::ne:
+        return {false, true, true, false};
+    case CropHandle::e:
+        return {false, false, true, false};
+    case CropHandle::se:
+        return {false, false, true, true};
+    case CropHandle::s:
+        return {false, false, false, true};
+    case CropHandle::sw:
+        return {true, false, false, true};
+    case CropHandle::w:
+        return {true, false, false, false};
+    case CropHandle::body:
+        return {true, true, true, true};
     }
     return {false, false, false, false};
 }
@@ -70,20 +79,30 @@ QRectF edgeClamp(double left, double top, double right, double bottom) {
 
 QPointF point(CropHandle h, const QRectF& r) {
     switch (h) {
-    case CropHandle::nw: return r.topLeft();
-    case CropHandle::n: return QPointF(r.center().x(), r.top());
-    case CropHandle::ne: return r.topRight();
-    case CropHandle::e: return QPointF(r.right(), r.center().y());
-    case CropHandle::se: return r.bottomRight();
-    case CropHandle::s: return QPointF(r.center().x(), r.bottom());
-    case CropHandle::sw: return r.bottomLeft();
-    case CropHandle::w: return QPointF(r.left(), r.center().y());
-    case CropHandle::body: return r.center();
+    case CropHandle::nw:
+        return r.topLeft();
+    case CropHandle::n:
+        return QPointF(r.center().x(), r.top());
+    case CropHandle::ne:
+        return r.topRight();
+    case CropHandle::e:
+        return QPointF(r.right(), r.center().y());
+    case CropHandle::se:
+        return r.bottomRight();
+    case CropHandle::s:
+        return QPointF(r.center().x(), r.bottom());
+    case CropHandle::sw:
+        return r.bottomLeft();
+    case CropHandle::w:
+        return QPointF(r.left(), r.center().y());
+    case CropHandle::body:
+        return r.center();
     }
     return r.center();
 }
 
-QRectF dragged(const QRectF& base, CropHandle handle, const QPointF& t, const QRectF& imgRect, const QSize& pixels) {
+QRectF dragged(const QRectF& base, CropHandle handle, const QPointF& t, const QRectF& imgRect,
+               const QSize& pixels) {
     const double dx = t.x() / std::max(imgRect.width(), 1.0), dy = t.y() / std::max(imgRect.height(), 1.0);
     double left = base.left(), top = base.top(), right = base.right(), bottom = base.bottom();
     if (handle == CropHandle::body) {
@@ -131,7 +150,8 @@ Loupe loupe(const QPointF& p, const QRectF& img, const QSize& pixels) {
     const double scale = img.width() / std::max(pixels.width(), 1);
     l.zoom = scale < 0.001 ? 10000 : std::max(10 / scale, 3.0);
     const QPointF c(std::clamp(p.x(), img.left(), img.right()), std::clamp(p.y(), img.top(), img.bottom()));
-    const double ix = roundHalfAway((c.x() - img.left()) / scale), iy = roundHalfAway((c.y() - img.top()) / scale);
+    const double ix = roundHalfAway((c.x() - img.left()) / scale),
+                 iy = roundHalfAway((c.y() - img.top()) / scale);
     l.u = std::clamp(ix / std::max(pixels.width(), 1), 0.0, 1.0);
     l.v = std::clamp(iy / std::max(pixels.height(), 1), 0.0, 1.0);
     const double drawW = l.zoom * img.width(), drawH = l.zoom * img.height();
@@ -166,12 +186,14 @@ void CropEditorOverlay::setSelectedHandle(std::optional<CropHandle> handle) {
     update();
 }
 
-QRectF CropEditorOverlay::imgRect() const { return aspectFit(QSizeF(m_image.size()), QSizeF(size())); }
+QRectF CropEditorOverlay::imgRect() const {
+    return aspectFit(QSizeF(m_image.size()), QSizeF(size()));
+}
 
 QRectF CropEditorOverlay::cropRect() const {
     const QRectF r = imgRect();
-    return QRectF(r.left() + m_crop.left() * r.width(), r.top() + m_crop.top() * r.height(), m_crop.width() * r.width(),
-                  m_crop.height() * r.height());
+    return QRectF(r.left() + m_crop.left() * r.width(), r.top() + m_crop.top() * r.height(),
+                  m_crop.width() * r.width(), m_crop.height() * r.height());
 }
 
 std::optional<CropHandle> CropEditorOverlay::hit(const QPointF& p) const {
@@ -290,7 +312,8 @@ void CropEditorOverlay::paintLoupe(QPainter& painter, const QPointF& at) {
     painter.setClipPath(shape);
     painter.fillRect(QRectF(0, 0, w, h), QColor::fromRgbF(0.22f, 0.22f, 0.22f));
     painter.setPen(QPen(QColor(255, 255, 255, int(0.12 * 255)), 1));
-    for (double x = -h; x < w; x += 8) painter.drawLine(QPointF(x, 0), QPointF(x + h, h));
+    for (double x = -h; x < w; x += 8)
+        painter.drawLine(QPointF(x, 0), QPointF(x + h, h));
     const double drawW = l.zoom * img.width(), drawH = l.zoom * img.height();
     const QRectF target(w / 2 + l.offX - drawW / 2, h / 2 + l.offY - drawH / 2, drawW, drawH);
     painter.setRenderHint(QPainter::SmoothPixmapTransform, false);
@@ -349,8 +372,9 @@ CropEditorSheet::CropEditorSheet(const QImage& image, const QRectF& initialCrop,
     column->addWidget(m_overlay, 1);
     auto* row = new QHBoxLayout;
     auto* autoButton = new QPushButton(symbol(QStringLiteral("wand.and.stars")), tr("Auto"), this);
-    autoButton->setToolTip(tr("Detect the artwork's bounding box (trimming transparent and near-white borders) and set "
-                              "the crop to it."));
+    autoButton->setToolTip(
+        tr("Detect the artwork's bounding box (trimming transparent and near-white borders) and set "
+           "the crop to it."));
     autoButton->setAutoDefault(false);
     connect(autoButton, &QPushButton::clicked, this, &CropEditorSheet::runAutoDetect);
     auto* resetButton = new QPushButton(tr("Reset"), this);
@@ -365,7 +389,8 @@ CropEditorSheet::CropEditorSheet(const QImage& image, const QRectF& initialCrop,
     row->addWidget(autoButton);
     row->addWidget(resetButton);
     row->addStretch();
-    row->addWidget(captionLabel(tr("Click a handle to select it, then drag or press arrow keys to nudge."), this));
+    row->addWidget(
+        captionLabel(tr("Click a handle to select it, then drag or press arrow keys to nudge."), this));
     row->addStretch();
     row->addWidget(cancel);
     row->addWidget(done);
@@ -375,8 +400,12 @@ CropEditorSheet::CropEditorSheet(const QImage& image, const QRectF& initialCrop,
     qApp->installEventFilter(this);
 }
 
-QRectF CropEditorSheet::crop() const { return m_overlay->crop(); }
-std::optional<CropHandle> CropEditorSheet::selectedHandle() const { return m_overlay->selectedHandle(); }
+QRectF CropEditorSheet::crop() const {
+    return m_overlay->crop();
+}
+std::optional<CropHandle> CropEditorSheet::selectedHandle() const {
+    return m_overlay->selectedHandle();
+}
 
 void CropEditorSheet::runAutoDetect() {
     const auto buffer = CropEngine::Buffer::make(m_image);
@@ -386,7 +415,8 @@ void CropEditorSheet::runAutoDetect() {
         return;
     }
     const double w = std::max(m_image.width(), 1), h = std::max(m_image.height(), 1);
-    m_overlay->setCrop(sanitized(QRectF(found->x() / w, found->y() / h, found->width() / w, found->height() / h)));
+    m_overlay->setCrop(
+        sanitized(QRectF(found->x() / w, found->y() / h, found->width() / w, found->height() / h)));
     m_overlay->setSelectedHandle(std::nullopt);
 }
 
@@ -400,11 +430,20 @@ bool CropEditorSheet::eventFilter(QObject* watched, QEvent* event) {
     auto* key = static_cast<QKeyEvent*>(event);
     int dx = 0, dy = 0;
     switch (key->key()) {
-    case Qt::Key_Left: dx = -1; break;
-    case Qt::Key_Right: dx = 1; break;
-    case Qt::Key_Down: dy = 1; break;
-    case Qt::Key_Up: dy = -1; break;
-    default: return QDialog::eventFilter(watched, event); // Esc and Return reach their buttons
+    case Qt::Key_Left:
+        dx = -1;
+        break;
+    case Qt::Key_Right:
+        dx = 1;
+        break;
+    case Qt::Key_Down:
+        dy = 1;
+        break;
+    case Qt::Key_Up:
+        dy = -1;
+        break;
+    default:
+        return QDialog::eventFilter(watched, event); // Esc and Return reach their buttons
     }
     m_overlay->nudge(dx, dy, (key->modifiers() | QGuiApplication::keyboardModifiers()) & Qt::ShiftModifier);
     return true;

@@ -39,7 +39,7 @@ struct Loupe {
     double cell;    ///< points per image pixel inside the loupe
     QPointF centre; ///< 28 above the point, kept 8 from the image's edges
     double offX, offY;
-    double u, v;    ///< the pixel corner at the loupe's centre, normalized
+    double u, v; ///< the pixel corner at the loupe's centre, normalized
 };
 Loupe loupe(const QPointF& p, const QRectF& imgRect, const QSize& imagePixels);
 

@@ -46,7 +46,8 @@ ImagePreview::ImagePreview(CropModel* model, QWidget* parent) : QWidget(parent),
     });
     connect(model, &CropModel::changed, this, [this](CropModel::Field f) {
         if (f == CropModel::Field::processedImage || f == CropModel::Field::vectorPreview ||
-            f == CropModel::Field::vectorizeEnabled || f == CropModel::Field::activeID || f == CropModel::Field::items)
+            f == CropModel::Field::vectorizeEnabled || f == CropModel::Field::activeID ||
+            f == CropModel::Field::items)
             modelChanged();
     });
     modelChanged();

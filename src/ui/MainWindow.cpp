@@ -13,7 +13,8 @@
 
 namespace cutlark {
 
-MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent), m_content(new ContentView(this)), m_panels(this) {
+MainWindow::MainWindow(QWidget* parent)
+    : QMainWindow(parent), m_content(new ContentView(this)), m_panels(this) {
     setWindowTitle(tr("Cutlark"));
     setCentralWidget(m_content);
     resize(720, 540);

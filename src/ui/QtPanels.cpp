@@ -24,17 +24,19 @@ QString QtPanels::imageFilter() {
 std::optional<QStringList> QtPanels::openImages(bool allowMultiple) {
     QStringList chosen;
     if (allowMultiple) {
-        chosen = QFileDialog::getOpenFileNames(m_parent, QObject::tr("Open Images"), QString(), imageFilter());
+        chosen =
+            QFileDialog::getOpenFileNames(m_parent, QObject::tr("Open Images"), QString(), imageFilter());
     } else {
-        const QString one = QFileDialog::getOpenFileName(m_parent, QObject::tr("Choose a Picture"), QString(),
-                                                         imageFilter());
+        const QString one =
+            QFileDialog::getOpenFileName(m_parent, QObject::tr("Choose a Picture"), QString(), imageFilter());
         if (!one.isEmpty()) chosen << one;
     }
     if (chosen.isEmpty()) return std::nullopt;
     return chosen;
 }
 
-std::optional<QString> QtPanels::saveFile(const QString& directory, const QString& proposedName, const QString& type) {
+std::optional<QString> QtPanels::saveFile(const QString& directory, const QString& proposedName,
+                                          const QString& type) {
     QFileDialog dialog(m_parent, QObject::tr("Save As"), directory);
     dialog.setAcceptMode(QFileDialog::AcceptSave);
     dialog.setMimeTypeFilters({type});
@@ -43,7 +45,8 @@ std::optional<QString> QtPanels::saveFile(const QString& directory, const QStrin
     return dialog.selectedFiles().first();
 }
 
-std::optional<QString> QtPanels::chooseFolder(const QString& directory, const QString& prompt, const QString& message) {
+std::optional<QString> QtPanels::chooseFolder(const QString& directory, const QString& prompt,
+                                              const QString& message) {
     QFileDialog dialog(m_parent, message, directory);
     dialog.setFileMode(QFileDialog::Directory);
     dialog.setOption(QFileDialog::ShowDirsOnly, true);
@@ -62,8 +65,8 @@ bool QtPanels::openProgress(int done, int total) {
             return true;
         }
         m_progress = new QProgressDialog(total == 1 ? QObject::tr("Opening 1 image…")
-                                                    : QObject::tr("Opening %1 images…").arg(total), QObject::tr("Cancel"),
-                                         0, total, m_parent);
+                                                    : QObject::tr("Opening %1 images…").arg(total),
+                                         QObject::tr("Cancel"), 0, total, m_parent);
         m_progress->setWindowTitle(QObject::tr("Opening"));
         m_progress->setWindowModality(Qt::WindowModal);
         m_progress->setMinimumDuration(0);

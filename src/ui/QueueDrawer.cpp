@@ -99,8 +99,10 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
         m_model->select(QUuid::fromString(current->data(Qt::UserRole).toString()));
     });
     connect(model, &CropModel::changed, this, [this](CropModel::Field f) {
-        if (f == CropModel::Field::items) rebuild();
-        else if (f == CropModel::Field::activeID) syncSelection();
+        if (f == CropModel::Field::items)
+            rebuild();
+        else if (f == CropModel::Field::activeID)
+            syncSelection();
     });
     rebuild();
 }
@@ -108,7 +110,8 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
 QString QueueDrawer::countText() const {
     if (!m_model) return QString();
     qint64 saved = 0;
-    for (const auto& item : m_model->items()) saved += item.saved;
+    for (const auto& item : m_model->items())
+        saved += item.saved;
     return QStringLiteral("%1/%2").arg(saved).arg(qint64(m_model->items().size()));
 }
 

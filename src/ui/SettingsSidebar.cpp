@@ -1,8 +1,8 @@
 #include "ui/SettingsSidebar.h"
 
-#include "ui/Widgets.h"
 #include "ui/sidebar/Sections.h"
 #include "ui/sidebar/SidebarControls.h"
+#include "ui/Widgets.h"
 
 #include <QCheckBox>
 #include <QHBoxLayout>
@@ -49,14 +49,19 @@ QString SettingsSidebar::statusText(const CropModel& m, bool* warning) {
         return *m.errorMessage();
     }
     if (m.allSaved()) return tr("All %1 images saved.").arg(qint64(m.items().size()));
-    if (m.saveConfirmation() && m.items().size() > 1) return tr("Saved %1 — next image ready.").arg(*m.saveConfirmation());
+    if (m.saveConfirmation() && m.items().size() > 1)
+        return tr("Saved %1 — next image ready.").arg(*m.saveConfirmation());
     if (m.saveConfirmation()) return tr("Saved %1").arg(*m.saveConfirmation());
     if (m.noticeMessage()) return *m.noticeMessage();
     return QString();
 }
 
-QPushButton* SettingsSidebar::primaryButton() const { return m_model && m_model->vectorizeEnabled() ? m_export : m_save; }
-QPushButton* SettingsSidebar::secondaryButton() const { return m_model && m_model->vectorizeEnabled() ? m_copy : m_saveAs; }
+QPushButton* SettingsSidebar::primaryButton() const {
+    return m_model && m_model->vectorizeEnabled() ? m_export : m_save;
+}
+QPushButton* SettingsSidebar::secondaryButton() const {
+    return m_model && m_model->vectorizeEnabled() ? m_copy : m_saveAs;
+}
 
 void SettingsSidebar::triggerPrimary() {
     QPushButton* b = primaryButton();
@@ -81,8 +86,9 @@ void SettingsSidebar::build() {
     titleRow->addWidget(heading);
     titleRow->addStretch();
     m_sync = new QCheckBox(tr("Sync all"), title);
-    m_sync->setToolTip(tr("Apply every setting change to all images in the queue, not just this one. Off by default — "
-                          "each image keeps its own settings."));
+    m_sync->setToolTip(
+        tr("Apply every setting change to all images in the queue, not just this one. Off by default — "
+           "each image keeps its own settings."));
     connect(m_sync, &QCheckBox::toggled, this, [this](bool on) {
         if (!m_refreshing) m_model->setSyncSettingsAcrossQueue(on);
     });
@@ -168,8 +174,9 @@ void SettingsSidebar::refresh() {
     const QString text = statusText(m, &warning);
     m_status->setVisible(!text.isEmpty());
     const QString colour = warning ? QStringLiteral("#d9730d") : QStringLiteral("#2e9d4f");
-    m_status->setText(QStringLiteral("<span style='color:%1'>%2 %3</span>")
-                          .arg(colour, warning ? QStringLiteral("⚠") : QStringLiteral("✔"), text.toHtmlEscaped()));
+    m_status->setText(
+        QStringLiteral("<span style='color:%1'>%2 %3</span>")
+            .arg(colour, warning ? QStringLiteral("⚠") : QStringLiteral("✔"), text.toHtmlEscaped()));
 
     const bool vector = m.vectorizeEnabled();
     m_save->setVisible(!vector);

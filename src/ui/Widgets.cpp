@@ -2,8 +2,8 @@
 
 #include <QDir>
 #include <QFrame>
-#include <QHBoxLayout>
 #include <QHash>
+#include <QHBoxLayout>
 #include <QPainter>
 
 namespace cutlark {
@@ -36,8 +36,8 @@ void ToggleSwitch::paintEvent(QPaintEvent*) {
 
 void setUpIcons() {
     QStringList paths = QIcon::themeSearchPaths();
-    for (const QString& dir : {QDir::homePath() + QStringLiteral("/.local/share/icons"), QStringLiteral("/usr/local/share/icons"),
-                               QStringLiteral("/usr/share/icons")})
+    for (const QString& dir : {QDir::homePath() + QStringLiteral("/.local/share/icons"),
+                               QStringLiteral("/usr/local/share/icons"), QStringLiteral("/usr/share/icons")})
         if (!paths.contains(dir) && QDir(dir).exists()) paths << dir;
     QIcon::setThemeSearchPaths(paths);
     QIcon::setFallbackThemeName(QStringLiteral("breeze"));

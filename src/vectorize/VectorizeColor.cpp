@@ -16,7 +16,9 @@ namespace {
 
 using namespace PixelOps;
 
-int roundedSide(double v) { return std::max(1, int(std::round(v))); }
+int roundedSide(double v) {
+    return std::max(1, int(std::round(v)));
+}
 
 struct Rgb {
     int r, g, b;
@@ -40,8 +42,10 @@ QImage rasterRGBA(const QImage& image, int longEdge) {
         const cv::Mat from(src.height(), src.width(), CV_8UC4, const_cast<uchar*>(src.constBits()),
                            size_t(src.bytesPerLine()));
         cv::Mat to(h, w, CV_8UC4, out.bits(), size_t(out.bytesPerLine()));
-        if (w == src.width() && h == src.height()) from.copyTo(to);
-        else cv::resize(from, to, to.size(), 0, 0, cv::INTER_AREA);
+        if (w == src.width() && h == src.height())
+            from.copyTo(to);
+        else
+            cv::resize(from, to, to.size(), 0, 0, cv::INTER_AREA);
     } catch (const cv::Exception&) {
         return QImage();
     }
@@ -73,7 +77,8 @@ std::optional<QImage> edgePreservingSimplify(const QImage& image, int passes) {
     QImage out(src.size(), src.format());
     if (out.isNull()) return std::nullopt;
     try {
-        cv::Mat a(src.height(), src.width(), CV_8UC4, const_cast<uchar*>(src.constBits()), size_t(src.bytesPerLine()));
+        cv::Mat a(src.height(), src.width(), CV_8UC4, const_cast<uchar*>(src.constBits()),
+                  size_t(src.bytesPerLine()));
         cv::Mat b(out.height(), out.width(), CV_8UC4, out.bits(), size_t(out.bytesPerLine()));
         cv::Mat work = a.clone();
         for (int i = 0; i < passes; ++i) {
@@ -109,7 +114,8 @@ void majorityFilter(std::vector<int>& labels, int w, int h, int labelCount, int 
                         const int l = labels[size_t(yy) * size_t(w) + size_t(xx)];
                         if (l < 0) continue;
                         int k = 0;
-                        while (k < kinds && seen[k] != l) ++k;
+                        while (k < kinds && seen[k] != l)
+                            ++k;
                         if (k == kinds) seen[kinds] = l, votes[kinds++] = 0;
                         ++votes[k];
                     }
@@ -117,7 +123,8 @@ void majorityFilter(std::vector<int>& labels, int w, int h, int labelCount, int 
                 // Most votes; among equals the lowest label, as a scan from label 0 upwards would give.
                 int best = seen[0], bestVotes = votes[0];
                 for (int k = 1; k < kinds; ++k)
-                    if (votes[k] > bestVotes || (votes[k] == bestVotes && seen[k] < best)) best = seen[k], bestVotes = votes[k];
+                    if (votes[k] > bestVotes || (votes[k] == bestVotes && seen[k] < best))
+                        best = seen[k], bestVotes = votes[k];
                 next[i] = best;
             }
         }
@@ -163,7 +170,8 @@ std::optional<VectorColorTrace> traceColor(const QImage& image, const TraceParam
             region.sum[0] += c.r, region.sum[1] += c.g, region.sum[2] += c.b, region.count += 1;
             const int x = i % w, y = i / w;
             auto visit = [&](int j) {
-                if (regionOf[size_t(j)] >= 0 || !opaqueEnough(j) || distance2(colorAt(j), seed) > regionLimit) return;
+                if (regionOf[size_t(j)] >= 0 || !opaqueEnough(j) || distance2(colorAt(j), seed) > regionLimit)
+                    return;
                 regionOf[size_t(j)] = index; // labelled when pushed, so pushed once
                 stack.push_back(j);
             };
@@ -183,7 +191,8 @@ std::optional<VectorColorTrace> traceColor(const QImage& image, const TraceParam
     }
     std::vector<int> order(regions.size());
     std::iota(order.begin(), order.end(), 0);
-    std::stable_sort(order.begin(), order.end(), [&](int a, int b) { return regions[size_t(a)].count > regions[size_t(b)].count; });
+    std::stable_sort(order.begin(), order.end(),
+                     [&](int a, int b) { return regions[size_t(a)].count > regions[size_t(b)].count; });
 
     // The palette: each region joins the closest entry within the limit, or founds one with its mean.
     std::vector<PaletteEntry> palette;
@@ -234,13 +243,18 @@ std::optional<VectorColorTrace> traceColor(const QImage& image, const TraceParam
     // Too busy for flat colour: transitions over the label map, −1 counting like any label.
     qint64 changes = 0;
     for (int y = 0; y < h; ++y)
-        for (int x = 1; x < w; ++x) changes += labels[size_t(y) * size_t(w) + size_t(x)] != labels[size_t(y) * size_t(w) + size_t(x - 1)];
+        for (int x = 1; x < w; ++x)
+            changes +=
+                labels[size_t(y) * size_t(w) + size_t(x)] != labels[size_t(y) * size_t(w) + size_t(x - 1)];
     for (int y = 1; y < h; ++y)
-        for (int x = 0; x < w; ++x) changes += labels[size_t(y) * size_t(w) + size_t(x)] != labels[size_t(y - 1) * size_t(w) + size_t(x)];
+        for (int x = 0; x < w; ++x)
+            changes +=
+                labels[size_t(y) * size_t(w) + size_t(x)] != labels[size_t(y - 1) * size_t(w) + size_t(x)];
     if (double(changes) / double(n) > 0.12) return std::nullopt;
 
     // The largest colour at the bottom.
-    std::stable_sort(kept.begin(), kept.end(), [&](int a, int b) { return palette[size_t(a)].count > palette[size_t(b)].count; });
+    std::stable_sort(kept.begin(), kept.end(),
+                     [&](int a, int b) { return palette[size_t(a)].count > palette[size_t(b)].count; });
 
     VectorColorTrace result;
     result.size = QSizeF(W, H);

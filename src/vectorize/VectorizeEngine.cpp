@@ -14,7 +14,9 @@ namespace {
 
 using namespace PixelOps;
 
-int roundedSide(double v) { return std::max(1, int(std::round(v))); }
+int roundedSide(double v) {
+    return std::max(1, int(std::round(v)));
+}
 
 // Brings an RGBA (or grey) picture to the target size: whole-factor area averaging first, which is
 // cheap and alias-free, then a bilinear step for the rest.
@@ -24,7 +26,8 @@ cv::Mat reduced(const cv::Mat& source, cv::Size target) {
     cv::Mat from = source;
     if (k >= 2) {
         const cv::Size whole(source.cols / k, source.rows / k);
-        cv::resize(source(cv::Rect(0, 0, whole.width * k, whole.height * k)), from, whole, 0, 0, cv::INTER_AREA);
+        cv::resize(source(cv::Rect(0, 0, whole.width * k, whole.height * k)), from, whole, 0, 0,
+                   cv::INTER_AREA);
     }
     if (from.size() == target) return from;
     cv::Mat out;
@@ -37,12 +40,14 @@ qint64 transitions(const uchar* m, int w, int h) {
     qint64 count = 0;
     for (int y = 0; y < h; ++y) {
         const uchar* r = m + qsizetype(y) * w;
-        for (int x = 1; x < w; ++x) count += r[x] != r[x - 1];
+        for (int x = 1; x < w; ++x)
+            count += r[x] != r[x - 1];
     }
     for (int y = 1; y < h; ++y) {
         const uchar* r = m + qsizetype(y) * w;
         const uchar* above = r - w;
-        for (int x = 0; x < w; ++x) count += r[x] != above[x];
+        for (int x = 0; x < w; ++x)
+            count += r[x] != above[x];
     }
     return count;
 }
@@ -55,7 +60,8 @@ std::vector<cv::Point2d> onPixelEdges(const std::vector<cv::Point>& chain) {
     std::vector<cv::Point2d> out(n);
     const cv::Point2d centre(0.5, 0.5); // pixel (i, j) covers [i, i + 1] × [j, j + 1]
     for (size_t i = 0; i < n; ++i) {
-        const cv::Point2d prev = cv::Point2d(chain[(i + n - 1) % n]) + centre, cur = cv::Point2d(chain[i]) + centre,
+        const cv::Point2d prev = cv::Point2d(chain[(i + n - 1) % n]) + centre,
+                          cur = cv::Point2d(chain[i]) + centre,
                           next = cv::Point2d(chain[(i + 1) % n]) + centre;
         auto normal = [](cv::Point2d d) {
             const double len = std::hypot(d.x, d.y);
@@ -140,7 +146,8 @@ std::optional<BinaryMask> binaryMask(const QImage& image) {
     }
     // Grayscale8 rows are padded to 4 bytes; count on a tight copy.
     std::vector<uchar> tight(size_t(w) * size_t(h));
-    for (int y = 0; y < h; ++y) std::memcpy(tight.data() + size_t(y) * size_t(w), mask.constScanLine(y), size_t(w));
+    for (int y = 0; y < h; ++y)
+        std::memcpy(tight.data() + size_t(y) * size_t(w), mask.constScanLine(y), size_t(w));
     const double busyness = double(transitions(tight.data(), w, h)) / (double(w) * double(h));
     return BinaryMask{mask, busyness};
 }
@@ -153,7 +160,8 @@ double epsilonFor(double smoothing) {
 QList<Contour> contours(const QImage& mask, int fullW, int fullH, double smoothing, double minAreaFrac) {
     QList<Contour> out;
     if (mask.isNull() || fullW < 1 || fullH < 1) return out;
-    const QImage grey = mask.format() == QImage::Format_Grayscale8 ? mask : mask.convertToFormat(QImage::Format_Grayscale8);
+    const QImage grey =
+        mask.format() == QImage::Format_Grayscale8 ? mask : mask.convertToFormat(QImage::Format_Grayscale8);
     const int mw = grey.width(), mh = grey.height();
     // The detector looks at the mask brought to at most 1024 on its long side.
     const double detectorScale = std::min(1.0, 1024.0 / std::max(mw, mh));
@@ -193,7 +201,8 @@ QList<Contour> contours(const QImage& mask, int fullW, int fullH, double smoothi
         if (approx.size() < 3) continue;
         Contour c;
         c.reserve(qsizetype(approx.size()));
-        for (const cv::Point2f& p : approx) c.append(QPointF(double(p.x) * sx, double(p.y) * sy));
+        for (const cv::Point2f& p : approx)
+            c.append(QPointF(double(p.x) * sx, double(p.y) * sy));
         c = straighten(std::move(c), tolerance);
         if (c.size() < 3) continue;
         if (polygonArea(c) < floor) continue; // holes are judged by themselves, like outlines
@@ -214,8 +223,11 @@ Contour straighten(Contour c, double tol) {
             const double dx = next.x() - prev.x(), dy = next.y() - prev.y();
             const double len = std::hypot(dx, dy);
             // Distance from the infinite line through the neighbours, not from the segment.
-            const double d = len < 1e-9 ? std::hypot(cur.x() - prev.x(), cur.y() - prev.y())
-                                        : std::abs(prev.y() * next.x() + (cur.x() * dy - cur.y() * dx) - prev.x() * next.y()) / len;
+            const double d =
+                len < 1e-9
+                    ? std::hypot(cur.x() - prev.x(), cur.y() - prev.y())
+                    : std::abs(prev.y() * next.x() + (cur.x() * dy - cur.y() * dx) - prev.x() * next.y()) /
+                          len;
             if (d < tol) {
                 c.removeAt(i);
                 deleted = true;

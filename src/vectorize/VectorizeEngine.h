@@ -16,8 +16,8 @@ namespace cutlark::VectorizeEngine {
 // --- silhouette ---
 
 struct BinaryMask {
-    QImage mask;      ///< Grayscale8 at the working size: 0 foreground, 255 background, nothing else
-    double busyness;  ///< unequal neighbour pairs per mask pixel
+    QImage mask;     ///< Grayscale8 at the working size: 0 foreground, 255 background, nothing else
+    double busyness; ///< unequal neighbour pairs per mask pixel
 };
 
 /// The mask at a working size of at most 1400 on the long side. Alpha decides when any pixel has

@@ -19,13 +19,16 @@ void appendNumber(QString& out, double v) {
     out += QLatin1String(buffer, int(result.ptr - buffer));
 }
 
-QString integerSize(double v) { return QString::number(qint64(std::trunc(v))); }
+QString integerSize(double v) {
+    return QString::number(qint64(std::trunc(v)));
+}
 
 QString head(const QSizeF& size) {
     const QString W = integerSize(size.width()), H = integerSize(size.height());
     return QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n") +
-           QStringLiteral("<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"") + W + QStringLiteral("\" height=\"") + H +
-           QStringLiteral("\" viewBox=\"0 0 ") + W + QLatin1Char(' ') + H + QStringLiteral("\">\n");
+           QStringLiteral("<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"") + W +
+           QStringLiteral("\" height=\"") + H + QStringLiteral("\" viewBox=\"0 0 ") + W + QLatin1Char(' ') +
+           H + QStringLiteral("\">\n");
 }
 
 QString hexColor(double r, double g, double b) {
@@ -34,7 +37,9 @@ QString hexColor(double r, double g, double b) {
 }
 
 // The fixed grey of previews; not the same grey as the SVG's #111111.
-QColor previewGrey() { return QColor::fromRgbF(0.1f, 0.11f, 0.13f, 1.0f); }
+QColor previewGrey() {
+    return QColor::fromRgbF(0.1f, 0.11f, 0.13f, 1.0f);
+}
 
 QImage transparentCanvas(const QSizeF& size) {
     const int w = int(std::trunc(size.width())), h = int(std::trunc(size.height()));
@@ -71,8 +76,8 @@ QString svg(const VectorTrace& trace, VectorizeStyle style, double strokeWidth) 
         appendNumber(attributes, strokeWidth);
         attributes += QStringLiteral("\" stroke-linejoin=\"round\"");
     }
-    return head(trace.size) + QStringLiteral("<path ") + attributes + QStringLiteral(" d=\"") + pathD(trace.contours) +
-           QStringLiteral("\"/>\n</svg>");
+    return head(trace.size) + QStringLiteral("<path ") + attributes + QStringLiteral(" d=\"") +
+           pathD(trace.contours) + QStringLiteral("\"/>\n</svg>");
 }
 
 QString colorSVG(const VectorColorTrace& trace) {
@@ -92,7 +97,8 @@ QPainterPath cgPath(const QList<Contour>& contours) {
     for (const Contour& c : contours) {
         if (c.isEmpty()) continue;
         path.moveTo(c.first());
-        for (qsizetype i = 1; i < c.size(); ++i) path.lineTo(c[i]);
+        for (qsizetype i = 1; i < c.size(); ++i)
+            path.lineTo(c[i]);
         path.closeSubpath();
     }
     return path;
@@ -122,7 +128,8 @@ QImage colorPreview(const VectorColorTrace& trace) {
     QPainter painter(&image);
     painter.setRenderHint(QPainter::Antialiasing, true);
     for (const VectorColorLayer& layer : trace.layers)
-        painter.fillPath(cgPath(layer.contours), QColor::fromRgbF(float(layer.r), float(layer.g), float(layer.b), 1.0f));
+        painter.fillPath(cgPath(layer.contours),
+                         QColor::fromRgbF(float(layer.r), float(layer.g), float(layer.b), 1.0f));
     painter.end();
     return image;
 }

@@ -8,8 +8,8 @@
 #include <QFileInfo>
 #include <QHBoxLayout>
 #include <QLabel>
-#include <QSlider>
 #include <QPushButton>
+#include <QSlider>
 #include <QToolButton>
 #include <QVBoxLayout>
 
@@ -21,21 +21,24 @@ QWidget* background(SidebarControls& c, QWidget* parent) {
     using Field = CropModel::Field;
     CropModel* model = c.model();
     auto [body, l] = SidebarControls::column(parent);
-    l->addWidget(c.segmented(body, {QObject::tr("Color"), QObject::tr("Gradient"), QObject::tr("Image")},
-                             Field::backgroundKind, [model] { return int(model->backgroundKind()); },
-                             [model](int i) { model->setBackgroundKind(BackgroundKind(i)); }));
-    const auto swatch = [&](QWidget* owner, const QString& label, Field field, const QColor& (CropModel::*get)() const,
-                            void (CropModel::*set)(const QColor&)) {
+    l->addWidget(c.segmented(
+        body, {QObject::tr("Color"), QObject::tr("Gradient"), QObject::tr("Image")}, Field::backgroundKind,
+        [model] { return int(model->backgroundKind()); },
+        [model](int i) { model->setBackgroundKind(BackgroundKind(i)); }));
+    const auto swatch = [&](QWidget* owner, const QString& label, Field field,
+                            const QColor& (CropModel::*get)() const, void (CropModel::*set)(const QColor&)) {
         auto* row = new ColorSwatchRow(
-            label, [model, get] { return (model->*get)(); }, [model, set](const QColor& colour) { (model->*set)(colour); },
-            owner);
+            label, [model, get] { return (model->*get)(); },
+            [model, set](const QColor& colour) { (model->*set)(colour); }, owner);
         c.follow({field}, [row] { row->colorChanged(); });
         return row;
     };
-    const auto kindIs = [model](BackgroundKind kind) { return [model, kind] { return model->backgroundKind() == kind; }; };
+    const auto kindIs = [model](BackgroundKind kind) {
+        return [model, kind] { return model->backgroundKind() == kind; };
+    };
 
-    auto* colour = swatch(body, QObject::tr("Background color"), Field::backgroundColor, &CropModel::backgroundColor,
-                          &CropModel::setBackgroundColor);
+    auto* colour = swatch(body, QObject::tr("Background color"), Field::backgroundColor,
+                          &CropModel::backgroundColor, &CropModel::setBackgroundColor);
     c.showWhile(colour, {Field::backgroundKind}, kindIs(BackgroundKind::color));
     l->addWidget(colour);
 
@@ -45,7 +48,8 @@ QWidget* background(SidebarControls& c, QWidget* parent) {
     endsRow->setSpacing(12);
     endsRow->addWidget(swatch(ends, QObject::tr("From"), Field::gradientStart, &CropModel::gradientStart,
                               &CropModel::setGradientStart));
-    endsRow->addWidget(swatch(ends, QObject::tr("To"), Field::gradientEnd, &CropModel::gradientEnd, &CropModel::setGradientEnd));
+    endsRow->addWidget(swatch(ends, QObject::tr("To"), Field::gradientEnd, &CropModel::gradientEnd,
+                              &CropModel::setGradientEnd));
     auto* angle = new QWidget(body);
     auto* angleRow = new QHBoxLayout(angle);
     angleRow->setContentsMargins(0, 0, 0, 0);
@@ -53,8 +57,9 @@ QWidget* background(SidebarControls& c, QWidget* parent) {
     angleRow->addWidget(SidebarControls::tertiarySymbol(QStringLiteral("angle"), angle));
     angleRow->addWidget(c.slider(angle, Field::gradientAngle), 1);
     // The angle's fraction is cut off, not rounded: just under 360 shows 359°.
-    angleRow->addWidget(c.readout(angle, 34, {Field::gradientAngle},
-                                  [model] { return QStringLiteral("%1°").arg(qint64(std::trunc(model->gradientAngle()))); }));
+    angleRow->addWidget(c.readout(angle, 34, {Field::gradientAngle}, [model] {
+        return QStringLiteral("%1°").arg(qint64(std::trunc(model->gradientAngle())));
+    }));
     c.showWhile(ends, {Field::backgroundKind}, kindIs(BackgroundKind::gradient));
     c.showWhile(angle, {Field::backgroundKind}, kindIs(BackgroundKind::gradient));
     l->addWidget(ends);
@@ -82,18 +87,23 @@ QWidget* background(SidebarControls& c, QWidget* parent) {
     pictureRow->addWidget(name, 1);
     pictureRow->addWidget(change);
     pictureRow->addWidget(clear);
-    c.follow({Field::backgroundKind, Field::backgroundImage, Field::backgroundImageURL}, [model, choose, picture, thumb, name] {
-        const bool isImage = model->backgroundKind() == BackgroundKind::image;
-        const bool has = !model->backgroundImage().isNull() && !model->backgroundImageURL().isEmpty();
-        choose->setVisible(isImage && !has);
-        picture->setVisible(isImage && has);
-        if (has) {
-            thumb->setPixmap(QPixmap::fromImage(
-                model->backgroundImage().scaled(34, 26, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation).copy(0, 0, 34, 26)));
-            name->setText(QFontMetrics(name->font()).elidedText(QFileInfo(model->backgroundImageURL()).fileName(),
-                                                               Qt::ElideMiddle, 120));
-        }
-    });
+    c.follow({Field::backgroundKind, Field::backgroundImage, Field::backgroundImageURL},
+             [model, choose, picture, thumb, name] {
+                 const bool isImage = model->backgroundKind() == BackgroundKind::image;
+                 const bool has =
+                     !model->backgroundImage().isNull() && !model->backgroundImageURL().isEmpty();
+                 choose->setVisible(isImage && !has);
+                 picture->setVisible(isImage && has);
+                 if (has) {
+                     thumb->setPixmap(QPixmap::fromImage(
+                         model->backgroundImage()
+                             .scaled(34, 26, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation)
+                             .copy(0, 0, 34, 26)));
+                     name->setText(QFontMetrics(name->font())
+                                       .elidedText(QFileInfo(model->backgroundImageURL()).fileName(),
+                                                   Qt::ElideMiddle, 120));
+                 }
+             });
     l->addWidget(choose);
     l->addWidget(picture);
     return c.section(parent, QObject::tr("Add background"), QStringLiteral("square.fill.on.square.fill"),

@@ -15,9 +15,11 @@ QWidget* crop(SidebarControls& c, QWidget* parent, std::function<void()> editCro
     auto [body, l] = SidebarControls::column(parent);
     auto* edit = new QPushButton(symbol(QStringLiteral("crop")), QObject::tr("Edit Crop…"), body);
     QObject::connect(edit, &QPushButton::clicked, body, editCrop);
-    c.follow({Field::activeID, Field::items}, [model, edit] { edit->setEnabled(model->active() != nullptr); });
+    c.follow({Field::activeID, Field::items},
+             [model, edit] { edit->setEnabled(model->active() != nullptr); });
     l->addWidget(edit);
-    return c.section(parent, QObject::tr("Crop"), QStringLiteral("crop.rotate"), Field::manualCropEnabled, body, 0);
+    return c.section(parent, QObject::tr("Crop"), QStringLiteral("crop.rotate"), Field::manualCropEnabled,
+                     body, 0);
 }
 
 } // namespace cutlark::SidebarSections

@@ -47,7 +47,8 @@ QWidget* orientation(SidebarControls& c, QWidget* parent) {
     orient(QStringLiteral("rotate.left"), QObject::tr("Rotate left"),
            [model] { model->setQuarterTurns((model->quarterTurns() + 3) % 4); });
     buttonRow->addWidget(divider(Qt::Vertical, buttons));
-    orient(QStringLiteral("flip.horizontal"), QObject::tr("Flip horizontal"), [model] { model->flipHorizontal(); });
+    orient(QStringLiteral("flip.horizontal"), QObject::tr("Flip horizontal"),
+           [model] { model->flipHorizontal(); });
     orient(QStringLiteral("flip.vertical"), QObject::tr("Flip vertical"), [model] { model->flipVertical(); });
     buttonRow->addStretch();
     l->addWidget(buttons);

@@ -17,7 +17,8 @@ QWidget* padding(SidebarControls& c, QWidget* parent) {
     using Field = CropModel::Field;
     CropModel* model = c.model();
     auto [body, l] = SidebarControls::column(parent);
-    auto* uniform = c.sliderRow(body, QStringLiteral("square"), QStringLiteral("square.dashed"), Field::padAmount);
+    auto* uniform =
+        c.sliderRow(body, QStringLiteral("square"), QStringLiteral("square.dashed"), Field::padAmount);
     c.showWhile(uniform, {Field::paddingUniform}, [model] { return model->paddingUniform(); });
     l->addWidget(uniform);
     const auto side = [&](const QString& label, Field field, const double& (CropModel::*get)() const) {
@@ -29,7 +30,8 @@ QWidget* padding(SidebarControls& c, QWidget* parent) {
         name->setFixedWidth(48);
         row->addWidget(name);
         row->addWidget(c.slider(w, field), 1);
-        row->addWidget(c.readout(w, 30, {field}, [model, get] { return QString::number(roundHalfAwayToInt((model->*get)())); }));
+        row->addWidget(c.readout(
+            w, 30, {field}, [model, get] { return QString::number(roundHalfAwayToInt((model->*get)())); }));
         c.showWhile(w, {Field::paddingUniform}, [model] { return !model->paddingUniform(); });
         l->addWidget(w);
     };
@@ -40,7 +42,8 @@ QWidget* padding(SidebarControls& c, QWidget* parent) {
     l->addWidget(c.checkbox(body, QObject::tr("Same on all sides"),
                             QObject::tr("Pad every side by the same amount, or set each side on its own."),
                             Field::paddingUniform));
-    return c.section(parent, QObject::tr("Add padding"), QStringLiteral("padding"), Field::paddingEnabled, body, 0);
+    return c.section(parent, QObject::tr("Add padding"), QStringLiteral("padding"), Field::paddingEnabled,
+                     body, 0);
 }
 
 } // namespace cutlark::SidebarSections

@@ -34,26 +34,32 @@ QWidget* resize(SidebarControls& c, QWidget* parent) {
         QObject::connect(edit, &QLineEdit::editingFinished, edit, [&c, model, edit, set, show] {
             bool ok = false;
             const double v = QLocale().toDouble(edit->text(), &ok);
-            if (ok && !c.following()) (model->*set)(v);
-            else show();
+            if (ok && !c.following())
+                (model->*set)(v);
+            else
+                show();
         });
         c.follow({field}, show);
         return edit;
     };
     sizesRow->addWidget(pixelField(Field::resizeWidth, &CropModel::resizeWidth, &CropModel::setResizeWidth));
     sizesRow->addWidget(new QLabel(QStringLiteral("×"), sizes));
-    sizesRow->addWidget(pixelField(Field::resizeHeight, &CropModel::resizeHeight, &CropModel::setResizeHeight));
+    sizesRow->addWidget(
+        pixelField(Field::resizeHeight, &CropModel::resizeHeight, &CropModel::setResizeHeight));
     sizesRow->addWidget(captionLabel(QObject::tr("px"), sizes));
     sizesRow->addStretch();
     l->addWidget(sizes);
-    l->addWidget(c.checkbox(body, QObject::tr("Lock aspect ratio"),
-                            QObject::tr("Keep the source proportion; off stretches to exactly the entered size."),
-                            Field::resizeLockAspect));
-    l->addWidget(c.checkbox(body, QObject::tr("Canvas size"),
-                            QObject::tr("Change the canvas to width × height without scaling — the image is centered, "
-                                        "padded with transparency where larger and cropped where smaller."),
-                            Field::resizeCanvas));
-    return c.section(parent, QObject::tr("Resize"), QStringLiteral("resize"), Field::resizeEnabled, body, 150);
+    l->addWidget(
+        c.checkbox(body, QObject::tr("Lock aspect ratio"),
+                   QObject::tr("Keep the source proportion; off stretches to exactly the entered size."),
+                   Field::resizeLockAspect));
+    l->addWidget(
+        c.checkbox(body, QObject::tr("Canvas size"),
+                   QObject::tr("Change the canvas to width × height without scaling — the image is centered, "
+                               "padded with transparency where larger and cropped where smaller."),
+                   Field::resizeCanvas));
+    return c.section(parent, QObject::tr("Resize"), QStringLiteral("resize"), Field::resizeEnabled, body,
+                     150);
 }
 
 } // namespace cutlark::SidebarSections

@@ -29,13 +29,15 @@ template <class T> struct Binding {
 };
 template <class T, class U>
 std::optional<Binding<T>> bindingOf(const U& (CropModel::*get)() const, void (CropModel::*set)(const U&)) {
-    if constexpr (std::is_same_v<T, U>) return Binding<T>{get, set};
-    else return std::nullopt;
+    if constexpr (std::is_same_v<T, U>)
+        return Binding<T>{get, set};
+    else
+        return std::nullopt;
 }
 template <class T> Binding<T> binding(CropModel::Field field) {
-#define CUTLARK_BINDING(Type, name, Name, ...)                                                                   \
-    if (field == CropModel::Field::name) {                                                                       \
-        if (auto b = bindingOf<T, Type>(&CropModel::name, &CropModel::set##Name)) return *b;                      \
+#define CUTLARK_BINDING(Type, name, Name, ...)                                                               \
+    if (field == CropModel::Field::name) {                                                                   \
+        if (auto b = bindingOf<T, Type>(&CropModel::name, &CropModel::set##Name)) return *b;                 \
     }
     CUTLARK_SETTINGS(CUTLARK_BINDING)
 #undef CUTLARK_BINDING
@@ -51,7 +53,8 @@ QString settingName(CropModel::Field field) {
 SidebarControls::SidebarControls(CropModel* model, QObject* parent) : QObject(parent), m_model(model) {}
 
 void SidebarControls::follow(std::initializer_list<Field> fields, std::function<void()> refresh) {
-    for (Field f : fields) m_byField[f].push_back(refresh);
+    for (Field f : fields)
+        m_byField[f].push_back(refresh);
     m_all.push_back(std::move(refresh));
 }
 
@@ -59,14 +62,16 @@ void SidebarControls::refresh(Field field) {
     const auto it = m_byField.find(field);
     if (!m_model || m_following || it == m_byField.end()) return;
     m_following = true;
-    for (const auto& apply : it->second) apply();
+    for (const auto& apply : it->second)
+        apply();
     m_following = false;
 }
 
 void SidebarControls::refreshAll() {
     if (!m_model || m_following) return;
     m_following = true;
-    for (const auto& apply : m_all) apply();
+    for (const auto& apply : m_all)
+        apply();
     m_following = false;
 }
 
@@ -88,7 +93,8 @@ QSlider* SidebarControls::slider(QWidget* parent, Field field) {
     return s;
 }
 
-QWidget* SidebarControls::sliderRow(QWidget* parent, const QString& leftSymbol, const QString& rightSymbol, Field field) {
+QWidget* SidebarControls::sliderRow(QWidget* parent, const QString& leftSymbol, const QString& rightSymbol,
+                                    Field field) {
     auto* w = new QWidget(parent);
     auto* row = new QHBoxLayout(w);
     row->setContentsMargins(0, 0, 0, 0);
@@ -120,8 +126,8 @@ QLabel* SidebarControls::readout(QWidget* parent, int width, std::initializer_li
     return l;
 }
 
-QWidget* SidebarControls::segmented(QWidget* parent, const QStringList& labels, Field field, std::function<int()> get,
-                                    std::function<void(int)> set) {
+QWidget* SidebarControls::segmented(QWidget* parent, const QStringList& labels, Field field,
+                                    std::function<int()> get, std::function<void(int)> set) {
     auto* w = new QWidget(parent);
     w->setObjectName(settingName(field));
     auto* row = new QHBoxLayout(w);
@@ -145,12 +151,13 @@ QWidget* SidebarControls::segmented(QWidget* parent, const QStringList& labels, 
     return w;
 }
 
-void SidebarControls::showWhile(QWidget* widget, std::initializer_list<Field> fields, std::function<bool()> condition) {
+void SidebarControls::showWhile(QWidget* widget, std::initializer_list<Field> fields,
+                                std::function<bool()> condition) {
     follow(fields, [widget, condition] { widget->setVisible(condition()); });
 }
 
-QWidget* SidebarControls::section(QWidget* parent, const QString& title, const QString& icon, Field switchField,
-                                  QWidget* body, int transitionMs) {
+QWidget* SidebarControls::section(QWidget* parent, const QString& title, const QString& icon,
+                                  Field switchField, QWidget* body, int transitionMs) {
     const Binding<bool> b = binding<bool>(switchField);
     auto* box = new QWidget(parent);
     auto* column = new QVBoxLayout(box);

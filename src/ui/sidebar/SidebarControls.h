@@ -52,15 +52,16 @@ public:
     /// A checkbox with its label and tooltip, bound to a switch.
     QCheckBox* checkbox(QWidget* parent, const QString& text, const QString& tip, Field field);
     /// A read-out of `fields`, right-aligned, `width` wide.
-    QLabel* readout(QWidget* parent, int width, std::initializer_list<Field> fields, std::function<QString()> text);
+    QLabel* readout(QWidget* parent, int width, std::initializer_list<Field> fields,
+                    std::function<QString()> text);
     /// A row of exclusive buttons; `get` gives the checked one, `set` takes a click.
     QWidget* segmented(QWidget* parent, const QStringList& labels, Field field, std::function<int()> get,
                        std::function<void(int)> set);
     /// Shows `widget` while `condition` holds, looked at when one of `fields` changes.
     void showWhile(QWidget* widget, std::initializer_list<Field> fields, std::function<bool()> condition);
     /// A section: title with its symbol and a switch; `body` exists only while the switch is on.
-    QWidget* section(QWidget* parent, const QString& title, const QString& icon, Field switchField, QWidget* body,
-                     int transitionMs);
+    QWidget* section(QWidget* parent, const QString& title, const QString& icon, Field switchField,
+                     QWidget* body, int transitionMs);
 
     /// A column with no margins and `spacing` between its children.
     static std::pair<QWidget*, QVBoxLayout*> column(QWidget* parent, int spacing = 8);
