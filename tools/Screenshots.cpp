@@ -12,6 +12,7 @@
 #include <QIcon>
 #include <QPainter>
 #include <QPainterPath>
+#include <QPalette>
 #include <QProgressDialog>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -64,6 +65,27 @@ QImage subject(const QColor& colour) {
     p.setBrush(QColor(20, 20, 20));
     p.drawEllipse(QPointF(495, 150), 11, 11);
     return image;
+}
+
+// A dark scheme as desktops give it: light text on dark grey, the accent kept.
+QPalette darkPalette() {
+    QPalette p;
+    p.setColor(QPalette::Window, QColor(45, 45, 48));
+    p.setColor(QPalette::WindowText, QColor(230, 230, 230));
+    p.setColor(QPalette::Base, QColor(30, 30, 32));
+    p.setColor(QPalette::AlternateBase, QColor(55, 55, 60));
+    p.setColor(QPalette::Text, QColor(230, 230, 230));
+    p.setColor(QPalette::Button, QColor(60, 60, 64));
+    p.setColor(QPalette::ButtonText, QColor(230, 230, 230));
+    p.setColor(QPalette::Highlight, QColor(61, 174, 233));
+    p.setColor(QPalette::HighlightedText, Qt::white);
+    p.setColor(QPalette::PlaceholderText, QColor(150, 150, 150));
+    p.setColor(QPalette::ToolTipBase, QColor(60, 60, 64));
+    p.setColor(QPalette::ToolTipText, QColor(230, 230, 230));
+    p.setColor(QPalette::Disabled, QPalette::WindowText, QColor(120, 120, 120));
+    p.setColor(QPalette::Disabled, QPalette::Text, QColor(120, 120, 120));
+    p.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(120, 120, 120));
+    return p;
 }
 
 bool shoot(QWidget& window, const QString& path) {
@@ -205,6 +227,41 @@ int main(int argc, char** argv) {
         poll.start(10);
         model.open(many);
         ok &= shot;
+    }
+    {
+        // Half a 1366-pixel laptop screen, two images, a 12-point font.
+        QFont font = QApplication::font();
+        const QFont saved = font;
+        font.setPointSizeF(12);
+        QApplication::setFont(font);
+        MainWindow window;
+        window.resize(683, 768);
+        window.show();
+        CropModel& model = window.content()->model();
+        model.open({birds[0], birds[1]});
+        model.setKeyWhiteEnabled(true);
+        model.setStickerEnabled(true);
+        model.setPaddingEnabled(true);
+        settle(model);
+        ok &= shoot(window, out + QStringLiteral("/08-laptop-12pt.png"));
+        QApplication::setFont(saved);
+    }
+    {
+        // A dark colour scheme.
+        const QPalette saved = QApplication::palette();
+        QApplication::setPalette(darkPalette());
+        MainWindow window;
+        window.resize(900, 700);
+        window.show();
+        CropModel& model = window.content()->model();
+        model.open({logoPath, birds[2]});
+        model.setKeyWhiteEnabled(true);
+        model.setBackgroundEnabled(true);
+        model.setBackgroundKind(BackgroundKind::gradient);
+        model.setVectorizeEnabled(false);
+        settle(model);
+        ok &= shoot(window, out + QStringLiteral("/09-dark.png"));
+        QApplication::setPalette(saved);
     }
     return ok ? 0 : 1;
 }

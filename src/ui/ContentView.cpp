@@ -135,7 +135,8 @@ private:
 
 ContentView::ContentView(QWidget* parent)
     : QWidget(parent), m_panels(this), m_queue(new QueueDrawer(&m_model, this)),
-      m_queueDivider(divider(Qt::Vertical, this)), m_header(new QWidget(this)), m_name(new QLabel(m_header)),
+      m_queueDivider(divider(Qt::Vertical, this)), m_header(new QWidget(this)),
+      m_name(new ElidedLabel(QString(), Qt::ElideMiddle, m_header)),
       m_badge(captionLabel(QString(), m_header)), m_dims(new QLabel(m_header)),
       m_region(new QStackedWidget(this)), m_dropZone(new DropZone(&m_model, this)),
       m_preview(new ImagePreview(&m_model)), m_sidebar(new SettingsSidebar(&m_model, this)) {
@@ -153,7 +154,8 @@ ContentView::ContentView(QWidget* parent)
     auto* column = new QVBoxLayout(centre);
     column->setContentsMargins(0, 0, 0, 0);
     column->setSpacing(0);
-    m_header->setFixedHeight(44);
+    m_header->setMinimumHeight(44);
+    m_header->installEventFilter(this); // its arrangement follows its own width
     // One row when it fits, else the name over the sizes: the layout turns with the width.
     m_headerLayout = new QBoxLayout(QBoxLayout::LeftToRight, m_header);
     m_headerLayout->setContentsMargins(16, 0, 16, 0);
@@ -161,9 +163,7 @@ ContentView::ContentView(QWidget* parent)
     auto* nameRow = new QHBoxLayout;
     nameRow->setSpacing(8);
     auto* headerRow = nameRow;
-    m_name->setMinimumWidth(110);
-    m_name->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
-    m_name->setTextFormat(Qt::PlainText);
+    m_name->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred); // cut in the middle, never the sizes
     QFont nameFont = m_name->font();
     nameFont.setWeight(QFont::Medium);
     m_name->setFont(nameFont);
@@ -172,7 +172,7 @@ ContentView::ContentView(QWidget* parent)
     headerRow->addWidget(m_badge);
     m_headerLayout->addLayout(nameRow, 1);
     m_dims->setTextFormat(Qt::RichText);
-    m_dims->setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Preferred); // never squeezed
+    m_dims->setSizePolicy(QSizePolicy::Minimum, QSizePolicy::Preferred); // never squeezed
     m_headerLayout->addWidget(m_dims);
     column->addWidget(m_header);
     column->addWidget(divider(Qt::Horizontal, centre));
@@ -182,6 +182,9 @@ ContentView::ContentView(QWidget* parent)
     inset->setContentsMargins(28, 28, 28, 28);
     m_preview->setParent(striped);
     inset->addWidget(m_preview);
+    // Neither page may hold the column wider than it must be: the sidebar has to fit beside it.
+    m_dropZone->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Ignored);
+    striped->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Ignored);
     m_region->addWidget(m_dropZone);
     m_region->addWidget(striped);
     column->addWidget(m_region, 1);
@@ -277,9 +280,10 @@ void ContentView::refresh() {
         if (!out.isNull()) {
             const QString accent = m_model.willTrim() ? palette().color(QPalette::Highlight).name()
                                                       : palette().color(QPalette::PlaceholderText).name();
+            // The arrow stays with the first size; where even the second line is too narrow, the
+            // result's size goes to a line of its own rather than being cut.
             m_dims->setText(
-                QStringLiteral(
-                    "<span style='color:%1'>%2×%3</span>&nbsp;→&nbsp;<b style='color:%4'>%5×%6</b>")
+                QStringLiteral("<span style='color:%1'>%2×%3</span>&nbsp;→ <b style='color:%4'>%5×%6</b>")
                     .arg(palette().color(QPalette::PlaceholderText).name())
                     .arg(item->buffer.width())
                     .arg(item->buffer.height())
@@ -297,12 +301,26 @@ void ContentView::resizeEvent(QResizeEvent* event) {
 }
 
 void ContentView::arrangeHeader() {
+    // One row while the name (at least 110 wide), the badge, a gap of 12 and the whole sizes fit;
+    // otherwise the name over the sizes, the header as tall as the two lines need.
+    m_dims->setWordWrap(false);
     const int needed = 16 + 110 + 8 + (m_badge->isVisible() ? m_badge->sizeHint().width() + 8 : 0) + 12 +
                        m_dims->sizeHint().width() + 16;
     const bool oneRow = m_header->width() >= needed;
+    m_dims->setWordWrap(!oneRow);
+    m_dims->setMinimumWidth(oneRow ? m_dims->sizeHint().width() : 0);
     m_headerLayout->setDirection(oneRow ? QBoxLayout::LeftToRight : QBoxLayout::TopToBottom);
     m_headerLayout->setSpacing(oneRow ? 8 : 3);
     m_headerLayout->setContentsMargins(16, oneRow ? 0 : 4, 16, oneRow ? 0 : 4);
+    m_header->setMaximumHeight(oneRow ? 44 : QWIDGETSIZE_MAX);
+}
+
+bool ContentView::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == m_header && event->type() == QEvent::Resize) {
+        const auto* resize = static_cast<QResizeEvent*>(event);
+        if (resize->oldSize().width() != resize->size().width()) arrangeHeader();
+    }
+    return QWidget::eventFilter(watched, event);
 }
 
 bool ContentView::headerIsOneRow() const {

@@ -37,6 +37,8 @@ public:
     QString dimsText() const;
     /// Whether the header has room for one row, or shows the name over the sizes.
     bool headerIsOneRow() const;
+    /// The header itself, for measuring.
+    QWidget* header() const { return m_header; }
     /// The crop sheet while it is open.
     class CropEditorSheet* cropEditor() const;
     /// Opens the crop sheet on the turned source (nothing without an active item).
@@ -49,6 +51,7 @@ protected:
     void paintEvent(QPaintEvent* event) override;
     void resizeEvent(QResizeEvent* event) override;
     void showEvent(QShowEvent* event) override;
+    bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
     void drainInbox();

@@ -85,7 +85,7 @@ void SettingsSidebar::build() {
     heading->setFont(bold);
     titleRow->addWidget(heading);
     titleRow->addStretch();
-    m_sync = new QCheckBox(tr("Sync all"), title);
+    m_sync = new ElidedCheckBox(tr("Sync all"), title);
     m_sync->setToolTip(
         tr("Apply every setting change to all images in the queue, not just this one. Off by default — "
            "each image keeps its own settings."));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QAbstractButton>
+#include <QCheckBox>
 #include <QIcon>
 #include <QLabel>
 #include <QString>
@@ -17,6 +18,42 @@ public:
 
 protected:
     void paintEvent(QPaintEvent*) override;
+};
+
+/// A one-line label that cuts its text to the width it is given, with an ellipsis where `mode` says
+/// (in the middle for file names, so that the extension stays readable). Asks for the whole text's
+/// width but can be squeezed to a few characters; the whole text is its tooltip when cut.
+class ElidedLabel : public QLabel {
+    Q_OBJECT
+public:
+    explicit ElidedLabel(const QString& text = QString(), Qt::TextElideMode mode = Qt::ElideRight,
+                         QWidget* parent = nullptr);
+    QSize minimumSizeHint() const override;
+    /// True when the text doesn't fit and is shown cut.
+    bool isElided() const;
+
+protected:
+    void paintEvent(QPaintEvent*) override;
+
+private:
+    Qt::TextElideMode m_mode;
+};
+
+/// A checkbox whose label is cut with an ellipsis when the row is too narrow for it.
+class ElidedCheckBox : public QCheckBox {
+    Q_OBJECT
+public:
+    explicit ElidedCheckBox(const QString& text, QWidget* parent = nullptr);
+    QSize minimumSizeHint() const override;
+    QSize sizeHint() const override;
+    const QString& fullText() const { return m_full; }
+
+protected:
+    void resizeEvent(QResizeEvent* event) override;
+
+private:
+    void elide();
+    QString m_full;
 };
 
 /// Makes the desktop's icon theme reachable, with Breeze where the session names none (as under the

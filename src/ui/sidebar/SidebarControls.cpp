@@ -107,7 +107,7 @@ QWidget* SidebarControls::sliderRow(QWidget* parent, const QString& leftSymbol, 
 
 QCheckBox* SidebarControls::checkbox(QWidget* parent, const QString& text, const QString& tip, Field field) {
     const Binding<bool> b = binding<bool>(field);
-    auto* c = new QCheckBox(text, parent);
+    auto* c = new ElidedCheckBox(text, parent);
     c->setObjectName(settingName(field));
     c->setToolTip(tip);
     connect(c, &QCheckBox::toggled, this, [this, b](bool on) {
@@ -133,9 +133,22 @@ QWidget* SidebarControls::segmented(QWidget* parent, const QStringList& labels, 
     auto* row = new QHBoxLayout(w);
     row->setContentsMargins(0, 0, 0, 0);
     row->setSpacing(0);
+    // The chosen segment is filled with the palette's highlight, so it reads as chosen in a light
+    // scheme and a dark one alike.
+    w->setStyleSheet(QStringLiteral(
+        "QToolButton { border: 1px solid palette(mid); border-left-width: 0; padding: 3px 6px;"
+        " background: palette(button); color: palette(button-text); }"
+        "QToolButton#first { border-left-width: 1px; border-top-left-radius: 5px; border-bottom-left-radius: "
+        "5px; }"
+        "QToolButton#last { border-top-right-radius: 5px; border-bottom-right-radius: 5px; }"
+        "QToolButton:checked { background: palette(highlight); color: palette(highlighted-text);"
+        " border-color: palette(highlight); }"
+        "QToolButton:focus { outline: none; }"));
     auto* group = new QButtonGroup(w);
     for (int i = 0; i < labels.size(); ++i) {
         auto* b = new QToolButton(w);
+        if (i == 0) b->setObjectName(QStringLiteral("first"));
+        if (i == labels.size() - 1) b->setObjectName(QStringLiteral("last"));
         b->setText(labels[i]);
         b->setCheckable(true);
         b->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
