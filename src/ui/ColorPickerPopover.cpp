@@ -110,7 +110,7 @@ ColorPickerPopover::ColorPickerPopover(std::function<QColor()> get, std::functio
       m_hexField(new QLineEdit(this)), m_percent(new QLabel(this)) {
     const double paletteHeight = 5 * kSwatch + 4 * kRowGap;
     const int height = int(kPadHeight + 2 * kStripHeight + paletteHeight + 4 * kSpacing + 22);
-    setFixedSize(kWidth, height);
+    setFixedSize(kWidth + 2 * kEdge, height + 2 * kEdge);
     const QFont mono = QFontDatabase::systemFont(QFontDatabase::FixedFont);
     auto* hash = new QLabel(QStringLiteral("#"), this);
     hash->setFont(mono);
@@ -119,10 +119,10 @@ ColorPickerPopover::ColorPickerPopover(std::function<QColor()> get, std::functio
     m_percent->setFont(mono);
     m_percent->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
     m_percent->setFixedWidth(44);
-    const int rowTop = int(kPadHeight + 2 * kStripHeight + paletteHeight + 4 * kSpacing);
-    hash->setGeometry(0, rowTop, 12, 22);
-    m_hexField->setGeometry(20, rowTop, kWidth - 20 - 8 - 44, 22);
-    m_percent->setGeometry(kWidth - 44, rowTop, 44, 22);
+    const int rowTop = kEdge + int(kPadHeight + 2 * kStripHeight + paletteHeight + 4 * kSpacing);
+    hash->setGeometry(kEdge, rowTop, 12, 22);
+    m_hexField->setGeometry(kEdge + 20, rowTop, kWidth - 20 - 8 - 44, 22);
+    m_percent->setGeometry(kEdge + kWidth - 44, rowTop, 44, 22);
     connect(m_hexField, &QLineEdit::returnPressed, this, [this] { commitHex(m_hexField->text()); });
     syncFrom(m_get()); // on appearing
 }
@@ -195,18 +195,24 @@ void ColorPickerPopover::commitHex(const QString& text) {
 }
 
 QRectF ColorPickerPopover::padRect() const {
-    return QRectF(0, 0, kWidth, kPadHeight);
+    return QRectF(kEdge, kEdge, kWidth, kPadHeight);
 }
 QRectF ColorPickerPopover::hueRect() const {
-    return QRectF(0, kPadHeight + kSpacing, kWidth, kStripHeight);
+    return QRectF(kEdge, kEdge + kPadHeight + kSpacing, kWidth, kStripHeight);
 }
 QRectF ColorPickerPopover::alphaRect() const {
-    return QRectF(0, kPadHeight + kStripHeight + 2 * kSpacing, kWidth, kStripHeight);
+    return QRectF(kEdge, kEdge + kPadHeight + kStripHeight + 2 * kSpacing, kWidth, kStripHeight);
+}
+QList<QRectF> ColorPickerPopover::thumbRects() const {
+    const QRectF pad = padRect(), hue = hueRect(), alpha = alphaRect();
+    return {QRectF(pad.left() + m_sat * pad.width() - 7, pad.top() + (1 - m_bri) * pad.height() - 7, 14, 14),
+            QRectF(hue.left() + m_hue * hue.width() - 3, hue.center().y() - 9, 6, 18),
+            QRectF(alpha.left() + m_alpha * alpha.width() - 3, alpha.center().y() - 9, 6, 18)};
 }
 QRectF ColorPickerPopover::swatchRect(int row, int column) const {
-    const double top = kPadHeight + 2 * kStripHeight + 3 * kSpacing;
+    const double top = kEdge + kPadHeight + 2 * kStripHeight + 3 * kSpacing;
     const double rowWidth = 11 * kSwatch + 10 * kSwatchGap;
-    const double left = (kWidth - rowWidth) / 2;
+    const double left = kEdge + (kWidth - rowWidth) / 2;
     return QRectF(left + column * (kSwatch + kSwatchGap), top + row * (kSwatch + kRowGap), kSwatch, kSwatch);
 }
 
@@ -260,7 +266,8 @@ void ColorPickerPopover::paintEvent(QPaintEvent*) {
     p.fillPath(padShape, down);
     p.setPen(QPen(hairline(), 0.5));
     p.drawPath(padShape);
-    paintThumb(p, QRectF(m_sat * pad.width() - 7, (1 - m_bri) * pad.height() - 7, 14, 14), 7);
+    const QList<QRectF> thumbs = thumbRects();
+    paintThumb(p, thumbs[0], 7);
 
     // The hue strip.
     const QRectF hue = hueRect();
@@ -274,7 +281,7 @@ void ColorPickerPopover::paintEvent(QPaintEvent*) {
     p.fillPath(hueShape, hues);
     p.setPen(QPen(hairline(), 0.5));
     p.drawPath(hueShape);
-    paintThumb(p, QRectF(m_hue * hue.width() - 3, hue.center().y() - 9, 6, 18), 3);
+    paintThumb(p, thumbs[1], 3);
 
     // The alpha strip over the checkerboard.
     const QRectF alpha = alphaRect();
@@ -291,7 +298,7 @@ void ColorPickerPopover::paintEvent(QPaintEvent*) {
     p.fillPath(alphaShape, fade);
     p.setPen(QPen(hairline(), 0.5));
     p.drawPath(alphaShape);
-    paintThumb(p, QRectF(m_alpha * alpha.width() - 3, alpha.center().y() - 9, 6, 18), 3);
+    paintThumb(p, thumbs[2], 3);
 
     // The palette.
     for (int row = 0; row < 5; ++row)

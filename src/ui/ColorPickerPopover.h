@@ -59,6 +59,11 @@ public:
     void commitHex(const QString& text);
 
     static constexpr int kWidth = 220;
+    /// Room round the pad and the strips, so that a thumb at either end is drawn whole.
+    static constexpr int kEdge = 9;
+
+    /// Where the three thumbs are drawn now: on the pad, the hue strip and the alpha strip.
+    QList<QRectF> thumbRects() const;
 
 protected:
     void paintEvent(QPaintEvent*) override;

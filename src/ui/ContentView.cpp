@@ -11,6 +11,7 @@
 #include "model/ImageFile.h"
 #include "support/PrivateDir.h"
 
+#include <QApplication>
 #include <QBoxLayout>
 #include <QDir>
 #include <QDragEnterEvent>
@@ -18,6 +19,7 @@
 #include <QHBoxLayout>
 #include <QImage>
 #include <QLabel>
+#include <QLineEdit>
 #include <QMimeData>
 #include <QMouseEvent>
 #include <QPainter>
@@ -179,7 +181,7 @@ ContentView::ContentView(QWidget* parent)
 
     auto* striped = new StripedRegion(this, m_region);
     auto* inset = new QVBoxLayout(striped);
-    inset->setContentsMargins(28, 28, 28, 28);
+    inset->setContentsMargins(0, 0, 0, 0); // the preview keeps its own margin, for the badge
     m_preview->setParent(striped);
     inset->addWidget(m_preview);
     // Neither page may hold the column wider than it must be: the sidebar has to fit beside it.
@@ -192,15 +194,13 @@ ContentView::ContentView(QWidget* parent)
     row->addWidget(divider(Qt::Vertical, this));
     row->addWidget(m_sidebar);
 
-    // Ctrl+S goes to whichever primary action the Vectorize switch puts there; Delete anywhere removes.
-    auto* save = new QShortcut(QKeySequence::Save, this);
-    connect(save, &QShortcut::activated, m_sidebar, &SettingsSidebar::triggerPrimary);
-    auto* remove = new QShortcut(QKeySequence(Qt::Key_Delete), this);
-    connect(remove, &QShortcut::activated, this, [this] {
+    // Saving, exporting and removing have their keys in the window's menus; Backspace removes too.
+    auto* backspace = new QShortcut(QKeySequence(Qt::Key_Backspace), this);
+    connect(backspace, &QShortcut::activated, this, [this] {
         if (m_model.activeID()) m_model.remove(*m_model.activeID());
     });
-    auto* backspace = new QShortcut(QKeySequence(Qt::Key_Backspace), this);
-    connect(backspace, &QShortcut::activated, remove, &QShortcut::activated);
+    // The sidebar's buttons go through the same commit as the menus.
+    connect(m_sidebar, &SettingsSidebar::actionRequested, this, &ContentView::perform);
 
     connect(&m_model, &CropModel::changed, this, [this](CropModel::Field field) {
         // The sheet opens when the crop is turned on, whoever turned it on.
@@ -232,6 +232,17 @@ void ContentView::openCropEditor() {
     connect(sheet, &QDialog::accepted, this, [this, sheet] { m_model.setManualCrop(sheet->crop()); });
     m_cropEditor->resize(760, 600);
     m_cropEditor->open();
+}
+
+void ContentView::commitEditing() {
+    // Leaving the field finishes its edit, which writes the model; the field then shows its value.
+    if (auto* edit = qobject_cast<QLineEdit*>(QApplication::focusWidget()); edit && isAncestorOf(edit))
+        edit->clearFocus();
+}
+
+void ContentView::perform(void (CropModel::*action)()) {
+    commitEditing();
+    (m_model.*action)();
 }
 
 void ContentView::showEvent(QShowEvent* event) {

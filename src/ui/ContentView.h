@@ -43,6 +43,11 @@ public:
     class CropEditorSheet* cropEditor() const;
     /// Opens the crop sheet on the turned source (nothing without an active item).
     void openCropEditor();
+    /// Hands a field being typed in to the model, as Return would: what an action writes is then what
+    /// the window shows.
+    void commitEditing();
+    /// Runs one of the model's actions after committing the field being typed in.
+    void perform(void (CropModel::*action)());
 
 protected:
     void dragEnterEvent(QDragEnterEvent* event) override;

@@ -187,7 +187,10 @@ void CropEditorOverlay::setSelectedHandle(std::optional<CropHandle> handle) {
 }
 
 QRectF CropEditorOverlay::imgRect() const {
-    return aspectFit(QSizeF(m_image.size()), QSizeF(size()));
+    // Inset by a selected handle's glow, so that handles on the picture's edges are drawn whole.
+    const double inset = kHandleRoom;
+    return aspectFit(QSizeF(m_image.size()), QSizeF(width() - 2 * inset, height() - 2 * inset))
+        .translated(inset, inset);
 }
 
 QRectF CropEditorOverlay::cropRect() const {

@@ -76,6 +76,9 @@ class CropEditorOverlay : public QWidget {
     Q_OBJECT
 
 public:
+    /// Room round the picture for the handles on its edges: a selected handle's radius and glow.
+    static constexpr double kHandleRoom = 12;
+
     CropEditorOverlay(const QImage& image, QWidget* parent = nullptr);
 
     QRectF crop() const { return m_crop; }

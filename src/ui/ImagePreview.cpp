@@ -74,7 +74,10 @@ void ImagePreview::modelChanged() {
 
 void ImagePreview::retarget(bool animate) {
     const QImage image = m_model ? m_model->vectorDisplayImage() : QImage();
-    const QRectF target = image.isNull() ? QRectF() : fittedRect(image.width(), image.height(), size());
+    const QRectF area = QRectF(rect()).adjusted(kInset, kInset, -kInset, -kInset);
+    const QRectF target =
+        image.isNull() ? QRectF()
+                       : fittedRect(image.width(), image.height(), area.size()).translated(area.topLeft());
     if (target == m_targetRect) return;
     const bool sizeChanged = target.size() != m_targetRect.size();
     m_targetRect = target;
@@ -133,19 +136,31 @@ void ImagePreview::paintEvent(QPaintEvent*) {
     p.drawRect(r.adjusted(0.5, 0.5, -0.5, -0.5));
 
     // The size badge, across the top edge.
-    const QString text = tr("%1 × %2 px").arg(image.width()).arg(image.height());
-    QFont font = p.font();
-    font.setPointSizeF(font.pointSizeF() * 0.85);
-    font.setStyleHint(QFont::Monospace);
-    p.setFont(font);
-    const QFontMetricsF fm(font);
-    const QSizeF badge(fm.horizontalAdvance(text) + 14, fm.height() + 4);
-    const QRectF badgeRect(r.center().x() - badge.width() / 2, r.top() - 11, badge.width(), badge.height());
+    p.setFont(badgeFont());
+    const QRectF badge = badgeRect();
     p.setPen(Qt::NoPen);
     p.setBrush(QColor(0, 0, 0, int(0.55 * 255)));
-    p.drawRoundedRect(badgeRect, badge.height() / 2, badge.height() / 2);
+    p.drawRoundedRect(badge, badge.height() / 2, badge.height() / 2);
     p.setPen(Qt::white);
-    p.drawText(badgeRect, Qt::AlignCenter, text);
+    p.drawText(badge, Qt::AlignCenter, tr("%1 × %2 px").arg(image.width()).arg(image.height()));
+}
+
+QFont ImagePreview::badgeFont() const {
+    QFont f = font();
+    f.setPointSizeF(f.pointSizeF() * 0.85);
+    f.setStyleHint(QFont::Monospace);
+    return f;
+}
+
+QRectF ImagePreview::badgeRect() const {
+    const QImage image = m_model ? m_model->vectorDisplayImage() : QImage();
+    if (image.isNull() || m_shownRect.isEmpty()) return QRectF();
+    const QFontMetricsF fm(badgeFont());
+    const QSizeF badge(fm.horizontalAdvance(tr("%1 × %2 px").arg(image.width()).arg(image.height())) + 14,
+                       fm.height() + 4);
+    const QRectF& r = m_shownRect;
+    return QRectF(r.center().x() - badge.width() / 2, std::max(0.0, r.top() - 11), badge.width(),
+                  badge.height());
 }
 
 } // namespace cutlark

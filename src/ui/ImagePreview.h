@@ -23,6 +23,11 @@ public:
 
     /// Where the picture is drawn now (mid-spring while the size changes), and its reveal state.
     QRectF shownRect() const { return m_shownRect; }
+    /// The room between the widget's edges and the picture: the badge across the picture's top edge
+    /// and the region's margin live there, so nothing of them is cut.
+    static constexpr int kInset = 28;
+    /// Where the size badge is drawn; empty without a picture.
+    QRectF badgeRect() const;
     bool revealed() const { return m_revealed; }
     double revealProgress() const { return m_revealProgress; }
 
@@ -31,6 +36,7 @@ protected:
     void resizeEvent(QResizeEvent* event) override;
 
 private:
+    QFont badgeFont() const;
     void modelChanged();
     void retarget(bool animate);
     void triggerReveal();

@@ -1,5 +1,6 @@
 #include "ui/MainWindow.h"
 
+#include "model/CropModel.h"
 #include "ui/ContentView.h"
 #include "ui/FileOpenInbox.h"
 
@@ -26,7 +27,32 @@ MainWindow::MainWindow(QWidget* parent)
         if (auto chosen = m_panels.openImages(true)) FileOpenInbox::instance().deliver(*chosen);
     });
     file->addSeparator();
+    // Ctrl+S saves, or exports the trace while Vectorize is on: only one of the two is ever enabled.
+    const auto command = [this](QMenu* menu, const QString& text, const QKeySequence& key,
+                                void (CropModel::*action)()) {
+        QAction* a = menu->addAction(text, key, this, [this, action] { m_content->perform(action); });
+        m_commands << a;
+        return a;
+    };
+    command(file, tr("Save Over Original"), QKeySequence::Save, &CropModel::saveOverOriginal);
+    command(file, tr("Save as New…"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_S),
+            &CropModel::saveAsNewFile);
+    command(file, tr("Export SVG…"), QKeySequence::Save, &CropModel::exportSVG);
+    file->addSeparator();
+    command(file, tr("Split into Files…"), QKeySequence(), &CropModel::splitCollage);
+    file->addSeparator();
     file->addAction(tr("Quit"), QKeySequence::Quit, qApp, &QApplication::quit);
+
+    QMenu* edit = menuBar()->addMenu(tr("&Edit"));
+    command(edit, tr("Copy SVG"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_C), &CropModel::copySVG);
+    edit->addSeparator();
+    QAction* remove = edit->addAction(tr("Remove from Queue"), QKeySequence::Delete, this, [this] {
+        CropModel& model = m_content->model();
+        if (model.activeID()) model.remove(*model.activeID());
+    });
+    m_commands << remove;
+    connect(&m_content->model(), &CropModel::changed, this, &MainWindow::updateCommands);
+    updateCommands();
     QMenu* help = menuBar()->addMenu(tr("&Help"));
     help->addAction(tr("Cutlark Help"), this, [] {
         // The guide installed with the application, or the one of the source tree beside a build.
@@ -39,6 +65,24 @@ MainWindow::MainWindow(QWidget* parent)
             }
         }
     });
+}
+
+QAction* MainWindow::command(const QString& text) const {
+    for (QAction* a : m_commands)
+        if (QString(a->text()).remove(QLatin1Char('&')) == text) return a;
+    return nullptr;
+}
+
+void MainWindow::updateCommands() {
+    const CropModel& model = m_content->model();
+    const bool hasItem = model.activeID().has_value();
+    const bool vector = model.vectorizeEnabled();
+    command(tr("Save Over Original"))->setEnabled(hasItem && !vector);
+    command(tr("Save as New…"))->setEnabled(hasItem && !vector);
+    command(tr("Export SVG…"))->setEnabled(vector && model.hasVectorOutput());
+    command(tr("Copy SVG"))->setEnabled(vector && model.hasVectorOutput());
+    command(tr("Split into Files…"))->setEnabled(model.collageRects().size() >= 2);
+    command(tr("Remove from Queue"))->setEnabled(hasItem);
 }
 
 } // namespace cutlark

@@ -2,6 +2,7 @@
 
 #include "ui/QtPanels.h"
 
+#include <QAction>
 #include <QMainWindow>
 
 namespace cutlark {
@@ -16,8 +17,14 @@ public:
     explicit MainWindow(QWidget* parent = nullptr);
     ContentView* content() const { return m_content; }
 
+    /// The menu commands, by their text without the ampersand, for tests; null for an unknown one.
+    QAction* command(const QString& text) const;
+
 private:
+    void updateCommands();
+
     ContentView* m_content;
+    QList<QAction*> m_commands;
     QtPanels m_panels;
 };
 

@@ -2,10 +2,14 @@
 
 #include "ui/Widgets.h"
 
+#include <QApplication>
 #include <QFileInfo>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QListWidget>
+#include <QStyledItemDelegate>
+
+#include <algorithm>
 #include <QPainter>
 #include <QPainterPath>
 #include <QToolButton>
@@ -38,7 +42,72 @@ QIcon thumbnail(const QImage& image) {
     return QIcon(tile);
 }
 
+// One row of the queue: the thumbnail, the file name cut in the middle (the extension stays
+// readable), a spacer, and a green check for a saved item.
+class RowDelegate : public QStyledItemDelegate {
+public:
+    using QStyledItemDelegate::QStyledItemDelegate;
+
+    static constexpr int kCheckWidth = 22;
+
+    // Where the name goes in a row of `rect`, and the name cut to it.
+    static QRect nameRect(const QRect& rect, int iconSide) {
+        return QRect(rect.left() + 6 + iconSide + 8, rect.top(),
+                     rect.width() - (6 + iconSide + 8) - kCheckWidth - 6, rect.height());
+    }
+    static QString shown(const QString& name, const QFontMetrics& fm, const QRect& rect, int iconSide) {
+        return fm.elidedText(name, Qt::ElideMiddle, nameRect(rect, iconSide).width());
+    }
+
+    void paint(QPainter* p, const QStyleOptionViewItem& option, const QModelIndex& index) const override {
+        QStyleOptionViewItem opt = option;
+        initStyleOption(&opt, index);
+        // The background and the selection as the style draws them, then the row's own parts.
+        opt.text.clear();
+        opt.icon = QIcon();
+        const QWidget* view = option.widget;
+        QStyle* style = view ? view->style() : QApplication::style();
+        style->drawControl(QStyle::CE_ItemViewItem, &opt, p, view);
+        const int side = option.decorationSize.height();
+        const QRect r = option.rect;
+        const QIcon icon = qvariant_cast<QIcon>(index.data(Qt::DecorationRole));
+        icon.paint(p, QRect(r.left() + 6, r.top() + (r.height() - side) / 2, side, side));
+        const bool selected = option.state & QStyle::State_Selected;
+        p->save();
+        p->setPen(option.palette.color(selected ? QPalette::HighlightedText : QPalette::Text));
+        p->drawText(nameRect(r, side), Qt::AlignVCenter | Qt::AlignLeft | Qt::TextSingleLine,
+                    shown(index.data(Qt::DisplayRole).toString(), option.fontMetrics, r, side));
+        if (index.data(QueueDrawer::kSavedRole).toBool()) {
+            p->setPen(selected ? option.palette.color(QPalette::HighlightedText) : QColor(46, 157, 79));
+            QFont bold = option.font;
+            bold.setBold(true);
+            p->setFont(bold);
+            p->drawText(QRect(r.right() - kCheckWidth - 4, r.top(), kCheckWidth, r.height()), Qt::AlignCenter,
+                        QStringLiteral("✓"));
+        }
+        p->restore();
+    }
+
+    QSize sizeHint(const QStyleOptionViewItem& option, const QModelIndex& index) const override {
+        // As wide as the list allows, never wider: the name is cut instead of scrolled.
+        const QSize base = QStyledItemDelegate::sizeHint(option, index);
+        return QSize(1, std::max(base.height(), option.decorationSize.height() + 8));
+    }
+};
+
 } // namespace
+
+QString QueueDrawer::shownName(int row) const {
+    const QListWidgetItem* item = m_list->item(row);
+    if (!item) return QString();
+    return RowDelegate::shown(item->text(), m_list->fontMetrics(), m_list->visualItemRect(item),
+                              m_list->iconSize().height());
+}
+
+bool QueueDrawer::showsSavedMark(int row) const {
+    const QListWidgetItem* item = m_list->item(row);
+    return item && item->data(kSavedRole).toBool();
+}
 
 QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
     : QWidget(parent), m_model(model), m_count(captionLabel(QString())), m_list(new QListWidget(this)),
@@ -68,6 +137,9 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
     m_list->setFrameShape(QFrame::NoFrame);
     m_list->setTextElideMode(Qt::ElideMiddle);
     m_list->setUniformItemSizes(true);
+    m_list->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    m_list->setResizeMode(QListView::Adjust);
+    m_list->setItemDelegate(new RowDelegate(m_list));
     column->addWidget(m_list, 1);
     column->addWidget(divider(Qt::Horizontal, this));
 
@@ -82,7 +154,7 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
     add->setAutoRaise(true);
     connect(add, &QToolButton::clicked, model, &CropModel::openPanel);
     m_remove->setIcon(symbol(QStringLiteral("trash")));
-    m_remove->setToolTip(tr("Remove the selected image (⌫)"));
+    m_remove->setToolTip(tr("Remove the selected image (Delete)"));
     m_remove->setAutoRaise(true);
     m_remove->setAccessibleName(tr("Remove"));
     connect(m_remove, &QToolButton::clicked, this, [this] {
@@ -128,9 +200,8 @@ void QueueDrawer::rebuild() {
         kept.insert(key, icon);
         auto* row = new QListWidgetItem(icon, QFileInfo(item.url).fileName(), m_list);
         row->setData(Qt::UserRole, item.id.toString());
-        if (item.saved) row->setData(Qt::DecorationRole + 100, true);
+        row->setData(kSavedRole, item.saved);
         row->setToolTip(item.url);
-        if (item.saved) row->setText(row->text() + QStringLiteral("  ✓"));
     }
     m_thumbnails = std::move(kept); // removed items and replaced sources drop out
     m_count->setText(countText());

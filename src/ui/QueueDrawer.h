@@ -28,6 +28,13 @@ public:
     QSize sizeHint() const override { return QSize(208, QWidget::sizeHint().height()); }
     QListWidget* list() const { return m_list; }
 
+    /// The row's data role that marks a saved item.
+    static constexpr int kSavedRole = Qt::UserRole + 1;
+    /// The name as row `row` shows it at the list's current width: cut in the middle when too long.
+    QString shownName(int row) const;
+    /// Whether row `row` shows the saved mark.
+    bool showsSavedMark(int row) const;
+
 private:
     void rebuild();
     void syncSelection();

@@ -146,7 +146,7 @@ void SettingsSidebar::build() {
         auto* b = new QPushButton(text, foot);
         b->setMinimumHeight(30);
         if (prominent) b->setDefault(true);
-        connect(b, &QPushButton::clicked, model, action);
+        connect(b, &QPushButton::clicked, this, [this, action] { emit actionRequested(action); });
         footColumn->addWidget(b);
         return b;
     };

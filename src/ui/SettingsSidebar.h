@@ -15,6 +15,9 @@ class QVBoxLayout;
 
 namespace cutlark {
 
+/// One of the model's parameterless actions (save, export, copy, split).
+using ModelAction = void (CropModel::*)();
+
 /// The right-hand column: the title row, the scrolling list of settings, and the foot with the status
 /// row and the action buttons. The sections are built in `src/ui/sidebar/`, one file each, over the
 /// shared factories of `SidebarControls`; every control writes its model field, and moves, muted, when
@@ -36,6 +39,8 @@ public:
 
 signals:
     void editCropRequested();
+    /// A button asks for one of the model's actions (the view commits any edit first).
+    void actionRequested(cutlark::ModelAction action);
 
 private:
     void build();
