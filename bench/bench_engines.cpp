@@ -12,6 +12,7 @@
 #include <benchmark/benchmark.h>
 #include <opencv2/core.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <vector>
@@ -162,6 +163,37 @@ void BM_Sticker(benchmark::State& state) {
         benchmark::DoNotOptimize(StickerEngine::make(subject, 14));
 }
 BENCHMARK(BM_Sticker)->Unit(benchmark::kMillisecond);
+
+// The sticker outline of a photograph's cut-out subject at 12 megapixels: a soft-edged blob over most
+// of a 4000×3000 frame, as subject mode leaves it; w = 14 (the default) and 40 (the most).
+const QImage& photoSubject() {
+    static const QImage image = [] {
+        QImage out(4000, 3000, QImage::Format_RGBA8888_Premultiplied);
+        for (int y = 0; y < 3000; ++y) {
+            uchar* p = out.scanLine(y);
+            for (int x = 0; x < 4000; ++x, p += 4) {
+                // An irregular outline: an ellipse whose radius wobbles with the angle.
+                const double dx = (x - 2000) / 1800.0, dy = (y - 1500) / 1300.0;
+                const double r = std::sqrt(dx * dx + dy * dy), t = std::atan2(dy, dx);
+                const double edge = 1 + 0.08 * std::sin(7 * t) + 0.03 * std::sin(23 * t);
+                const double a = std::clamp((edge - r) * 600.0 + 0.5, 0.0, 1.0); // a soft rim of ~2 px
+                const uchar alpha = uchar(std::lround(a * 255));
+                p[0] = uchar(alpha * (x & 255) / 255), p[1] = uchar(alpha * (y & 255) / 255),
+                p[2] = uchar(alpha / 2);
+                p[3] = alpha;
+            }
+        }
+        return out;
+    }();
+    return image;
+}
+
+void BM_StickerPhoto12MP(benchmark::State& state) {
+    const QImage& subject = photoSubject();
+    for (auto _ : state)
+        benchmark::DoNotOptimize(StickerEngine::make(subject, double(state.range(0))));
+}
+BENCHMARK(BM_StickerPhoto12MP)->Arg(14)->Arg(40)->Unit(benchmark::kMillisecond);
 
 // Collage detection on a 4000×3000 sheet of 12 photographs in a 4 × 3 grid.
 void BM_CollagePieces(benchmark::State& state) {

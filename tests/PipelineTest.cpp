@@ -1,6 +1,7 @@
 #include "TestSupport.h"
 
 #include "model/CropModel.h"
+#include "model/ImageFile.h"
 
 #include <gtest/gtest.h>
 
@@ -222,4 +223,27 @@ TEST_F(PipelineTest, AnImageWithNothingToTrimStaysWhole) {
     openOne(solid(16, 9, Qt::white));
     model.setTrimEnabled(true);
     EXPECT_EQ(model.processedImage().size(), QSize(16, 9));
+}
+
+TEST_F(PipelineTest, AHandCropIsTrimmedAndWrittenLikeAnyPicture) {
+    // An opaque sheet (held as RGBX) with a dark block: the hand crop is a view inside the source,
+    // and every later stage and every encoder must take it as a picture of its own.
+    QImage sheet = solid(400, 300, Qt::white);
+    for (int y = 100; y < 200; ++y)
+        for (int x = 120; x < 260; ++x)
+            sheet.setPixelColor(x, y, QColor(20, 30, 40));
+    openOne(sheet.convertToFormat(QImage::Format_RGB32));
+    model.setManualCropRect(QRectF(0, 0, 0.9, 0.9));
+    model.setManualCropEnabled(true);
+    model.setTrimEnabled(true);
+    EXPECT_EQ(model.processedImage().size(), QSize(140, 100)) << "the trim finds the block inside the crop";
+    model.setTrimEnabled(false);
+    ASSERT_EQ(model.processedImage().size(), QSize(360, 270));
+    for (const char* type : {"image/png", "image/jpeg", "image/webp", "image/tiff", "image/heic"}) {
+        const QByteArray bytes = ImageFile::encode(model.processedImage(), QString::fromLatin1(type));
+        ASSERT_FALSE(bytes.isEmpty()) << type;
+        const auto back = ImageFile::loadFromData(bytes);
+        ASSERT_TRUE(back) << type;
+        EXPECT_EQ(back->image.size(), QSize(360, 270)) << type;
+    }
 }

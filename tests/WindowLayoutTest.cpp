@@ -38,7 +38,9 @@ struct ScopedFont {
     QFont m_saved;
 };
 
-QRect within(const QWidget* w, const QWidget* ancestor) { return QRect(w->mapTo(ancestor, QPoint(0, 0)), w->size()); }
+QRect within(const QWidget* w, const QWidget* ancestor) {
+    return QRect(w->mapTo(ancestor, QPoint(0, 0)), w->size());
+}
 
 /// What is cut or squeezed among the visible widgets under `root`: a widget reaching past its
 /// parent's right edge, or a label, button or checkbox narrower than it can be drawn whole. Widgets
@@ -47,15 +49,17 @@ QStringList cutWidgets(QWidget* root) {
     QStringList out;
     for (QWidget* w : root->findChildren<QWidget*>()) {
         if (!w->isVisibleTo(root) || qobject_cast<QScrollBar*>(w) || !w->parentWidget()) continue;
-        if (w->parentWidget()->inherits("QScrollArea") || w->parentWidget()->objectName() == "qt_scrollarea_viewport")
+        if (w->parentWidget()->inherits("QScrollArea") ||
+            w->parentWidget()->objectName() == "qt_scrollarea_viewport")
             continue;
-        const QString what = QStringLiteral("%1 “%2”").arg(QString::fromLatin1(w->metaObject()->className()),
-                                                          w->objectName().isEmpty() ? w->property("text").toString()
-                                                                                    : w->objectName());
+        const QString what = QStringLiteral("%1 “%2”").arg(
+            QString::fromLatin1(w->metaObject()->className()),
+            w->objectName().isEmpty() ? w->property("text").toString() : w->objectName());
         if (w->geometry().right() > w->parentWidget()->width() - 1 + 1 || w->x() < 0)
             out << what + QStringLiteral(" runs past its parent");
         const bool texty = qobject_cast<QLabel*>(w) || qobject_cast<QAbstractButton*>(w);
-        if (texty && w->width() + 1 < w->minimumSizeHint().width()) out << what + QStringLiteral(" is squeezed");
+        if (texty && w->width() + 1 < w->minimumSizeHint().width())
+            out << what + QStringLiteral(" is squeezed");
     }
     return out;
 }
@@ -65,7 +69,8 @@ QStringList cutWidgets(QWidget* root) {
 TEST(WindowLayout, NothingOverlapsOrIsCutAtTheSizesAndFontsPeopleUse) {
     QTemporaryDir dir;
     // A long name, so that the header has something to cut.
-    const QStringList paths = {savePng(dir, QStringLiteral("a-rather-long-product-photo-name-2026-final.png"), coordinates(700, 520)),
+    const QStringList paths = {savePng(dir, QStringLiteral("a-rather-long-product-photo-name-2026-final.png"),
+                                       coordinates(700, 520)),
                                savePng(dir, QStringLiteral("b.png"), coordinates(640, 480))};
     for (const double points : {10.0, 12.0, 14.0}) {
         ScopedFont font(points);
@@ -101,11 +106,14 @@ TEST(WindowLayout, NothingOverlapsOrIsCutAtTheSizesAndFontsPeopleUse) {
             EXPECT_FALSE(name->geometry().intersects(dims->geometry()));
             EXPECT_FALSE(badge->geometry().intersects(dims->geometry()));
             EXPECT_GE(badge->width(), badge->sizeHint().width()) << "the badge is never squeezed";
-            if (view->headerIsOneRow()) EXPECT_GE(dims->width(), dims->sizeHint().width());
-            else EXPECT_GE(dims->height(), dims->heightForWidth(dims->width())) << "wrapped sizes shown whole";
+            if (view->headerIsOneRow())
+                EXPECT_GE(dims->width(), dims->sizeHint().width());
+            else
+                EXPECT_GE(dims->height(), dims->heightForWidth(dims->width())) << "wrapped sizes shown whole";
             EXPECT_LE(within(dims, header).bottom(), header->height() - 1);
             EXPECT_LE(within(dims, header).right(), header->width() - 1);
-            EXPECT_TRUE(name->isElided() || name->width() >= name->fontMetrics().horizontalAdvance(name->text()));
+            EXPECT_TRUE(name->isElided() ||
+                        name->width() >= name->fontMetrics().horizontalAdvance(name->text()));
             if (width == 1366) EXPECT_TRUE(view->headerIsOneRow());
             if (width == 660) EXPECT_FALSE(view->headerIsOneRow());
         }
@@ -128,7 +136,8 @@ TEST(WindowLayout, TheHeaderChoosesItsArrangementWhenTheQueueSlidesIn) {
     if (view->header()->width() < oneRowNeeds) EXPECT_FALSE(view->headerIsOneRow());
     for (QLabel* l : view->header()->findChildren<QLabel*>())
         if (l->isVisible() && !qobject_cast<ElidedLabel*>(l))
-            EXPECT_LE(within(l, view->header()).right(), view->header()->width() - 1) << l->text().toStdString();
+            EXPECT_LE(within(l, view->header()).right(), view->header()->width() - 1)
+                << l->text().toStdString();
 }
 
 TEST(WindowLayout, CtrlSSavesTheSizeJustTypedWithoutReturn) {
@@ -198,7 +207,8 @@ TEST(WindowLayout, QueueRowsCutNamesInTheMiddleAndMarkSavedOnesWithACheck) {
     window.show();
     CropModel& model = window.content()->model();
     const QString longName = QStringLiteral("summer-catalogue-2026-product-shot-number-0042-retouched.png");
-    model.open({savePng(dir, longName, coordinates(20, 20)), savePng(dir, QStringLiteral("b.png"), coordinates(20, 20))});
+    model.open({savePng(dir, longName, coordinates(20, 20)),
+                savePng(dir, QStringLiteral("b.png"), coordinates(20, 20))});
     QueueDrawer* queue = window.content()->queueDrawer();
     ASSERT_TRUE(waitUntil([&] { return queue->width() == 208; }, 5000));
     QApplication::processEvents();
@@ -250,7 +260,8 @@ TEST(WindowLayout, MenusHoldTheCommandsWithTheirKeysAndStates) {
 
     QImage sheet = solid(200, 100, Qt::white);
     for (int y = 10; y < 90; ++y)
-        for (int x = 10; x < 90; ++x) sheet.setPixelColor(x, y, Qt::black), sheet.setPixelColor(x + 100, y, Qt::black);
+        for (int x = 10; x < 90; ++x)
+            sheet.setPixelColor(x, y, Qt::black), sheet.setPixelColor(x + 100, y, Qt::black);
     model.setVectorizeEnabled(false);
     model.open({savePng(dir, QStringLiteral("pair.png"), sheet)});
     EXPECT_TRUE(split->isEnabled());

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 
 namespace cutlark::CropEngine {
 
@@ -94,8 +95,22 @@ std::optional<Buffer> Buffer::make(const QImage& image) {
         image.format() == QImage::Format_RGBA8888_Premultiplied || image.format() == QImage::Format_RGBX8888;
     if (layout && isSrgb(image) && image.bytesPerLine() == qsizetype(image.width()) * 4)
         return Buffer(image, image);
+    if (layout && isSrgb(image)) {
+        // A view inside a wider image (a crop): the same bytes, rows copied tight. Qt's conversion
+        // is no way round: between these two layouts it copies whole source rows and so writes past
+        // the end of each narrower destination row.
+        QImage store =
+            PixelOps::newImage(image.width(), image.height(), QImage::Format_RGBA8888_Premultiplied);
+        if (store.isNull()) return std::nullopt;
+        for (int y = 0; y < image.height(); ++y)
+            std::memcpy(store.scanLine(y), image.constScanLine(y), size_t(image.width()) * 4);
+        store.setColorSpace(QColorSpace(QColorSpace::SRgb));
+        return Buffer(image, store);
+    }
 
-    QImage store = image;
+    // Any other form is first made a picture of its own, so that no conversion below reads a view.
+    QImage store =
+        image.bytesPerLine() == qsizetype(image.width()) * (image.depth() / 8) ? image : image.copy();
     if (!isSrgb(store)) store = store.convertedToColorSpace(QColorSpace(QColorSpace::SRgb));
     store = store.convertToFormat(QImage::Format_RGBA8888_Premultiplied);
     if (store.isNull() || store.bytesPerLine() != qsizetype(store.width()) * 4) return std::nullopt;

@@ -53,7 +53,11 @@ QImage rgbaPixels(const QImage& image) {
     if (srgb && (image.format() == QImage::Format_RGBA8888_Premultiplied ||
                  image.format() == QImage::Format_RGBX8888))
         return image;
-    QImage out = srgb ? image : image.convertedToColorSpace(QColorSpace(QColorSpace::SRgb));
+    // A view inside a wider image is made a picture of its own before Qt converts it: some of its
+    // conversions copy whole source rows into narrower destination rows.
+    const bool tight = image.bytesPerLine() == qsizetype(image.width()) * (image.depth() / 8);
+    QImage out = tight ? image : image.copy();
+    if (!srgb) out = out.convertedToColorSpace(QColorSpace(QColorSpace::SRgb));
     out = out.convertToFormat(out.hasAlphaChannel() ? QImage::Format_RGBA8888_Premultiplied
                                                     : QImage::Format_RGBX8888);
     return out;

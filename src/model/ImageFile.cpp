@@ -271,8 +271,11 @@ std::optional<QSize> probeSize(const QString& path) {
     return size;
 }
 
-QByteArray encode(const QImage& image, const QString& type) {
-    if (image.isNull()) return QByteArray();
+QByteArray encode(const QImage& source, const QString& type) {
+    if (source.isNull()) return QByteArray();
+    // A crop is a view inside a wider image; the encoders' conversions want pictures of their own.
+    const QImage image =
+        source.bytesPerLine() == qsizetype(source.width()) * (source.depth() / 8) ? source : source.copy();
     const QString target = writableType(type);
     if (isHeifType(target)) return ImageCodecs::encodeHeif(image);
     QByteArray bytes;
