@@ -298,3 +298,42 @@ TEST(ColorComponents, AnyColourModelComesOutAsSrgb) {
     EXPECT_NEAR(cmyk->r, 1, 1e-4);
     EXPECT_FALSE(sRGBComponents(QColor()));
 }
+
+TEST(Resize, EachAxisIsFilteredForItsOwnDirection) {
+    // One black line every 4 pixels, across the axis that shrinks by 4: each output pixel covers
+    // three white and one black, so it is 191 grey whatever the other axis does.
+    const auto lines = [](int w, int h, bool vertical) {
+        QImage image = solid(w, h, Qt::white).convertToFormat(QImage::Format_RGBX8888);
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                if ((vertical ? x : y) % 4 == 0) image.setPixelColor(x, y, Qt::black);
+        return image;
+    };
+    struct Case {
+        QSize from, to;
+        bool vertical;
+    };
+    for (const Case& c : {Case{QSize(400, 100), QSize(100, 200), true},  // narrower, taller
+                          Case{QSize(100, 400), QSize(200, 100), false}, // wider, shorter
+                          Case{QSize(400, 100), QSize(100, 50), true},   // smaller both ways
+                          Case{QSize(400, 100), QSize(100, 100), true}}) {
+        const auto out = CropEngine::resize(lines(c.from.width(), c.from.height(), c.vertical), QSizeF(c.to));
+        ASSERT_TRUE(out) << c.from.width() << "×" << c.from.height();
+        ASSERT_EQ(out->size(), c.to);
+        for (const QPoint p :
+             {QPoint(c.to.width() / 2, c.to.height() / 2), QPoint(3, 7), QPoint(c.to.width() - 2, 1)})
+            EXPECT_NEAR(qRed(out->pixel(p)), 191, 1)
+                << c.from.width() << "×" << c.from.height() << " → " << c.to.width() << "×" << c.to.height()
+                << " at " << p.x() << "," << p.y();
+    }
+    // Growing both ways keeps the lines: black and white both still there.
+    const auto grown = CropEngine::resize(lines(40, 10, true), QSizeF(80, 20));
+    ASSERT_TRUE(grown);
+    int darkest = 255, lightest = 0;
+    for (int x = 0; x < 80; ++x) {
+        darkest = std::min(darkest, qRed(grown->pixel(x, 10)));
+        lightest = std::max(lightest, qRed(grown->pixel(x, 10)));
+    }
+    EXPECT_LT(darkest, 64);
+    EXPECT_GT(lightest, 230);
+}

@@ -291,8 +291,18 @@ std::optional<QImage> resize(const QImage& image, const QSizeF& target) {
     if (src.isNull() || !canvasFits(*tw, *th)) return std::nullopt;
     // Area averaging when shrinking (no aliasing; our own single pass, several times faster than
     // OpenCV's at factors that aren't whole numbers); bicubic when growing, clamped back into valid
-    // premultiplied values since cubic weights can overshoot.
-    const bool shrinking = *tw <= src.width() && *th <= src.height();
+    // premultiplied values since cubic weights can overshoot. Each axis is filtered for its own
+    // direction: when one shrinks and the other grows, the shrinking one is averaged first.
+    const bool shrinkW = *tw <= src.width(), shrinkH = *th <= src.height();
+    if ((*tw < src.width() && *th > src.height()) || (*tw > src.width() && *th < src.height())) {
+        QImage half = newCanvas(shrinkW ? *tw : src.width(), shrinkH ? *th : src.height());
+        if (half.isNull()) return std::nullopt;
+        if (!src.hasAlphaChannel()) half.reinterpretAsFormat(src.format());
+        AreaResize::shrink(src.constBits(), src.width(), src.height(), size_t(src.bytesPerLine()),
+                           half.bits(), half.width(), half.height(), size_t(half.bytesPerLine()));
+        return resize(half, target);
+    }
+    const bool shrinking = shrinkW && shrinkH;
     if (shrinking) {
         // Every pixel gets written, so a recycled store does (no fresh pages to fault in).
         QImage shrunk = newCanvas(*tw, *th);

@@ -44,6 +44,9 @@ QString withExtension(const QString& path, const QString& extension) {
 bool CropModel::passesTypeTest(const QString& path) {
     const QString type = ImageFile::typeForExtension(extensionOf(path));
     if (type.isEmpty()) return false;
+    // A camera's raw file is TIFF to the MIME database, but not to a user: it is never opened (Qt
+    // would decode its small preview) and so never written over.
+    if (ImageFile::conforms(type, QStringLiteral("image/x-dcraw"))) return false;
     for (const QString& accepted : ImageFile::acceptedTypes())
         if (ImageFile::conforms(type, accepted)) return true;
     return false;

@@ -1,5 +1,8 @@
 #include "support/NaturalOrder.h"
 
+#include <QCollator>
+#include <QLocale>
+
 namespace cutlark::NaturalOrder {
 
 namespace {
@@ -31,6 +34,23 @@ int compareDigitRuns(const QString& a, qsizetype& i, const QString& b, qsizetype
 } // namespace
 
 int compare(const QString& a, const QString& b) {
+    // As the user's language orders names ("été" before "f", case aside), numbers by their value;
+    // where that finds no difference, the folded code units and the number of leading zeros decide.
+    // Names that differ only in case rank equal, and keep their order.
+    thread_local const QCollator collator = [] {
+        QLocale locale;
+        // The bare C locale orders by code unit; a person in it still reads "é" as an "e".
+        if (locale.language() == QLocale::C) locale = QLocale(QLocale::English, QLocale::UnitedStates);
+        QCollator c(locale);
+        c.setNumericMode(true);
+        c.setCaseSensitivity(Qt::CaseInsensitive);
+        return c;
+    }();
+    if (const int c = collator.compare(a, b)) return c < 0 ? -1 : 1;
+    return codeUnitCompare(a, b);
+}
+
+int codeUnitCompare(const QString& a, const QString& b) {
     qsizetype i = 0, j = 0;
     while (i < a.size() && j < b.size()) {
         if (a[i].isDigit() && b[j].isDigit()) {
