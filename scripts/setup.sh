@@ -13,8 +13,10 @@ packages=(
     qt6-image-formats-plugins                 # TIFF and WebP readers and writers for Qt
     libheif-dev                               # HEIC/HEIF decoding and encoding
     libjpeg62-turbo-dev                       # JPEG decoding straight into our own stores
+    libimagequant-dev libgif-dev              # GIF writing: the palette and the file
     libopencv-dev                             # blur, morphology, contours, the subject network
     libgtest-dev libgmock-dev                 # the test suites
+    liblcms2-dev                              # the colour oracle the colour tests compare with
     libbenchmark-dev                          # the micro-benchmarks in bench/
     breeze-icon-theme                         # fallback icon theme for the window
     python3-onnx                              # converts the subject network to fp32 once

@@ -52,7 +52,9 @@ TEST(ContentRect, FloorsFollowTheTable) {
         };
         const auto af = uchar(row.alphaFloor), wf = uchar(row.whiteFloor);
         EXPECT_FALSE(single(0, 0, 0, af)) << "alpha at the floor is background";
-        if (row.alphaFloor < 254) EXPECT_EQ(single(0, 0, 0, uchar(af + 1)), QRectF(2, 3, 1, 1));
+        if (row.alphaFloor < 254) {
+            EXPECT_EQ(single(0, 0, 0, uchar(af + 1)), QRectF(2, 3, 1, 1));
+        }
         EXPECT_FALSE(single(wf, wf, wf, 255)) << "white at the floor is background";
         EXPECT_EQ(single(uchar(wf - 1), wf, wf, 255), QRectF(2, 3, 1, 1));
         EXPECT_EQ(single(wf, wf, uchar(wf - 1), 255), QRectF(2, 3, 1, 1));

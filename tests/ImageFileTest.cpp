@@ -217,24 +217,77 @@ TEST_F(ImageFileTest, WritableTypesAreWhatThisMachineEncodes) {
          {QStringLiteral("image/png"), QStringLiteral("image/jpeg"), QStringLiteral("image/tiff"),
           QStringLiteral("image/bmp"), QStringLiteral("image/webp"), QStringLiteral("image/heic")})
         EXPECT_TRUE(encodable.contains(t)) << qPrintable(t);
-    EXPECT_FALSE(encodable.contains(QStringLiteral("image/gif"))) << "Qt carries no GIF encoder";
+    EXPECT_TRUE(encodable.contains(QStringLiteral("image/gif"))) << "our own, Qt carries none";
 
     for (const QString& t :
          ImageFile::acceptedTypes() + QStringList{QStringLiteral("image/x-tga"), QString()}) {
         const QString w = ImageFile::writableType(t);
         EXPECT_TRUE(w == png || encodable.contains(w)) << qPrintable(t);
     }
-    EXPECT_EQ(ImageFile::writableType(QStringLiteral("image/gif")), png);
+    EXPECT_EQ(ImageFile::writableType(QStringLiteral("image/gif")), QStringLiteral("image/gif"));
+    EXPECT_EQ(ImageFile::writableType(QStringLiteral("image/x-tga")), png);
     EXPECT_EQ(ImageFile::writableType(QStringLiteral("image/jpeg")), QStringLiteral("image/jpeg"));
 }
 
 TEST_F(ImageFileTest, SaveFallsBackToPngUnderTheGivenName) {
-    const QString file = path(QStringLiteral("keep-name.gif"));
-    ASSERT_TRUE(ImageFile::save(quarters(8, 8), file, QStringLiteral("image/gif")));
+    const QString file = path(QStringLiteral("keep-name.tga"));
+    ASSERT_TRUE(ImageFile::save(quarters(8, 8), file, QStringLiteral("image/x-tga")));
     EXPECT_TRUE(readBytes(file).startsWith(QByteArray::fromHex("89504e47")));
     const auto back = ImageFile::load(file);
     ASSERT_TRUE(back);
     EXPECT_EQ(back->type, png);
+}
+
+TEST_F(ImageFileTest, GifIsARealGifWithItsOwnPaletteAndTransparency) {
+    // 128 × 64: a smooth ramp of far more than 256 colours on the left, flat patches on the right,
+    // and a bottom band of alpha at 0, 60, 127, 128, 200 and 255.
+    QImage image(128, 64, QImage::Format_ARGB32);
+    for (int y = 0; y < 48; ++y)
+        for (int x = 0; x < 128; ++x)
+            image.setPixel(x, y,
+                           x < 64 ? qRgb(x * 4, y * 5, 255 - x * 2)
+                                  : (x < 96 ? qRgb(200, 30, 40) : qRgb(20, 90, 220)));
+    const int alphas[] = {0, 60, 127, 128, 200, 255};
+    for (int y = 48; y < 64; ++y)
+        for (int x = 0; x < 128; ++x)
+            image.setPixel(x, y, qRgba(250, 200, 10, alphas[std::min(x / 21, 5)]));
+    const QString file = path(QStringLiteral("real.gif"));
+    ASSERT_TRUE(ImageFile::save(image, file, QStringLiteral("image/gif")));
+    const QByteArray bytes = readBytes(file);
+    EXPECT_TRUE(bytes.startsWith("GIF89a")) << "GIF89a: the transparency block needs it";
+    EXPECT_LT(bytes.size(), 128 * 64) << "an LZW-compressed palette image, not PNG bytes";
+
+    const auto back = ImageFile::load(file);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->type, QStringLiteral("image/gif"));
+    ASSERT_EQ(back->image.size(), image.size());
+    const QImage read = back->image.convertToFormat(QImage::Format_ARGB32);
+    EXPECT_TRUE(near(read.pixel(80, 10), qRgb(200, 30, 40), 2)) << "flat colours keep their entry";
+    EXPECT_TRUE(near(read.pixel(110, 40), qRgb(20, 90, 220), 2));
+    int worst = 0;
+    for (int y = 0; y < 48; ++y)
+        for (int x = 0; x < 64; ++x) {
+            const QRgb a = image.pixel(x, y), b = read.pixel(x, y);
+            worst = std::max({worst, std::abs(qRed(a) - qRed(b)), std::abs(qGreen(a) - qGreen(b)),
+                              std::abs(qBlue(a) - qBlue(b))});
+        }
+    EXPECT_LE(worst, 24) << "the ramp is dithered over a palette, not posterised";
+    for (int i = 0; i < 6; ++i) {
+        const QRgb p = read.pixel(i * 21 + 10, 56);
+        if (alphas[i] >= 128) {
+            EXPECT_EQ(qAlpha(p), 255) << alphas[i];
+            EXPECT_TRUE(near(p, qRgb(250, 200, 10), 3)) << alphas[i];
+        } else {
+            EXPECT_EQ(qAlpha(p), 0) << alphas[i];
+        }
+    }
+
+    // An opaque picture has no transparent colour; one past GIF's 16-bit sides is refused.
+    const QString opaque = path(QStringLiteral("opaque.gif"));
+    ASSERT_TRUE(ImageFile::save(quarters(40, 40), opaque, QStringLiteral("image/gif")));
+    EXPECT_FALSE(ImageFile::load(opaque)->image.hasAlphaChannel());
+    EXPECT_TRUE(
+        ImageFile::encode(QImage(70000, 1, QImage::Format_RGB32), QStringLiteral("image/gif")).isEmpty());
 }
 
 TEST_F(ImageFileTest, JpegIsWrittenAtQualityNinetyTwo) {

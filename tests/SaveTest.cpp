@@ -6,6 +6,8 @@
 
 #include <QFileInfo>
 
+#include <cmath>
+
 #include <gtest/gtest.h>
 
 using namespace cutlark;
@@ -123,7 +125,8 @@ TEST_F(SaveTest, AFileWithoutExtensionGetsTheTypesOwn) {
                          *CropEngine::Buffer::make(ImageFile::load(noExt)->image),
                          false,
                          {},
-                         nullptr};
+                         nullptr,
+                         {}};
     EXPECT_EQ(model.proposedNewFileName(item),
               QStringLiteral("Scan-out.") + ImageFile::preferredExtension(item.type));
     EXPECT_TRUE(model.proposedNewFileName(item).endsWith(QStringLiteral(".jpg")) ||
@@ -214,4 +217,65 @@ TEST_F(SaveTest, FailedWritesReportAndLoseNothing) {
     model.saveOverOriginal();
     EXPECT_FALSE(model.errorMessage());
     EXPECT_EQ(model.saveConfirmation(), QStringLiteral("keep.png"));
+}
+
+TEST_F(SaveTest, AWebPStaysLossyOrLosslessAsItCame) {
+    // Something like a photo: smooth light, texture and edges.
+    QImage photo(480, 320, QImage::Format_RGB32);
+    for (int y = 0; y < photo.height(); ++y)
+        for (int x = 0; x < photo.width(); ++x) {
+            const int texture =
+                int(37 * std::sin(x * 0.21) * std::cos(y * 0.17)) + ((x * 7919 + y * 104729) % 13);
+            const bool mug = (x - 240) * (x - 240) + (y - 170) * (y - 170) < 90 * 90;
+            photo.setPixel(x, y,
+                           mug ? qRgb(qBound(0, 180 + texture, 255), qBound(0, 90 + texture / 2, 255), 60)
+                               : qRgb(qBound(0, 120 + x / 8 + texture, 255), qBound(0, 140 + y / 6, 255),
+                                      qBound(0, 200 - x / 5 + texture, 255)));
+        }
+    const auto chunk = [](const QByteArray& webp) { return webp.mid(12, 4); };
+
+    // A lossy web picture that nothing changed comes back lossy, about its own size.
+    for (int quality : {75, 80, 90}) {
+        const QString lossy = m_dir.filePath(QStringLiteral("web-%1.webp").arg(quality));
+        ASSERT_TRUE(writeImage(photo, lossy, "webp", quality));
+        const qint64 before = readBytes(lossy).size();
+        ASSERT_EQ(chunk(readBytes(lossy)), "VP8 ");
+        CropModel one;
+        one.open({lossy});
+        one.saveOverOriginal();
+        ASSERT_FALSE(one.errorMessage()) << one.errorMessage()->toStdString();
+        const QByteArray after = readBytes(lossy);
+        EXPECT_TRUE(after.contains("VP8 ") && !after.contains("VP8L")) << quality;
+        EXPECT_LE(after.size(), before * 3 / 2)
+            << "quality " << quality << ": " << before << " → " << after.size();
+        const ImageFile::Storage storage = one.items().front().storage;
+        EXPECT_FALSE(storage.lossless) << "and stays lossy on the next save";
+        EXPECT_NEAR(storage.quality, quality, 4) << "at the quality it had";
+    }
+
+    // A lossless one stays lossless, also with transparency made on the way.
+    const QString exact = m_dir.filePath(QStringLiteral("logo.webp"));
+    ASSERT_TRUE(writeImage(coordinates(60, 40), exact, "webp", 100));
+    ASSERT_EQ(chunk(readBytes(exact)), "VP8L");
+    model.open({exact});
+    model.setPaddingEnabled(true);
+    model.saveOverOriginal();
+    const QByteArray written = readBytes(exact);
+    EXPECT_TRUE(written.mid(12, 4) == "VP8L" || (written.mid(12, 4) == "VP8X" && written.contains("VP8L")));
+    EXPECT_FALSE(written.contains("VP8 ")) << "no lossy data";
+    EXPECT_TRUE(model.items().front().storage.lossless);
+
+    // A lossy WebP saved with transparency keeps its alpha beside lossy data.
+    const QString cut = m_dir.filePath(QStringLiteral("cut.webp"));
+    ASSERT_TRUE(writeImage(photo, cut, "webp", 80));
+    CropModel keyed;
+    keyed.open({cut});
+    keyed.setPaddingEnabled(true);
+    keyed.saveOverOriginal();
+    const QByteArray withAlpha = readBytes(cut);
+    EXPECT_TRUE(withAlpha.contains("ALPH") && withAlpha.contains("VP8 "));
+    const auto back = ImageFile::load(cut);
+    ASSERT_TRUE(back);
+    EXPECT_TRUE(back->image.hasAlphaChannel());
+    EXPECT_FALSE(back->storage.lossless);
 }

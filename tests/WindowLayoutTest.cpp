@@ -114,8 +114,12 @@ TEST(WindowLayout, NothingOverlapsOrIsCutAtTheSizesAndFontsPeopleUse) {
             EXPECT_LE(within(dims, header).right(), header->width() - 1);
             EXPECT_TRUE(name->isElided() ||
                         name->width() >= name->fontMetrics().horizontalAdvance(name->text()));
-            if (width == 1366) EXPECT_TRUE(view->headerIsOneRow());
-            if (width == 660) EXPECT_FALSE(view->headerIsOneRow());
+            if (width == 1366) {
+                EXPECT_TRUE(view->headerIsOneRow());
+            }
+            if (width == 660) {
+                EXPECT_FALSE(view->headerIsOneRow());
+            }
         }
     }
 }
@@ -133,11 +137,15 @@ TEST(WindowLayout, TheHeaderChoosesItsArrangementWhenTheQueueSlidesIn) {
     ASSERT_TRUE(waitUntil([&] { return view->queueDrawer()->width() == 208; }, 5000));
     QApplication::processEvents();
     const int oneRowNeeds = 16 + 110 + 8 + 60 + 12 + 16; // at the least, before the sizes
-    if (view->header()->width() < oneRowNeeds) EXPECT_FALSE(view->headerIsOneRow());
-    for (QLabel* l : view->header()->findChildren<QLabel*>())
-        if (l->isVisible() && !qobject_cast<ElidedLabel*>(l))
+    if (view->header()->width() < oneRowNeeds) {
+        EXPECT_FALSE(view->headerIsOneRow());
+    }
+    for (QLabel* l : view->header()->findChildren<QLabel*>()) {
+        if (l->isVisible() && !qobject_cast<ElidedLabel*>(l)) {
             EXPECT_LE(within(l, view->header()).right(), view->header()->width() - 1)
                 << l->text().toStdString();
+        }
+    }
 }
 
 TEST(WindowLayout, CtrlSSavesTheSizeJustTypedWithoutReturn) {

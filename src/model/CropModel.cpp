@@ -453,14 +453,14 @@ void CropModel::ensureVisionCutout() {
     // The first capture of each closure receives and the last passes on, whenever Qt moves it.
     (void)QtConcurrent::run(QThreadPool::globalInstance(),
                             [in = HandOff(), task = std::move(task), out = HandOff()]() mutable {
-                                HandOff::received();
+                                const auto turn = HandOff::received();
                                 task->cutout = cutoutSafely(task->compute, task->source);
                                 task->compute = nullptr;
                                 task->source = QImage();
                                 QMetaObject::invokeMethod(
                                     QCoreApplication::instance(),
                                     [in = HandOff(), task = std::move(task), out = HandOff()] {
-                                        HandOff::received();
+                                        const auto turn = HandOff::received();
                                         if (task->self) task->self->finishCutout(task->id, task->cutout);
                                     },
                                     Qt::QueuedConnection);

@@ -40,6 +40,8 @@ public:
         Settings settingsSnapshot; ///< the settings the item had when it was last left
         /// The source's share of the memory budget, given back when the last copy of the item goes.
         std::shared_ptr<const MemoryBudget::Hold> memory;
+        /// How the file stored its pixels; what is written for the item is stored alike.
+        ImageFile::Storage storage;
     };
 
     /// Every observable field, for change notifications.

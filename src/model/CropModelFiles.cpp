@@ -173,7 +173,7 @@ void CropModel::openNow(const QStringList& paths) {
             continue;
         }
         fresh.push_back(Item{QUuid::createUuid(), QFileInfo(d.path).absoluteFilePath(), d.loaded->type,
-                             *d.buffer, false, Settings(), d.loaded->hold});
+                             *d.buffer, false, Settings(), d.loaded->hold, d.loaded->storage});
     }
     candidates.clear();
 
@@ -253,7 +253,7 @@ void CropModel::saveOverOriginal() {
     const SaveChoice choice = saveTypeChoice(*item);
     // When PNG is forced the old file stays on disk: only the new name is written.
     const QString target = choice.forcedPng ? withExtension(item->url, QStringLiteral("png")) : item->url;
-    if (!ImageFile::save(m_processedImage, target, choice.type)) {
+    if (!ImageFile::save(m_processedImage, target, choice.type, item->storage)) {
         setErrorMessage(tr("Couldn’t write to “%1”.").arg(fileName(target)));
         return;
     }
@@ -263,6 +263,7 @@ void CropModel::saveOverOriginal() {
             if (auto buffer = CropEngine::Buffer::make(loaded->image)) {
                 saved->buffer = *buffer;
                 saved->memory = loaded->hold;
+                saved->storage = loaded->storage;
                 invalidateVision(id);
             }
         }
@@ -288,7 +289,7 @@ void CropModel::saveAsNewFile() {
     if (!m_panels) return;
     const auto chosen = m_panels->saveFile(folderOf(item->url), proposed, choice.type);
     if (!chosen || chosen->isEmpty()) return;
-    if (!ImageFile::save(m_processedImage, *chosen, choice.type)) {
+    if (!ImageFile::save(m_processedImage, *chosen, choice.type, item->storage)) {
         setErrorMessage(tr("Couldn’t write to “%1”.").arg(fileName(*chosen)));
         return;
     }
@@ -327,7 +328,7 @@ void CropModel::splitCollage() {
         for (int n = 2; QFileInfo::exists(target); ++n)
             target =
                 dir.filePath(stem + QLatin1Char('-') + QString::number(n) + QLatin1Char('.') + extension);
-        if (ImageFile::save(piece, target, item->type)) written << target;
+        if (ImageFile::save(piece, target, item->type, item->storage)) written << target;
     }
     if (written.size() < 2) {
         // What was written stays in the folder; the queue is left as it was.

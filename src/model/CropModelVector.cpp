@@ -94,14 +94,14 @@ void CropModel::runVectorPass() {
     // The first capture of each closure receives and the last passes on, whenever Qt moves it.
     (void)QtConcurrent::run(QThreadPool::globalInstance(),
                             [in = HandOff(), task = std::move(task), out = HandOff()]() mutable {
-                                HandOff::received();
+                                const auto turn = HandOff::received();
                                 task->result = traceSafely(task->tracer, task->job);
                                 task->tracer = nullptr;
                                 task->job.image = QImage();
                                 QMetaObject::invokeMethod(
                                     QCoreApplication::instance(),
                                     [in = HandOff(), task = std::move(task), out = HandOff()] {
-                                        HandOff::received();
+                                        const auto turn = HandOff::received();
                                         if (task->self) task->self->finishVectorPass(task->job, task->result);
                                     },
                                     Qt::QueuedConnection);

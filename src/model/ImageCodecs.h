@@ -52,6 +52,15 @@ bool hasHeifEncoder();
 /// `image/heic`, `image/heif`, or empty when the head isn't one of those two.
 QString heifTypeOf(const uchar* head, int length);
 
+/// GIF with a palette from libimagequant and giflib's writer: a single image, pixels under half
+/// opacity transparent. Empty for sides past 65535 or when a library fails.
+QByteArray encodeGif(const QImage& image);
+
+/// How a WebP file (the device at its start; left there) stores its picture: lossy VP8 data, also
+/// behind an extended header or in an animation frame, with the quality it was written at; else
+/// lossless (VP8L, or what can't be read).
+ImageFile::Storage webpStorage(QIODevice& device);
+
 /// Every other accepted type through Qt's readers (PNG after its chunks have been walked).
 std::optional<ImageFile::Loaded> decodeWithQt(QIODevice* device, const ImageFile::LoadOptions& options);
 

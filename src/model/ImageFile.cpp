@@ -13,7 +13,9 @@
 #include <QImageWriter>
 #include <QMimeDatabase>
 
+#include <algorithm>
 #include <climits>
+#include <cmath>
 #include <cstring>
 #include <memory>
 
@@ -83,12 +85,21 @@ bool isEightBit(QImage::Format f) {
     }
 }
 
-// An 8-bit sRGB image is held once, in the pixel buffer's layout, so that the item's image and its
-// buffer share a single store. Deeper images and other colour spaces keep their own form.
+// Every picture is held in sRGB, so that each stage hands on pixels in one colour space: a picture
+// with a profile of its own (Display P3, Adobe RGB, BT.2020, …) is converted on the way in, at its
+// own depth; one whose profile can't be read is taken as sRGB, as viewers take it. 8-bit pictures
+// are held in the pixel buffer's layout, so that the item's image and its buffer share one store;
+// deeper ones keep their depth (a save over a 16-bit original stays 16 bits).
 QImage intoBufferLayout(QImage image) {
+    const QColorSpace srgbSpace(QColorSpace::SRgb);
     const QColorSpace cs = image.colorSpace();
-    const bool srgb = !cs.isValid() || cs == QColorSpace(QColorSpace::SRgb);
-    if (!srgb || !isEightBit(image.format())) return image;
+    if (cs.isValid() && cs != srgbSpace) {
+        // Converted at the source's own depth, so a 16-bit picture loses nothing before it is cut to 8.
+        QImage converted = image.convertedToColorSpace(srgbSpace);
+        if (!converted.isNull()) image = std::move(converted);
+    }
+    image.setColorSpace(srgbSpace);
+    if (!isEightBit(image.format())) return image;
     // RGBX keeps "no alpha" known (an opaque picture stays opaque to the pipeline) and has the same
     // bytes as premultiplied RGBA with alpha 255.
     const QImage::Format target =
@@ -153,11 +164,143 @@ std::optional<MemoryBudget::Hold> admit(qint64 width, qint64 height, const LoadO
 }
 
 std::optional<Loaded> finish(QImage image, const QString& type, MemoryBudget::Hold hold) {
+    image = ImageFile::intoBufferLayout(std::move(image));
     if (image.isNull()) return std::nullopt;
     if (hold.bytes() > 0) hold.shrinkTo(qint64(image.sizeInBytes()));
-    Loaded loaded{std::move(image), type, nullptr};
+    const bool lossless = type != ImageFile::kJpeg && !ImageFile::isHeifType(type);
+    Loaded loaded{std::move(image), type, nullptr, {lossless, -1}};
     if (hold.bytes() > 0) loaded.hold = std::make_shared<const MemoryBudget::Hold>(std::move(hold));
     return loaded;
+}
+
+namespace {
+
+// RFC 6386's boolean decoder, enough to read the first fields of a key frame's header.
+class BoolReader {
+public:
+    BoolReader(const uchar* data, const uchar* end) : m_at(data), m_end(end) {
+        m_value = (next() << 8) | next();
+    }
+    int bit(int probability = 128) {
+        const unsigned split = 1 + (((m_range - 1) * unsigned(probability)) >> 8);
+        int b = 0;
+        if (m_value >= split << 8) {
+            b = 1;
+            m_range -= split;
+            m_value -= split << 8;
+        } else {
+            m_range = split;
+        }
+        while (m_range < 128) {
+            m_value <<= 1;
+            m_range <<= 1;
+            if (++m_bits == 8) {
+                m_bits = 0;
+                m_value |= next();
+            }
+        }
+        return b;
+    }
+    int literal(int n) {
+        int v = 0;
+        while (n-- > 0)
+            v = (v << 1) | bit();
+        return v;
+    }
+    int signedLiteral(int n) {
+        const int v = literal(n);
+        return bit() ? -v : v;
+    }
+
+private:
+    unsigned next() { return m_at < m_end ? *m_at++ : 0; }
+    const uchar* m_at;
+    const uchar* m_end;
+    unsigned m_value = 0;
+    unsigned m_range = 255;
+    int m_bits = 0;
+};
+
+// The quality libwebp was given for a VP8 key frame, from the quantiser of its coarsest segment.
+// libwebp spreads its segments' strengths evenly around the quality's, the coarsest at +127 of
+// its spatial-noise amplitude (0.9 × 50 % / 128), and maps quality to quantiser through
+// compression c = (2q − 1 or 2q/3)^(1/3); this inverts that. Within a few points of what was
+// asked from 10 to 98; -1 when the frame can't be read.
+int vp8Quality(const uchar* frame, size_t size) {
+    if (size < 12 || (frame[0] & 1) != 0) return -1; // not a key frame
+    if (frame[3] != 0x9d || frame[4] != 0x01 || frame[5] != 0x2a) return -1;
+    BoolReader r(frame + 10, frame + size);
+    r.literal(2); // colour space, clamping
+    int segmentQuant[4] = {0, 0, 0, 0};
+    bool segments = false;
+    bool absolute = false;
+    if (r.bit()) {
+        const bool updateMap = r.bit();
+        if (r.bit()) {
+            segments = true;
+            absolute = r.bit();
+            for (int& q : segmentQuant)
+                if (r.bit()) q = r.signedLiteral(7);
+            for (int i = 0; i < 4; ++i)
+                if (r.bit()) r.signedLiteral(6);
+        }
+        if (updateMap)
+            for (int i = 0; i < 3; ++i)
+                if (r.bit()) r.literal(8);
+    }
+    r.literal(1 + 6 + 3); // filter type, level, sharpness
+    if (r.bit() && r.bit())
+        for (int i = 0; i < 8; ++i)
+            if (r.bit()) r.signedLiteral(6);
+    r.literal(2); // partitions
+    const int base = r.literal(7);
+    int coarsest = base;
+    if (segments) {
+        coarsest = 0;
+        for (int q : segmentQuant)
+            coarsest = std::max(coarsest, absolute ? q : base + q);
+    }
+    coarsest = std::clamp(coarsest, 0, 127);
+    const double amplitude = 0.9 * 50 / 100 / 128 * 127;
+    const double c = std::pow(1.0 - coarsest / 127.0, segments ? 1.0 / (1.0 + amplitude) : 1.0);
+    const double linear = c * c * c;
+    const double quality = linear < 0.5 ? linear * 1.5 : (linear + 1) / 2;
+    return std::clamp(int(quality * 100), 0, 100);
+}
+
+} // namespace
+
+ImageFile::Storage webpStorage(QIODevice& device) {
+    // RIFF, size, WEBP, then chunks of fourcc, little-endian size and data padded to even. A handful
+    // of chunks is enough: the picture's own comes first or right after a header, profile or frame.
+    const qint64 start = device.pos();
+    const auto readAt = [&](qint64 at, qint64 n) {
+        return device.seek(start + at) ? device.read(n) : QByteArray();
+    };
+    ImageFile::Storage storage{true, -1};
+    const QByteArray riff = readAt(0, 12);
+    if (riff.size() == 12 && riff.startsWith("RIFF") && riff.mid(8, 4) == "WEBP") {
+        qint64 at = 12;
+        for (int chunk = 0; chunk < 16; ++chunk) {
+            const QByteArray header = readAt(at, 8);
+            if (header.size() < 8) break;
+            const QByteArray fourcc = header.left(4);
+            const quint32 size = quint32(uchar(header[4])) | quint32(uchar(header[5])) << 8 |
+                                 quint32(uchar(header[6])) << 16 | quint32(uchar(header[7])) << 24;
+            if (fourcc == "ALPH") storage.lossless = false; // an alpha plane is only ever beside VP8
+            if (fourcc == "VP8 ") {
+                const QByteArray frame = readAt(at + 8, qMin<qint64>(size, 4096));
+                storage = {false, vp8Quality(reinterpret_cast<const uchar*>(frame.constData()),
+                                             size_t(frame.size()))};
+                break;
+            }
+            if (fourcc == "VP8L") break;
+            // An animation frame: 16 bytes of placement, then the frame's own chunks.
+            at += fourcc == "ANMF" ? 8 + 16 : 8 + qint64(size) + (size & 1);
+        }
+    }
+    device.seek(start);
+    return storage;
 }
 
 std::optional<Loaded> decodeWithQt(QIODevice* device, const LoadOptions& options) {
@@ -172,11 +315,15 @@ std::optional<Loaded> decodeWithQt(QIODevice* device, const LoadOptions& options
     auto hold = admit(size.width(), size.height(), options);
     if (!hold) return std::nullopt;
     reader.setAllocationLimit(int(qMin<qint64>(maxDecodedBytes() / (1024 * 1024) + 1, INT_MAX)));
+    const std::optional<ImageFile::Storage> webp =
+        type == ImageFile::kWebp ? std::optional(webpStorage(*device)) : std::nullopt;
     QImage image = reader.read();
     // A decoder that delivers more than its header said is not believed.
     if (image.isNull() || qint64(image.width()) * image.height() > qint64(size.width()) * size.height())
         return std::nullopt;
-    return finish(ImageFile::intoBufferLayout(std::move(image)), type, std::move(*hold));
+    auto loaded = finish(std::move(image), type, std::move(*hold));
+    if (loaded && webp) loaded->storage = *webp;
+    return loaded;
 }
 
 } // namespace cutlark::ImageCodecs
@@ -193,7 +340,8 @@ const QStringList& encodableTypes() {
         QStringList out;
         const QList<QByteArray> qtTypes = QImageWriter::supportedMimeTypes();
         for (const QString& t : acceptedTypes()) {
-            if (isHeifType(t) ? ImageCodecs::hasHeifEncoder() : qtTypes.contains(t.toLatin1())) out << t;
+            if (isHeifType(t) ? ImageCodecs::hasHeifEncoder() : t == kGif || qtTypes.contains(t.toLatin1()))
+                out << t;
         }
         return out;
     }();
@@ -271,26 +419,28 @@ std::optional<QSize> probeSize(const QString& path) {
     return size;
 }
 
-QByteArray encode(const QImage& source, const QString& type) {
+QByteArray encode(const QImage& source, const QString& type, const Storage& storedAs) {
     if (source.isNull()) return QByteArray();
     // A crop is a view inside a wider image; the encoders' conversions want pictures of their own.
     const QImage image =
         source.bytesPerLine() == qsizetype(source.width()) * (source.depth() / 8) ? source : source.copy();
     const QString target = writableType(type);
     if (isHeifType(target)) return ImageCodecs::encodeHeif(image);
+    if (target == kGif) return ImageCodecs::encodeGif(image);
     QByteArray bytes;
     QBuffer buffer(&bytes);
     if (!buffer.open(QIODevice::WriteOnly)) return QByteArray();
     QImageWriter writer(&buffer, writerFormatForType(target));
     if (target == kJpeg) writer.setQuality(92);
-    // WebP is written lossless: a save over the original must not lose detail each time.
-    if (target == kWebp) writer.setQuality(100);
+    // Qt's WebP writer goes lossless at quality 100.
+    if (target == kWebp)
+        writer.setQuality(storedAs.lossless ? 100 : storedAs.quality >= 0 ? qMin(storedAs.quality, 92) : 92);
     if (!writer.write(image)) return QByteArray();
     return bytes;
 }
 
-bool save(const QImage& image, const QString& path, const QString& type) {
-    const QByteArray bytes = encode(image, type);
+bool save(const QImage& image, const QString& path, const QString& type, const Storage& source) {
+    const QByteArray bytes = encode(image, type, source);
     if (bytes.isEmpty()) return false;
     return AtomicFile::write(path, bytes);
 }

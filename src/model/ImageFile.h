@@ -19,12 +19,25 @@ class Hold;
 /// content brand or, for names, by the `.heic` suffix, although the MIME database treats both as HEIF.
 namespace cutlark::ImageFile {
 
+/// How a file stored its pixels, so that what is written for it is stored alike.
+struct Storage {
+    /// PNG, TIFF, BMP, GIF and lossless WebP; not JPEG, HEIF or lossy WebP.
+    bool lossless = true;
+    /// Lossy WebP: the quality (0–100) it was written at, estimated from its quantiser; else -1.
+    int quality = -1;
+};
+
+/// What `save` assumes of a picture whose source it isn't told: lossy, quality unknown.
+inline constexpr Storage kUnknownSource{false, -1};
+
 struct Loaded {
     QImage image; ///< upright, orientation tag applied
     QString type; ///< MIME type the content was recognised as
     /// The picture's share of the memory budget, for as long as anything keeps the picture; null
     /// when the caller keeps the accounts itself (`LoadOptions::admit` off).
     std::shared_ptr<const MemoryBudget::Hold> hold;
+    /// How the file stored its pixels.
+    Storage storage;
 };
 
 struct LoadOptions {
@@ -47,13 +60,17 @@ std::optional<Loaded> loadFromData(const QByteArray& bytes, const LoadOptions& o
 /// The decoded size the file's header states, without decoding; absent when it can't be read.
 std::optional<QSize> probeSize(const QString& path);
 
-/// Writes `image` to `path` as `writableType(type)`: JPEG at quality 0.92, everything else lossless.
-/// The file is replaced atomically — written beside the target and renamed over it — so a failed write
-/// leaves an existing file untouched. The name is used as given even when the type falls back.
-bool save(const QImage& image, const QString& path, const QString& type);
+/// Writes `image` to `path` as `writableType(type)`: JPEG at quality 0.92; WebP lossless when the
+/// `source` was, else lossy at the source's own quality up to 0.92 (0.92 when unknown), so that a
+/// web picture neither grows tenfold nor loses more at each save; GIF with a palette of at most 256
+/// colours, pixels under half opacity its transparent colour; everything else lossless. The file is
+/// replaced atomically — written beside the target and renamed over it — so a failed write leaves an
+/// existing file untouched. The name is used as given even when the type falls back.
+bool save(const QImage& image, const QString& path, const QString& type,
+          const Storage& source = kUnknownSource);
 
 /// Encodes without writing; empty on failure.
-QByteArray encode(const QImage& image, const QString& type);
+QByteArray encode(const QImage& image, const QString& type, const Storage& source = kUnknownSource);
 
 /// True for the types that can carry transparency: PNG, TIFF, GIF, HEIC, HEIF, WebP (by equality).
 bool supportsAlpha(const QString& type);

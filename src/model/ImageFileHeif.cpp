@@ -5,9 +5,13 @@
 
 #include <libheif/heif.h>
 
+#include <QColorSpace>
+
 #include <algorithm>
 #include <climits>
+#include <cmath>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string_view>
 
@@ -164,6 +168,96 @@ bool readLocations(Bytes file, const Box& iloc, std::vector<Location>& out) {
     return true;
 }
 
+// --- colour ---
+
+// A transfer curve as a table from the encoded value to linear light, 0…1 in 4096 steps.
+QList<uint16_t> transferTable(const std::function<double(double)>& toLinear) {
+    QList<uint16_t> table(4096);
+    for (int i = 0; i < 4096; ++i)
+        table[i] = uint16_t(std::lround(std::clamp(toLinear(i / 4095.0), 0.0, 1.0) * 65535.0));
+    return table;
+}
+
+// SMPTE ST 2084 (PQ) to linear light, scaled so that the reference white of BT.2408 (203 cd/m²)
+// is 1: what an SDR picture shows as white. Brighter highlights are clipped.
+double pqToLinear(double e) {
+    const double m1 = 2610.0 / 16384, m2 = 2523.0 / 4096 * 128, c1 = 3424.0 / 4096, c2 = 2413.0 / 4096 * 32,
+                 c3 = 2392.0 / 4096 * 32;
+    const double p = std::pow(std::max(e, 0.0), 1 / m2);
+    const double nits = 10000.0 * std::pow(std::max(p - c1, 0.0) / (c2 - c3 * p), 1 / m1);
+    return nits / 203.0;
+}
+
+// ARIB STD-B67 (HLG) to display light on a 1000 cd/m² display (system gamma 1.2), the reference
+// white (75 % signal) at 1.
+double hlgToLinear(double e) {
+    const double a = 0.17883277, b = 1 - 4 * a, c = 0.5 - a * std::log(4 * a);
+    const double scene = e <= 0.5 ? e * e / 3 : (std::exp((e - c) / a) + b) / 12;
+    const double reference = std::pow((std::exp((0.75 - c) / a) + b) / 12, 1.2);
+    return std::pow(scene, 1.2) / reference;
+}
+
+// The inverse of the BT.709 camera curve.
+double bt709ToLinear(double e) {
+    return e < 0.081 ? e / 4.5 : std::pow((e + 0.099) / 1.099, 1 / 0.45);
+}
+
+// The colour space the file states for the picture: its ICC profile, or its nclx primaries and
+// transfer characteristics; sRGB when it states neither (or something unreadable).
+QColorSpace heifColorSpace(const heif_image_handle* handle) {
+    const heif_color_profile_type kind = heif_image_handle_get_color_profile_type(handle);
+    if (kind == heif_color_profile_type_rICC || kind == heif_color_profile_type_prof) {
+        const size_t size = heif_image_handle_get_raw_color_profile_size(handle);
+        if (size > 0 && size < (size_t(16) << 20)) {
+            QByteArray icc(qsizetype(size), Qt::Uninitialized);
+            if (heif_image_handle_get_raw_color_profile(handle, icc.data()).code == heif_error_Ok) {
+                const QColorSpace cs = QColorSpace::fromIccProfile(icc);
+                if (cs.isValid()) return cs;
+            }
+        }
+    }
+    heif_color_profile_nclx* nclx = nullptr;
+    if (heif_image_handle_get_nclx_color_profile(handle, &nclx).code != heif_error_Ok || !nclx)
+        return QColorSpace(QColorSpace::SRgb);
+    const std::unique_ptr<heif_color_profile_nclx, decltype(&heif_nclx_color_profile_free)> guard(
+        nclx, heif_nclx_color_profile_free);
+    const bool unspecifiedPrimaries = nclx->color_primaries == heif_color_primaries_unspecified ||
+                                      nclx->color_primaries == heif_color_primaries_ITU_R_BT_709_5;
+    const QPointF white(nclx->color_primary_white_x, nclx->color_primary_white_y);
+    const QPointF red(nclx->color_primary_red_x, nclx->color_primary_red_y);
+    const QPointF green(nclx->color_primary_green_x, nclx->color_primary_green_y);
+    const QPointF blue(nclx->color_primary_blue_x, nclx->color_primary_blue_y);
+    const bool havePoints = white.x() > 0 && red.x() > 0 && green.x() > 0 && blue.x() > 0;
+    const auto with = [&](const QList<uint16_t>& table) {
+        if (unspecifiedPrimaries || !havePoints) return QColorSpace(QColorSpace::Primaries::SRgb, table);
+        return QColorSpace(white, red, green, blue, table);
+    };
+    const auto withCurve = [&](QColorSpace::TransferFunction curve, float gamma = 0) {
+        if (unspecifiedPrimaries || !havePoints)
+            return QColorSpace(QColorSpace::Primaries::SRgb, curve, gamma);
+        return QColorSpace(white, red, green, blue, curve, gamma);
+    };
+    switch (nclx->transfer_characteristics) {
+    case heif_transfer_characteristic_ITU_R_BT_2100_0_PQ:
+        return with(transferTable(pqToLinear));
+    case heif_transfer_characteristic_ITU_R_BT_2100_0_HLG:
+        return with(transferTable(hlgToLinear));
+    case heif_transfer_characteristic_ITU_R_BT_709_5:
+    case heif_transfer_characteristic_ITU_R_BT_601_6:
+    case heif_transfer_characteristic_ITU_R_BT_2020_2_10bit:
+    case heif_transfer_characteristic_ITU_R_BT_2020_2_12bit:
+        return with(transferTable(bt709ToLinear));
+    case heif_transfer_characteristic_linear:
+        return withCurve(QColorSpace::TransferFunction::Linear);
+    case heif_transfer_characteristic_ITU_R_BT_470_6_System_M:
+        return withCurve(QColorSpace::TransferFunction::Gamma, 2.2f);
+    case heif_transfer_characteristic_ITU_R_BT_470_6_System_B_G:
+        return withCurve(QColorSpace::TransferFunction::Gamma, 2.8f);
+    default:
+        return withCurve(QColorSpace::TransferFunction::SRgb);
+    }
+}
+
 } // namespace
 
 std::optional<std::vector<QSize>> heifDerivedCanvases(const uchar* data, size_t size) {
@@ -316,9 +410,13 @@ std::optional<ImageFile::Loaded> decodeHeif(const QByteArray& bytes, const QStri
     auto hold = admit(w, h, options);
     if (!hold) return std::nullopt;
 
+    // Deep pictures (10 and 12 bits, HDR among them) come out at 16 bits, so that their colour is
+    // converted before anything is cut to 8.
+    const bool deep = heif_image_handle_get_luma_bits_per_pixel(handle.get()) > 8;
     heif_image* rawImage = nullptr;
     // Default decoding options apply the transformations, so the result is upright.
-    if (heif_decode_image(handle.get(), &rawImage, heif_colorspace_RGB, heif_chroma_interleaved_RGBA, nullptr)
+    if (heif_decode_image(handle.get(), &rawImage, heif_colorspace_RGB,
+                          deep ? heif_chroma_interleaved_RRGGBBAA_LE : heif_chroma_interleaved_RGBA, nullptr)
             .code != heif_error_Ok)
         return std::nullopt;
     HeifImage image(rawImage);
@@ -326,15 +424,38 @@ std::optional<ImageFile::Loaded> decodeHeif(const QByteArray& bytes, const QStri
     const uint8_t* plane = heif_image_get_plane_readonly(image.get(), heif_channel_interleaved, &stride);
     const int iw = heif_image_get_width(image.get(), heif_channel_interleaved);
     const int ih = heif_image_get_height(image.get(), heif_channel_interleaved);
-    if (!plane || iw != w || ih != h || stride < iw * 4) return std::nullopt;
+    const int pixelBytes = deep ? 8 : 4;
+    if (!plane || iw != w || ih != h || stride < iw * pixelBytes) return std::nullopt;
 
     const bool alpha = heif_image_handle_has_alpha_channel(handle.get());
-    QImage out = PixelOps::newImage(iw, ih, alpha ? QImage::Format_RGBA8888 : QImage::Format_RGBX8888);
-    if (out.isNull()) return std::nullopt;
-    for (int y = 0; y < ih; ++y)
-        std::memcpy(out.scanLine(y), plane + qsizetype(y) * stride, size_t(iw) * 4);
-    image.reset(); // libheif's planes go before the premultiplication below needs its own store
-    if (alpha) out.convertTo(QImage::Format_RGBA8888_Premultiplied);
+    QImage out;
+    if (deep) {
+        // libheif leaves the samples at their own depth inside 16 bits; spread them over the range.
+        const int bits =
+            std::clamp(heif_image_get_bits_per_pixel_range(image.get(), heif_channel_interleaved), 9, 16);
+        out = QImage(iw, ih, alpha ? QImage::Format_RGBA64 : QImage::Format_RGBX64);
+        if (out.isNull()) return std::nullopt;
+        for (int y = 0; y < ih; ++y) {
+            const auto* src = reinterpret_cast<const uint16_t*>(plane + qsizetype(y) * stride);
+            auto* dst = reinterpret_cast<uint16_t*>(out.scanLine(y));
+            for (int i = 0; i < iw * 4; ++i) {
+                const uint32_t v = std::min<uint32_t>(src[i], (1u << bits) - 1);
+                dst[i] = uint16_t((v << (16 - bits)) | (v >> (2 * bits - 16)));
+            }
+            if (!alpha)
+                for (int x = 0; x < iw; ++x)
+                    dst[4 * x + 3] = 0xffff;
+        }
+    } else {
+        out = PixelOps::newImage(iw, ih, alpha ? QImage::Format_RGBA8888 : QImage::Format_RGBX8888);
+        if (out.isNull()) return std::nullopt;
+        for (int y = 0; y < ih; ++y)
+            std::memcpy(out.scanLine(y), plane + qsizetype(y) * stride, size_t(iw) * 4);
+    }
+    const QColorSpace colour = heifColorSpace(handle.get());
+    image.reset(); // libheif's planes go before the conversions below need stores of their own
+    out.setColorSpace(colour);
+    if (alpha && !deep) out.convertTo(QImage::Format_RGBA8888_Premultiplied);
     return finish(std::move(out), type, std::move(*hold));
 }
 
@@ -390,6 +511,17 @@ QByteArray encodeHeif(const QImage& source) {
                 dst[3 * x + 2] = src[4 * x + 2];
             }
         }
+    }
+    // What is written is sRGB, converted with these coefficients. libheif leaves the colour box out
+    // for sRGB (macOS misreads it), and a file without one is read as sRGB everywhere.
+    if (heif_color_profile_nclx* nclx = heif_nclx_color_profile_alloc()) {
+        heif_nclx_color_profile_set_color_primaries(nclx, heif_color_primaries_ITU_R_BT_709_5);
+        heif_nclx_color_profile_set_transfer_characteristics(nclx,
+                                                             heif_transfer_characteristic_IEC_61966_2_1);
+        heif_nclx_color_profile_set_matrix_coefficients(nclx, heif_matrix_coefficients_ITU_R_BT_601_6);
+        nclx->full_range_flag = 1;
+        heif_image_set_nclx_color_profile(image.get(), nclx);
+        heif_nclx_color_profile_free(nclx);
     }
     heif_image_handle* rawHandle = nullptr;
     if (heif_context_encode_image(ctx.get(), image.get(), encoder, nullptr, &rawHandle).code != heif_error_Ok)

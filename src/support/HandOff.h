@@ -11,8 +11,10 @@ namespace cutlark {
 /// captures one first and one last: whenever the closure is made, copied or moved (Qt moves it again
 /// on the worker), the first one's copy comes before any other capture is read ("what the sender
 /// wrote is visible"), and the last one's after every capture is written ("all of this goes with the
-/// hand-off"). `received()`, first thing in the body, completes the edge where nothing is copied.
-/// Does nothing in a build without ThreadSanitizer.
+/// hand-off"). `received()`, first thing in the body, completes the edge where nothing is copied; the
+/// turn it returns passes everything the body wrote on when it ends, and a closure destroyed on
+/// another thread than the one that ran it (Qt drops its last reference wherever) receives that
+/// before its captures go. Does nothing in a build without ThreadSanitizer.
 class HandOff {
 public:
     HandOff() { passOn(); }
@@ -26,13 +28,24 @@ public:
         passOn();
         return *this;
     }
-    ~HandOff() = default;
+    ~HandOff() { passOn(); }
 
-    /// Everything the sending thread wrote before the hand-off is visible from here on.
-    static void received() {
+    /// Holds the body's turn: what it wrote goes with the closure when the turn ends.
+    class Turn {
+    public:
+        Turn() = default;
+        Turn(const Turn&) = delete;
+        Turn& operator=(const Turn&) = delete;
+        ~Turn() { sent(); }
+    };
+
+    /// Everything the sending thread wrote before the hand-off is visible from here on, until the
+    /// returned turn ends.
+    [[nodiscard]] static Turn received() {
 #if defined(__SANITIZE_THREAD__)
         __tsan_acquire(&s_token);
 #endif
+        return {};
     }
     /// Everything this thread wrote so far goes with the next hand-off.
     static void sent() {
@@ -43,8 +56,10 @@ public:
 
 private:
     static void passOn() {
-        received();
-        sent();
+#if defined(__SANITIZE_THREAD__)
+        __tsan_acquire(&s_token);
+        __tsan_release(&s_token);
+#endif
     }
     static inline char s_token = 0;
 };

@@ -72,7 +72,6 @@ void SettingsSidebar::build() {
     auto* column = new QVBoxLayout(this);
     column->setContentsMargins(0, 0, 0, 0);
     column->setSpacing(0);
-    CropModel* model = m_model;
 
     // Title row.
     auto* title = new QWidget(this);
