@@ -33,31 +33,42 @@ double peakMegabytes() {
     return 0;
 }
 
+// Whole stage (scale, network, mask, composite), warm, on either backend: 0 ONNX Runtime, 1 OpenCV.
 void BM_CutoutWarm(benchmark::State& state) {
     static const QImage image = photograph();
-    if (image.isNull() || !VisionEngine::isAvailable()) {
-        state.SkipWithError("needs the network and the test photographs (./test.sh fetches both)");
+    const auto backend =
+        state.range(0) == 0 ? VisionEngine::Backend::onnxRuntime : VisionEngine::Backend::openCV;
+    VisionEngine::setBackend(backend);
+    VisionEngine::preload();
+    if (image.isNull() || !VisionEngine::isAvailable() || VisionEngine::loadedBackend() != backend) {
+        state.SkipWithError(
+            "needs the network, its runtime and the test photographs (./test.sh fetches them)");
         return;
     }
     for (auto _ : state)
         benchmark::DoNotOptimize(VisionEngine::computeCutout(image));
+    state.SetLabel(backend == VisionEngine::Backend::onnxRuntime ? "onnxruntime" : "opencv-dnn");
     state.counters["peak_MB"] = peakMegabytes();
 }
-BENCHMARK(BM_CutoutWarm)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+BENCHMARK(BM_CutoutWarm)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 
 } // namespace
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
     cv::setNumThreads(2);
+    if (!qEnvironmentVariableIsEmpty("MODEL")) VisionEngine::setModelPath(qEnvironmentVariable("MODEL"));
     // The first cutout of a process also loads the network and sets up its buffers.
     const QImage image = photograph();
     if (!image.isNull() && VisionEngine::isAvailable()) {
         QElapsedTimer timer;
         timer.start();
         const auto cut = VisionEngine::computeCutout(image);
-        std::printf("first cutout in a new process (network loaded on the way): %lld ms, %s\n",
-                    static_cast<long long>(timer.elapsed()), cut ? "subject found" : "no subject");
+        std::printf(
+            "first cutout in a new process (network loaded on the way, %s): %lld ms, %s, peak %.0f MB\n",
+            VisionEngine::loadedBackend() == VisionEngine::Backend::onnxRuntime ? "onnxruntime"
+                                                                                : "opencv-dnn",
+            static_cast<long long>(timer.elapsed()), cut ? "subject found" : "no subject", peakMegabytes());
     }
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();

@@ -345,3 +345,23 @@ TEST_F(CutoutTest, ACutoutThatRunsOutOfMemoryCountsAsNoSubject) {
     EXPECT_TRUE(model.subjectNotFound());
     EXPECT_EQ(model.processedImage().size(), QSize(40, 30)) << "the picture goes on as it was";
 }
+
+TEST_F(RealNetwork, OnnxRuntimeAndOpenCvGiveTheSameMask) {
+    const QImage photo = ImageFile::load(testPhoto(QStringLiteral("coffee.png")))->image;
+    VisionEngine::setBackend(VisionEngine::Backend::onnxRuntime);
+    const QImage fast = VisionEngine::mask(photo);
+    ASSERT_EQ(VisionEngine::loadedBackend(), VisionEngine::Backend::onnxRuntime)
+        << "the set-up puts ONNX Runtime beside the network";
+    VisionEngine::setBackend(VisionEngine::Backend::openCV);
+    const QImage reference = VisionEngine::mask(photo);
+    EXPECT_EQ(VisionEngine::loadedBackend(), VisionEngine::Backend::openCV);
+    VisionEngine::setBackend(VisionEngine::Backend::automatic);
+    ASSERT_FALSE(fast.isNull());
+    ASSERT_EQ(fast.size(), reference.size());
+    int worst = 0;
+    for (int y = 0; y < fast.height(); ++y)
+        for (int x = 0; x < fast.width(); ++x)
+            worst = std::max(worst, std::abs(fast.constScanLine(y)[x] - reference.constScanLine(y)[x]));
+    EXPECT_LE(worst, 1) << "the same graph, the same numbers but for rounding";
+    EXPECT_FALSE(VisionEngine::isEmptyMask(fast));
+}

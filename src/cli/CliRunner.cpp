@@ -1,6 +1,7 @@
 #include "cli/CliRunner.h"
 
 #include "engines/CollageSplitter.h"
+#include "engines/VisionEngine.h"
 #include "model/CropModel.h"
 #include "model/ImageFile.h"
 #include "support/AtomicFile.h"
@@ -20,6 +21,7 @@
 
 #include <exception>
 #include <optional>
+#include <thread>
 #include <vector>
 
 namespace cutlark {
@@ -511,6 +513,12 @@ int CliRunner::runProcess(const CliOptions& options) {
     for (const QString& input : std::as_const(inputs))
         run.inputs.insert(absolute(input));
     const std::vector<Plan> plans = planOutputs(inputs, options, forcePngPossible);
+
+    // The network loads while the first input decodes. No warm-up run: here the first cutout is
+    // that run, and a blank one before it would only add its own second.
+    std::jthread loadNetwork;
+    if (run.settings.keyWhiteEnabled && run.settings.bgRemovalMode == BGRemovalMode::subject)
+        loadNetwork = std::jthread([] { VisionEngine::preload(false); });
 
     // N workers take the inputs in turn, each with a model of its own, so at most N images are in
     // memory at once; the results are printed in input order as soon as each is ready.

@@ -1,6 +1,7 @@
 #include "engines/VisionEngine.h"
 
 #include "engines/Morphology.h"
+#include "engines/OnnxRuntime.h"
 #include "engines/PixelOps.h"
 #include "engines/PooledMat.h"
 
@@ -8,6 +9,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QStandardPaths>
+#include <QThread>
 
 #include <opencv2/dnn.hpp>
 #include <opencv2/imgproc.hpp>
@@ -30,8 +32,19 @@ struct Network {
     std::mutex mutex;
     QString overridePath;
     QString loadedFrom;
-    cv::dnn::Net net;
-    bool failed = false; // a file that didn't load isn't tried again
+    Backend wanted = Backend::automatic;
+    std::unique_ptr<OnnxRuntime::Session> session; // ONNX Runtime's, when it could be had
+    cv::dnn::Net net;                              // else OpenCV's
+    bool failed = false;                           // a file that didn't load isn't tried again
+    bool warm = false;                             // one run has been made
+
+    bool loaded() const { return session || !net.empty(); }
+    void forget() {
+        session.reset();
+        net = cv::dnn::Net();
+        failed = false;
+        warm = false;
+    }
 };
 
 Network& network() {
@@ -62,10 +75,23 @@ QString findModel(const QString& overridePath) {
 
 // Loads the network if it isn't yet; false when it can't be had. Called with the mutex held.
 bool ensureLoaded(Network& n) {
-    if (!n.net.empty()) return true;
+    if (n.loaded()) return true;
     if (n.failed) return false;
     const QString path = findModel(n.overridePath);
     if (path.isEmpty()) return false;
+    if (n.wanted != Backend::openCV) {
+        // Operators split over the cores; past eight the network gains nothing more.
+        const int threads = std::clamp(QThread::idealThreadCount(), 1, 8);
+        n.session = OnnxRuntime::Session::open(path, threads);
+        if (n.session) {
+            n.loadedFrom = path;
+            return true;
+        }
+        if (n.wanted == Backend::onnxRuntime) {
+            n.failed = true;
+            return false;
+        }
+    }
     try {
         n.net = cv::dnn::readNetFromONNX(path.toStdString());
         n.net.setPreferableBackend(cv::dnn::DNN_BACKEND_OPENCV);
@@ -76,6 +102,24 @@ bool ensureLoaded(Network& n) {
     }
     if (n.net.empty()) n.failed = true;
     return !n.net.empty();
+}
+
+// The network's output for a 1 × 3 × side² input blob, as side² floats; empty when it fails. Called
+// with the mutex held and the network loaded.
+cv::Mat infer(Network& n, const cv::Mat& blob) {
+    if (n.session) {
+        OnnxRuntime::Session::Tensor input;
+        input.shape = {1, 3, kSide, kSide};
+        const float* begin = blob.ptr<float>();
+        input.values.assign(begin, begin + blob.total());
+        auto out = n.session->run("input", input, "output");
+        if (!out || out->values.size() != size_t(kSide) * kSide) return cv::Mat();
+        return cv::Mat(kSide, kSide, CV_32F, out->values.data()).clone();
+    }
+    n.net.setInput(blob);
+    const cv::Mat out = n.net.forward("output"); // the final, fused mask of the graph's outputs
+    if (out.total() != size_t(kSide) * kSide) return cv::Mat();
+    return cv::Mat(kSide, kSide, CV_32F, const_cast<float*>(out.ptr<float>())).clone();
 }
 
 } // namespace
@@ -90,21 +134,39 @@ void setModelPath(const QString& path) {
     Network& n = network();
     std::lock_guard lock(n.mutex);
     n.overridePath = path;
-    n.net = cv::dnn::Net();
-    n.failed = false;
+    n.forget();
+}
+
+void setBackend(Backend backend) {
+    Network& n = network();
+    std::lock_guard lock(n.mutex);
+    n.wanted = backend;
+    n.forget();
+}
+
+Backend loadedBackend() {
+    Network& n = network();
+    std::lock_guard lock(n.mutex);
+    return n.session ? Backend::onnxRuntime : !n.net.empty() ? Backend::openCV : Backend::automatic;
 }
 
 bool isAvailable() {
     Network& n = network();
     std::lock_guard lock(n.mutex);
     if (n.failed) return false;
-    return !n.net.empty() || !findModel(n.overridePath).isEmpty();
+    return n.loaded() || !findModel(n.overridePath).isEmpty();
 }
 
-void preload() {
-    Network& n = network();
-    std::lock_guard lock(n.mutex);
-    ensureLoaded(n);
+void preload(bool warmUp) {
+    {
+        Network& n = network();
+        std::lock_guard lock(n.mutex);
+        if (!ensureLoaded(n) || n.warm || !warmUp) return;
+    }
+    // The runtime plans its buffers and kernels on the first runs; a blank picture pays for that.
+    QImage blank(64, 64, QImage::Format_RGBA8888_Premultiplied);
+    blank.fill(Qt::white);
+    (void)mask(blank);
 }
 
 QImage mask(const QImage& source) {
@@ -121,17 +183,16 @@ QImage mask(const QImage& source) {
         cv::cvtColor(small, rgb, cv::COLOR_RGBA2RGB);
         const cv::Mat blob = cv::dnn::blobFromImage(rgb, 1.0 / 255.0, cv::Size(kSide, kSide),
                                                     cv::Scalar(127.5, 127.5, 127.5), false, false);
-        cv::Mat out;
+        cv::Mat plane;
         {
             Network& n = network();
             std::lock_guard lock(n.mutex);
             if (!ensureLoaded(n)) return QImage();
-            n.net.setInput(blob);
-            out = n.net.forward("output"); // the final, fused mask of the graph's outputs
+            plane = infer(n, blob);
+            n.warm = true;
         }
-        if (out.total() != size_t(kSide) * kSide) return QImage();
+        if (plane.empty()) return QImage();
         QImage result(kSide, kSide, QImage::Format_Grayscale8);
-        const cv::Mat plane(kSide, kSide, CV_32F, out.ptr<float>());
         cv::Mat bytes(kSide, kSide, CV_8U, result.bits(), size_t(result.bytesPerLine()));
         plane.convertTo(bytes, CV_8U, 255.0);
         return result;

@@ -16,12 +16,25 @@ QString modelPath();
 /// Test seam: use this file instead of searching (empty to search again). Forgets a loaded network.
 void setModelPath(const QString& path);
 
+/// What runs the network: ONNX Runtime when its library can be loaded (about three times faster),
+/// else OpenCV's own inference. `automatic` chooses so; the others are for benchmarks and tests.
+enum class Backend { automatic, onnxRuntime, openCV };
+
+/// Test and benchmark seam: run the network on this backend from now on (forgets a loaded network).
+void setBackend(Backend backend);
+
+/// The backend the loaded network runs on; `automatic` while none is loaded.
+Backend loadedBackend();
+
 /// True when a cutout can be computed here: the network file is present and hasn't failed to load.
 /// Cheap; the network itself is loaded on first use, off the main thread.
 bool isAvailable();
 
-/// Loads the network now, if it is present and not loaded yet. Blocking; for a background thread.
-void preload();
+/// Loads the network now, if it is present and not loaded yet, and with `warmUp` runs it once on a
+/// blank picture: the runtime's first run takes twice as long as the next ones (it sizes its
+/// buffers), so a window that warms up at start has its first cutout at full speed. Blocking; for a
+/// background thread.
+void preload(bool warmUp = true);
 
 /// The network's mask for `source` at 1024 × 1024, values 0…1 as bytes 0…255; empty when the
 /// network can't be had. Blocking. Safe to call from several threads (inference is serialised).
