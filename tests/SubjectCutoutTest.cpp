@@ -1,3 +1,4 @@
+#include "KnownMaskScenes.h"
 #include "TestSupport.h"
 
 #include "engines/CropEngine.h"
@@ -273,6 +274,46 @@ TEST(VisionEdge, NoSubjectRule) {
     EXPECT_FALSE(VisionEngine::isEmptyMask(mask));
 }
 
+TEST(MaskShaping, FaintIslandsGoTheContrastCurveAndTheBandMakeTheRestSolid) {
+    // A subject at 150 with a faint fringe beside it at 100, a faint island apart at 100, and a
+    // small strong island at 230.
+    QImage raw(200, 100, QImage::Format_Grayscale8);
+    raw.fill(0);
+    const auto fill = [&](int x0, int y0, int x1, int y1, int v) {
+        for (int y = y0; y <= y1; ++y)
+            for (int x = x0; x <= x1; ++x)
+                raw.scanLine(y)[x] = uchar(v);
+    };
+    fill(20, 20, 79, 79, 150);
+    fill(80, 20, 81, 79, 100);
+    fill(120, 30, 159, 69, 100);
+    fill(170, 40, 189, 59, 230);
+    raw.scanLine(5)[5] = 20; // under the floor: nothing at all
+    const QImage shaped = VisionEngine::shapeMask(raw);
+    ASSERT_EQ(shaped.size(), raw.size());
+    ASSERT_EQ(shaped.format(), QImage::Format_Grayscale8);
+    const auto at = [&](int x, int y) { return int(shaped.constScanLine(y)[x]); };
+    EXPECT_EQ(at(50, 50), 255) << "deep inside: opaque, whatever the network's doubt";
+    EXPECT_EQ(at(20, 50), 171) << "on the edge the curve: (150 − 64) × 255 / 128";
+    EXPECT_EQ(at(80, 50), 72) << "a fringe touching the subject stays soft: (100 − 64) × 255 / 128";
+    EXPECT_EQ(at(140, 50), 0) << "a faint island apart from the subject goes";
+    EXPECT_EQ(at(120, 30), 0);
+    EXPECT_EQ(at(180, 50), 255) << "a strong island stays";
+    EXPECT_EQ(at(5, 5), 0);
+    EXPECT_EQ(at(100, 5), 0);
+    // The curve's ends, on a flat field (all band, no edge to be near): 64 and under is nothing, 192
+    // and over is everything.
+    for (const auto& [value, expected] : {std::pair{64, 0}, {192, 255}, {128, 128}, {250, 255}}) {
+        QImage flat(8, 8, QImage::Format_Grayscale8);
+        flat.fill(uint(value));
+        flat.scanLine(0)[0] = 255; // something strong, so the field isn't a faint island
+        VisionEngine::MaskShaping noBand;
+        noBand.band = 0;
+        EXPECT_EQ(int(VisionEngine::shapeMask(flat, noBand).constScanLine(4)[4]), expected) << value;
+    }
+    EXPECT_TRUE(VisionEngine::shapeMask(QImage()).isNull());
+}
+
 // --- the real network, on real photographs ---
 
 class RealNetwork : public ::testing::Test {
@@ -364,4 +405,26 @@ TEST_F(RealNetwork, OnnxRuntimeAndOpenCvGiveTheSameMask) {
             worst = std::max(worst, std::abs(fast.constScanLine(y)[x] - reference.constScanLine(y)[x]));
     EXPECT_LE(worst, 1) << "the same graph, the same numbers but for rounding";
     EXPECT_FALSE(VisionEngine::isEmptyMask(fast));
+}
+
+TEST_F(RealNetwork, ObjectsOfKnownShapeOverTexturesComeOutWhole) {
+    // Twelve objects over brick, gravel and grass, some hard (grey on grey, a ring's hole, thin
+    // spokes). The figures guard what was measured (bench/bench_masks prints them): mean IoU 0.891,
+    // the lowest 0.749 (the spokes), the old background left on at most 3.55 % (a ring's hole the
+    // network takes for the object), the interior 99.1 % opaque on average and 90 % at the least.
+    const std::vector<KnownMaskScene> scenes = knownMaskScenes();
+    ASSERT_EQ(scenes.size(), 12u);
+    double iou = 0, interior = 0;
+    for (const KnownMaskScene& s : scenes) {
+        const auto cut = VisionEngine::computeCutout(s.scene);
+        ASSERT_TRUE(cut) << s.name.toStdString();
+        const CutoutScore score = scoreCutout(s, *cut);
+        EXPECT_GE(score.iou, 0.72) << s.name.toStdString();
+        EXPECT_LE(score.residue, 0.04) << s.name.toStdString();
+        EXPECT_GE(score.interior, 0.88) << s.name.toStdString();
+        iou += score.iou;
+        interior += score.interior;
+    }
+    EXPECT_GE(iou / 12, 0.87);
+    EXPECT_GE(interior / 12, 0.97);
 }

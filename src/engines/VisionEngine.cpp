@@ -212,6 +212,65 @@ bool isEmptyMask(const QImage& mask) {
     return double(above) < 0.005 * double(mask.width()) * double(mask.height());
 }
 
+QImage shapeMask(const QImage& raw, const MaskShaping& shaping) {
+    if (raw.isNull()) return QImage();
+    const QImage grey =
+        raw.format() == QImage::Format_Grayscale8 ? raw : raw.convertToFormat(QImage::Format_Grayscale8);
+    const int w = grey.width(), h = grey.height();
+    QImage out(w, h, QImage::Format_Grayscale8);
+    if (out.isNull()) return QImage();
+    try {
+        const cv::Mat in(h, w, CV_8U, const_cast<uchar*>(grey.constBits()), size_t(grey.bytesPerLine()));
+        cv::Mat dst(h, w, CV_8U, out.bits(), size_t(out.bytesPerLine()));
+        // Islands: label what is above the floor; keep the labels that reach above one half.
+        cv::Mat region = in > shaping.floor;
+        cv::Mat labels;
+        const int count = cv::connectedComponents(region, labels, 8, CV_32S);
+        std::vector<uchar> strong(size_t(std::max(count, 1)), 0);
+        for (int y = 0; y < h; ++y) {
+            const uchar* p = in.ptr<uchar>(y);
+            const int* l = labels.ptr<int>(y);
+            for (int x = 0; x < w; ++x)
+                if (p[x] > 127) strong[size_t(l[x])] = 1;
+        }
+        // The contrast curve, on what survived.
+        const double span = std::max(1, shaping.high - shaping.low);
+        uchar curve[256];
+        for (int v = 0; v < 256; ++v)
+            curve[v] = uchar(std::clamp(std::lround((v - shaping.low) * 255.0 / span), 0L, 255L));
+        for (int y = 0; y < h; ++y) {
+            const uchar* p = in.ptr<uchar>(y);
+            const int* l = labels.ptr<int>(y);
+            uchar* d = dst.ptr<uchar>(y);
+            for (int x = 0; x < w; ++x)
+                d[x] = l[x] > 0 && strong[size_t(l[x])] ? curve[p[x]] : 0;
+        }
+        // Outside the band along the half-way contour, wholly in or out.
+        if (shaping.band > 0) {
+            cv::Mat solid = dst > 127;
+            cv::Mat empty = dst <= 127;
+            cv::Mat toEmpty, toSolid;
+            cv::distanceTransform(solid, toEmpty, cv::DIST_L2, 3);
+            cv::distanceTransform(empty, toSolid, cv::DIST_L2, 3);
+            const float band = float(shaping.band);
+            for (int y = 0; y < h; ++y) {
+                uchar* d = dst.ptr<uchar>(y);
+                const float* in1 = toEmpty.ptr<float>(y);
+                const float* out1 = toSolid.ptr<float>(y);
+                for (int x = 0; x < w; ++x) {
+                    if (d[x] > 127 && in1[x] > band)
+                        d[x] = 255;
+                    else if (d[x] <= 127 && out1[x] > band)
+                        d[x] = 0;
+                }
+            }
+        }
+    } catch (const cv::Exception&) {
+        return QImage();
+    }
+    return out;
+}
+
 EdgeRadius edgeRadius(int width, int height) {
     const double r = std::clamp(std::max(width, height) / 800.0, 1.5, 6.0);
     return {r, r * 0.6};
@@ -253,7 +312,9 @@ std::optional<QImage> computeCutout(const QImage& source) {
     if (source.width() < 1 || source.height() < 1) return std::nullopt;
     const QImage m = mask(source);
     if (m.isNull() || isEmptyMask(m)) return std::nullopt;
-    return composite(source, m);
+    const QImage shaped = shapeMask(m);
+    if (shaped.isNull() || isEmptyMask(shaped)) return std::nullopt;
+    return composite(source, shaped);
 }
 
 } // namespace cutlark::VisionEngine
