@@ -1,6 +1,7 @@
 #include "TestSupport.h"
 
 #include "model/ImageFile.h"
+#include "support/AvailableCores.h"
 
 #include <QFileInfo>
 #include <QJsonArray>
@@ -11,6 +12,8 @@
 #include <QStandardPaths>
 
 #include <gtest/gtest.h>
+
+#include <sched.h>
 
 #include <sys/resource.h>
 
@@ -285,6 +288,71 @@ TEST_F(CliTest, SplitWritesThePiecesAndInfoListsThem) {
     EXPECT_EQ(ImageFile::load(path(QStringLiteral("pieces/pair-1.png")))->image.size(), QSize(91, 80));
     EXPECT_EQ(run.lines[1].value(QStringLiteral("error")).toString(), QStringLiteral("not a collage"));
     EXPECT_TRUE(run.err.contains(QStringLiteral("single.png")));
+}
+
+TEST_F(CliTest, VersionHelpAndOptionFormsAsLinuxToolsHaveThem) {
+    for (const char* v : {"--version", "-V", "version"}) {
+        const CliRun run = cli({QLatin1String(v)});
+        EXPECT_EQ(run.exitCode, 0) << v;
+        EXPECT_EQ(run.out, QByteArray("cutlark-cli " CUTLARK_VERSION "\n")) << v;
+    }
+    // Every command has its help, on standard output, whatever else is on the line.
+    for (const char* command : {"process", "trace", "split", "info", "settings"}) {
+        const CliRun run =
+            cli({QLatin1String(command), QStringLiteral("--help"), QStringLiteral("--nosuch")});
+        EXPECT_EQ(run.exitCode, 0) << command;
+        EXPECT_TRUE(run.out.startsWith("Usage: cutlark-cli " + QByteArray(command))) << run.out.toStdString();
+    }
+    EXPECT_TRUE(cli({QStringLiteral("process"), QStringLiteral("-h")}).out.contains("--jobs"));
+    EXPECT_TRUE(cli({QStringLiteral("--help")}).out.contains("cutlark-cli trace"));
+
+    // A usage error is one line: the problem, then where to read more.
+    const CliRun typo = cli({QStringLiteral("process"), QStringLiteral("--jbos"), QStringLiteral("x.png")});
+    EXPECT_EQ(typo.exitCode, 2);
+    EXPECT_EQ(typo.err,
+              QStringLiteral("cutlark-cli: unknown option “--jbos”; see cutlark-cli process --help\n"));
+    EXPECT_EQ(cli({QStringLiteral("frobnicate")}).err,
+              QStringLiteral("cutlark-cli: unknown command “frobnicate”; see cutlark-cli --help\n"));
+    EXPECT_EQ(cli({QStringLiteral("process"), QStringLiteral("--in-place=yes"), QStringLiteral("x.png")}).err,
+              QStringLiteral("cutlark-cli: --in-place takes no value; see cutlark-cli process --help\n"));
+
+    // --name=value, -j4 and -oDIR mean what the spaced forms mean: the same results, byte for byte.
+    const QString a = savePng(m_dir, QStringLiteral("a.png"), coordinates(40, 30));
+    const CliRun spaced = cli({QStringLiteral("process"), QStringLiteral("--set"),
+                               QStringLiteral("paddingEnabled=true"), QStringLiteral("--jobs"),
+                               QStringLiteral("2"), QStringLiteral("-o"), path(QStringLiteral("spaced")), a});
+    const CliRun joined =
+        cli({QStringLiteral("process"), QStringLiteral("--set=paddingEnabled=true"), QStringLiteral("-j2"),
+             QStringLiteral("-o") + path(QStringLiteral("joined")), a});
+    const CliRun equals =
+        cli({QStringLiteral("process"), QStringLiteral("--set=paddingEnabled=true"),
+             QStringLiteral("--jobs=2"), QStringLiteral("--output=") + path(QStringLiteral("equals")), a});
+    for (const CliRun* run : {&spaced, &joined, &equals})
+        EXPECT_EQ(run->exitCode, 0) << run->err.toStdString();
+    const QByteArray reference = readBytes(path(QStringLiteral("spaced/a-out.png")));
+    EXPECT_FALSE(reference.isEmpty());
+    EXPECT_EQ(readBytes(path(QStringLiteral("joined/a-out.png"))), reference);
+    EXPECT_EQ(readBytes(path(QStringLiteral("equals/a-out.png"))), reference);
+    EXPECT_EQ(cli({QStringLiteral("process"), QStringLiteral("-j0"), a}).exitCode, 2);
+}
+
+TEST(AvailableCores, FollowsTheAffinityMask) {
+    cpu_set_t before;
+    ASSERT_EQ(sched_getaffinity(0, sizeof before, &before), 0);
+    const int all = AvailableCores::count();
+    EXPECT_GE(all, 1);
+    EXPECT_LE(all, CPU_COUNT(&before));
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu)
+        if (CPU_ISSET(cpu, &before)) {
+            CPU_SET(cpu, &one);
+            break;
+        }
+    ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+    EXPECT_EQ(AvailableCores::count(), 1);
+    ASSERT_EQ(sched_setaffinity(0, sizeof before, &before), 0);
+    EXPECT_EQ(AvailableCores::count(), all);
 }
 
 TEST_F(CliTest, BadUsageExitsWithTwo) {

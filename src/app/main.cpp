@@ -12,17 +12,46 @@
 #include <QtConcurrent/QtConcurrentRun>
 #include <QThreadPool>
 
+#include <cstdio>
+#include <cstring>
+
 int main(int argc, char** argv) {
     cutlark::HugePages::restartWithHugePages(argv);
+    // --version and --help are answered before the window system is asked for anything.
+    for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
+        if (std::strcmp(argv[i], "--version") == 0 || std::strcmp(argv[i], "-V") == 0) {
+            std::fputs("cutlark " CUTLARK_VERSION "\n", stdout);
+            return 0;
+        }
+        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
+            std::fputs(
+                "Usage: cutlark [FILE | FOLDER]...\n"
+                "Opens the images (a folder: its images, in name order) in the Cutlark window, or\n"
+                "hands them to the window already open. A name that starts with \"-\" goes after \"--\".\n"
+                "For batches, see cutlark-cli --help.\n",
+                stdout);
+            return 0;
+        }
+    }
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Cutlark"));
     QApplication::setDesktopFileName(QStringLiteral("cutlark"));
     cutlark::setUpIcons();
     QApplication::setWindowIcon(QIcon::fromTheme(QStringLiteral("cutlark")));
 
+    // What Qt didn't take is files; an option we don't know is a mistake, not a file to look for.
     QStringList files;
-    for (const QString& arg : QApplication::arguments().mid(1))
-        files << QFileInfo(arg).absoluteFilePath();
+    bool onlyFiles = false;
+    for (const QString& arg : QApplication::arguments().mid(1)) {
+        if (!onlyFiles && arg == QLatin1String("--")) {
+            onlyFiles = true;
+        } else if (!onlyFiles && arg.startsWith(QLatin1String("--"))) {
+            std::fprintf(stderr, "cutlark: unknown option “%s”; see cutlark --help\n", qPrintable(arg));
+            return 2;
+        } else {
+            files << QFileInfo(arg).absoluteFilePath();
+        }
+    }
 
     // A running window takes the files; this process then has nothing more to do.
     cutlark::SingleInstance instance;

@@ -24,6 +24,79 @@ QString CliOptions::usage() {
         "`cutlark-cli settings` lists them.\n");
 }
 
+QString CliOptions::version() {
+    return QStringLiteral("cutlark-cli " CUTLARK_VERSION "\n");
+}
+
+QString CliOptions::usage(Command command) {
+    switch (command) {
+    case Command::process:
+        return QStringLiteral(
+            "Usage: cutlark-cli process [OPTION]... INPUT...\n"
+            "Runs each image through the settings' pipeline and writes the result, printing one JSON\n"
+            "object per input.\n"
+            "\n"
+            "  --set NAME=VALUE    a setting (cutlark-cli settings lists them); repeatable\n"
+            "  --preset FILE.json  settings from a JSON object; --set wins over it\n"
+            "  -o, --output DIR    write into DIR (made when missing) instead of beside each input\n"
+            "  --in-place          write over each input (a result with transparency in a JPEG or BMP\n"
+            "                      goes to a PNG beside it)\n"
+            "  --overwrite         replace results that exist already\n"
+            "  -j, --jobs N        images at once (default: the cores this process may use)\n"
+            "\n"
+            "Examples:\n"
+            "  cutlark-cli process --set keyWhiteEnabled=true --set trimEnabled=true photos/\n"
+            "  cutlark-cli process --preset sticker.json -o out/ -j4 *.png\n");
+    case Command::trace:
+        return QStringLiteral(
+            "Usage: cutlark-cli trace [OPTION]... -o OUT.svg INPUT\n"
+            "Runs the image through the pipeline, then the trace the settings choose (silhouette,\n"
+            "outline or full colour), and writes its SVG.\n"
+            "\n"
+            "  --set NAME=VALUE    a setting; repeatable\n"
+            "  --preset FILE.json  settings from a JSON object\n"
+            "  -o, --output FILE   the SVG to write\n"
+            "\n"
+            "Example:\n"
+            "  cutlark-cli trace --set vectorFullColor=true -o logo.svg logo.png\n");
+    case Command::split:
+        return QStringLiteral(
+            "Usage: cutlark-cli split [-o DIR] INPUT...\n"
+            "Writes each picture of a collage to a file of its own, from the untouched source, and\n"
+            "prints their paths as JSON.\n"
+            "\n"
+            "  -o, --output DIR    write into DIR instead of beside each input\n"
+            "\n"
+            "Example:\n"
+            "  cutlark-cli split -o pieces/ scans/\n");
+    case Command::info:
+        return QStringLiteral("Usage: cutlark-cli info INPUT...\n"
+                              "Prints each image's type and size as JSON, without changing anything.\n");
+    case Command::settings:
+        return QStringLiteral("Usage: cutlark-cli settings\n"
+                              "Lists every setting with its default, range, unit and meaning.\n");
+    case Command::help:
+    case Command::version:
+        break;
+    }
+    return usage();
+}
+
+QString CliOptions::seeHelp(Command command) {
+    switch (command) {
+    case Command::process:
+        return QStringLiteral("see cutlark-cli process --help");
+    case Command::trace:
+        return QStringLiteral("see cutlark-cli trace --help");
+    case Command::split:
+        return QStringLiteral("see cutlark-cli split --help");
+    case Command::info:
+        return QStringLiteral("see cutlark-cli info --help");
+    default:
+        return QStringLiteral("see cutlark-cli --help");
+    }
+}
+
 std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOptions& out) {
     out = CliOptions();
     if (arguments.isEmpty()) return QStringLiteral("no command given");
@@ -41,19 +114,24 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
     else if (command == QLatin1String("help") || command == QLatin1String("--help") ||
              command == QLatin1String("-h"))
         out.command = Command::help;
+    else if (command == QLatin1String("version") || command == QLatin1String("--version") ||
+             command == QLatin1String("-V"))
+        out.command = Command::version;
     else
         return QStringLiteral("unknown command “%1”").arg(command);
 
+    // A command's help, whatever else is on the line.
+    for (qsizetype i = 1; i < arguments.size() && arguments[i] != QLatin1String("--"); ++i) {
+        if (arguments[i] == QLatin1String("--help") || arguments[i] == QLatin1String("-h")) {
+            out.help = true;
+            return std::nullopt;
+        }
+    }
     const bool takesOptions =
         out.command == Command::process || out.command == Command::trace || out.command == Command::split;
     bool onlyInputs = false;
     for (qsizetype i = 1; i < arguments.size(); ++i) {
-        const QString& a = arguments[i];
-        auto value = [&](const QString& option) -> std::optional<QString> {
-            if (i + 1 >= arguments.size()) return std::nullopt;
-            Q_UNUSED(option);
-            return arguments[++i];
-        };
+        QString a = arguments[i];
         if (onlyInputs || !a.startsWith(QLatin1Char('-')) || a == QLatin1String("-")) {
             out.inputs << a;
             continue;
@@ -62,38 +140,58 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
             onlyInputs = true;
             continue;
         }
+        // "--name=value" and "-xVALUE" carry their value with them.
+        std::optional<QString> attached;
+        if (a.startsWith(QLatin1String("--"))) {
+            const qsizetype eq = a.indexOf(QLatin1Char('='));
+            if (eq > 2) {
+                attached = a.mid(eq + 1);
+                a = a.left(eq);
+            }
+        } else if (a.size() > 2 && (a.startsWith(QLatin1String("-j")) || a.startsWith(QLatin1String("-o")))) {
+            attached = a.mid(2);
+            a = a.left(2);
+        }
+        auto value = [&]() -> std::optional<QString> {
+            if (attached) return attached;
+            if (i + 1 >= arguments.size()) return std::nullopt;
+            return arguments[++i];
+        };
         if (!takesOptions) return QStringLiteral("%1 takes no option “%2”").arg(command, a);
         if (a == QLatin1String("--set")) {
-            const auto v = value(a);
+            const auto v = value();
             if (!v) return QStringLiteral("--set needs NAME=VALUE");
             const qsizetype eq = v->indexOf(QLatin1Char('='));
             if (eq <= 0) return QStringLiteral("--set needs NAME=VALUE, got “%1”").arg(*v);
             out.sets.append({v->left(eq).trimmed(), v->mid(eq + 1)});
         } else if (a == QLatin1String("--preset")) {
-            const auto v = value(a);
+            const auto v = value();
             if (!v) return QStringLiteral("--preset needs a file");
             out.presetPath = *v;
         } else if (a == QLatin1String("-o") || a == QLatin1String("--output")) {
-            const auto v = value(a);
-            if (!v) return QStringLiteral("-o needs a folder");
+            const auto v = value();
+            if (!v || v->isEmpty()) return QStringLiteral("-o needs a folder");
             out.outputDir = *v;
-        } else if (a == QLatin1String("--in-place")) {
-            out.inPlace = true;
-        } else if (a == QLatin1String("--overwrite")) {
-            out.overwrite = true;
         } else if (a == QLatin1String("--jobs") || a == QLatin1String("-j")) {
-            const auto v = value(a);
+            const auto v = value();
             bool ok = false;
             const int n = v ? v->toInt(&ok) : 0;
             if (!ok || n < 1 || n > 256) return QStringLiteral("--jobs needs a number from 1 to 256");
             out.jobs = n;
+        } else if (attached) {
+            return QStringLiteral("%1 takes no value").arg(a);
+        } else if (a == QLatin1String("--in-place")) {
+            out.inPlace = true;
+        } else if (a == QLatin1String("--overwrite")) {
+            out.overwrite = true;
         } else {
             return QStringLiteral("unknown option “%1”").arg(a);
         }
     }
     if (out.inPlace && !out.outputDir.isEmpty())
         return QStringLiteral("-o and --in-place exclude each other");
-    if (out.command != Command::settings && out.command != Command::help && out.inputs.isEmpty())
+    if (out.command != Command::settings && out.command != Command::help && out.command != Command::version &&
+        out.inputs.isEmpty())
         return QStringLiteral("no input given");
     if (out.command == Command::split && (out.inPlace || !out.sets.isEmpty() || !out.presetPath.isEmpty()))
         return QStringLiteral("split takes only -o DIR: the pieces come from the untouched source");
@@ -101,7 +199,7 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
         if (out.inputs.size() != 1) return QStringLiteral("trace takes one input");
         if (out.outputDir.isEmpty()) return QStringLiteral("trace needs -o OUT.svg");
         out.svgPath = std::exchange(out.outputDir, QString()); // trace's -o names a file, not a folder
-        if (out.inPlace || out.jobs != 1) return QStringLiteral("trace takes neither --in-place nor --jobs");
+        if (out.inPlace || out.jobs != 0) return QStringLiteral("trace takes neither --in-place nor --jobs");
     }
     return std::nullopt;
 }

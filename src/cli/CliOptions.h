@@ -11,7 +11,7 @@ namespace cutlark {
 
 /// What `cutlark-cli` was asked to do, as read from its arguments.
 struct CliOptions {
-    enum class Command { settings, info, process, trace, split, help };
+    enum class Command { settings, info, process, trace, split, help, version };
 
     Command command = Command::help;
     QList<QPair<QString, QString>> sets; ///< --set NAME=VALUE, in the order given
@@ -20,13 +20,21 @@ struct CliOptions {
     QString svgPath;                     ///< -o OUT.svg (trace)
     bool inPlace = false;                ///< --in-place
     bool overwrite = false;              ///< --overwrite: replace results that exist already
-    int jobs = 1;                        ///< --jobs N
+    int jobs = 0;                        ///< --jobs N; 0 until given: the cores this process may use
+    bool help = false;                   ///< --help after a command: that command's help
     QStringList inputs;
 
     /// Reads the arguments after the program name; an error text when they don't make sense.
+    /// Long options also take their value after "=" (`--jobs=4`), short ones right after the
+    /// letter (`-j4`, `-oDIR`).
     static std::optional<QString> parse(const QStringList& arguments, CliOptions& out);
 
+    /// The whole usage, or one command's help with its options and examples.
     static QString usage();
+    static QString usage(Command command);
+    /// How a usage error ends: where to read more.
+    static QString seeHelp(Command command);
+    static QString version();
 };
 
 } // namespace cutlark

@@ -5,6 +5,7 @@
 #include "model/CropModel.h"
 #include "model/ImageFile.h"
 #include "support/AtomicFile.h"
+#include "support/AvailableCores.h"
 #include "support/MemoryBudget.h"
 #include "support/NaturalOrder.h"
 #include "support/OrderedWork.h"
@@ -306,10 +307,19 @@ int CliRunner::reportFailures(const QStringList& failures) {
 int CliRunner::run(const QStringList& arguments) {
     CliOptions options;
     if (auto error = CliOptions::parse(arguments, options)) {
-        std::fprintf(m_err, "cutlark-cli: %s\n\n%s", qPrintable(*error), qPrintable(CliOptions::usage()));
+        // One line: what is wrong and where to read more.
+        std::fprintf(m_err, "cutlark-cli: %s; %s\n", qPrintable(*error),
+                     qPrintable(CliOptions::seeHelp(options.command)));
         return 2;
     }
+    if (options.help) {
+        std::fputs(qPrintable(CliOptions::usage(options.command)), m_out);
+        return 0;
+    }
     switch (options.command) {
+    case CliOptions::Command::version:
+        std::fputs(qPrintable(CliOptions::version()), m_out);
+        return 0;
     case CliOptions::Command::settings:
         return runSettings();
     case CliOptions::Command::info:
@@ -523,7 +533,8 @@ int CliRunner::runProcess(const CliOptions& options) {
     // N workers take the inputs in turn, each with a model of its own, so at most N images are in
     // memory at once; the results are printed in input order as soon as each is ready.
     const qsizetype total = inputs.size();
-    OrderedWork<Outcome> work(int(total), options.jobs, [&plans, &run, &inputs](int i) {
+    const int jobs = options.jobs > 0 ? options.jobs : AvailableCores::count();
+    OrderedWork<Outcome> work(int(total), jobs, [&plans, &run, &inputs](int i) {
         try {
             return processOne(plans[size_t(i)], run);
         } catch (const std::exception& e) {
