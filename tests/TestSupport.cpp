@@ -7,8 +7,24 @@
 #include <QFile>
 #include <QImageWriter>
 #include <QtEndian>
+#include <QThreadPool>
+
+#include <gtest/gtest.h>
 
 namespace cutlark::test {
+
+namespace {
+
+// A model can leave work on Qt's global pool behind it (a cutout is never cancelled). A program
+// with an application object waits for that work when the object goes; a suite without one must
+// wait too, or the work runs on inside a library whose statics are being destroyed at exit.
+class PoolDrained : public ::testing::Environment {
+public:
+    void TearDown() override { QThreadPool::globalInstance()->waitForDone(); }
+};
+[[maybe_unused]] const auto* const poolDrained = ::testing::AddGlobalTestEnvironment(new PoolDrained);
+
+} // namespace
 
 QImage solid(int w, int h, const QColor& color) {
     QImage image(w, h, QImage::Format_RGBA8888_Premultiplied);
