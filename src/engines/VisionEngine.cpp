@@ -79,7 +79,18 @@ bool ensureLoaded(Network& n) {
     if (n.failed) return false;
     const QString path = findModel(n.overridePath);
     if (path.isEmpty()) return false;
-    if (n.wanted != Backend::openCV) {
+#if defined(__SANITIZE_THREAD__)
+    // ONNX Runtime's own threads synchronise inside a library ThreadSanitizer can't see into, and
+    // its interceptors make them crawl: under it the network runs on OpenCV.
+    constexpr bool onnxRuntimeUsable = false;
+#else
+    constexpr bool onnxRuntimeUsable = true;
+#endif
+    if (!onnxRuntimeUsable && n.wanted == Backend::onnxRuntime) {
+        n.failed = true;
+        return false;
+    }
+    if (onnxRuntimeUsable && n.wanted != Backend::openCV) {
         // Operators split over the cores; past eight the network gains nothing more.
         const int threads = std::clamp(QThread::idealThreadCount(), 1, 8);
         n.session = OnnxRuntime::Session::open(path, threads);
