@@ -1,5 +1,6 @@
 // Wide-gamut pictures come out in true colour: every file type read through its profile, every stage
 // that moves or redraws pixels, every type written. The oracle is Little CMS.
+#include "HostileFiles.h"
 #include "TestSupport.h"
 
 #include "model/CropModel.h"
@@ -118,14 +119,7 @@ QByteArray heic(const QImage& image, const QByteArray& icc) {
     heif_context_encode_image(ctx, hi, encoder, options, &handle);
     heif_encoding_options_free(options);
     heif_nclx_color_profile_free(nclx);
-    QByteArray file;
-    heif_writer writer{};
-    writer.writer_api_version = 1;
-    writer.write = [](heif_context*, const void* data, size_t n, void* user) {
-        static_cast<QByteArray*>(user)->append(static_cast<const char*>(data), qsizetype(n));
-        return heif_error{heif_error_Ok, heif_suberror_Unspecified, "ok"};
-    };
-    heif_context_write(ctx, &writer, &file);
+    const QByteArray file = hostile::writtenHeif(ctx);
     heif_image_handle_release(handle);
     heif_image_release(hi);
     heif_encoder_release(encoder);

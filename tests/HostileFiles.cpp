@@ -162,14 +162,7 @@ CodedTile encodeTile(int size) {
             plane[y * stride + x] = uint8_t((x + y) & 0xff);
     heif_image_handle* handle = nullptr;
     heif_context_encode_image(ctx, image, encoder, nullptr, &handle);
-    QByteArray file;
-    heif_writer writer{};
-    writer.writer_api_version = 1;
-    writer.write = [](heif_context*, const void* data, size_t n, void* user) {
-        static_cast<QByteArray*>(user)->append(static_cast<const char*>(data), qsizetype(n));
-        return heif_error{heif_error_Ok, heif_suberror_Unspecified, "ok"};
-    };
-    heif_context_write(ctx, &writer, &file);
+    const QByteArray file = writtenHeif(ctx);
     heif_image_handle_release(handle);
     heif_image_release(image);
     heif_encoder_release(encoder);
@@ -359,6 +352,18 @@ QByteArray heicGrid(int columns, int rows, int tile, std::optional<QSize> canvas
     const QByteArray head = box("ftyp", ftyp);
     const quint32 mdatData = quint32(head.size() + meta(0).size() + 8);
     return head + meta(mdatData) + box("mdat", gridData + coded.data);
+}
+
+QByteArray writtenHeif(heif_context* context) {
+    QByteArray file;
+    heif_writer writer{};
+    writer.writer_api_version = 1;
+    writer.write = [](heif_context*, const void* data, size_t n, void* user) {
+        static_cast<QByteArray*>(user)->append(static_cast<const char*>(data), qsizetype(n));
+        return heif_error{heif_error_Ok, heif_suberror_Unspecified, "ok"};
+    };
+    heif_context_write(context, &writer, &file);
+    return file;
 }
 
 } // namespace cutlark::test::hostile

@@ -5,6 +5,8 @@
 
 #include <optional>
 
+struct heif_context;
+
 /// Files made to hurt a decoder, built in code so that none is committed. Each is the smallest of
 /// its kind that shows the harm; the sizes are parameters so that a tool can make the full-size
 /// ones for measurements.
@@ -27,5 +29,8 @@ QByteArray heicGrid(int columns, int rows, int tile, std::optional<QSize> canvas
 
 /// A JPEG of a small picture whose frame header claims `width` × `height`.
 QByteArray jpegClaimingSize(int width, int height);
+
+/// The file a libheif context writes, in memory.
+QByteArray writtenHeif(heif_context* context);
 
 } // namespace cutlark::test::hostile
