@@ -1,10 +1,8 @@
 #include "engines/OnnxRuntime.h"
 
-#include <QCoreApplication>
-#include <QDir>
+#include "engines/DataFiles.h"
+
 #include <QFile>
-#include <QFileInfo>
-#include <QStandardPaths>
 
 #include <dlfcn.h>
 
@@ -88,24 +86,8 @@ QString take(const Library& l, Status status) {
     return text.isEmpty() ? QStringLiteral("unknown error") : text;
 }
 
-QStringList candidates() {
-    const QString file = QStringLiteral("libonnxruntime.so.1");
-    QStringList out;
-    const QString cache = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation);
-    if (!cache.isEmpty()) out << QDir(cache).filePath(QStringLiteral("cutlark/") + file);
-    if (QCoreApplication::instance()) {
-        const QString bin = QCoreApplication::applicationDirPath();
-        out << QDir(bin).filePath(file) << QDir(bin).filePath(QStringLiteral("../share/cutlark/") + file);
-    }
-    out << QStringLiteral("/usr/local/share/cutlark/") + file << QStringLiteral("/usr/share/cutlark/") + file;
-    return out;
-}
-
 QString find(const QString& overridePath) {
-    if (!overridePath.isEmpty()) return QFileInfo(overridePath).isFile() ? overridePath : QString();
-    for (const QString& c : candidates())
-        if (QFileInfo(c).isFile()) return QFileInfo(c).absoluteFilePath();
-    return QString();
+    return DataFiles::find(QStringLiteral("libonnxruntime.so.1"), overridePath);
 }
 
 // Loads the library once; true when its table and environment are ready. Called with the mutex held.

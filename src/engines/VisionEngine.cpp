@@ -1,14 +1,11 @@
 #include "engines/VisionEngine.h"
 
+#include "engines/DataFiles.h"
 #include "engines/Morphology.h"
 #include "engines/OnnxRuntime.h"
 #include "engines/PixelOps.h"
 #include "engines/PooledMat.h"
 
-#include <QCoreApplication>
-#include <QDir>
-#include <QFileInfo>
-#include <QStandardPaths>
 #include <QThread>
 
 #include <opencv2/dnn.hpp>
@@ -52,25 +49,8 @@ Network& network() {
     return n;
 }
 
-QStringList candidates() {
-    QStringList out;
-    const QString cache = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation);
-    if (!cache.isEmpty()) out << QDir(cache).filePath(QStringLiteral("cutlark/") + kModelFile);
-    if (QCoreApplication::instance()) {
-        const QString bin = QCoreApplication::applicationDirPath();
-        out << QDir(bin).filePath(kModelFile)
-            << QDir(bin).filePath(QStringLiteral("../share/cutlark/") + kModelFile);
-    }
-    out << QStringLiteral("/usr/local/share/cutlark/") + kModelFile
-        << QStringLiteral("/usr/share/cutlark/") + kModelFile;
-    return out;
-}
-
 QString findModel(const QString& overridePath) {
-    if (!overridePath.isEmpty()) return QFileInfo(overridePath).isFile() ? overridePath : QString();
-    for (const QString& c : candidates())
-        if (QFileInfo(c).isFile()) return QFileInfo(c).absoluteFilePath();
-    return QString();
+    return DataFiles::find(kModelFile, overridePath);
 }
 
 // Loads the network if it isn't yet; false when it can't be had. Called with the mutex held.
