@@ -63,7 +63,7 @@ QPainterPath outline(int kind) {
 
 } // namespace
 
-std::vector<KnownMaskScene> knownMaskScenes() {
+std::vector<KnownMaskScene> knownMaskScenes(double edgeBlur) {
     const QStringList objects = {QStringLiteral("chelsea.png"), QStringLiteral("coffee.png"),
                                  QStringLiteral("astronaut.png"), QStringLiteral("rocket.jpg")};
     const QStringList textures = {QStringLiteral("brick.png"), QStringLiteral("gravel.png"),
@@ -90,16 +90,6 @@ std::vector<KnownMaskScene> knownMaskScenes() {
             p.setRenderHint(QPainter::SmoothPixmapTransform);
             p.drawImage(placed, object);
         }
-        s.scene = QImage(1024, 768, QImage::Format_RGB32);
-        {
-            QPainter p(&s.scene);
-            p.setRenderHint(QPainter::SmoothPixmapTransform);
-            p.drawImage(QRectF(0, 0, 1024, 768), texture);
-            p.setRenderHint(QPainter::Antialiasing);
-            p.setClipPath(outline(shape));
-            p.drawImage(placed, object);
-        }
-        s.scene = s.scene.convertToFormat(QImage::Format_RGBA8888_Premultiplied);
         s.truth = QImage(1024, 768, QImage::Format_Grayscale8);
         s.truth.fill(0);
         {
@@ -107,6 +97,29 @@ std::vector<KnownMaskScene> knownMaskScenes() {
             p.setRenderHint(QPainter::Antialiasing);
             p.fillPath(outline(shape), Qt::white);
         }
+        if (edgeBlur > 0) {
+            cv::Mat t(768, 1024, CV_8U, s.truth.bits(), size_t(s.truth.bytesPerLine()));
+            cv::GaussianBlur(t, t, cv::Size(0, 0), edgeBlur);
+        }
+        // The object over the texture, mixed by its coverage as a camera mixes them along an edge.
+        s.scene = QImage(1024, 768, QImage::Format_RGB32);
+        {
+            QPainter p(&s.scene);
+            p.setRenderHint(QPainter::SmoothPixmapTransform);
+            p.drawImage(QRectF(0, 0, 1024, 768), texture);
+        }
+        for (int y = 0; y < 768; ++y) {
+            QRgb* d = reinterpret_cast<QRgb*>(s.scene.scanLine(y));
+            const QRgb* f = reinterpret_cast<const QRgb*>(s.foreground.constScanLine(y));
+            const uchar* t = s.truth.constScanLine(y);
+            for (int x = 0; x < 1024; ++x) {
+                const int a = t[x];
+                auto mix = [a](int fg, int bg) { return (fg * a + bg * (255 - a) + 127) / 255; };
+                d[x] = qRgb(mix(qRed(f[x]), qRed(d[x])), mix(qGreen(f[x]), qGreen(d[x])),
+                            mix(qBlue(f[x]), qBlue(d[x])));
+            }
+        }
+        s.scene = s.scene.convertToFormat(QImage::Format_RGBA8888_Premultiplied);
         scenes.push_back(std::move(s));
     }
     return scenes;

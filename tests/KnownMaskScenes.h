@@ -17,8 +17,10 @@ struct KnownMaskScene {
     QImage foreground; ///< RGB32: the object's own colour, also a little beyond its outline
 };
 
-/// Empty when the photographs aren't there.
-std::vector<KnownMaskScene> knownMaskScenes();
+/// Empty when the photographs aren't there. `edgeBlur` > 0 softens the object's outline by a
+/// Gaussian of that sigma (pixels), as focus and motion soften a photograph's edges, and the scene
+/// mixes object and texture by that soft coverage.
+std::vector<KnownMaskScene> knownMaskScenes(double edgeBlur = 0);
 
 /// How a cutout compares with its scene's truth.
 struct CutoutScore {

@@ -2,6 +2,7 @@
 #include "TestSupport.h"
 
 #include "engines/CropEngine.h"
+#include "engines/Decontamination.h"
 #include "engines/VisionEngine.h"
 #include "model/CropModel.h"
 #include "model/ImageFile.h"
@@ -314,6 +315,76 @@ TEST(MaskShaping, FaintIslandsGoTheContrastCurveAndTheBandMakeTheRestSolid) {
     EXPECT_TRUE(VisionEngine::shapeMask(QImage()).isNull());
 }
 
+TEST(Decontamination, PartlyCoveredPixelsTakeTheSubjectsColourAndKeepTheirAlpha) {
+    // A red subject on the left, blue old background on the right, mixed over eight columns by a
+    // known coverage, as a soft photographed edge is; the coverage used for the cut is the true one.
+    const QRgb red = qRgb(200, 30, 30), blue = qRgb(20, 40, 220);
+    const int W = 96, H = 40;
+    QImage source(W, H, QImage::Format_RGBA8888_Premultiplied);
+    cv::Mat coverage(H, W, CV_8U);
+    for (int y = 0; y < H; ++y)
+        for (int x = 0; x < W; ++x) {
+            const int a = std::clamp((40 - x) * 255 / 8, 0, 255); // 255 up to x = 32, 0 from x = 40
+            coverage.at<uchar>(y, x) = uchar(a);
+            const auto mix = [a](int f, int b) { return (f * a + b * (255 - a) + 127) / 255; };
+            source.setPixel(x, y,
+                            qRgb(mix(qRed(red), qRed(blue)), mix(qGreen(red), qGreen(blue)),
+                                 mix(qBlue(red), qBlue(blue))));
+        }
+    // A stray partly covered speck far out in the background, and one of the subject's own colour
+    // inside it under partial coverage.
+    coverage.at<uchar>(20, 90) = 128;
+    coverage.at<uchar>(10, 8) = 128;
+    QImage cutout(W, H, QImage::Format_RGBA8888_Premultiplied);
+    for (int y = 0; y < H; ++y)
+        for (int x = 0; x < W; ++x) {
+            const int a = coverage.at<uchar>(y, x);
+            const QRgb s = source.pixel(x, y);
+            cutout.setPixel(x, y, qRgba(qRed(s) * a / 255, qGreen(s) * a / 255, qBlue(s) * a / 255, a));
+        }
+    const QImage before = cutout.copy();
+    Decontamination::pullForeground(source, coverage, cutout, 1);
+
+    const QImage straight = cutout.convertToFormat(QImage::Format_ARGB32);
+    const QImage mixed = before.convertToFormat(QImage::Format_ARGB32);
+    int worst = 0;
+    for (int y = 0; y < H; ++y)
+        for (int x = 0; x < W; ++x) {
+            const QRgb got = straight.pixel(x, y), was = mixed.pixel(x, y);
+            ASSERT_EQ(qAlpha(got), qAlpha(was)) << x << "," << y;
+            const int a = coverage.at<uchar>(y, x);
+            if (a == 0 || a == 255) {
+                ASSERT_EQ(cutout.pixel(x, y), before.pixel(x, y))
+                    << "covered or uncovered pixels stay: " << x << "," << y;
+                continue;
+            }
+            // Straight colour after premultiplying at low alpha is coarse: allow what 8 bits lose.
+            const int slack = 1 + 255 / a;
+            const int error = std::max({std::abs(qRed(got) - qRed(red)), std::abs(qGreen(got) - qGreen(red)),
+                                        std::abs(qBlue(got) - qBlue(red))});
+            EXPECT_LE(error, slack) << "the subject's red at " << x << "," << y;
+            worst = std::max(worst, error - slack);
+        }
+    EXPECT_LE(worst, 0);
+    EXPECT_GT(qBlue(mixed.pixel(38, 5)), 100) << "the mixture was bluish: the check had something to remove";
+
+    // Nothing partly covered, or nothing fully covered: nothing to do, the bytes stay.
+    cv::Mat hard = coverage.clone();
+    hard.setTo(255, hard > 0);
+    QImage untouched = before.copy();
+    Decontamination::pullForeground(source, hard, untouched, 1);
+    EXPECT_TRUE(sameBytes(untouched, before));
+    cv::Mat faint(H, W, CV_8U, cv::Scalar(100));
+    Decontamination::pullForeground(source, faint, untouched, 1);
+    EXPECT_TRUE(sameBytes(untouched, before));
+    Decontamination::pullForeground(source, coverage(cv::Rect(0, 0, 10, 10)), untouched, 1);
+    EXPECT_TRUE(sameBytes(untouched, before)) << "sizes that don't match change nothing";
+
+    EXPECT_EQ(Decontamination::cellSideFor(1024, 768), 1);
+    EXPECT_EQ(Decontamination::cellSideFor(1025, 10), 2);
+    EXPECT_EQ(Decontamination::cellSideFor(3000, 4000), 4);
+}
+
 // --- the real network, on real photographs ---
 
 class RealNetwork : public ::testing::Test {
@@ -430,4 +501,25 @@ TEST_F(RealNetwork, ObjectsOfKnownShapeOverTexturesComeOutWhole) {
     }
     EXPECT_GE(iou / 12, 0.87);
     EXPECT_GE(interior / 12, 0.97);
+}
+
+TEST_F(RealNetwork, SoftEdgesLoseTheOldBackgroundsColour) {
+    // Outlines softened as a photograph's are (a blur of sigma 2 px): the rim's colour error
+    // against the object's own colour, with and without cleaning, on the same masks. Measured mean
+    // 18.6 → 13.9; on the scenes whose mask is right (the cat, the rocket, the mug over grass) it
+    // falls by half and more.
+    const std::vector<KnownMaskScene> scenes = knownMaskScenes(2.0);
+    ASSERT_EQ(scenes.size(), 12u);
+    double plain = 0, cleaned = 0;
+    for (const KnownMaskScene& s : scenes) {
+        const QImage mask = VisionEngine::shapeMask(VisionEngine::mask(s.scene));
+        const auto bare = VisionEngine::composite(s.scene, mask, false);
+        const auto clean = VisionEngine::composite(s.scene, mask, true);
+        ASSERT_TRUE(bare && clean) << s.name.toStdString();
+        const CutoutScore a = scoreCutout(s, *bare), b = scoreCutout(s, *clean);
+        EXPECT_DOUBLE_EQ(a.iou, b.iou) << "cleaning leaves alpha alone";
+        plain += a.edgeError;
+        cleaned += b.edgeError;
+    }
+    EXPECT_LT(cleaned, 0.8 * plain);
 }

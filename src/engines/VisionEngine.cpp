@@ -1,6 +1,7 @@
 #include "engines/VisionEngine.h"
 
 #include "engines/DataFiles.h"
+#include "engines/Decontamination.h"
 #include "engines/Morphology.h"
 #include "engines/OnnxRuntime.h"
 #include "engines/PixelOps.h"
@@ -267,7 +268,7 @@ EdgeRadius edgeRadius(int width, int height) {
     return {r, r * 0.6};
 }
 
-std::optional<QImage> composite(const QImage& source, const QImage& maskImage) {
+std::optional<QImage> composite(const QImage& source, const QImage& maskImage, bool decontaminate) {
     const QImage src = rgbaPixels(source);
     if (src.isNull() || maskImage.isNull()) return std::nullopt;
     const QImage grey = maskImage.format() == QImage::Format_Grayscale8
@@ -293,6 +294,8 @@ std::optional<QImage> composite(const QImage& source, const QImage& maskImage) {
             for (int x = 0; x < 4 * W; ++x)
                 d[x] = uchar(div255(uint32_t(s[x]) * m[x >> 2]));
         }
+        if (decontaminate)
+            Decontamination::pullForeground(src, soft.mat(), out, Decontamination::cellSideFor(W, H));
     } catch (const cv::Exception&) {
         return std::nullopt;
     }

@@ -74,8 +74,10 @@ EdgeRadius edgeRadius(int width, int height);
 
 /// The source with its mask applied: the mask brought to the source's size, pulled in by the edge
 /// radius and softened (both reading clamped edges), and all four premultiplied channels multiplied
-/// by it. Absent when the images are empty or memory runs out.
-std::optional<QImage> composite(const QImage& source, const QImage& mask);
+/// by it. With `decontaminate`, the partly covered pixels along the edge then lose the old
+/// background's share of their colour (`Decontamination::pullForeground`). Absent when the images
+/// are empty or memory runs out.
+std::optional<QImage> composite(const QImage& source, const QImage& mask, bool decontaminate = true);
 
 /// The whole cutout of `source` at its own size; absent when no subject is found or the network
 /// fails. Blocking; call it off the main thread.
