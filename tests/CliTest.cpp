@@ -336,6 +336,60 @@ TEST_F(CliTest, VersionHelpAndOptionFormsAsLinuxToolsHaveThem) {
     EXPECT_EQ(cli({QStringLiteral("process"), QStringLiteral("-j0"), a}).exitCode, 2);
 }
 
+TEST_F(CliTest, SettingsHelpComesFromTheTableAndIdleSettingsAreWarnedAbout) {
+    // Every setting, with its default as `settings` prints it, its range and the switch it needs.
+    const CliRun help = cli({QStringLiteral("help"), QStringLiteral("settings")});
+    ASSERT_EQ(help.exitCode, 0);
+    EXPECT_EQ(cli({QStringLiteral("settings"), QStringLiteral("--help")}).out, help.out);
+    const QJsonObject defaults = QJsonDocument::fromJson(cli({QStringLiteral("settings")}).out).object();
+    ASSERT_EQ(defaults.size(), 40);
+    for (const QString& name : defaults.keys())
+        EXPECT_TRUE(help.out.contains("\n  " + name.toUtf8() + ' ')) << name.toStdString();
+    EXPECT_TRUE(help.out.contains("  strokeWidth          number 0…40 px, default 14; needs stickerEnabled\n"
+                                  "      width of the sticker outline\n"))
+        << help.out.toStdString();
+    EXPECT_TRUE(
+        help.out.contains("  bgRemovalMode        white|subject, default \"white\"; needs keyWhiteEnabled"));
+    EXPECT_TRUE(help.out.contains("  mirrored             bool, default false\n"));
+    EXPECT_EQ(cli({QStringLiteral("help"), QStringLiteral("process")}).out,
+              cli({QStringLiteral("process"), QStringLiteral("--help")}).out);
+    const CliRun nothing = cli({QStringLiteral("help"), QStringLiteral("setings")});
+    EXPECT_EQ(nothing.exitCode, 2);
+    EXPECT_EQ(nothing.err.count(QLatin1Char('\n')), 1) << nothing.err.toStdString();
+
+    // A setting whose switch is off: a warning, and the same words as the result's notice; the
+    // result is still written. Switched on, or a switch itself, says nothing.
+    const QString a = savePng(m_dir, QStringLiteral("a.png"), coordinates(40, 30));
+    const CliRun idle =
+        cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("resizeWidth=20"),
+             QStringLiteral("--set"), QStringLiteral("vectorTolerance=3"), QStringLiteral("--set"),
+             QStringLiteral("vectorizeEnabled=true"), QStringLiteral("-o"), path(QStringLiteral("idle")), a});
+    ASSERT_EQ(idle.exitCode, 0) << idle.err.toStdString();
+    EXPECT_EQ(idle.err,
+              QStringLiteral("cutlark-cli: warning: resizeWidth has no effect while resizeEnabled is false\n"
+                             "cutlark-cli: warning: vectorTolerance has no effect while vectorFullColor is "
+                             "false\n"));
+    ASSERT_EQ(idle.lines.size(), 1);
+    EXPECT_EQ(idle.lines[0].value(QStringLiteral("notice")).toString(),
+              QStringLiteral("resizeWidth has no effect while resizeEnabled is false; vectorTolerance has no "
+                             "effect while vectorFullColor is false"));
+    EXPECT_EQ(idle.lines[0].value(QStringLiteral("width")).toInt(), 40);
+    const CliRun busy =
+        cli({QStringLiteral("process"), QStringLiteral("--set=resizeEnabled=true"),
+             QStringLiteral("--set=resizeWidth=20"), QStringLiteral("-o"), path(QStringLiteral("busy")), a});
+    EXPECT_EQ(busy.err, QString());
+    ASSERT_EQ(busy.lines.size(), 1);
+    EXPECT_FALSE(busy.lines[0].contains(QStringLiteral("notice")));
+    EXPECT_EQ(busy.lines[0].value(QStringLiteral("width")).toInt(), 20);
+    // Tracing turns tracing on: only full colour's own settings can be idle there.
+    const CliRun trace = cli({QStringLiteral("trace"), QStringLiteral("--set=vectorizeStyle=outline"),
+                              QStringLiteral("--set=vectorCleanup=1"), QStringLiteral("-o"),
+                              path(QStringLiteral("a.svg")), a});
+    EXPECT_EQ(
+        trace.err,
+        QStringLiteral("cutlark-cli: warning: vectorCleanup has no effect while vectorFullColor is false\n"));
+}
+
 TEST(AvailableCores, FollowsTheAffinityMask) {
     cpu_set_t before;
     ASSERT_EQ(sched_getaffinity(0, sizeof before, &before), 0);

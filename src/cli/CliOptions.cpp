@@ -1,5 +1,10 @@
 #include "cli/CliOptions.h"
 
+#include "model/Settings.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+
 #include <utility>
 
 namespace cutlark {
@@ -13,6 +18,7 @@ QString CliOptions::usage() {
         "  cutlark-cli split [-o DIR] INPUT...\n"
         "  cutlark-cli info INPUT...\n"
         "  cutlark-cli settings\n"
+        "  cutlark-cli help [COMMAND | settings]\n"
         "\n"
         "INPUT may be an image file or a folder (its images, in name order).\n"
         "process writes <stem>-out.<ext> beside each input, or into DIR, or over the input with --in-place,\n"
@@ -21,7 +27,7 @@ QString CliOptions::usage() {
         "is given; two inputs never share an output (the later one gets <stem>-out-2.<ext>). trace runs the "
         "same pipeline, then the trace the settings\n"
         "choose (silhouette, outline or full colour), and writes its SVG. Settings are named as\n"
-        "`cutlark-cli settings` lists them.\n");
+        "`cutlark-cli help settings` lists them.\n");
 }
 
 QString CliOptions::version() {
@@ -36,7 +42,7 @@ QString CliOptions::usage(Command command) {
             "Runs each image through the settings' pipeline and writes the result, printing one JSON\n"
             "object per input.\n"
             "\n"
-            "  --set NAME=VALUE    a setting (cutlark-cli settings lists them); repeatable\n"
+            "  --set NAME=VALUE    a setting (cutlark-cli help settings lists them)\n"
             "  --preset FILE.json  settings from a JSON object; --set wins over it\n"
             "  -o, --output DIR    write into DIR (made when missing) instead of beside each input\n"
             "  --in-place          write over each input (a result with transparency in a JPEG or BMP\n"
@@ -73,13 +79,38 @@ QString CliOptions::usage(Command command) {
         return QStringLiteral("Usage: cutlark-cli info INPUT...\n"
                               "Prints each image's type and size as JSON, without changing anything.\n");
     case Command::settings:
-        return QStringLiteral("Usage: cutlark-cli settings\n"
-                              "Lists every setting with its default, range, unit and meaning.\n");
+        return settingsHelp();
     case Command::help:
     case Command::version:
         break;
     }
     return usage();
+}
+
+QString CliOptions::settingsHelp() {
+    QString text = QStringLiteral(
+        "Usage: cutlark-cli settings\n"
+        "Prints every setting's default as one JSON object, usable as a preset.\n"
+        "\n"
+        "Settings are given as --set NAME=VALUE or as a preset's keys. Each is listed with its type,\n"
+        "range and unit, its default, the switch it needs to have any effect, and what it does.\n"
+        "Booleans are true or false, colours #RRGGBB or #RRGGBBAA, rectangles x,y,w,h.\n\n");
+    const QJsonObject defaults = Settings().toJson();
+    for (const SettingInfo& row : Settings::table()) {
+        const QString name = QLatin1String(row.name);
+        QString kind = QLatin1String(row.type);
+        if (row.isNumber()) {
+            kind += QStringLiteral(" %1…%2").arg(row.minimum).arg(row.maximum);
+            if (*row.unit) kind += QLatin1Char(' ') + QString::fromUtf8(row.unit);
+        }
+        QByteArray value =
+            QJsonDocument(QJsonArray{defaults.value(name)}).toJson(QJsonDocument::Compact); // [value]
+        value = value.mid(1, value.size() - 2);
+        text += QStringLiteral("  %1 %2, default %3").arg(name, -20).arg(kind, QString::fromUtf8(value));
+        if (*row.switchName) text += QStringLiteral("; needs %1").arg(QLatin1String(row.switchName));
+        text += QStringLiteral("\n      %1\n").arg(QString::fromUtf8(row.meaning));
+    }
+    return text;
 }
 
 QString CliOptions::seeHelp(Command command) {
@@ -120,6 +151,23 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
     else
         return QStringLiteral("unknown command “%1”").arg(command);
 
+    // "help COMMAND" is that command's help.
+    if (out.command == Command::help && arguments.size() > 1) {
+        static const QList<QPair<QString, Command>> commands = {
+            {QStringLiteral("process"), Command::process},
+            {QStringLiteral("trace"), Command::trace},
+            {QStringLiteral("split"), Command::split},
+            {QStringLiteral("info"), Command::info},
+            {QStringLiteral("settings"), Command::settings}};
+        for (const auto& [name, which] : commands)
+            if (arguments[1] == name) {
+                out.command = which;
+                out.help = true;
+                return std::nullopt;
+            }
+        return QStringLiteral("no help on “%1”: the commands are process, trace, split, info and settings")
+            .arg(arguments[1]);
+    }
     // A command's help, whatever else is on the line.
     for (qsizetype i = 1; i < arguments.size() && arguments[i] != QLatin1String("--"); ++i) {
         if (arguments[i] == QLatin1String("--help") || arguments[i] == QLatin1String("-h")) {

@@ -35,6 +35,8 @@ struct CliOptions {
     /// How a usage error ends: where to read more.
     static QString seeHelp(Command command);
     static QString version();
+    /// Every setting of the table: type, range, unit, default, the switch it needs, meaning.
+    static QString settingsHelp();
 };
 
 } // namespace cutlark

@@ -148,6 +148,7 @@ QString absolute(const QString& path) {
 struct RunContext {
     Settings settings;
     QStringList sizeWrites;
+    QStringList idle; ///< notices about settings given that a switch left off makes idle
     CliOptions options;
     QSet<QString> inputs;
 };
@@ -228,7 +229,9 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
     outcome.json.insert(QStringLiteral("width"), result.width());
     outcome.json.insert(QStringLiteral("height"), result.height());
     outcome.json.insert(QStringLiteral("type"), type);
-    if (model.noticeMessage()) outcome.json.insert(QStringLiteral("notice"), *model.noticeMessage());
+    QStringList notices = run.idle;
+    if (model.noticeMessage()) notices << *model.noticeMessage();
+    if (!notices.isEmpty()) outcome.json.insert(QStringLiteral("notice"), notices.join(QStringLiteral("; ")));
     if (model.subjectNotFound()) outcome.json.insert(QStringLiteral("subjectNotFound"), true);
     return outcome;
 }
@@ -368,8 +371,15 @@ int CliRunner::runInfo(const CliOptions& options) {
     return reportFailures(failures);
 }
 
+QStringList CliRunner::warnIdle(const Settings& settings, const QStringList& given) {
+    const QStringList notices = Settings::idleNotices(settings, given);
+    for (const QString& notice : notices)
+        std::fprintf(m_err, "cutlark-cli: warning: %s\n", qPrintable(notice));
+    return notices;
+}
+
 std::optional<int> CliRunner::readSettings(const CliOptions& options, Settings& settings,
-                                           QStringList& sizeWrites) {
+                                           QStringList& sizeWrites, QStringList& given) {
     if (!options.presetPath.isEmpty()) {
         QFile file(options.presetPath);
         if (!file.open(QIODevice::ReadOnly)) {
@@ -389,12 +399,14 @@ std::optional<int> CliRunner::readSettings(const CliOptions& options, Settings& 
         }
         for (const char* name : {"resizeWidth", "resizeHeight"})
             if (doc.object().contains(QLatin1String(name))) sizeWrites << QLatin1String(name);
+        given << doc.object().keys();
     }
     for (const auto& [name, value] : options.sets) {
         if (auto error = Settings::parseInto(settings, name, value)) {
             std::fprintf(m_err, "cutlark-cli: --set: %s\n", qPrintable(*error));
             return 2;
         }
+        given << name;
         if (name == QLatin1String("resizeWidth") || name == QLatin1String("resizeHeight")) {
             sizeWrites.removeAll(name);
             sizeWrites << name;
@@ -405,9 +417,10 @@ std::optional<int> CliRunner::readSettings(const CliOptions& options, Settings& 
 
 int CliRunner::runTrace(const CliOptions& options) {
     Settings settings;
-    QStringList sizeWrites;
-    if (auto code = readSettings(options, settings, sizeWrites)) return *code;
+    QStringList sizeWrites, given;
+    if (auto code = readSettings(options, settings, sizeWrites, given)) return *code;
     settings.vectorizeEnabled = true; // tracing is what was asked for
+    const QStringList idle = warnIdle(settings, given);
     const QString input = options.inputs.first();
     CropModel model;
     model.setSynchronousWork(true);
@@ -440,6 +453,7 @@ int CliRunner::runTrace(const CliOptions& options) {
         json.insert(QStringLiteral("layers"), int(model.vectorColorTrace()->layers.size()));
     else if (model.vectorTrace())
         json.insert(QStringLiteral("contours"), int(model.vectorTrace()->contours.size()));
+    if (!idle.isEmpty()) json.insert(QStringLiteral("notice"), idle.join(QStringLiteral("; ")));
     print(json);
     return 0;
 }
@@ -484,7 +498,9 @@ int CliRunner::runSplit(const CliOptions& options) {
 int CliRunner::runProcess(const CliOptions& options) {
     RunContext run;
     run.options = options;
-    if (auto code = readSettings(options, run.settings, run.sizeWrites)) return *code;
+    QStringList given;
+    if (auto code = readSettings(options, run.settings, run.sizeWrites, given)) return *code;
+    run.idle = warnIdle(run.settings, given);
     if (!options.outputDir.isEmpty() && !QFileInfo(options.outputDir).isDir()) {
         if (!QDir().mkpath(options.outputDir)) {
             std::fprintf(m_err, "cutlark-cli: can’t create the folder “%s”\n", qPrintable(options.outputDir));

@@ -23,8 +23,13 @@ private:
     int runProcess(const CliOptions& options);
     int runTrace(const CliOptions& options);
     int runSplit(const CliOptions& options);
-    /// The settings of --preset and --set, and the resize fields named (to be written again, in order).
-    std::optional<int> readSettings(const CliOptions& options, Settings& settings, QStringList& sizeWrites);
+    /// The settings of --preset and --set, the resize fields named (to be written again, in order)
+    /// and every name given.
+    std::optional<int> readSettings(const CliOptions& options, Settings& settings, QStringList& sizeWrites,
+                                    QStringList& given);
+    /// Warns on standard error about each setting given that a switch left off makes idle; the
+    /// warnings, for the JSON.
+    QStringList warnIdle(const Settings& settings, const QStringList& given);
     void print(const QJsonObject& object);
     void progress(qsizetype done, qsizetype total);
     int reportFailures(const QStringList& failures);

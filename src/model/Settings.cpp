@@ -249,8 +249,8 @@ const QStringList& Settings::names() {
 
 const std::vector<SettingInfo>& Settings::table() {
     static const std::vector<SettingInfo> rows = {
-#define CUTLARK_INFO(Type, name, Name, def, lo, hi, unit, meaning)                                           \
-    {#name, typeName(Type()), lo, hi, unit, meaning},
+#define CUTLARK_INFO(Type, name, Name, def, lo, hi, unit, meaning, switchName)                               \
+    {#name, typeName(Type()), lo, hi, unit, meaning, switchName},
         CUTLARK_SETTINGS(CUTLARK_INFO)
 #undef CUTLARK_INFO
     };
@@ -263,9 +263,26 @@ const SettingInfo* Settings::info(const QString& name) {
     return nullptr;
 }
 
+QStringList Settings::idleNotices(const Settings& settings, const QStringList& names) {
+    const QJsonObject values = settings.toJson();
+    QStringList notices;
+    for (const QString& name : names) {
+        // Up the switches: a colour layer's setting needs full colour, which needs tracing.
+        for (const SettingInfo* row = info(name); row && *row->switchName;
+             row = info(QLatin1String(row->switchName))) {
+            const QString switchName = QLatin1String(row->switchName);
+            if (values.value(switchName).toBool()) continue;
+            const QString notice = QStringLiteral("%1 has no effect while %2 is false").arg(name, switchName);
+            if (!notices.contains(notice)) notices << notice;
+            break;
+        }
+    }
+    return notices;
+}
+
 std::optional<QString> Settings::parseInto(Settings& into, const QString& name, const QString& text) {
     // Parsed into a copy, so a refused value leaves every field as it was.
-#define CUTLARK_PARSE(Type, field, Name, def, lo, hi, unit, meaning)                                         \
+#define CUTLARK_PARSE(Type, field, Name, def, lo, hi, unit, ...)                                             \
     if (name == QLatin1String(#field)) {                                                                     \
         Settings candidate = into;                                                                           \
         if (!parseValue(text, candidate.field))                                                              \

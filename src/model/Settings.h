@@ -22,51 +22,52 @@ enum class BackgroundKind { color, gradient, image };
 // the model's field enum, its setters, snapshot/apply, the sidebar's ranges, the command line's
 // --set parser, its help and `cutlark-cli settings` — is derived from this table.
 //
-// X(Type, name, Name, default, minimum, maximum, unit, meaning)
+// X(Type, name, Name, default, minimum, maximum, unit, meaning, switch)
+// `switch` names the on/off setting without which this one has no effect (empty: always has one).
 // clang-format off
 // The range applies to numbers only (the sliders' range; values outside it are refused when typed
 // or read from a preset); 0, 0 elsewhere.
 #define CUTLARK_SETTINGS(X)                                                                                \
-    X(qint64, quarterTurns, QuarterTurns, 0, 0, 3, "", "quarter turns clockwise, after the mirror (any whole number, taken modulo 4)") \
-    X(bool, mirrored, Mirrored, false, 0, 0, "", "mirror left to right before turning")                    \
-    X(bool, manualCropEnabled, ManualCropEnabled, false, 0, 0, "", "crop by hand to manualCropRect")       \
-    X(QRectF, manualCropRect, ManualCropRect, QRectF(0, 0, 1, 1), 0, 0, "", "the hand crop: x,y,w,h as fractions of the turned image") \
-    X(bool, trimEnabled, TrimEnabled, false, 0, 0, "", "trim to the artwork's box")                        \
-    X(double, threshold, Threshold, 25, 0, 100, "%", "how far from white and transparent a pixel must be to count as artwork") \
-    X(bool, keyWhiteEnabled, KeyWhiteEnabled, false, 0, 0, "", "remove the background")                    \
-    X(BGRemovalMode, bgRemovalMode, BgRemovalMode, BGRemovalMode::white, 0, 0, "", "white: key out a white background; subject: cut out the subject of a photograph") \
-    X(double, keyThreshold, KeyThreshold, 30, 0, 100, "%", "how far from white a pixel may be and still be keyed out") \
-    X(bool, keyInternal, KeyInternal, false, 0, 0, "", "key out enclosed white too, not only the background around the subject") \
-    X(bool, stickerEnabled, StickerEnabled, false, 0, 0, "", "a white sticker outline with a soft shadow") \
-    X(double, strokeWidth, StrokeWidth, 14, 0, 40, "px", "width of the sticker outline")                   \
-    X(bool, paddingEnabled, PaddingEnabled, false, 0, 0, "", "transparent padding around the picture")    \
-    X(bool, paddingUniform, PaddingUniform, true, 0, 0, "", "the same padding on every side")             \
-    X(double, padAmount, PadAmount, 40, 0, 512, "px", "padding on every side")                             \
-    X(double, padTop, PadTop, 40, 0, 512, "px", "padding at the top")                                      \
-    X(double, padRight, PadRight, 40, 0, 512, "px", "padding on the right")                                \
-    X(double, padBottom, PadBottom, 40, 0, 512, "px", "padding at the bottom")                             \
-    X(double, padLeft, PadLeft, 40, 0, 512, "px", "padding on the left")                                   \
-    X(bool, backgroundEnabled, BackgroundEnabled, false, 0, 0, "", "lay a background behind the picture") \
-    X(BackgroundKind, backgroundKind, BackgroundKind, BackgroundKind::color, 0, 0, "", "color, gradient or image") \
-    X(QColor, backgroundColor, BackgroundColor, QColor::fromRgbF(1, 1, 1, 1), 0, 0, "", "the background colour, #RRGGBB or #RRGGBBAA") \
-    X(QColor, gradientStart, GradientStart, QColor::fromRgbF(0.53f, 0.81f, 0.98f, 1), 0, 0, "", "the gradient's first colour") \
-    X(QColor, gradientEnd, GradientEnd, QColor::fromRgbF(0.15f, 0.39f, 0.78f, 1), 0, 0, "", "the gradient's last colour") \
-    X(double, gradientAngle, GradientAngle, 90, 0, 360, "°", "direction of the gradient, clockwise on screen") \
-    X(QImage, backgroundImage, BackgroundImage, QImage(), 0, 0, "", "the background picture (comes with backgroundImageURL)") \
-    X(QString, backgroundImageURL, BackgroundImageURL, QString(), 0, 0, "", "the background picture's file") \
-    X(bool, resizeEnabled, ResizeEnabled, false, 0, 0, "", "resize the result, or its canvas")            \
-    X(double, resizeWidth, ResizeWidth, 1024, 1, 100000, "px", "width of the result")                      \
-    X(double, resizeHeight, ResizeHeight, 1024, 1, 100000, "px", "height of the result")                   \
-    X(bool, resizeLockAspect, ResizeLockAspect, true, 0, 0, "", "keep the proportion: a width sets the height and back") \
-    X(bool, resizeCanvas, ResizeCanvas, false, 0, 0, "", "change the canvas to the size without scaling")  \
-    X(bool, vectorizeEnabled, VectorizeEnabled, false, 0, 0, "", "trace the result into SVG")              \
-    X(VectorizeStyle, vectorizeStyle, VectorizeStyle, VectorizeStyle::silhouette, 0, 0, "", "silhouette or outline") \
-    X(double, vectorStrokeWidth, VectorStrokeWidth, 3, 0.5, 12, "‰", "the outline's stroke, in thousandths of the long side") \
-    X(bool, vectorFullColor, VectorFullColor, false, 0, 0, "", "trace every flat colour into a layer of its own") \
-    X(double, vectorTolerance, VectorTolerance, 45, 0, 100, "", "how far colours may differ and still make one layer") \
-    X(double, vectorMinFeature, VectorMinFeature, 0, 0, 100, "", "smallest colour region kept, on a logarithmic scale from 0.003 % to 0.38 % of the picture") \
-    X(double, vectorDenoise, VectorDenoise, 2, 1, 3, "passes", "median passes over the picture before colour tracing") \
-    X(double, vectorCleanup, VectorCleanup, 3, 0, 10, "passes", "clean-up passes over the colour regions (0: none)")
+    X(qint64, quarterTurns, QuarterTurns, 0, 0, 3, "", "quarter turns clockwise, after the mirror (any whole number, taken modulo 4)", "") \
+    X(bool, mirrored, Mirrored, false, 0, 0, "", "mirror left to right before turning", "")                    \
+    X(bool, manualCropEnabled, ManualCropEnabled, false, 0, 0, "", "crop by hand to manualCropRect", "")       \
+    X(QRectF, manualCropRect, ManualCropRect, QRectF(0, 0, 1, 1), 0, 0, "", "the hand crop: x,y,w,h as fractions of the turned image", "manualCropEnabled") \
+    X(bool, trimEnabled, TrimEnabled, false, 0, 0, "", "trim to the artwork's box", "")                        \
+    X(double, threshold, Threshold, 25, 0, 100, "%", "how far from white and transparent a pixel must be to count as artwork", "trimEnabled") \
+    X(bool, keyWhiteEnabled, KeyWhiteEnabled, false, 0, 0, "", "remove the background", "")                    \
+    X(BGRemovalMode, bgRemovalMode, BgRemovalMode, BGRemovalMode::white, 0, 0, "", "white: key out a white background; subject: cut out the subject of a photograph", "keyWhiteEnabled") \
+    X(double, keyThreshold, KeyThreshold, 30, 0, 100, "%", "how far from white a pixel may be and still be keyed out", "keyWhiteEnabled") \
+    X(bool, keyInternal, KeyInternal, false, 0, 0, "", "key out enclosed white too, not only the background around the subject", "keyWhiteEnabled") \
+    X(bool, stickerEnabled, StickerEnabled, false, 0, 0, "", "a white sticker outline with a soft shadow", "") \
+    X(double, strokeWidth, StrokeWidth, 14, 0, 40, "px", "width of the sticker outline", "stickerEnabled")                   \
+    X(bool, paddingEnabled, PaddingEnabled, false, 0, 0, "", "transparent padding around the picture", "")    \
+    X(bool, paddingUniform, PaddingUniform, true, 0, 0, "", "the same padding on every side", "paddingEnabled")             \
+    X(double, padAmount, PadAmount, 40, 0, 512, "px", "padding on every side", "paddingEnabled")                             \
+    X(double, padTop, PadTop, 40, 0, 512, "px", "padding at the top", "paddingEnabled")                                      \
+    X(double, padRight, PadRight, 40, 0, 512, "px", "padding on the right", "paddingEnabled")                                \
+    X(double, padBottom, PadBottom, 40, 0, 512, "px", "padding at the bottom", "paddingEnabled")                             \
+    X(double, padLeft, PadLeft, 40, 0, 512, "px", "padding on the left", "paddingEnabled")                                   \
+    X(bool, backgroundEnabled, BackgroundEnabled, false, 0, 0, "", "lay a background behind the picture", "") \
+    X(BackgroundKind, backgroundKind, BackgroundKind, BackgroundKind::color, 0, 0, "", "color, gradient or image", "backgroundEnabled") \
+    X(QColor, backgroundColor, BackgroundColor, QColor::fromRgbF(1, 1, 1, 1), 0, 0, "", "the background colour, #RRGGBB or #RRGGBBAA", "backgroundEnabled") \
+    X(QColor, gradientStart, GradientStart, QColor::fromRgbF(0.53f, 0.81f, 0.98f, 1), 0, 0, "", "the gradient's first colour", "backgroundEnabled") \
+    X(QColor, gradientEnd, GradientEnd, QColor::fromRgbF(0.15f, 0.39f, 0.78f, 1), 0, 0, "", "the gradient's last colour", "backgroundEnabled") \
+    X(double, gradientAngle, GradientAngle, 90, 0, 360, "°", "direction of the gradient, clockwise on screen", "backgroundEnabled") \
+    X(QImage, backgroundImage, BackgroundImage, QImage(), 0, 0, "", "the background picture (comes with backgroundImageURL)", "backgroundEnabled") \
+    X(QString, backgroundImageURL, BackgroundImageURL, QString(), 0, 0, "", "the background picture's file", "backgroundEnabled") \
+    X(bool, resizeEnabled, ResizeEnabled, false, 0, 0, "", "resize the result, or its canvas", "")            \
+    X(double, resizeWidth, ResizeWidth, 1024, 1, 100000, "px", "width of the result", "resizeEnabled")                      \
+    X(double, resizeHeight, ResizeHeight, 1024, 1, 100000, "px", "height of the result", "resizeEnabled")                   \
+    X(bool, resizeLockAspect, ResizeLockAspect, true, 0, 0, "", "keep the proportion: a width sets the height and back", "resizeEnabled") \
+    X(bool, resizeCanvas, ResizeCanvas, false, 0, 0, "", "change the canvas to the size without scaling", "resizeEnabled")  \
+    X(bool, vectorizeEnabled, VectorizeEnabled, false, 0, 0, "", "trace the result into SVG", "")              \
+    X(VectorizeStyle, vectorizeStyle, VectorizeStyle, VectorizeStyle::silhouette, 0, 0, "", "silhouette or outline", "vectorizeEnabled") \
+    X(double, vectorStrokeWidth, VectorStrokeWidth, 3, 0.5, 12, "‰", "the outline's stroke, in thousandths of the long side", "vectorizeEnabled") \
+    X(bool, vectorFullColor, VectorFullColor, false, 0, 0, "", "trace every flat colour into a layer of its own", "vectorizeEnabled") \
+    X(double, vectorTolerance, VectorTolerance, 45, 0, 100, "", "how far colours may differ and still make one layer", "vectorFullColor") \
+    X(double, vectorMinFeature, VectorMinFeature, 0, 0, 100, "", "smallest colour region kept, on a logarithmic scale from 0.003 % to 0.38 % of the picture", "vectorFullColor") \
+    X(double, vectorDenoise, VectorDenoise, 2, 1, 3, "passes", "median passes over the picture before colour tracing", "vectorFullColor") \
+    X(double, vectorCleanup, VectorCleanup, 3, 0, 10, "passes", "clean-up passes over the colour regions (0: none)", "vectorFullColor")
 // clang-format on
 
 /// One row of the table, readable at run time: for help texts, validation and the sidebar's ranges.
@@ -77,6 +78,7 @@ struct SettingInfo {
     double maximum;
     const char* unit; ///< "px", "%", "°", "‰", "passes", or empty
     const char* meaning;
+    const char* switchName; ///< the on/off setting this one needs, or empty
     bool isNumber() const { return minimum != maximum; }
 };
 
@@ -106,6 +108,11 @@ struct Settings {
 
     /// Reads a JSON object of field names to values (strings, numbers or booleans) into `into`.
     static std::optional<QString> parseJsonInto(Settings& into, const QJsonObject& object);
+
+    /// For each of `names` that can have no effect in `settings` because a switch it needs is off
+    /// (its own, or the one that switch needs in turn), a notice saying so: "resizeWidth has no
+    /// effect while resizeEnabled is false". Unknown names and repeats are passed over.
+    static QStringList idleNotices(const Settings& settings, const QStringList& names);
 
     /// The settings as JSON, every field by name (`backgroundImage` as its size, or null).
     QJsonObject toJson() const;
