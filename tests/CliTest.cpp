@@ -31,7 +31,7 @@ struct CliRun {
 
 CliRun cli(const QStringList& arguments,
            const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment(),
-           qint64 addressSpaceLimit = 0) {
+           qint64 addressSpaceLimit = 0, const QByteArray& input = QByteArray()) {
     QProcess p;
     p.setProcessEnvironment(environment);
     if (addressSpaceLimit > 0) {
@@ -41,6 +41,10 @@ CliRun cli(const QStringList& arguments,
         });
     }
     p.start(QStringLiteral(CUTLARK_CLI_PATH), arguments);
+    if (p.waitForStarted(120000)) {
+        p.write(input);
+        p.closeWriteChannel();
+    }
     p.waitForFinished(120000);
     CliRun run;
     run.exitCode = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
@@ -52,6 +56,11 @@ CliRun cli(const QStringList& arguments,
         if (doc.isObject()) run.lines << doc.object();
     }
     return run;
+}
+
+// The same, with `input` on standard input.
+CliRun piped(const QStringList& arguments, const QByteArray& input) {
+    return cli(arguments, QProcessEnvironment::systemEnvironment(), 0, input);
 }
 
 class CliTest : public ::testing::Test {
@@ -245,6 +254,78 @@ TEST_F(CliTest, TraceWritesTheSvgTheSettingsChoose) {
     ASSERT_EQ(run.exitCode, 0);
     EXPECT_EQ(run.lines[0].value(QStringLiteral("layers")).toInt(), 2);
     EXPECT_TRUE(readBytes(path(QStringLiteral("c.svg"))).contains("<path fill=\"#000000\""));
+}
+
+TEST_F(CliTest, StandardStreamsCarryOnePictureInAndItsResultOut) {
+    QImage page = solid(90, 60, Qt::white);
+    for (int y = 20; y < 40; ++y)
+        for (int x = 30; x < 70; ++x)
+            page.setPixelColor(x, y, Qt::black);
+    const QString in = savePng(m_dir, QStringLiteral("shape.png"), page);
+    const QByteArray bytes = readBytes(in);
+    const QString trim = QStringLiteral("--set=trimEnabled=true");
+
+    // process - --stdout: the same bytes as the file written from the file; the JSON on stderr.
+    const CliRun file =
+        cli({QStringLiteral("process"), trim, QStringLiteral("-o"), path(QStringLiteral("f")), in});
+    ASSERT_EQ(file.exitCode, 0) << file.err.toStdString();
+    const QByteArray written = readBytes(path(QStringLiteral("f/shape-out.png")));
+    ASSERT_FALSE(written.isEmpty());
+    const CliRun stream =
+        piped({QStringLiteral("process"), trim, QStringLiteral("-"), QStringLiteral("--stdout")}, bytes);
+    ASSERT_EQ(stream.exitCode, 0) << stream.err.toStdString();
+    EXPECT_EQ(stream.out, written);
+    const QJsonObject report = QJsonDocument::fromJson(stream.err.toUtf8()).object();
+    EXPECT_EQ(report.value(QStringLiteral("input")).toString(), QStringLiteral("-"));
+    EXPECT_EQ(report.value(QStringLiteral("output")).toString(), QStringLiteral("-"));
+    EXPECT_EQ(report.value(QStringLiteral("width")).toInt(), 40);
+    // "-o -" is the same as --stdout, from a file too; nothing named "-" appears.
+    const CliRun dash = cli({QStringLiteral("process"), trim, QStringLiteral("-o"), QStringLiteral("-"), in});
+    EXPECT_EQ(dash.out, written);
+    EXPECT_FALSE(QFileInfo::exists(QStringLiteral("-")));
+    // Standard input into a folder is called stdin-out.<its type>.
+    const CliRun intoFolder = piped({QStringLiteral("process"), trim, QStringLiteral("-o"),
+                                     path(QStringLiteral("s")), QStringLiteral("-")},
+                                    bytes);
+    ASSERT_EQ(intoFolder.exitCode, 0) << intoFolder.err.toStdString();
+    EXPECT_EQ(readBytes(path(QStringLiteral("s/stdin-out.png"))), written);
+
+    // trace --stdout writes the SVG there; -o into a missing folder makes it.
+    const CliRun svgFile =
+        cli({QStringLiteral("trace"), QStringLiteral("-o"), path(QStringLiteral("new/deeper/t.svg")), in});
+    ASSERT_EQ(svgFile.exitCode, 0) << svgFile.err.toStdString();
+    const QByteArray svg = readBytes(path(QStringLiteral("new/deeper/t.svg")));
+    EXPECT_TRUE(svg.startsWith("<?xml"));
+    const CliRun svgStream =
+        piped({QStringLiteral("trace"), QStringLiteral("--stdout"), QStringLiteral("-")}, bytes);
+    ASSERT_EQ(svgStream.exitCode, 0) << svgStream.err.toStdString();
+    EXPECT_EQ(svgStream.out, svg);
+    EXPECT_TRUE(svgStream.err.contains(QStringLiteral("\"output\":\"-\"")));
+
+    // What can't work says so in one line, before reading anything.
+    const auto usageError = [](const CliRun& run) {
+        return run.exitCode == 2 && run.out.isEmpty() && run.err.count(QLatin1Char('\n')) == 1;
+    };
+    EXPECT_TRUE(usageError(piped({QStringLiteral("process"), QStringLiteral("-")}, bytes)));
+    EXPECT_TRUE(usageError(
+        cli({QStringLiteral("process"), QStringLiteral("--stdout"), in, in + QStringLiteral("x")})));
+    EXPECT_TRUE(usageError(
+        cli({QStringLiteral("process"), QStringLiteral("--stdout"), QStringLiteral("--in-place"), in})));
+    EXPECT_TRUE(usageError(cli({QStringLiteral("split"), QStringLiteral("-o"), QStringLiteral("-"), in})));
+    EXPECT_TRUE(usageError(cli(
+        {QStringLiteral("process"), QStringLiteral("--stdout"), QStringLiteral("-"), QStringLiteral("-")})));
+    const CliRun two = cli({QStringLiteral("process"), QStringLiteral("--stdout"), in,
+                            savePng(m_dir, QStringLiteral("other.png"), page)});
+    EXPECT_EQ(two.exitCode, 2);
+    EXPECT_TRUE(two.out.isEmpty()) << "nothing half-sent";
+    const CliRun empty =
+        piped({QStringLiteral("process"), QStringLiteral("-"), QStringLiteral("--stdout")}, QByteArray());
+    EXPECT_EQ(empty.exitCode, 1);
+    EXPECT_EQ(empty.err, QStringLiteral("cutlark-cli: -: standard input is empty\n"));
+    const CliRun garbage =
+        piped({QStringLiteral("process"), QStringLiteral("-"), QStringLiteral("--stdout")}, "not a picture");
+    EXPECT_EQ(garbage.exitCode, 1);
+    EXPECT_TRUE(garbage.out.isEmpty());
 }
 
 TEST_F(CliTest, TraceFailsWithTheStatusText) {

@@ -13,14 +13,14 @@ QString CliOptions::usage() {
     return QStringLiteral(
         "Usage:\n"
         "  cutlark-cli process [--set NAME=VALUE]... [--preset FILE.json] [-o DIR | --in-place] "
-        "[--overwrite] [--jobs N] INPUT...\n"
-        "  cutlark-cli trace [--set NAME=VALUE]... [--preset FILE.json] -o OUT.svg INPUT\n"
+        "[--overwrite] [--jobs N] [--stdout] INPUT...\n"
+        "  cutlark-cli trace [--set NAME=VALUE]... [--preset FILE.json] (-o OUT.svg | --stdout) INPUT\n"
         "  cutlark-cli split [-o DIR] INPUT...\n"
         "  cutlark-cli info INPUT...\n"
         "  cutlark-cli settings\n"
         "  cutlark-cli help [COMMAND | settings]\n"
         "\n"
-        "INPUT may be an image file or a folder (its images, in name order).\n"
+        "INPUT may be an image file, a folder (its images, in name order) or - for standard input.\n"
         "process writes <stem>-out.<ext> beside each input, or into DIR, or over the input with --in-place,\n"
         "and prints one JSON object per input. A result that exists already is left alone unless "
         "--overwrite\n"
@@ -48,11 +48,19 @@ QString CliOptions::usage(Command command) {
             "  --in-place          write over each input (a result with transparency in a JPEG or BMP\n"
             "                      goes to a PNG beside it)\n"
             "  --overwrite         replace results that exist already\n"
+            "  --stdout, -o -      write the one result to standard output (the JSON then goes to\n"
+            "                      standard error)\n"
             "  -j, --jobs N        images at once (default: the cores this process may use)\n"
+            "\n"
+            "INPUT \"-\" reads one image from standard input; its result needs --stdout or -o DIR\n"
+            "(where it is called stdin-out.<ext>).\n"
             "\n"
             "Examples:\n"
             "  cutlark-cli process --set keyWhiteEnabled=true --set trimEnabled=true photos/\n"
-            "  cutlark-cli process --preset sticker.json -o out/ -j4 *.png\n");
+            "  cutlark-cli process --preset sticker.json -o out/ -j4 *.png\n"
+            "  curl -s https://example.com/logo.png | cutlark-cli process --set trimEnabled=true - --stdout "
+            "> "
+            "logo.png\n");
     case Command::trace:
         return QStringLiteral(
             "Usage: cutlark-cli trace [OPTION]... -o OUT.svg INPUT\n"
@@ -61,10 +69,15 @@ QString CliOptions::usage(Command command) {
             "\n"
             "  --set NAME=VALUE    a setting; repeatable\n"
             "  --preset FILE.json  settings from a JSON object\n"
-            "  -o, --output FILE   the SVG to write\n"
+            "  -o, --output FILE   the SVG to write (its folder is made when missing)\n"
+            "  --stdout, -o -      write the SVG to standard output (the JSON then goes to standard\n"
+            "                      error)\n"
             "\n"
-            "Example:\n"
-            "  cutlark-cli trace --set vectorFullColor=true -o logo.svg logo.png\n");
+            "INPUT \"-\" reads the image from standard input.\n"
+            "\n"
+            "Examples:\n"
+            "  cutlark-cli trace --set vectorFullColor=true -o logo.svg logo.png\n"
+            "  cutlark-cli trace --stdout - < logo.png > logo.svg\n");
     case Command::split:
         return QStringLiteral(
             "Usage: cutlark-cli split [-o DIR] INPUT...\n"
@@ -232,12 +245,28 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
             out.inPlace = true;
         } else if (a == QLatin1String("--overwrite")) {
             out.overwrite = true;
+        } else if (a == QLatin1String("--stdout")) {
+            out.toStdout = true;
         } else {
             return QStringLiteral("unknown option “%1”").arg(a);
         }
     }
+    if (out.outputDir == QLatin1String("-")) { // "-o -" is standard output, not a folder named "-"
+        out.outputDir.clear();
+        out.toStdout = true;
+    }
+    if (out.toStdout && out.command == Command::split)
+        return QStringLiteral("split writes a file for each piece; --stdout isn’t for it");
+    if (out.toStdout && out.inPlace) return QStringLiteral("--stdout and --in-place exclude each other");
+    if (out.toStdout && !out.outputDir.isEmpty())
+        return QStringLiteral("--stdout and -o DIR exclude each other");
     if (out.inPlace && !out.outputDir.isEmpty())
         return QStringLiteral("-o and --in-place exclude each other");
+    if (out.inputs.count(QStringLiteral("-")) > 1)
+        return QStringLiteral("standard input (“-”) can be read only once");
+    if (out.command == Command::process && out.inputs.contains(QStringLiteral("-")) && !out.toStdout &&
+        out.outputDir.isEmpty())
+        return QStringLiteral("the result of standard input (“-”) needs --stdout or -o DIR");
     if (out.command != Command::settings && out.command != Command::help && out.command != Command::version &&
         out.inputs.isEmpty())
         return QStringLiteral("no input given");
@@ -245,7 +274,8 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
         return QStringLiteral("split takes only -o DIR: the pieces come from the untouched source");
     if (out.command == Command::trace) {
         if (out.inputs.size() != 1) return QStringLiteral("trace takes one input");
-        if (out.outputDir.isEmpty()) return QStringLiteral("trace needs -o OUT.svg");
+        if (out.outputDir.isEmpty() && !out.toStdout)
+            return QStringLiteral("trace needs -o OUT.svg or --stdout");
         out.svgPath = std::exchange(out.outputDir, QString()); // trace's -o names a file, not a folder
         if (out.inPlace || out.jobs != 0) return QStringLiteral("trace takes neither --in-place nor --jobs");
     }

@@ -20,6 +20,7 @@ struct CliOptions {
     QString svgPath;                     ///< -o OUT.svg (trace)
     bool inPlace = false;                ///< --in-place
     bool overwrite = false;              ///< --overwrite: replace results that exist already
+    bool toStdout = false;               ///< --stdout or -o -: the one result to standard output
     int jobs = 0;                        ///< --jobs N; 0 until given: the cores this process may use
     bool help = false;                   ///< --help after a command: that command's help
     QStringList inputs;

@@ -9,6 +9,7 @@
 #include "support/MemoryBudget.h"
 #include "support/NaturalOrder.h"
 #include "support/OrderedWork.h"
+#include "support/PrivateDir.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -16,6 +17,7 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QMimeDatabase>
 #include <QSet>
 
 #include <unistd.h>
@@ -280,13 +282,74 @@ QStringList expandInputs(const QStringList& inputs) {
     return out;
 }
 
+// More than any picture cutlark opens is stored in.
+constexpr qint64 kMaxStandardInput = qint64(1) << 30;
+
 } // namespace
 
-void CliRunner::print(const QJsonObject& object) {
+/// A private folder for the run's own files (standard input's picture, a result on its way to
+/// standard output), removed with everything in it when the run ends.
+class CliRunner::ScratchFolder {
+public:
+    ScratchFolder() = default;
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+    ~ScratchFolder() {
+        if (!m_path.isEmpty()) PrivateDir::remove(m_path);
+    }
+    /// The folder, made on first use; empty when it can't be.
+    const QString& path() {
+        if (m_path.isEmpty()) m_path = PrivateDir::create(QStringLiteral("cutlark-cli"));
+        return m_path;
+    }
+
+private:
+    QString m_path;
+};
+
+std::optional<int> CliRunner::takeStandardInput(QStringList& inputs, ScratchFolder& scratch, QString& copy) {
+    const qsizetype at = inputs.indexOf(QStringLiteral("-"));
+    if (at < 0) return std::nullopt;
+    QFile in;
+    if (!in.open(stdin, QIODevice::ReadOnly)) {
+        std::fprintf(m_err, "cutlark-cli: can’t read standard input\n");
+        return 1;
+    }
+    QByteArray bytes;
+    for (;;) {
+        const QByteArray chunk = in.read(1 << 20);
+        if (chunk.isEmpty()) break;
+        bytes += chunk;
+        if (bytes.size() > kMaxStandardInput) {
+            std::fprintf(m_err,
+                         "cutlark-cli: standard input holds more than 1 GB; give the picture as a file\n");
+            return 1;
+        }
+    }
+    if (bytes.isEmpty()) {
+        std::fprintf(m_err, "cutlark-cli: -: standard input is empty\n");
+        return 1;
+    }
+    // Named for what it holds, so the result keeps its type as a file's would.
+    QString extension = ImageFile::preferredExtension(QMimeDatabase().mimeTypeForData(bytes).name());
+    if (extension.isEmpty()) extension = QStringLiteral("bin");
+    const QString folder = scratch.path();
+    const QString name = QStringLiteral("stdin.") + extension;
+    if (folder.isEmpty() || !PrivateDir::writeNew(folder, name, bytes)) {
+        std::fprintf(m_err, "cutlark-cli: can’t keep standard input in a private temporary folder\n");
+        return 1;
+    }
+    copy = QDir(folder).filePath(name);
+    inputs[at] = copy;
+    return std::nullopt;
+}
+
+void CliRunner::print(const QJsonObject& object, FILE* to) {
+    if (!to) to = m_out;
     const QByteArray line = QJsonDocument(object).toJson(QJsonDocument::Compact);
-    std::fwrite(line.constData(), 1, size_t(line.size()), m_out);
-    std::fputc('\n', m_out);
-    std::fflush(m_out);
+    std::fwrite(line.constData(), 1, size_t(line.size()), to);
+    std::fputc('\n', to);
+    std::fflush(to);
 }
 
 void CliRunner::progress(qsizetype done, qsizetype total) {
@@ -357,16 +420,22 @@ int CliRunner::runSettings() {
 
 int CliRunner::runInfo(const CliOptions& options) {
     QStringList failures;
-    const QStringList inputs = expandInputs(options.inputs);
+    ScratchFolder scratch;
+    QString stdinCopy;
+    QStringList given = options.inputs;
+    if (auto code = takeStandardInput(given, scratch, stdinCopy)) return *code;
+    const QStringList inputs = expandInputs(given);
     if (inputs.isEmpty()) {
         std::fprintf(m_err, "cutlark-cli: No supported images found.\n");
         return 1;
     }
     for (const QString& input : inputs) {
-        const Outcome o = infoOne(input);
+        Outcome o = infoOne(input);
+        const QString shown = input == stdinCopy ? QStringLiteral("-") : input;
+        o.json.insert(QStringLiteral("input"), shown);
         print(o.json);
         if (o.failed)
-            failures << input + QStringLiteral(": ") + o.json.value(QStringLiteral("error")).toString();
+            failures << shown + QStringLiteral(": ") + o.json.value(QStringLiteral("error")).toString();
     }
     return reportFailures(failures);
 }
@@ -421,12 +490,17 @@ int CliRunner::runTrace(const CliOptions& options) {
     if (auto code = readSettings(options, settings, sizeWrites, given)) return *code;
     settings.vectorizeEnabled = true; // tracing is what was asked for
     const QStringList idle = warnIdle(settings, given);
-    const QString input = options.inputs.first();
+    ScratchFolder scratch;
+    QString stdinCopy;
+    QStringList inputs = options.inputs;
+    if (auto code = takeStandardInput(inputs, scratch, stdinCopy)) return *code;
+    const QString input = inputs.first();
+    const QString shownInput = input == stdinCopy ? QStringLiteral("-") : input;
     CropModel model;
     model.setSynchronousWork(true);
     model.open({input});
     if (model.items().empty()) {
-        std::fprintf(m_err, "cutlark-cli: failed: %s: %s\n", qPrintable(input),
+        std::fprintf(m_err, "cutlark-cli: failed: %s: %s\n", qPrintable(shownInput),
                      qPrintable(model.errorMessage().value_or(QStringLiteral("can’t open"))));
         return 1;
     }
@@ -436,16 +510,32 @@ int CliRunner::runTrace(const CliOptions& options) {
     const auto svg = model.currentSVG();
     if (!svg) {
         const QString status = model.vectorStatusText().value_or(QStringLiteral("No output."));
-        std::fprintf(m_err, "cutlark-cli: failed: %s: %s\n", qPrintable(input), qPrintable(status));
+        std::fprintf(m_err, "cutlark-cli: failed: %s: %s\n", qPrintable(shownInput), qPrintable(status));
         return 1;
     }
-    if (!AtomicFile::write(options.svgPath, svg->toUtf8())) {
-        std::fprintf(m_err, "cutlark-cli: failed: %s: Couldn’t write to “%s”.\n", qPrintable(input),
-                     qPrintable(QFileInfo(options.svgPath).fileName()));
-        return 1;
+    if (options.toStdout) {
+        const QByteArray bytes = svg->toUtf8();
+        if (std::fwrite(bytes.constData(), 1, size_t(bytes.size()), m_out) != size_t(bytes.size()) ||
+            std::fflush(m_out) != 0) {
+            std::fprintf(m_err, "cutlark-cli: failed: %s: couldn’t write the SVG to standard output\n",
+                         qPrintable(shownInput));
+            return 1;
+        }
+    } else {
+        // A missing folder is made, as process -o makes its own.
+        const QString folder = QFileInfo(options.svgPath).absolutePath();
+        if (!QFileInfo(folder).isDir() && !QDir().mkpath(folder)) {
+            std::fprintf(m_err, "cutlark-cli: can’t create the folder “%s”\n", qPrintable(folder));
+            return 2;
+        }
+        if (!AtomicFile::write(options.svgPath, svg->toUtf8())) {
+            std::fprintf(m_err, "cutlark-cli: failed: %s: Couldn’t write to “%s”.\n", qPrintable(shownInput),
+                         qPrintable(QFileInfo(options.svgPath).fileName()));
+            return 1;
+        }
     }
-    QJsonObject json{{QStringLiteral("input"), input},
-                     {QStringLiteral("output"), options.svgPath},
+    QJsonObject json{{QStringLiteral("input"), shownInput},
+                     {QStringLiteral("output"), options.toStdout ? QStringLiteral("-") : options.svgPath},
                      {QStringLiteral("width"), model.processedImage().width()},
                      {QStringLiteral("height"), model.processedImage().height()},
                      {QStringLiteral("type"), QStringLiteral("image/svg+xml")}};
@@ -454,7 +544,7 @@ int CliRunner::runTrace(const CliOptions& options) {
     else if (model.vectorTrace())
         json.insert(QStringLiteral("contours"), int(model.vectorTrace()->contours.size()));
     if (!idle.isEmpty()) json.insert(QStringLiteral("notice"), idle.join(QStringLiteral("; ")));
-    print(json);
+    print(json, options.toStdout ? m_err : m_out);
     return 0;
 }
 
@@ -495,12 +585,24 @@ int CliRunner::runSplit(const CliOptions& options) {
     return reportFailures(failures);
 }
 
-int CliRunner::runProcess(const CliOptions& options) {
+int CliRunner::runProcess(const CliOptions& asked) {
+    CliOptions options = asked;
     RunContext run;
-    run.options = options;
     QStringList given;
     if (auto code = readSettings(options, run.settings, run.sizeWrites, given)) return *code;
     run.idle = warnIdle(run.settings, given);
+    ScratchFolder scratch;
+    QString stdinCopy;
+    if (auto code = takeStandardInput(options.inputs, scratch, stdinCopy)) return *code;
+    if (options.toStdout) {
+        // The result is written as any other, into the private folder, then sent on.
+        options.outputDir = scratch.path();
+        if (options.outputDir.isEmpty()) {
+            std::fprintf(m_err, "cutlark-cli: can’t make a private temporary folder\n");
+            return 1;
+        }
+    }
+    run.options = options;
     if (!options.outputDir.isEmpty() && !QFileInfo(options.outputDir).isDir()) {
         if (!QDir().mkpath(options.outputDir)) {
             std::fprintf(m_err, "cutlark-cli: can’t create the folder “%s”\n", qPrintable(options.outputDir));
@@ -536,6 +638,11 @@ int CliRunner::runProcess(const CliOptions& options) {
         std::fprintf(m_err, "cutlark-cli: No supported images found.\n");
         return 1;
     }
+    if (options.toStdout && inputs.size() != 1) {
+        std::fprintf(m_err, "cutlark-cli: --stdout takes one image, and %lld were given; %s\n",
+                     static_cast<long long>(inputs.size()), qPrintable(CliOptions::seeHelp(options.command)));
+        return 2;
+    }
     for (const QString& input : std::as_const(inputs))
         run.inputs.insert(absolute(input));
     const std::vector<Plan> plans = planOutputs(inputs, options, forcePngPossible);
@@ -563,10 +670,24 @@ int CliRunner::runProcess(const CliOptions& options) {
     });
     QStringList failures;
     for (qsizetype i = 0; i < total; ++i) {
-        const Outcome o = *work.next();
-        print(o.json);
+        Outcome o = *work.next();
+        const QString input = inputs[i] == stdinCopy ? QStringLiteral("-") : inputs[i];
+        if (input != inputs[i]) o.json.insert(QStringLiteral("input"), input);
+        if (options.toStdout && !o.failed) {
+            QFile result(o.json.value(QStringLiteral("output")).toString());
+            const QByteArray bytes = result.open(QIODevice::ReadOnly) ? result.readAll() : QByteArray();
+            if (bytes.isEmpty() ||
+                std::fwrite(bytes.constData(), 1, size_t(bytes.size()), m_out) != size_t(bytes.size()) ||
+                std::fflush(m_out) != 0) {
+                o.failed = true;
+                o.json.insert(QStringLiteral("error"),
+                              QStringLiteral("couldn’t write the result to standard output"));
+            }
+            o.json.insert(QStringLiteral("output"), QStringLiteral("-"));
+        }
+        print(o.json, options.toStdout ? m_err : m_out);
         if (o.failed)
-            failures << inputs[i] + QStringLiteral(": ") + o.json.value(QStringLiteral("error")).toString();
+            failures << input + QStringLiteral(": ") + o.json.value(QStringLiteral("error")).toString();
         progress(i + 1, total);
     }
     return reportFailures(failures);

@@ -30,7 +30,12 @@ private:
     /// Warns on standard error about each setting given that a switch left off makes idle; the
     /// warnings, for the JSON.
     QStringList warnIdle(const Settings& settings, const QStringList& given);
-    void print(const QJsonObject& object);
+    class ScratchFolder;
+    /// Replaces the input "-" with a private copy of standard input (`copy`); an exit code when
+    /// standard input can't be had.
+    std::optional<int> takeStandardInput(QStringList& inputs, ScratchFolder& scratch, QString& copy);
+    /// One JSON line to standard output, or to `to`.
+    void print(const QJsonObject& object, FILE* to = nullptr);
     void progress(qsizetype done, qsizetype total);
     int reportFailures(const QStringList& failures);
 
