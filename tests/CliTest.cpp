@@ -9,10 +9,12 @@
 #include <QJsonObject>
 #include <QPainter>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QStandardPaths>
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <sched.h>
 
 #include <sys/resource.h>
@@ -326,6 +328,87 @@ TEST_F(CliTest, StandardStreamsCarryOnePictureInAndItsResultOut) {
         piped({QStringLiteral("process"), QStringLiteral("-"), QStringLiteral("--stdout")}, "not a picture");
     EXPECT_EQ(garbage.exitCode, 1);
     EXPECT_TRUE(garbage.out.isEmpty());
+}
+
+TEST_F(CliTest, OnATerminalTheBarStartsAtZeroAndGivesWayToEachLine) {
+    // util-linux's script gives the program a terminal for both streams, as a person's shell does.
+    if (QStandardPaths::findExecutable(QStringLiteral("script")).isEmpty()) GTEST_SKIP() << "no script(1)";
+    QStringList inputs;
+    for (int i = 0; i < 3; ++i)
+        inputs << savePng(m_dir, QStringLiteral("p%1.png").arg(i), coordinates(30 + i, 20));
+    QString command = QStringLiteral(CUTLARK_CLI_PATH " process -j2 -o ") + path(QStringLiteral("out"));
+    for (const QString& input : inputs)
+        command += QLatin1Char(' ') + input;
+    QProcess p;
+    p.start(QStringLiteral("script"), {QStringLiteral("-qec"), command, QStringLiteral("/dev/null")});
+    ASSERT_TRUE(p.waitForFinished(120000));
+    ASSERT_EQ(p.exitCode(), 0);
+    const QByteArray screen = p.readAllStandardOutput();
+    EXPECT_TRUE(screen.startsWith("\r[                              ] 0/3")) << screen.toStdString();
+    EXPECT_EQ(screen.count("\r\033[K{\"height\""), 3) << "each line starts on a cleared line";
+    EXPECT_FALSE(
+        QRegularExpression(QStringLiteral("\\] \\d+/3\\{")).match(QString::fromUtf8(screen)).hasMatch())
+        << "a line never glued to the bar";
+    EXPECT_TRUE(screen.contains("] 3/3")) << screen.toStdString();
+}
+
+TEST_F(CliTest, ErrorsSayWhyAndWhere) {
+    const QString good = savePng(m_dir, QStringLiteral("good.png"), coordinates(200, 200));
+    writeBytes(path(QStringLiteral("notes.png")), "just some words, not a picture\n");
+    writeBytes(path(QStringLiteral("empty.jpg")), "");
+    const CliRun run = cli({QStringLiteral("process"), QStringLiteral("-o"), path(QStringLiteral("out")),
+                            path(QStringLiteral("missing.png")), path(QStringLiteral("notes.png")),
+                            path(QStringLiteral("empty.jpg")), good});
+    EXPECT_EQ(run.exitCode, 1);
+    ASSERT_EQ(run.lines.size(), 4);
+    EXPECT_EQ(run.lines[0].value(QStringLiteral("error")).toString(),
+              QStringLiteral("1 file couldn’t be opened."))
+        << "the model's own message stays the error";
+    EXPECT_EQ(run.err, QStringLiteral("cutlark-cli: %1: no such file\n"
+                                      "cutlark-cli: %2: not an image type cutlark opens (text/plain)\n"
+                                      "cutlark-cli: %3: an empty file\n")
+                           .arg(path(QStringLiteral("missing.png")), path(QStringLiteral("notes.png")),
+                                path(QStringLiteral("empty.jpg"))));
+
+    // A preset's JSON error points at its line and column; a key that can't be used is named.
+    writeBytes(path(QStringLiteral("bad.json")), "{\n  \"threshold\": 30\n  \"trimEnabled\": true\n}\n");
+    EXPECT_EQ(
+        cli({QStringLiteral("process"), QStringLiteral("--preset"), path(QStringLiteral("bad.json")), good})
+            .err,
+        QStringLiteral("cutlark-cli: %1:3:4: unterminated object\n").arg(path(QStringLiteral("bad.json"))));
+    writeBytes(path(QStringLiteral("picture.json")), "{\"backgroundImage\": \"sky.png\"}");
+    const CliRun picture = cli(
+        {QStringLiteral("process"), QStringLiteral("--preset"), path(QStringLiteral("picture.json")), good});
+    EXPECT_EQ(picture.exitCode, 2);
+    EXPECT_TRUE(
+        picture.err.contains(QStringLiteral("“backgroundImage” can’t be given: name the picture’s file as "
+                                            "backgroundImageURL")))
+        << picture.err.toStdString();
+    EXPECT_EQ(
+        cli({QStringLiteral("process"), QStringLiteral("--set=backgroundImage=sky.png"), good}).exitCode, 2);
+
+    // A full disk (here a file size limit) names the file and the system's reason. Noise, so that
+    // the result can't be compressed under the limit.
+    QImage noise(200, 200, QImage::Format_RGB32);
+    quint32 seed = 12345;
+    for (int y = 0; y < 200; ++y)
+        for (int x = 0; x < 200; ++x)
+            noise.setPixel(x, y, (seed = seed * 1664525u + 1013904223u) >> 8);
+    const QString big = savePng(m_dir, QStringLiteral("big.png"), noise);
+    QProcess p;
+    p.setChildProcessModifier([] {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{2048, 2048};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    });
+    p.start(QStringLiteral(CUTLARK_CLI_PATH),
+            {QStringLiteral("process"), QStringLiteral("-o"), path(QStringLiteral("full")), big});
+    ASSERT_TRUE(p.waitForFinished(120000));
+    EXPECT_EQ(p.exitCode(), 1);
+    EXPECT_EQ(QString::fromUtf8(p.readAllStandardError()),
+              QStringLiteral("cutlark-cli: %1: can’t write %2: File too large\n")
+                  .arg(big, path(QStringLiteral("full/big-out.png"))));
+    EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("full/big-out.png"))));
 }
 
 TEST_F(CliTest, TraceFailsWithTheStatusText) {

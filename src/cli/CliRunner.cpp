@@ -22,6 +22,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <exception>
 #include <optional>
 #include <thread>
@@ -155,6 +157,36 @@ struct RunContext {
     QSet<QString> inputs;
 };
 
+/// Why `path` didn't open, in a person's words, when something plainer than a damaged picture is
+/// the cause; empty otherwise.
+QString whyNotOpened(const QString& path) {
+    const QFileInfo info(path);
+    if (!info.exists()) return QStringLiteral("no such file");
+    if (info.isDir()) return QStringLiteral("a folder with no image cutlark opens");
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) return QStringLiteral("can’t be read: %1").arg(file.errorString());
+    if (file.size() == 0) return QStringLiteral("an empty file");
+    const QMimeType content = QMimeDatabase().mimeTypeForData(&file);
+    for (const QString& type : ImageFile::acceptedTypes())
+        if (ImageFile::conforms(content.name(), type)) return QString();
+    return QStringLiteral("not an image type cutlark opens (%1)").arg(content.name());
+}
+
+/// Marks `outcome` failed with the model's `error`; `reason` says more for the person, when known.
+void failOpening(Outcome& outcome, const QString& input, const QString& error) {
+    outcome.failed = true;
+    outcome.json.insert(QStringLiteral("error"), error);
+    const QString reason = whyNotOpened(input);
+    if (!reason.isEmpty()) outcome.json.insert(QStringLiteral("reason"), reason);
+}
+
+/// "input: why", for the failures named at the end of a run.
+QString failureLine(const QString& input, const QJsonObject& json) {
+    const QString reason = json.value(QStringLiteral("reason")).toString();
+    return input + QStringLiteral(": ") +
+           (reason.isEmpty() ? json.value(QStringLiteral("error")).toString() : reason);
+}
+
 Outcome processOne(const Plan& plan, const RunContext& run) {
     const CliOptions& options = run.options;
     const QString& input = plan.input;
@@ -183,7 +215,10 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
     if (memory) model.setLoadOptions(ImageFile::LoadOptions{false});
 
     model.open({input});
-    if (model.items().empty()) return fail(model.errorMessage().value_or(QStringLiteral("can’t open")));
+    if (model.items().empty()) {
+        failOpening(outcome, input, model.errorMessage().value_or(QStringLiteral("can’t open")));
+        return outcome;
+    }
     model.applySettings(run.settings);
     // Sizes given by name are written again, as a person would type them, so that a locked aspect
     // follows the image as it stands before the resize.
@@ -227,7 +262,13 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
         panels.setChosen(target);
         model.saveAsNewFile();
     }
-    if (model.errorMessage()) return fail(*model.errorMessage());
+    if (model.errorMessage()) {
+        const QString why = AtomicFile::lastError();
+        if (!why.isEmpty())
+            outcome.json.insert(QStringLiteral("reason"),
+                                QStringLiteral("can’t write %1: %2").arg(target, why));
+        return fail(*model.errorMessage());
+    }
     outcome.json.insert(QStringLiteral("width"), result.width());
     outcome.json.insert(QStringLiteral("height"), result.height());
     outcome.json.insert(QStringLiteral("type"), type);
@@ -245,9 +286,7 @@ Outcome infoOne(const QString& input) {
     model.open({input});
     const CropModel::Item* item = model.active();
     if (!item) {
-        outcome.failed = true;
-        outcome.json.insert(QStringLiteral("error"),
-                            model.errorMessage().value_or(QStringLiteral("can’t open")));
+        failOpening(outcome, input, model.errorMessage().value_or(QStringLiteral("can’t open")));
         return outcome;
     }
     outcome.json.insert(QStringLiteral("width"), double(item->buffer.width()));
@@ -346,6 +385,7 @@ std::optional<int> CliRunner::takeStandardInput(QStringList& inputs, ScratchFold
 
 void CliRunner::print(const QJsonObject& object, FILE* to) {
     if (!to) to = m_out;
+    clearProgress();
     const QByteArray line = QJsonDocument(object).toJson(QJsonDocument::Compact);
     std::fwrite(line.constData(), 1, size_t(line.size()), to);
     std::fputc('\n', to);
@@ -359,14 +399,25 @@ void CliRunner::progress(qsizetype done, qsizetype total) {
     std::fprintf(m_err, "\r[%s%s] %lld/%lld", QByteArray(filled, '#').constData(),
                  QByteArray(width - filled, ' ').constData(), static_cast<long long>(done),
                  static_cast<long long>(total));
-    if (done == total) std::fputc('\n', m_err);
+    m_barShown = true;
+    if (done == total) {
+        std::fputc('\n', m_err);
+        m_barShown = false;
+    }
     std::fflush(m_err);
+}
+
+void CliRunner::clearProgress() {
+    if (!m_barShown) return;
+    std::fputs("\r\033[K", m_err); // back to the line's start and erase it, for the line to come
+    std::fflush(m_err);
+    m_barShown = false;
 }
 
 int CliRunner::reportFailures(const QStringList& failures) {
     if (failures.isEmpty()) return 0;
     for (const QString& f : failures)
-        std::fprintf(m_err, "cutlark-cli: failed: %s\n", qPrintable(f));
+        std::fprintf(m_err, "cutlark-cli: %s\n", qPrintable(f));
     return 1;
 }
 
@@ -434,8 +485,7 @@ int CliRunner::runInfo(const CliOptions& options) {
         const QString shown = input == stdinCopy ? QStringLiteral("-") : input;
         o.json.insert(QStringLiteral("input"), shown);
         print(o.json);
-        if (o.failed)
-            failures << shown + QStringLiteral(": ") + o.json.value(QStringLiteral("error")).toString();
+        if (o.failed) failures << failureLine(shown, o.json);
     }
     return reportFailures(failures);
 }
@@ -452,23 +502,34 @@ std::optional<int> CliRunner::readSettings(const CliOptions& options, Settings& 
     if (!options.presetPath.isEmpty()) {
         QFile file(options.presetPath);
         if (!file.open(QIODevice::ReadOnly)) {
-            std::fprintf(m_err, "cutlark-cli: can’t read the preset “%s”\n", qPrintable(options.presetPath));
+            std::fprintf(m_err, "cutlark-cli: can’t read the preset %s: %s\n", qPrintable(options.presetPath),
+                         qPrintable(file.errorString()));
             return 2;
         }
+        const QByteArray text = file.readAll();
         QJsonParseError parseError;
-        const QJsonDocument doc = QJsonDocument::fromJson(file.readAll(), &parseError);
+        const QJsonDocument doc = QJsonDocument::fromJson(text, &parseError);
+        if (parseError.error != QJsonParseError::NoError) {
+            // Where, as an editor counts: line and column from 1.
+            const QByteArray before = text.left(parseError.offset);
+            const qsizetype line = before.count('\n') + 1;
+            const qsizetype column = parseError.offset - (before.lastIndexOf('\n') + 1) + 1;
+            std::fprintf(m_err, "cutlark-cli: %s:%lld:%lld: %s\n", qPrintable(options.presetPath),
+                         static_cast<long long>(line), static_cast<long long>(column),
+                         qPrintable(parseError.errorString()));
+            return 2;
+        }
         if (!doc.isObject()) {
-            std::fprintf(m_err, "cutlark-cli: the preset “%s” isn’t a JSON object: %s\n",
-                         qPrintable(options.presetPath), qPrintable(parseError.errorString()));
+            std::fprintf(m_err, "cutlark-cli: %s: a preset is a JSON object of setting names and values\n",
+                         qPrintable(options.presetPath));
             return 2;
         }
         if (auto error = Settings::parseJsonInto(settings, doc.object())) {
-            std::fprintf(m_err, "cutlark-cli: preset: %s\n", qPrintable(*error));
+            std::fprintf(m_err, "cutlark-cli: %s: %s\n", qPrintable(options.presetPath), qPrintable(*error));
             return 2;
         }
         for (const char* name : {"resizeWidth", "resizeHeight"})
             if (doc.object().contains(QLatin1String(name))) sizeWrites << QLatin1String(name);
-        given << doc.object().keys();
     }
     for (const auto& [name, value] : options.sets) {
         if (auto error = Settings::parseInto(settings, name, value)) {
@@ -500,8 +561,11 @@ int CliRunner::runTrace(const CliOptions& options) {
     model.setSynchronousWork(true);
     model.open({input});
     if (model.items().empty()) {
-        std::fprintf(m_err, "cutlark-cli: failed: %s: %s\n", qPrintable(shownInput),
-                     qPrintable(model.errorMessage().value_or(QStringLiteral("can’t open"))));
+        const QString reason = whyNotOpened(input);
+        std::fprintf(m_err, "cutlark-cli: %s: %s\n", qPrintable(shownInput),
+                     qPrintable(!reason.isEmpty()
+                                    ? reason
+                                    : model.errorMessage().value_or(QStringLiteral("can’t open"))));
         return 1;
     }
     model.applySettings(settings);
@@ -510,14 +574,14 @@ int CliRunner::runTrace(const CliOptions& options) {
     const auto svg = model.currentSVG();
     if (!svg) {
         const QString status = model.vectorStatusText().value_or(QStringLiteral("No output."));
-        std::fprintf(m_err, "cutlark-cli: failed: %s: %s\n", qPrintable(shownInput), qPrintable(status));
+        std::fprintf(m_err, "cutlark-cli: %s: %s\n", qPrintable(shownInput), qPrintable(status));
         return 1;
     }
     if (options.toStdout) {
         const QByteArray bytes = svg->toUtf8();
         if (std::fwrite(bytes.constData(), 1, size_t(bytes.size()), m_out) != size_t(bytes.size()) ||
             std::fflush(m_out) != 0) {
-            std::fprintf(m_err, "cutlark-cli: failed: %s: couldn’t write the SVG to standard output\n",
+            std::fprintf(m_err, "cutlark-cli: %s: couldn’t write the SVG to standard output\n",
                          qPrintable(shownInput));
             return 1;
         }
@@ -529,8 +593,8 @@ int CliRunner::runTrace(const CliOptions& options) {
             return 2;
         }
         if (!AtomicFile::write(options.svgPath, svg->toUtf8())) {
-            std::fprintf(m_err, "cutlark-cli: failed: %s: Couldn’t write to “%s”.\n", qPrintable(shownInput),
-                         qPrintable(QFileInfo(options.svgPath).fileName()));
+            std::fprintf(m_err, "cutlark-cli: %s: can’t write %s: %s\n", qPrintable(shownInput),
+                         qPrintable(options.svgPath), qPrintable(AtomicFile::lastError()));
             return 1;
         }
     }
@@ -669,8 +733,13 @@ int CliRunner::runProcess(const CliOptions& asked) {
         }
     });
     QStringList failures;
+    // The bar counts images finished in any order, redrawn while the next one in order is awaited.
+    progress(0, total);
     for (qsizetype i = 0; i < total; ++i) {
-        Outcome o = *work.next();
+        std::optional<Outcome> next;
+        while (!(next = work.next(std::chrono::milliseconds(250))))
+            progress(work.finished(), total);
+        Outcome o = std::move(*next);
         const QString input = inputs[i] == stdinCopy ? QStringLiteral("-") : inputs[i];
         if (input != inputs[i]) o.json.insert(QStringLiteral("input"), input);
         if (options.toStdout && !o.failed) {
@@ -686,9 +755,8 @@ int CliRunner::runProcess(const CliOptions& asked) {
             o.json.insert(QStringLiteral("output"), QStringLiteral("-"));
         }
         print(o.json, options.toStdout ? m_err : m_out);
-        if (o.failed)
-            failures << input + QStringLiteral(": ") + o.json.value(QStringLiteral("error")).toString();
-        progress(i + 1, total);
+        if (o.failed) failures << failureLine(input, o.json);
+        progress(std::max<qsizetype>(work.finished(), i + 1), total);
     }
     return reportFailures(failures);
 }

@@ -24,10 +24,11 @@ private:
     int runTrace(const CliOptions& options);
     int runSplit(const CliOptions& options);
     /// The settings of --preset and --set, the resize fields named (to be written again, in order)
-    /// and every name given.
+    /// and every name given with --set.
     std::optional<int> readSettings(const CliOptions& options, Settings& settings, QStringList& sizeWrites,
                                     QStringList& given);
-    /// Warns on standard error about each setting given that a switch left off makes idle; the
+    /// Warns on standard error about each setting given with --set that a switch left off makes idle
+    /// (a preset is a whole snapshot, idle settings and all, and isn't warned about); the
     /// warnings, for the JSON.
     QStringList warnIdle(const Settings& settings, const QStringList& given);
     class ScratchFolder;
@@ -36,11 +37,15 @@ private:
     std::optional<int> takeStandardInput(QStringList& inputs, ScratchFolder& scratch, QString& copy);
     /// One JSON line to standard output, or to `to`.
     void print(const QJsonObject& object, FILE* to = nullptr);
+    /// The bar on standard error, when it is a terminal: done of total.
     void progress(qsizetype done, qsizetype total);
+    /// Takes the bar away so that a line printed next starts clean.
+    void clearProgress();
     int reportFailures(const QStringList& failures);
 
     FILE* m_out;
     FILE* m_err;
+    bool m_barShown = false;
 };
 
 } // namespace cutlark

@@ -145,6 +145,10 @@ bool parseValue(const QString& text, VectorizeStyle& out) {
 }
 
 // The picture itself can't be written as text; it comes with its path.
+QString pictureByItself() {
+    return QStringLiteral("“backgroundImage” can’t be given: name the picture’s file as backgroundImageURL");
+}
+
 bool parseValue(const QString&, QImage&) {
     return false;
 }
@@ -292,6 +296,7 @@ std::optional<QString> Settings::parseInto(Settings& into, const QString& name, 
         into = candidate;                                                                                    \
         return std::nullopt;                                                                                 \
     }
+    if (name == QLatin1String("backgroundImage")) return pictureByItself();
     CUTLARK_SETTINGS(CUTLARK_PARSE)
 #undef CUTLARK_PARSE
     return QStringLiteral("unknown setting “%1”").arg(name);
@@ -305,8 +310,12 @@ std::optional<QString> Settings::parseJsonInto(Settings& into, const QJsonObject
     for (const QString& name : names()) {
         if (!object.contains(name)) continue;
         const QJsonValue v = object.value(name);
-        // The picture is written as its size only; it comes back through its path.
-        if (name == QLatin1String("backgroundImage")) continue;
+        // The picture is written as its size only; it comes back through its path. A file named
+        // here instead would be silently lost: say where it goes.
+        if (name == QLatin1String("backgroundImage")) {
+            if (v.isString()) return pictureByItself();
+            continue;
+        }
         if (v.isNull()) {
             if (name == QLatin1String("backgroundImageURL")) {
                 into.backgroundImageURL.clear();

@@ -13,6 +13,10 @@ namespace cutlark::AtomicFile {
 /// file is left behind. A `path` that names a folder, or lies in a folder that doesn't exist, fails.
 bool write(const QString& path, const QByteArray& bytes);
 
+/// Why this thread's last `write` failed, in the system's words ("No space left on device");
+/// empty after a success.
+QString lastError();
+
 /// The steps of a write that can be made to fail, for tests that prove nothing is lost: creating the
 /// temporary file, writing the bytes, flushing them to disk, and renaming over the target.
 enum class Step { open, write, sync, rename };
