@@ -442,16 +442,24 @@ TEST_F(CliTest, SplitWritesThePiecesAndInfoListsThem) {
     EXPECT_EQ(info.lines[0].value(QStringLiteral("collageRects")).toArray(),
               (QJsonArray{QJsonArray{99, 10, 91, 80}, QJsonArray{10, 10, 89, 80}}));
 
-    const CliRun run = cli({QStringLiteral("split"), QStringLiteral("-o"), path(QStringLiteral("pieces")), in,
-                            savePng(m_dir, QStringLiteral("single.png"), coordinates(40, 40))});
-    EXPECT_EQ(run.exitCode, 1) << "the second input is no collage";
-    ASSERT_EQ(run.lines.size(), 2);
+    const QString single = savePng(m_dir, QStringLiteral("single.png"), coordinates(40, 40));
+    const QString other = savePng(m_dir, QStringLiteral("other.png"), coordinates(30, 40));
+    const CliRun run = cli(
+        {QStringLiteral("split"), QStringLiteral("-o"), path(QStringLiteral("pieces")), in, single, other});
+    EXPECT_EQ(run.exitCode, 0) << "every input was read; pictures that are whole aren't failures";
+    ASSERT_EQ(run.lines.size(), 3);
     EXPECT_EQ(
         run.lines[0].value(QStringLiteral("pieces")).toArray(),
         (QJsonArray{path(QStringLiteral("pieces/pair-1.png")), path(QStringLiteral("pieces/pair-2.png"))}));
     EXPECT_EQ(ImageFile::load(path(QStringLiteral("pieces/pair-1.png")))->image.size(), QSize(91, 80));
-    EXPECT_EQ(run.lines[1].value(QStringLiteral("error")).toString(), QStringLiteral("not a collage"));
-    EXPECT_TRUE(run.err.contains(QStringLiteral("single.png")));
+    EXPECT_EQ(run.lines[1].value(QStringLiteral("notice")).toString(), QStringLiteral("not a collage"));
+    EXPECT_FALSE(run.lines[1].contains(QStringLiteral("error")));
+    EXPECT_EQ(run.err,
+              QStringLiteral("cutlark-cli: not collages, left as they are: %1, %2\n").arg(single, other))
+        << "listed once, together";
+    writeBytes(path(QStringLiteral("broken.png")), "\x89PNG\r\n\x1a\n");
+    const CliRun broken = cli({QStringLiteral("split"), path(QStringLiteral("broken.png")), single});
+    EXPECT_EQ(broken.exitCode, 1) << "an input that can't be read is a failure";
 }
 
 TEST_F(CliTest, VersionHelpAndOptionFormsAsLinuxToolsHaveThem) {

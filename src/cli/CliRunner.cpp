@@ -618,34 +618,41 @@ int CliRunner::runSplit(const CliOptions& options) {
         std::fprintf(m_err, "cutlark-cli: can’t create the folder “%s”\n", qPrintable(options.outputDir));
         return 2;
     }
-    QStringList failures;
+    QStringList failures, single;
     for (const QString& input : expandInputs(options.inputs)) {
         QJsonObject json{{QStringLiteral("input"), input}};
         CropModel model;
         CliPanels panels(options.outputDir);
         model.setPanels(&panels);
         model.open({input});
-        QString error;
-        if (model.items().empty())
-            error = model.errorMessage().value_or(QStringLiteral("can’t open"));
-        else if (model.collageRects().size() < 2)
-            error = QStringLiteral("not a collage");
-        else {
-            model.splitCollage();
-            if (model.errorMessage()) error = *model.errorMessage();
-        }
-        if (!error.isEmpty()) {
-            json.insert(QStringLiteral("error"), error);
-            failures << input + QStringLiteral(": ") + error;
+        if (model.items().empty()) {
+            Outcome o;
+            failOpening(o, input, model.errorMessage().value_or(QStringLiteral("can’t open")));
+            json = o.json;
+            failures << failureLine(input, json);
+        } else if (model.collageRects().size() < 2) {
+            // Read and found whole: nothing to split, nothing failed.
+            json.insert(QStringLiteral("notice"), QStringLiteral("not a collage"));
+            json.insert(QStringLiteral("pieces"), QJsonArray());
+            single << input;
         } else {
-            QJsonArray pieces;
-            for (const auto& item : model.items())
-                pieces.append(item.url);
-            json.insert(QStringLiteral("pieces"), pieces);
-            if (model.noticeMessage()) json.insert(QStringLiteral("notice"), *model.noticeMessage());
+            model.splitCollage();
+            if (model.errorMessage()) {
+                json.insert(QStringLiteral("error"), *model.errorMessage());
+                failures << failureLine(input, json);
+            } else {
+                QJsonArray pieces;
+                for (const auto& item : model.items())
+                    pieces.append(item.url);
+                json.insert(QStringLiteral("pieces"), pieces);
+                if (model.noticeMessage()) json.insert(QStringLiteral("notice"), *model.noticeMessage());
+            }
         }
         print(json);
     }
+    if (!single.isEmpty())
+        std::fprintf(m_err, "cutlark-cli: not collages, left as they are: %s\n",
+                     qPrintable(single.join(QStringLiteral(", "))));
     return reportFailures(failures);
 }
 
