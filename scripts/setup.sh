@@ -49,4 +49,7 @@ fi
 if [ ! -f "$build_dir/build.ninja" ]; then
     cmake -S "$here" -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=Release
 fi
-cmake --build "$build_dir" --parallel "$(nproc)"
+# CUTLARK_TARGETS names what to build (./run.sh: only the two programs); everything by default.
+targets=()
+for t in ${CUTLARK_TARGETS:-}; do targets+=(--target "$t"); done
+cmake --build "$build_dir" --parallel "$(nproc)" "${targets[@]}"
