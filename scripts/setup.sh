@@ -19,6 +19,7 @@ packages=(
     liblcms2-dev                              # the colour oracle the colour tests compare with
     libbenchmark-dev                          # the micro-benchmarks in bench/
     breeze-icon-theme                         # fallback icon theme for the window
+    dpkg-dev appstream groff-base             # the .deb's dependencies; checking metainfo and man pages
     python3-onnx                              # converts the subject network to fp32 once
 )
 

@@ -21,13 +21,12 @@ QString CliOptions::usage() {
         "  cutlark-cli help [COMMAND | settings]\n"
         "\n"
         "INPUT may be an image file, a folder (its images, in name order) or - for standard input.\n"
-        "process writes <stem>-out.<ext> beside each input, or into DIR, or over the input with --in-place,\n"
-        "and prints one JSON object per input. A result that exists already is left alone unless "
-        "--overwrite\n"
-        "is given; two inputs never share an output (the later one gets <stem>-out-2.<ext>). trace runs the "
-        "same pipeline, then the trace the settings\n"
-        "choose (silhouette, outline or full colour), and writes its SVG. Settings are named as\n"
-        "`cutlark-cli help settings` lists them.\n");
+        "process writes <stem>-out.<ext> beside each input, or into DIR, or over the input with\n"
+        "--in-place, and prints one JSON object per input. A result that exists already is left alone\n"
+        "unless --overwrite is given; two inputs never share an output (the later one gets\n"
+        "<stem>-out-2.<ext>). trace runs the same pipeline, then the trace the settings choose\n"
+        "(silhouette, outline or full colour), and writes its SVG. Settings are named as\n"
+        "`cutlark-cli help settings` lists them; `cutlark-cli COMMAND --help` tells more.\n");
 }
 
 QString CliOptions::version() {

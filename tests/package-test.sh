@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Builds the .deb, unpacks it into a throwaway root and checks what a user gets from it: both
+# programs answer from there, the man pages render without warnings, the metainfo validates and
+# the bash completion offers commands and setting names.
+# Usage: package-test.sh BUILD_DIR
+set -euo pipefail
+build="$1"
+work="$(mktemp -d)"
+trap 'rm -rf "$work"' EXIT
+fail() { echo "package test: $*" >&2; exit 1; }
+
+(cd "$build" && cpack -B "$work/out" >"$work/cpack.log" 2>&1) || { cat "$work/cpack.log" >&2; fail "cpack failed"; }
+deb="$(ls "$work"/out/*.deb)"
+depends="$(dpkg-deb -f "$deb" Depends)"
+for lib in libqt6widgets6 libheif1 libjpeg62-turbo libopencv-core406; do
+    [[ "$depends" == *"$lib"* ]] || fail "Depends lacks $lib: $depends"
+done
+dpkg-deb -c "$deb" | grep -q 'isnet-medium' && fail "the network went into the package"
+dpkg -x "$deb" "$work/root"
+root="$work/root/usr"
+
+[ "$("$root/bin/cutlark-cli" --version)" = "$("$build/cutlark-cli" --version)" ] || fail "cutlark-cli --version"
+QT_QPA_PLATFORM=offscreen "$root/bin/cutlark" --version | grep -q '^cutlark ' || fail "cutlark --version"
+
+for page in cutlark cutlark-cli; do
+    warnings="$(groff -k -man -ww -z "$root/share/man/man1/$page.1" 2>&1)"
+    [ -z "$warnings" ] || fail "$page.1: $warnings"
+done
+grep -q 'stdout' "$root/share/man/man1/cutlark-cli.1" || fail "the man page lacks the process options"
+grep -q 'resizeWidth' "$root/share/man/man1/cutlark-cli.1" || fail "the man page lacks the settings"
+
+appstreamcli validate --no-net "$root/share/metainfo/io.github.cutlark.Cutlark.metainfo.xml" >/dev/null ||
+    fail "the metainfo doesn't validate"
+[ -f "$root/share/doc/cutlark/LICENSE" ] || fail "no LICENSE"
+
+# What the completion offers after "cutlark-cli process --set resiz".
+offered="$(bash -c '
+    source "$1"
+    COMP_WORDS=(cutlark-cli process --set resiz); COMP_CWORD=3
+    _cutlark_cli; echo "${COMPREPLY[*]}"
+    COMP_WORDS=(cutlark-cli pro); COMP_CWORD=1
+    _cutlark_cli; echo "${COMPREPLY[*]}"' _ "$root/share/bash-completion/completions/cutlark-cli")"
+[ "$offered" = "resizeEnabled= resizeWidth= resizeHeight= resizeLockAspect= resizeCanvas=
+process" ] || fail "completion offered: $offered"
+echo "package test: $(basename "$deb") ok"
