@@ -3,14 +3,18 @@
 #include "model/ImageFile.h"
 #include "support/AvailableCores.h"
 
+#include <QDir>
+#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QMap>
 #include <QPainter>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QStandardPaths>
+#include <QThread>
 
 #include <gtest/gtest.h>
 
@@ -409,6 +413,99 @@ TEST_F(CliTest, ErrorsSayWhyAndWhere) {
               QStringLiteral("cutlark-cli: %1: can’t write %2: File too large\n")
                   .arg(big, path(QStringLiteral("full/big-out.png"))));
     EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("full/big-out.png"))));
+}
+
+TEST_F(CliTest, ShardsPartitionTheBatchAndAResumedRunFinishesWhatAKilledOneLeft) {
+    QDir(m_dir.path()).mkdir(QStringLiteral("in"));
+    QStringList names;
+    for (int i = 0; i < 12; ++i) {
+        names << QStringLiteral("p%1.png").arg(i);
+        savePng(m_dir, QStringLiteral("in/") + names.back(), coordinates(60 + i, 40));
+    }
+    const QString in = path(QStringLiteral("in"));
+    const QStringList look = {QStringLiteral("process"), QStringLiteral("--set=stickerEnabled=true"),
+                              QStringLiteral("--jobs=1")};
+    const auto outputs = [&](const QString& folder) {
+        QMap<QString, QByteArray> files;
+        for (const QFileInfo& f : QDir(path(folder)).entryInfoList(QDir::Files))
+            files.insert(f.fileName(), readBytes(f.filePath()));
+        return files;
+    };
+    const CliRun whole = cli(look + QStringList{QStringLiteral("-o"), path(QStringLiteral("one")), in});
+    ASSERT_EQ(whole.exitCode, 0) << whole.err.toStdString();
+    ASSERT_EQ(outputs(QStringLiteral("one")).size(), 12);
+
+    // Three slices: disjoint, together everything, and the same bytes as one run.
+    QStringList seen;
+    QMap<int, QStringList> slices;
+    for (int k = 0; k < 3; ++k) {
+        const CliRun run = cli(look + QStringList{QStringLiteral("--shard"), QStringLiteral("%1/3").arg(k),
+                                                  QStringLiteral("-o"), path(QStringLiteral("sliced")), in});
+        ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
+        for (const QJsonObject& line : run.lines)
+            slices[k] << QFileInfo(line.value(QStringLiteral("input")).toString()).fileName();
+        seen << slices[k];
+    }
+    seen.sort();
+    QStringList all = names;
+    all.sort();
+    EXPECT_EQ(seen, all) << "each input in exactly one slice";
+    EXPECT_EQ(outputs(QStringLiteral("sliced")), outputs(QStringLiteral("one")));
+    // Adding inputs moves none of the others to another slice.
+    savePng(m_dir, QStringLiteral("in/added.png"), coordinates(30, 30));
+    const CliRun again = cli(look + QStringList{QStringLiteral("--shard=1/3"), QStringLiteral("-o"),
+                                                path(QStringLiteral("again")), in});
+    QStringList after;
+    for (const QJsonObject& line : again.lines)
+        after << QFileInfo(line.value(QStringLiteral("input")).toString()).fileName();
+    after.removeAll(QStringLiteral("added.png"));
+    EXPECT_EQ(after, slices[1]);
+    QFile::remove(path(QStringLiteral("in/added.png")));
+
+    // Killed part-way (as soon as the manifest holds a line), then resumed: the union is the one
+    // run's bytes, and no input is recorded done twice.
+    const QString manifest = path(QStringLiteral("done.jsonl"));
+    QProcess p;
+    p.start(QStringLiteral(CUTLARK_CLI_PATH),
+            look + QStringList{QStringLiteral("--manifest"), manifest, QStringLiteral("-o"),
+                               path(QStringLiteral("killed")), in});
+    ASSERT_TRUE(p.waitForStarted());
+    QElapsedTimer waited;
+    waited.start();
+    while (QFileInfo(manifest).size() == 0 && waited.elapsed() < 60000 && p.state() == QProcess::Running)
+        QThread::msleep(2);
+    ::kill(pid_t(p.processId()), SIGKILL);
+    p.waitForFinished();
+    const CliRun resumed = cli(look + QStringList{QStringLiteral("--resume"), manifest, QStringLiteral("-o"),
+                                                  path(QStringLiteral("killed")), in});
+    ASSERT_EQ(resumed.exitCode, 0) << resumed.err.toStdString();
+    int skipped = 0;
+    for (const QJsonObject& line : resumed.lines)
+        skipped += line.value(QStringLiteral("skipped")).toString() == QLatin1String("done");
+    EXPECT_GE(skipped, 1) << "what the killed run recorded isn't done again";
+    EXPECT_EQ(outputs(QStringLiteral("killed")), outputs(QStringLiteral("one")));
+    QMap<QString, int> doneCount;
+    for (const QByteArray& line : readBytes(manifest).split('\n')) {
+        const QJsonObject o = QJsonDocument::fromJson(line).object();
+        if (o.value(QStringLiteral("status")).toString() == QLatin1String("done"))
+            ++doneCount[o.value(QStringLiteral("input")).toString()];
+    }
+    EXPECT_EQ(doneCount.size(), 12);
+    for (auto it = doneCount.cbegin(); it != doneCount.cend(); ++it)
+        EXPECT_EQ(it.value(), 1) << it.key().toStdString();
+
+    // Other settings are other work: nothing is skipped.
+    const CliRun other =
+        cli({QStringLiteral("process"), QStringLiteral("--set=paddingEnabled=true"),
+             QStringLiteral("--resume"), manifest, QStringLiteral("-o"), path(QStringLiteral("other")), in});
+    for (const QJsonObject& line : other.lines)
+        EXPECT_FALSE(line.contains(QStringLiteral("skipped")));
+    EXPECT_EQ(outputs(QStringLiteral("other")).size(), 12);
+    // Slices that make no sense are usage errors.
+    for (const char* bad : {"3/3", "-1/3", "1/0", "a/b", "1", "+1/3"})
+        EXPECT_EQ(
+            cli({QStringLiteral("process"), QStringLiteral("--shard"), QLatin1String(bad), in}).exitCode, 2)
+            << bad;
 }
 
 TEST_F(CliTest, TraceFailsWithTheStatusText) {

@@ -50,6 +50,12 @@ QString CliOptions::usage(Command command) {
             "  --stdout, -o -      write the one result to standard output (the JSON then goes to\n"
             "                      standard error)\n"
             "  -j, --jobs N        images at once (default: the cores this process may use)\n"
+            "  --shard K/N         only the K-th of N slices of the inputs (K from 0), the same slices\n"
+            "                      on every machine: by a hash of each input's path relative to the\n"
+            "                      folder given (or as given, for a file)\n"
+            "  --manifest FILE     append one JSON line per finished input, once its result is on disk\n"
+            "  --resume FILE       skip the inputs FILE records as done with the same settings, and go on\n"
+            "                      recording there (unless --manifest names another file)\n"
             "\n"
             "INPUT \"-\" reads one image from standard input; its result needs --stdout or -o DIR\n"
             "(where it is called stdin-out.<ext>).\n"
@@ -57,6 +63,8 @@ QString CliOptions::usage(Command command) {
             "Examples:\n"
             "  cutlark-cli process --set keyWhiteEnabled=true --set trimEnabled=true photos/\n"
             "  cutlark-cli process --preset sticker.json -o out/ -j4 *.png\n"
+            "  cutlark-cli process --preset look.json -o out/ --shard \"$SLURM_ARRAY_TASK_ID/16\" \\\n"
+            "      --resume \"done-$SLURM_ARRAY_TASK_ID.jsonl\" photos/\n"
             "  curl -s https://example.com/logo.png | cutlark-cli process --set trimEnabled=true - --stdout "
             "> "
             "logo.png\n");
@@ -238,6 +246,15 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
             const int n = v ? v->toInt(&ok) : 0;
             if (!ok || n < 1 || n > 256) return QStringLiteral("--jobs needs a number from 1 to 256");
             out.jobs = n;
+        } else if (a == QLatin1String("--shard")) {
+            const auto v = value();
+            const auto shard = v ? Shard::parse(*v) : std::nullopt;
+            if (!shard) return QStringLiteral("--shard needs K/N, K from 0 to N−1");
+            out.shard = *shard;
+        } else if (a == QLatin1String("--manifest") || a == QLatin1String("--resume")) {
+            const auto v = value();
+            if (!v || v->isEmpty()) return QStringLiteral("%1 needs a file").arg(a);
+            (a == QLatin1String("--manifest") ? out.manifestPath : out.resumePath) = *v;
         } else if (attached) {
             return QStringLiteral("%1 takes no value").arg(a);
         } else if (a == QLatin1String("--in-place")) {
@@ -269,6 +286,12 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
     if (out.command != Command::settings && out.command != Command::help && out.command != Command::version &&
         out.inputs.isEmpty())
         return QStringLiteral("no input given");
+    if (out.command != Command::process &&
+        (out.shard.count > 1 || !out.manifestPath.isEmpty() || !out.resumePath.isEmpty()))
+        return QStringLiteral("--shard, --manifest and --resume are for process");
+    if (out.manifestPath.isEmpty()) out.manifestPath = out.resumePath; // a resumed run goes on recording
+    if (out.toStdout && !out.manifestPath.isEmpty())
+        return QStringLiteral("--manifest and --resume record files written, not --stdout");
     if (out.command == Command::split && (out.inPlace || !out.sets.isEmpty() || !out.presetPath.isEmpty()))
         return QStringLiteral("split takes only -o DIR: the pieces come from the untouched source");
     if (out.command == Command::trace) {

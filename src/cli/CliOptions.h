@@ -5,6 +5,8 @@
 #include <QString>
 #include <QStringList>
 
+#include "cli/Shard.h"
+
 #include <optional>
 
 namespace cutlark {
@@ -21,6 +23,9 @@ struct CliOptions {
     bool inPlace = false;                ///< --in-place
     bool overwrite = false;              ///< --overwrite: replace results that exist already
     bool toStdout = false;               ///< --stdout or -o -: the one result to standard output
+    Shard shard;                         ///< --shard K/N: this run's slice of the inputs
+    QString manifestPath;                ///< --manifest FILE: one line per finished input
+    QString resumePath;                  ///< --resume FILE: skip what it records as done
     int jobs = 0;                        ///< --jobs N; 0 until given: the cores this process may use
     bool help = false;                   ///< --help after a command: that command's help
     QStringList inputs;

@@ -1,5 +1,7 @@
 #include "cli/CliRunner.h"
 
+#include "cli/Manifest.h"
+
 #include "engines/CollageSplitter.h"
 #include "engines/VisionEngine.h"
 #include "model/CropModel.h"
@@ -319,6 +321,25 @@ QStringList expandInputs(const QStringList& inputs) {
         out << expanded;
     }
     return out;
+}
+
+/// Each input with its key for slicing: its path relative to the folder it was found in as given
+/// on the command line, or the path as given for a file named directly.
+QList<QPair<QString, QString>> expandInputsKeyed(const QStringList& given) {
+    QList<QPair<QString, QString>> out;
+    for (const QString& argument : given) {
+        const bool folder = QFileInfo(argument).isDir();
+        for (const QString& path : expandInputs({argument}))
+            out.append({path, folder ? QDir(argument).relativeFilePath(path) : QDir::cleanPath(argument)});
+    }
+    return out;
+}
+
+/// What a manifest line's settings are: a hash of everything that decides the result's bytes.
+QString settingsHash(const RunContext& run) {
+    QByteArray text = QJsonDocument(run.settings.toJson()).toJson(QJsonDocument::Compact);
+    text += run.sizeWrites.join(QLatin1Char(',')).toUtf8();
+    return QString::number(Shard::hash(text), 16).rightJustified(16, QLatin1Char('0'));
 }
 
 // More than any picture cutlark opens is stored in.
@@ -683,13 +704,15 @@ int CliRunner::runProcess(const CliOptions& asked) {
 
     // The same file named twice (a.png, ./a.png, a folder holding it) is one input.
     QStringList inputs;
+    QHash<QString, QString> sliceKey;
     QSet<QString> seen;
-    for (const QString& input : expandInputs(options.inputs)) {
+    for (const auto& [input, key] : expandInputsKeyed(options.inputs)) {
         const QFileInfo info(input);
-        const QString key = info.exists() ? info.canonicalFilePath() : absolute(input);
-        if (seen.contains(key)) continue;
-        seen.insert(key);
+        const QString same = info.exists() ? info.canonicalFilePath() : absolute(input);
+        if (seen.contains(same)) continue;
+        seen.insert(same);
         inputs << input;
+        sliceKey.insert(input, key);
     }
     // Results this run would write are never its inputs (a second run beside the first one's
     // results leaves them alone).
@@ -716,7 +739,41 @@ int CliRunner::runProcess(const CliOptions& asked) {
     }
     for (const QString& input : std::as_const(inputs))
         run.inputs.insert(absolute(input));
+    // Outputs are planned over every input, so that slices run apart name them as one run would.
     const std::vector<Plan> plans = planOutputs(inputs, options, forcePngPossible);
+
+    // This run's slice, less what an earlier run recorded as done with the same settings.
+    const QString hash = settingsHash(run);
+    QSet<QString> done;
+    if (!options.resumePath.isEmpty()) {
+        QString error;
+        done = Manifest::done(options.resumePath, hash, error);
+        if (!error.isEmpty()) {
+            std::fprintf(m_err, "cutlark-cli: can’t read %s: %s\n", qPrintable(options.resumePath),
+                         qPrintable(error));
+            return 2;
+        }
+    }
+    std::optional<Manifest> manifest;
+    if (!options.manifestPath.isEmpty()) {
+        QString error;
+        manifest = Manifest::open(options.manifestPath, error);
+        if (!manifest) {
+            std::fprintf(m_err, "cutlark-cli: can’t write %s: %s\n", qPrintable(options.manifestPath),
+                         qPrintable(error));
+            return 2;
+        }
+    }
+    std::vector<size_t> chosen;
+    for (size_t i = 0; i < plans.size(); ++i) {
+        if (!options.shard.takes(sliceKey.value(plans[i].input))) continue;
+        if (done.contains(absolute(plans[i].input))) {
+            print(QJsonObject{{QStringLiteral("input"), plans[i].input},
+                              {QStringLiteral("skipped"), QStringLiteral("done")}});
+            continue;
+        }
+        chosen.push_back(i);
+    }
 
     // The network loads while the first input decodes. No warm-up run: here the first cutout is
     // that run, and a blank one before it would only add its own second.
@@ -726,14 +783,15 @@ int CliRunner::runProcess(const CliOptions& asked) {
 
     // N workers take the inputs in turn, each with a model of its own, so at most N images are in
     // memory at once; the results are printed in input order as soon as each is ready.
-    const qsizetype total = inputs.size();
+    const qsizetype total = qsizetype(chosen.size());
     const int jobs = options.jobs > 0 ? options.jobs : AvailableCores::count();
-    OrderedWork<Outcome> work(int(total), jobs, [&plans, &run, &inputs](int i) {
+    OrderedWork<Outcome> work(int(total), jobs, [&plans, &run, &chosen](int i) {
+        const Plan& plan = plans[chosen[size_t(i)]];
         try {
-            return processOne(plans[size_t(i)], run);
+            return processOne(plan, run);
         } catch (const std::exception& e) {
             // Out of memory, or a library's error, for this input alone: the others go on.
-            return Outcome{QJsonObject{{QStringLiteral("input"), inputs[i]},
+            return Outcome{QJsonObject{{QStringLiteral("input"), plan.input},
                                        {QStringLiteral("error"), QStringLiteral("couldn’t be processed: %1")
                                                                      .arg(QString::fromLocal8Bit(e.what()))}},
                            true};
@@ -747,8 +805,9 @@ int CliRunner::runProcess(const CliOptions& asked) {
         while (!(next = work.next(std::chrono::milliseconds(250))))
             progress(work.finished(), total);
         Outcome o = std::move(*next);
-        const QString input = inputs[i] == stdinCopy ? QStringLiteral("-") : inputs[i];
-        if (input != inputs[i]) o.json.insert(QStringLiteral("input"), input);
+        const QString& path = plans[chosen[size_t(i)]].input;
+        const QString input = path == stdinCopy ? QStringLiteral("-") : path;
+        if (input != path) o.json.insert(QStringLiteral("input"), input);
         if (options.toStdout && !o.failed) {
             QFile result(o.json.value(QStringLiteral("output")).toString());
             const QByteArray bytes = result.open(QIODevice::ReadOnly) ? result.readAll() : QByteArray();
@@ -763,6 +822,21 @@ int CliRunner::runProcess(const CliOptions& asked) {
         }
         print(o.json, options.toStdout ? m_err : m_out);
         if (o.failed) failures << failureLine(input, o.json);
+        if (manifest) {
+            // Only once the result is on disk, its folder's entry included, is the input done.
+            const QString output = o.json.value(QStringLiteral("output")).toString();
+            const bool durable = !o.failed && Manifest::syncFolderOf(output);
+            QJsonObject line{
+                {QStringLiteral("input"), absolute(path)},
+                {QStringLiteral("settings"), hash},
+                {QStringLiteral("status"), durable ? QStringLiteral("done") : QStringLiteral("failed")}};
+            if (durable) line.insert(QStringLiteral("output"), output);
+            if (o.failed) line.insert(QStringLiteral("error"), o.json.value(QStringLiteral("error")));
+            if (!manifest->append(line)) {
+                failures << QStringLiteral("%1: can’t record it in %2").arg(input, options.manifestPath);
+                manifest.reset(); // a manifest that can't be written is written no more
+            }
+        }
         progress(std::max<qsizetype>(work.finished(), i + 1), total);
     }
     return reportFailures(failures);
