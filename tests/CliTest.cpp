@@ -508,6 +508,58 @@ TEST_F(CliTest, ShardsPartitionTheBatchAndAResumedRunFinishesWhatAKilledOneLeft)
             << bad;
 }
 
+TEST_F(CliTest, FormatAndQualityAreTheUsersToChoose) {
+    QImage photo(160, 120, QImage::Format_RGB32);
+    quint32 seed = 7;
+    for (int y = 0; y < 120; ++y)
+        for (int x = 0; x < 160; ++x)
+            photo.setPixel(x, y, qRgb(x, y * 2, int((seed = seed * 1103515245u + 12345u) >> 24)));
+    const QString in = savePng(m_dir, QStringLiteral("photo.png"), photo);
+    const auto run = [&](const QStringList& extra, const QString& folder) {
+        return cli(QStringList{QStringLiteral("process")} + extra +
+                   QStringList{QStringLiteral("-o"), path(folder), in});
+    };
+    const CliRun low =
+        run({QStringLiteral("--format=jpeg"), QStringLiteral("--quality=20")}, QStringLiteral("low"));
+    const CliRun high = run({QStringLiteral("--format"), QStringLiteral("jpg"), QStringLiteral("--quality"),
+                             QStringLiteral("95")},
+                            QStringLiteral("high"));
+    ASSERT_EQ(low.exitCode, 0) << low.err.toStdString();
+    ASSERT_EQ(high.exitCode, 0);
+    EXPECT_EQ(low.lines[0].value(QStringLiteral("output")).toString(),
+              path(QStringLiteral("low/photo-out.jpg")));
+    EXPECT_EQ(low.lines[0].value(QStringLiteral("type")).toString(), QStringLiteral("image/jpeg"));
+    const auto lowFile = ImageFile::load(path(QStringLiteral("low/photo-out.jpg")));
+    ASSERT_TRUE(lowFile);
+    EXPECT_EQ(lowFile->type, QStringLiteral("image/jpeg"));
+    EXPECT_LT(readBytes(path(QStringLiteral("low/photo-out.jpg"))).size() * 2,
+              readBytes(path(QStringLiteral("high/photo-out.jpg"))).size())
+        << "quality 20 is far smaller than 95";
+    // WebP at 100 is lossless: the pixels come back as they went.
+    ASSERT_EQ(run({QStringLiteral("--format=webp"), QStringLiteral("--quality=100")}, QStringLiteral("webp"))
+                  .exitCode,
+              0);
+    const auto webp = ImageFile::load(path(QStringLiteral("webp/photo-out.webp")));
+    ASSERT_TRUE(webp);
+    const QImage back = webp->image.convertToFormat(QImage::Format_RGB32);
+    ASSERT_EQ(back.size(), photo.size());
+    int worst = 0;
+    for (int y = 0; y < 120; ++y)
+        for (int x = 0; x < 160; ++x)
+            worst = std::max({worst, std::abs(qRed(back.pixel(x, y)) - qRed(photo.pixel(x, y))),
+                              std::abs(qGreen(back.pixel(x, y)) - qGreen(photo.pixel(x, y))),
+                              std::abs(qBlue(back.pixel(x, y)) - qBlue(photo.pixel(x, y)))});
+    EXPECT_EQ(worst, 0);
+    // Transparency into a type without it is refused, not flattened behind the user's back.
+    const CliRun keyed = run({QStringLiteral("--format=jpeg"), QStringLiteral("--set=paddingEnabled=true")},
+                             QStringLiteral("keyed"));
+    EXPECT_EQ(keyed.exitCode, 1);
+    EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("keyed/photo-out.jpg"))));
+    EXPECT_TRUE(keyed.err.contains(QStringLiteral("can’t hold the result’s transparency")));
+    for (const char* bad : {"--format=pdf", "--quality=0", "--quality=101", "--format="})
+        EXPECT_EQ(run({QLatin1String(bad)}, QStringLiteral("bad")).exitCode, 2) << bad;
+}
+
 TEST_F(CliTest, TraceFailsWithTheStatusText) {
     const QString blank = savePng(m_dir, QStringLiteral("blank.png"), solid(100, 100, Qt::white));
     CliRun run = cli({QStringLiteral("trace"), QStringLiteral("-o"), path(QStringLiteral("b.svg")), blank});

@@ -1,5 +1,6 @@
 #include "cli/CliOptions.h"
 
+#include "model/ImageFile.h"
 #include "model/Settings.h"
 
 #include <QJsonArray>
@@ -47,6 +48,10 @@ QString CliOptions::usage(Command command) {
             "  --in-place          write over each input (a result with transparency in a JPEG or BMP\n"
             "                      goes to a PNG beside it)\n"
             "  --overwrite         replace results that exist already\n"
+            "  --format TYPE       write png, jpeg, webp, tiff, heic, gif or bmp (default: the input's\n"
+            "                      own type, PNG when a result with transparency can't be kept in it)\n"
+            "  --quality N         1 to 100 for jpeg, webp and heic (default: JPEG 92, WebP as the\n"
+            "                      source was stored, HEIC 92)\n"
             "  --stdout, -o -      write the one result to standard output (the JSON then goes to\n"
             "                      standard error)\n"
             "  -j, --jobs N        images at once (default: the cores this process may use)\n"
@@ -246,6 +251,18 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
             const int n = v ? v->toInt(&ok) : 0;
             if (!ok || n < 1 || n > 256) return QStringLiteral("--jobs needs a number from 1 to 256");
             out.jobs = n;
+        } else if (a == QLatin1String("--format")) {
+            const auto v = value();
+            const QString type = v ? ImageFile::typeForExtension(v->toLower()) : QString();
+            if (type.isEmpty() || !ImageFile::encodableTypes().contains(type))
+                return QStringLiteral("--format needs one of png, jpeg, webp, tiff, heic, gif, bmp");
+            out.format = type;
+        } else if (a == QLatin1String("--quality")) {
+            const auto v = value();
+            bool ok = false;
+            const int q = v ? v->toInt(&ok) : 0;
+            if (!ok || q < 1 || q > 100) return QStringLiteral("--quality needs a number from 1 to 100");
+            out.quality = q;
         } else if (a == QLatin1String("--shard")) {
             const auto v = value();
             const auto shard = v ? Shard::parse(*v) : std::nullopt;
@@ -286,6 +303,8 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
     if (out.command != Command::settings && out.command != Command::help && out.command != Command::version &&
         out.inputs.isEmpty())
         return QStringLiteral("no input given");
+    if (out.command != Command::process && (!out.format.isEmpty() || out.quality > 0))
+        return QStringLiteral("--format and --quality are for process");
     if (out.command != Command::process &&
         (out.shard.count > 1 || !out.manifestPath.isEmpty() || !out.resumePath.isEmpty()))
         return QStringLiteral("--shard, --manifest and --resume are for process");

@@ -23,6 +23,8 @@ struct CliOptions {
     bool inPlace = false;                ///< --in-place
     bool overwrite = false;              ///< --overwrite: replace results that exist already
     bool toStdout = false;               ///< --stdout or -o -: the one result to standard output
+    QString format;                      ///< --format: the results' MIME type; empty: the save rules
+    int quality = -1;                    ///< --quality 1…100 for the lossy types; -1: the save rules
     Shard shard;                         ///< --shard K/N: this run's slice of the inputs
     QString manifestPath;                ///< --manifest FILE: one line per finished input
     QString resumePath;                  ///< --resume FILE: skip what it records as done

@@ -111,10 +111,12 @@ std::vector<Plan> planOutputs(const QStringList& inputs, const CliOptions& optio
         plan.folder = QDir::cleanPath(
             QFileInfo(options.outputDir.isEmpty() ? QFileInfo(input).absolutePath() : options.outputDir)
                 .absoluteFilePath());
-        QString own = QFileInfo(input).suffix();
+        QString own = options.format.isEmpty() ? QFileInfo(input).suffix()
+                                               : ImageFile::preferredExtension(options.format);
         if (own.isEmpty()) own = QStringLiteral("png");
         plan.extensions = {own};
-        if (forcePngPossible && !ImageFile::supportsAlpha(ImageFile::typeForExtension(own)) &&
+        if (options.format.isEmpty() && forcePngPossible &&
+            !ImageFile::supportsAlpha(ImageFile::typeForExtension(own)) &&
             own.compare(QStringLiteral("png"), Qt::CaseInsensitive) != 0)
             plan.extensions << QStringLiteral("png");
         const QString stem = stemOf(input);
@@ -158,6 +160,21 @@ struct RunContext {
     CliOptions options;
     QSet<QString> inputs;
 };
+
+/// True when some pixel of `image` isn't fully opaque.
+bool hasTransparency(const QImage& image) {
+    if (!image.hasAlphaChannel()) return false;
+    const QImage argb =
+        image.format() == QImage::Format_ARGB32 || image.format() == QImage::Format_ARGB32_Premultiplied
+            ? image
+            : image.convertToFormat(QImage::Format_ARGB32_Premultiplied);
+    for (int y = 0; y < argb.height(); ++y) {
+        const QRgb* p = reinterpret_cast<const QRgb*>(argb.constScanLine(y));
+        for (int x = 0; x < argb.width(); ++x)
+            if (qAlpha(p[x]) != 255) return true;
+    }
+    return false;
+}
 
 /// Why `path` didn't open, in a person's words, when something plainer than a damaged picture is
 /// the cause; empty otherwise.
@@ -232,15 +249,30 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
 
     const CropModel::Item* item = model.active();
     const QImage result = model.processedImage();
-    const CropModel::SaveChoice choice = model.saveTypeChoice(*item);
+    CropModel::SaveChoice choice = model.saveTypeChoice(*item);
+    if (!options.format.isEmpty()) {
+        // Asked for by name: written so, or refused when it would lose the transparency.
+        if (!ImageFile::supportsAlpha(options.format) && hasTransparency(result))
+            return fail(
+                QStringLiteral("%1 can’t hold the result’s transparency; choose --format png or webp, "
+                               "or lay a background")
+                    .arg(ImageFile::preferredExtension(options.format)));
+        choice = {options.format, false};
+    }
     const QString type = ImageFile::writableType(choice.type);
     const QString sourcePath = item->url;
+    // Another extension than the source's when the type was chosen or forced.
+    const QString otherExtension = !options.format.isEmpty() ? ImageFile::preferredExtension(options.format)
+                                   : choice.forcedPng        ? QStringLiteral("png")
+                                                             : QString();
 
     QString target;
     if (options.inPlace) {
-        target = choice.forcedPng ? absolute(QFileInfo(sourcePath).path() + QLatin1Char('/') +
-                                             stemOf(sourcePath) + QStringLiteral(".png"))
-                                  : absolute(sourcePath);
+        target = !otherExtension.isEmpty() &&
+                         ImageFile::typeForExtension(QFileInfo(sourcePath).suffix()) != options.format
+                     ? absolute(QFileInfo(sourcePath).path() + QLatin1Char('/') + stemOf(sourcePath) +
+                                QLatin1Char('.') + otherExtension)
+                     : absolute(sourcePath);
         if (target != absolute(sourcePath) && run.inputs.contains(target))
             return fail(
                 QStringLiteral(
@@ -249,7 +281,9 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
     } else {
         const QString proposed = model.proposedNewFileName(*item);
         target = QDir(plan.folder)
-                     .filePath(numberedName(stemOf(sourcePath), plan.number, QFileInfo(proposed).suffix()));
+                     .filePath(numberedName(stemOf(sourcePath), plan.number,
+                                            !options.format.isEmpty() ? otherExtension
+                                                                      : QFileInfo(proposed).suffix()));
     }
     outcome.json.insert(QStringLiteral("output"), target);
     // A result from before is not replaced unless asked; the file the input itself is, is.
@@ -258,18 +292,30 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
         return outcome;
     }
 
-    if (options.inPlace) {
-        model.saveOverOriginal();
+    if (!options.format.isEmpty() || options.quality > 0) {
+        // A type or a quality of the command line's own: written here rather than by the model's
+        // save rules.
+        if (!ImageFile::save(result, target, choice.type, item->storage, options.quality)) {
+            const QString why = AtomicFile::lastError();
+            if (!why.isEmpty())
+                outcome.json.insert(QStringLiteral("reason"),
+                                    QStringLiteral("can’t write %1: %2").arg(target, why));
+            return fail(QStringLiteral("Couldn’t write to “%1”.").arg(QFileInfo(target).fileName()));
+        }
     } else {
-        panels.setChosen(target);
-        model.saveAsNewFile();
-    }
-    if (model.errorMessage()) {
-        const QString why = AtomicFile::lastError();
-        if (!why.isEmpty())
-            outcome.json.insert(QStringLiteral("reason"),
-                                QStringLiteral("can’t write %1: %2").arg(target, why));
-        return fail(*model.errorMessage());
+        if (options.inPlace) {
+            model.saveOverOriginal();
+        } else {
+            panels.setChosen(target);
+            model.saveAsNewFile();
+        }
+        if (model.errorMessage()) {
+            const QString why = AtomicFile::lastError();
+            if (!why.isEmpty())
+                outcome.json.insert(QStringLiteral("reason"),
+                                    QStringLiteral("can’t write %1: %2").arg(target, why));
+            return fail(*model.errorMessage());
+        }
     }
     outcome.json.insert(QStringLiteral("width"), result.width());
     outcome.json.insert(QStringLiteral("height"), result.height());

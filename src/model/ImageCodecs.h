@@ -47,7 +47,7 @@ std::optional<std::vector<QSize>> heifDerivedCanvases(const uchar* data, size_t 
 /// HEIC and HEIF through libheif, refusing what libheif would decode past 2³¹ bytes.
 std::optional<ImageFile::Loaded> decodeHeif(const QByteArray& bytes, const QString& type,
                                             const ImageFile::LoadOptions& options);
-QByteArray encodeHeif(const QImage& image);
+QByteArray encodeHeif(const QImage& image, int quality = 92);
 bool hasHeifEncoder();
 /// `image/heic`, `image/heif`, or empty when the head isn't one of those two.
 QString heifTypeOf(const uchar* head, int length);

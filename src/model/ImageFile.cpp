@@ -419,28 +419,32 @@ std::optional<QSize> probeSize(const QString& path) {
     return size;
 }
 
-QByteArray encode(const QImage& source, const QString& type, const Storage& storedAs) {
+QByteArray encode(const QImage& source, const QString& type, const Storage& storedAs, int quality) {
     if (source.isNull()) return QByteArray();
     // A crop is a view inside a wider image; the encoders' conversions want pictures of their own.
     const QImage image =
         source.bytesPerLine() == qsizetype(source.width()) * (source.depth() / 8) ? source : source.copy();
     const QString target = writableType(type);
-    if (isHeifType(target)) return ImageCodecs::encodeHeif(image);
+    const bool asked = quality >= 1 && quality <= 100;
+    if (isHeifType(target)) return ImageCodecs::encodeHeif(image, asked ? quality : 92);
     if (target == kGif) return ImageCodecs::encodeGif(image);
     QByteArray bytes;
     QBuffer buffer(&bytes);
     if (!buffer.open(QIODevice::WriteOnly)) return QByteArray();
     QImageWriter writer(&buffer, writerFormatForType(target));
-    if (target == kJpeg) writer.setQuality(92);
+    if (target == kJpeg) writer.setQuality(asked ? quality : 92);
     // Qt's WebP writer goes lossless at quality 100.
     if (target == kWebp)
-        writer.setQuality(storedAs.lossless ? 100 : storedAs.quality >= 0 ? qMin(storedAs.quality, 92) : 92);
+        writer.setQuality(asked                   ? quality
+                          : storedAs.lossless     ? 100
+                          : storedAs.quality >= 0 ? qMin(storedAs.quality, 92)
+                                                  : 92);
     if (!writer.write(image)) return QByteArray();
     return bytes;
 }
 
-bool save(const QImage& image, const QString& path, const QString& type, const Storage& source) {
-    const QByteArray bytes = encode(image, type, source);
+bool save(const QImage& image, const QString& path, const QString& type, const Storage& source, int quality) {
+    const QByteArray bytes = encode(image, type, source, quality);
     if (bytes.isEmpty()) return false;
     return AtomicFile::write(path, bytes);
 }

@@ -65,12 +65,14 @@ std::optional<QSize> probeSize(const QString& path);
 /// web picture neither grows tenfold nor loses more at each save; GIF with a palette of at most 256
 /// colours, pixels under half opacity its transparent colour; everything else lossless. The file is
 /// replaced atomically — written beside the target and renamed over it — so a failed write leaves an
-/// existing file untouched. The name is used as given even when the type falls back.
+/// existing file untouched. The name is used as given even when the type falls back. `quality`
+/// from 1 to 100 overrides those rules for the lossy types (JPEG, WebP, HEIC/HEIF); others ignore it.
 bool save(const QImage& image, const QString& path, const QString& type,
-          const Storage& source = kUnknownSource);
+          const Storage& source = kUnknownSource, int quality = -1);
 
 /// Encodes without writing; empty on failure.
-QByteArray encode(const QImage& image, const QString& type, const Storage& source = kUnknownSource);
+QByteArray encode(const QImage& image, const QString& type, const Storage& source = kUnknownSource,
+                  int quality = -1);
 
 /// True for the types that can carry transparency: PNG, TIFF, GIF, HEIC, HEIF, WebP (by equality).
 bool supportsAlpha(const QString& type);

@@ -473,7 +473,7 @@ heif_error writeToByteArray(heif_context*, const void* data, size_t size, void* 
 
 } // namespace
 
-QByteArray encodeHeif(const QImage& source) {
+QByteArray encodeHeif(const QImage& source, int quality) {
     if (source.isNull()) return QByteArray();
     const QImage rgba = source.convertToFormat(QImage::Format_RGBA8888); // libheif wants straight alpha
     if (rgba.isNull()) return QByteArray();
@@ -485,7 +485,7 @@ QByteArray encodeHeif(const QImage& source) {
         return QByteArray();
     std::unique_ptr<heif_encoder, decltype(&heif_encoder_release)> encoderGuard(encoder,
                                                                                 heif_encoder_release);
-    heif_encoder_set_lossy_quality(encoder, 92);
+    heif_encoder_set_lossy_quality(encoder, quality);
 
     heif_image* rawImage = nullptr;
     const heif_chroma chroma = alpha ? heif_chroma_interleaved_RGBA : heif_chroma_interleaved_RGB;
