@@ -503,6 +503,13 @@ TEST_F(CliTest, ShardsPartitionTheBatchAndAResumedRunFinishesWhatAKilledOneLeft)
     for (const QJsonObject& line : other.lines)
         EXPECT_FALSE(line.contains(QStringLiteral("skipped")));
     EXPECT_EQ(outputs(QStringLiteral("other")).size(), 12);
+    const CliRun asWebp =
+        cli(look + QStringList{QStringLiteral("--format=webp"), QStringLiteral("--resume"), manifest,
+                               QStringLiteral("-o"), path(QStringLiteral("webp")), in});
+    ASSERT_EQ(asWebp.lines.size(), 12);
+    EXPECT_EQ(asWebp.exitCode, 0);
+    for (const QJsonObject& line : asWebp.lines)
+        EXPECT_FALSE(line.contains(QStringLiteral("skipped"))) << "another type is other work too";
     // Slices that make no sense are usage errors.
     for (const char* bad : {"3/3", "-1/3", "1/0", "a/b", "1", "+1/3"})
         EXPECT_EQ(

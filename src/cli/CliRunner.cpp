@@ -385,6 +385,8 @@ QList<QPair<QString, QString>> expandInputsKeyed(const QStringList& given) {
 QString settingsHash(const RunContext& run) {
     QByteArray text = QJsonDocument(run.settings.toJson()).toJson(QJsonDocument::Compact);
     text += run.sizeWrites.join(QLatin1Char(',')).toUtf8();
+    // The type and quality asked for change the bytes as much as a setting does.
+    text += QStringLiteral("|%1|%2").arg(run.options.format).arg(run.options.quality).toUtf8();
     return QString::number(Shard::hash(text), 16).rightJustified(16, QLatin1Char('0'));
 }
 
