@@ -9,9 +9,12 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QThread>
 #include <QUuid>
+
+#include <csignal>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -103,9 +106,14 @@ TEST(SingleInstance, AnotherUserCanNeitherSquatTheNameNorReceiveTheFiles) {
     const QString socketPath = shared.filePath(QStringLiteral("squat.socket"));
     const QString caught = shared.filePath(QStringLiteral("caught"));
     const QString script = shared.filePath(QStringLiteral("squat.py"));
+    const QString ready = shared.filePath(QStringLiteral("listening"));
+    // Says when it listens (the socket's file exists from bind on, before connections are taken),
+    // and gives up by itself if no connection ever comes.
     writeBytes(script, "import os, socket, sys\n"
                        "s = socket.socket(socket.AF_UNIX)\n"
                        "s.bind(sys.argv[1]); os.chmod(sys.argv[1], 0o777); s.listen(1)\n"
+                       "open(sys.argv[3], 'w').close()\n"
+                       "s.settimeout(30)\n"
                        "c, _ = s.accept(); c.settimeout(5)\n"
                        "data = b''\n"
                        "try:\n"
@@ -116,12 +124,17 @@ TEST(SingleInstance, AnotherUserCanNeitherSquatTheNameNorReceiveTheFiles) {
                        "except Exception: pass\n"
                        "open(sys.argv[2], 'wb').write(data)\n");
     chmod(QFile::encodeName(script).constData(), 0644);
-    ASSERT_GT(secondUser::start(QStringLiteral("python3 '%1' '%2' '%3'").arg(script, socketPath, caught)), 0);
+    // exec, and its own output elsewhere: nothing of it holds the test's output open.
+    const qint64 squatter =
+        secondUser::start(QStringLiteral("exec python3 '%1' '%2' '%3' '%4' </dev/null >/dev/null 2>&1")
+                              .arg(script, socketPath, caught, ready));
+    ASSERT_GT(squatter, 0);
+    const auto stopSquatter = qScopeGuard([squatter] { ::kill(pid_t(squatter), SIGKILL); });
     QElapsedTimer timer;
     timer.start();
-    while (!QFileInfo::exists(socketPath) && timer.elapsed() < 10000)
+    while (!QFileInfo::exists(ready) && timer.elapsed() < 20000)
         QThread::msleep(20);
-    ASSERT_TRUE(QFileInfo::exists(socketPath));
+    ASSERT_TRUE(QFileInfo::exists(ready));
     EXPECT_FALSE(SingleInstance(socketPath).handOver({QStringLiteral("/home/victim/secret.png")}));
     timer.restart();
     while (!QFileInfo::exists(caught) && timer.elapsed() < 10000)
