@@ -230,6 +230,14 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
             if (i + 1 >= arguments.size()) return std::nullopt;
             return arguments[++i];
         };
+        // The option's value as a whole number from lo to hi; absent when it isn't one.
+        auto number = [&](int lo, int hi) -> std::optional<int> {
+            const auto v = value();
+            bool ok = false;
+            const int n = v ? v->toInt(&ok) : 0;
+            if (!ok || n < lo || n > hi) return std::nullopt;
+            return n;
+        };
         if (!takesOptions) return QStringLiteral("%1 takes no option “%2”").arg(command, a);
         if (a == QLatin1String("--set")) {
             const auto v = value();
@@ -246,11 +254,9 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
             if (!v || v->isEmpty()) return QStringLiteral("-o needs a folder");
             out.outputDir = *v;
         } else if (a == QLatin1String("--jobs") || a == QLatin1String("-j")) {
-            const auto v = value();
-            bool ok = false;
-            const int n = v ? v->toInt(&ok) : 0;
-            if (!ok || n < 1 || n > 256) return QStringLiteral("--jobs needs a number from 1 to 256");
-            out.jobs = n;
+            const auto n = number(1, 256);
+            if (!n) return QStringLiteral("--jobs needs a number from 1 to 256");
+            out.jobs = *n;
         } else if (a == QLatin1String("--format")) {
             const auto v = value();
             const QString type = v ? ImageFile::typeForExtension(v->toLower()) : QString();
@@ -258,11 +264,9 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
                 return QStringLiteral("--format needs one of png, jpeg, webp, tiff, heic, gif, bmp");
             out.format = type;
         } else if (a == QLatin1String("--quality")) {
-            const auto v = value();
-            bool ok = false;
-            const int q = v ? v->toInt(&ok) : 0;
-            if (!ok || q < 1 || q > 100) return QStringLiteral("--quality needs a number from 1 to 100");
-            out.quality = q;
+            const auto q = number(1, 100);
+            if (!q) return QStringLiteral("--quality needs a number from 1 to 100");
+            out.quality = *q;
         } else if (a == QLatin1String("--shard")) {
             const auto v = value();
             const auto shard = v ? Shard::parse(*v) : std::nullopt;
