@@ -14,12 +14,14 @@ packages=(
     libheif-dev                               # HEIC/HEIF decoding and encoding
     libjpeg62-turbo-dev                       # JPEG decoding straight into our own stores
     libimagequant-dev libgif-dev              # GIF writing: the palette and the file
+    libexiv2-dev                              # EXIF and XMP carried onto the command line's results
     libopencv-dev                             # blur, morphology, contours, the subject network
     libgtest-dev libgmock-dev                 # the test suites
     liblcms2-dev                              # the colour oracle the colour tests compare with
     libbenchmark-dev                          # the micro-benchmarks in bench/
     breeze-icon-theme                         # fallback icon theme for the window
     dpkg-dev appstream groff-base             # the .deb's dependencies; checking metainfo and man pages
+    parallel                                  # GNU parallel: the sharded-batch recipe is tested with it
     python3-onnx                              # converts the subject network to fp32 once
 )
 

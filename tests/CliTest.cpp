@@ -3,6 +3,7 @@
 #include "model/ImageFile.h"
 #include "support/AvailableCores.h"
 
+#include <QBuffer>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
@@ -17,6 +18,8 @@
 #include <QThread>
 
 #include <gtest/gtest.h>
+
+#include <exiv2/exiv2.hpp>
 
 #include <csignal>
 #include <sched.h>
@@ -517,6 +520,93 @@ TEST_F(CliTest, ShardsPartitionTheBatchAndAResumedRunFinishesWhatAKilledOneLeft)
             << bad;
 }
 
+// The recipe of docs/scale.md on this machine: four slices run by GNU parallel, one of them killed
+// as soon as it has finished an input, then parallel's own --resume-failed runs that slice again,
+// which resumes from its manifest.
+TEST_F(CliTest, GnuParallelRunsTheSlicesAndAKilledOneIsResumed) {
+    const QString parallel = QStandardPaths::findExecutable(QStringLiteral("parallel"));
+    ASSERT_FALSE(parallel.isEmpty()) << "GNU parallel is installed by scripts/setup.sh";
+    QDir(m_dir.path()).mkdir(QStringLiteral("in"));
+    for (int i = 0; i < 24; ++i) {
+        // Artwork on white, big enough that a slice takes a while after its first result.
+        QImage art(700, 500, QImage::Format_RGB32);
+        art.fill(Qt::white);
+        QPainter painter(&art);
+        painter.setBrush(QColor::fromHsv(i * 15, 200, 180));
+        painter.drawEllipse(QRect(60 + i * 5, 40 + i * 3, 400 - i * 4, 300 + i * 2));
+        painter.end();
+        savePng(m_dir, QStringLiteral("in/item %1.png").arg(i), art);
+    }
+    const QStringList look = {QStringLiteral("process"), QStringLiteral("--set=keyWhiteEnabled=true"),
+                              QStringLiteral("--set=trimEnabled=true"),
+                              QStringLiteral("--set=stickerEnabled=true"), QStringLiteral("--jobs=1")};
+    const QString dir = m_dir.path();
+    writeBytes(path(QStringLiteral("slice.sh")), QByteArrayLiteral(R"(#!/bin/sh
+k="$1"
+set -- process --set=keyWhiteEnabled=true --set=trimEnabled=true --set=stickerEnabled=true --jobs=1 \
+    -o "$DIR/out" --shard "$k/4" --resume "$DIR/m$k.jsonl" "$DIR/in"
+if [ "$k" = 2 ] && mkdir "$DIR/killed" 2>/dev/null; then
+    "$CLI" "$@" >"$DIR/first$k.log" 2>&1 &
+    pid=$!
+    while [ ! -s "$DIR/m$k.jsonl" ] && kill -0 "$pid" 2>/dev/null; do sleep 0.01; done
+    kill -KILL "$pid" 2>/dev/null
+    wait "$pid"
+    exit 137
+fi
+exec "$CLI" "$@" >"$DIR/run$k.log" 2>&1
+)"));
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("CLI"), QStringLiteral(CUTLARK_CLI_PATH));
+    env.insert(QStringLiteral("DIR"), dir);
+    env.insert(QStringLiteral("HOME"), dir); // parallel keeps a folder of its own there
+    const auto runParallel = [&](const QStringList& extra) {
+        QProcess p;
+        p.setProcessEnvironment(env);
+        p.start(parallel, QStringList{QStringLiteral("--will-cite"), QStringLiteral("--joblog"),
+                                      path(QStringLiteral("jobs.log")), QStringLiteral("-j4")} +
+                              extra +
+                              QStringList{QStringLiteral("sh"), path(QStringLiteral("slice.sh")),
+                                          QStringLiteral(":::"), QStringLiteral("0"), QStringLiteral("1"),
+                                          QStringLiteral("2"), QStringLiteral("3")});
+        p.waitForFinished(300000);
+        return p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+    };
+    EXPECT_EQ(runParallel({}), 1) << "one slice failed: the killed one";
+    EXPECT_EQ(runParallel({QStringLiteral("--resume-failed")}), 0);
+    // Each slice ran once, the killed one twice.
+    QMap<QString, int> runs;
+    for (const QByteArray& line : readBytes(path(QStringLiteral("jobs.log"))).split('\n').mid(1))
+        if (!line.isEmpty()) ++runs[QString::fromUtf8(line.split('\t').last())];
+    EXPECT_EQ(runs.value(QStringLiteral("sh %1 2").arg(path(QStringLiteral("slice.sh")))), 2);
+    EXPECT_EQ(runs.size(), 4);
+
+    const CliRun one = cli(
+        look + QStringList{QStringLiteral("-o"), path(QStringLiteral("one")), path(QStringLiteral("in"))});
+    ASSERT_EQ(one.exitCode, 0) << one.err.toStdString();
+    const auto outputs = [&](const QString& folder) {
+        QMap<QString, QByteArray> files;
+        for (const QFileInfo& f : QDir(path(folder)).entryInfoList(QDir::Files))
+            if (f.suffix() == QLatin1String("png")) files.insert(f.fileName(), readBytes(f.filePath()));
+        return files;
+    };
+    EXPECT_EQ(outputs(QStringLiteral("one")).size(), 24);
+    EXPECT_TRUE(outputs(QStringLiteral("out")) == outputs(QStringLiteral("one")))
+        << "the union is the one run's bytes";
+    // Every input recorded done once over the four manifests; the resumed slice skipped what the
+    // killed run had recorded.
+    QMap<QString, int> done;
+    for (int k = 0; k < 4; ++k)
+        for (const QByteArray& line : readBytes(path(QStringLiteral("m%1.jsonl").arg(k))).split('\n')) {
+            const QJsonObject o = QJsonDocument::fromJson(line).object();
+            if (o.value(QStringLiteral("status")).toString() == QLatin1String("done"))
+                ++done[o.value(QStringLiteral("input")).toString()];
+        }
+    EXPECT_EQ(done.size(), 24);
+    for (auto it = done.cbegin(); it != done.cend(); ++it)
+        EXPECT_EQ(it.value(), 1) << it.key().toStdString();
+    EXPECT_TRUE(readBytes(path(QStringLiteral("run2.log"))).contains("\"skipped\":\"done\""));
+}
+
 TEST_F(CliTest, FormatAndQualityAreTheUsersToChoose) {
     QImage photo(160, 120, QImage::Format_RGB32);
     quint32 seed = 7;
@@ -567,6 +657,136 @@ TEST_F(CliTest, FormatAndQualityAreTheUsersToChoose) {
     EXPECT_TRUE(keyed.err.contains(QStringLiteral("can’t hold the result’s transparency")));
     for (const char* bad : {"--format=pdf", "--quality=0", "--quality=101", "--format="})
         EXPECT_EQ(run({QLatin1String(bad)}, QStringLiteral("bad")).exitCode, 2) << bad;
+}
+
+namespace {
+
+/// What exiv2 reads back from a file: every EXIF and XMP key with its value as text, and whether
+/// an EXIF thumbnail is there.
+struct ReadBack {
+    QMap<QString, QString> tags;
+    bool thumbnail = false;
+};
+
+ReadBack readMetadata(const QString& file) {
+    ReadBack back;
+    auto image = Exiv2::ImageFactory::open(QFile::encodeName(file).toStdString(), false);
+    image->readMetadata();
+    for (const auto& datum : image->exifData())
+        back.tags.insert(QString::fromStdString(datum.key()), QString::fromStdString(datum.toString()));
+    for (const auto& datum : image->xmpData())
+        back.tags.insert(QString::fromStdString(datum.key()), QString::fromStdString(datum.toString()));
+    back.thumbnail = Exiv2::ExifThumbC(image->exifData()).copy().size_ > 0;
+    return back;
+}
+
+} // namespace
+
+TEST_F(CliTest, MetadataIsCarriedOverUprightAndResizedOrStripped) {
+    // A phone photo stored sideways: 120×80 pixels with "turn right" in its EXIF, a thumbnail, a
+    // camera, a date, a place and an XMP title.
+    QImage photo(120, 80, QImage::Format_RGB32);
+    for (int y = 0; y < 80; ++y)
+        for (int x = 0; x < 120; ++x)
+            photo.setPixel(x, y, qRgb(x * 2, y * 3, 90));
+    const QString in = path(QStringLiteral("phone.jpg"));
+    ASSERT_TRUE(photo.save(in, "JPEG", 95));
+    {
+        auto image = Exiv2::ImageFactory::open(QFile::encodeName(in).toStdString(), false);
+        image->readMetadata();
+        Exiv2::ExifData& exif = image->exifData();
+        exif["Exif.Image.Make"] = std::string("TestCam");
+        exif["Exif.Image.Orientation"] = uint16_t(6);
+        exif["Exif.Photo.DateTimeOriginal"] = std::string("2026:05:04 10:11:12");
+        exif["Exif.Photo.PixelXDimension"] = uint32_t(120);
+        exif["Exif.Photo.PixelYDimension"] = uint32_t(80);
+        exif["Exif.Photo.ColorSpace"] = uint16_t(65535);
+        exif["Exif.GPSInfo.GPSLatitudeRef"] = std::string("N");
+        const QByteArray thumb = readBytes(in);
+        Exiv2::ExifThumb(exif).setJpegThumbnail(reinterpret_cast<const Exiv2::byte*>(thumb.constData()),
+                                                long(thumb.size()));
+        image->xmpData()["Xmp.dc.title"] = std::string("Red shoe");
+        image->xmpData()["Xmp.tiff.Orientation"] = std::string("6");
+        image->writeMetadata();
+    }
+    ASSERT_TRUE(readMetadata(in).thumbnail);
+
+    // Upright it is 80×120; resized to 40 wide, 40×60.
+    const auto run = [&](const QString& folder, const QStringList& extra) {
+        return cli(QStringList{QStringLiteral("process"), QStringLiteral("--set=resizeEnabled=true"),
+                               QStringLiteral("--set=resizeWidth=40"), QStringLiteral("-o"), path(folder)} +
+                   extra + QStringList{in});
+    };
+    const QStringList carried{QStringLiteral("jpg"), QStringLiteral("png"), QStringLiteral("webp"),
+                              QStringLiteral("tif")};
+    for (const QString& type : carried) {
+        const CliRun r = run(type, {QStringLiteral("--format=") + type});
+        ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+        const QString out = path(type + QStringLiteral("/phone-out.") + type);
+        const ReadBack back = readMetadata(out);
+        SCOPED_TRACE(type.toStdString());
+        EXPECT_EQ(back.tags.value(QStringLiteral("Exif.Image.Make")), QStringLiteral("TestCam"));
+        EXPECT_EQ(back.tags.value(QStringLiteral("Exif.Photo.DateTimeOriginal")),
+                  QStringLiteral("2026:05:04 10:11:12"));
+        EXPECT_EQ(back.tags.value(QStringLiteral("Exif.GPSInfo.GPSLatitudeRef")), QStringLiteral("N"));
+        EXPECT_EQ(back.tags.value(QStringLiteral("Exif.Image.Orientation")), QStringLiteral("1"));
+        EXPECT_EQ(back.tags.value(QStringLiteral("Exif.Photo.PixelXDimension")), QStringLiteral("40"));
+        EXPECT_EQ(back.tags.value(QStringLiteral("Exif.Photo.PixelYDimension")), QStringLiteral("60"));
+        EXPECT_EQ(back.tags.value(QStringLiteral("Exif.Photo.ColorSpace")), QStringLiteral("1"));
+        EXPECT_EQ(back.tags.value(QStringLiteral("Xmp.dc.title")),
+                  QStringLiteral("lang=\"x-default\" Red shoe"));
+        EXPECT_EQ(back.tags.value(QStringLiteral("Xmp.tiff.Orientation")), QStringLiteral("1"));
+        EXPECT_FALSE(back.thumbnail) << "the thumbnail shows the picture before the work";
+        // Read as any viewer reads it: upright once, not turned a second time.
+        const auto loaded = ImageFile::load(out);
+        ASSERT_TRUE(loaded);
+        EXPECT_EQ(loaded->image.size(), QSize(40, 60));
+    }
+    // The metadata doesn't disturb the pixels, even where it sits inside the picture's own
+    // structure (TIFF).
+    ASSERT_EQ(
+        run(QStringLiteral("tif-bare"), {QStringLiteral("--format=tif"), QStringLiteral("--strip")}).exitCode,
+        0);
+    EXPECT_EQ(ImageFile::load(path(QStringLiteral("tif/phone-out.tif")))->image,
+              ImageFile::load(path(QStringLiteral("tif-bare/phone-out.tif")))->image);
+
+    // --strip drops it; the later of --strip and --keep-metadata wins.
+    ASSERT_EQ(run(QStringLiteral("stripped"), {QStringLiteral("--strip")}).exitCode, 0);
+    EXPECT_TRUE(readMetadata(path(QStringLiteral("stripped/phone-out.jpg"))).tags.isEmpty());
+    ASSERT_EQ(
+        run(QStringLiteral("kept"), {QStringLiteral("--strip"), QStringLiteral("--keep-metadata")}).exitCode,
+        0);
+    EXPECT_EQ(readMetadata(path(QStringLiteral("kept/phone-out.jpg")))
+                  .tags.value(QStringLiteral("Exif.Image.Make")),
+              QStringLiteral("TestCam"));
+    // Types that can't hold it are written without it.
+    for (const QString& type : {QStringLiteral("heic"), QStringLiteral("gif"), QStringLiteral("bmp")}) {
+        const CliRun r = run(type, {QStringLiteral("--format=") + type});
+        EXPECT_EQ(r.exitCode, 0) << type.toStdString() << r.err.toStdString();
+        EXPECT_EQ(ImageFile::load(path(type + QStringLiteral("/phone-out.") + type))->image.size(),
+                  QSize(40, 60));
+    }
+
+    // Damaged EXIF (a TIFF header pointing far outside its segment) never fails the result.
+    QImage plain(30, 20, QImage::Format_RGB32);
+    plain.fill(qRgb(10, 200, 30));
+    QByteArray jpeg;
+    {
+        QBuffer buffer(&jpeg);
+        buffer.open(QIODevice::WriteOnly);
+        ASSERT_TRUE(plain.save(&buffer, "JPEG"));
+    }
+    const QByteArray payload = QByteArray("Exif\0\0II*\0\xff\xff\xff\x7f", 14) + QByteArray(40, '\xee');
+    QByteArray app1("\xff\xe1", 2);
+    app1.append(char((payload.size() + 2) >> 8)).append(char((payload.size() + 2) & 0xff)).append(payload);
+    const QString damaged = path(QStringLiteral("damaged.jpg"));
+    writeBytes(damaged, jpeg.left(2) + app1 + jpeg.mid(2));
+    const CliRun r =
+        cli({QStringLiteral("process"), QStringLiteral("-o"), path(QStringLiteral("damaged")), damaged});
+    EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
+    EXPECT_EQ(ImageFile::load(path(QStringLiteral("damaged/damaged-out.jpg")))->image.size(), QSize(30, 20));
+
+    EXPECT_EQ(cli({QStringLiteral("info"), QStringLiteral("--strip"), in}).exitCode, 2);
 }
 
 TEST_F(CliTest, TraceFailsWithTheStatusText) {

@@ -12,7 +12,7 @@ fail() { echo "package test: $*" >&2; exit 1; }
 (cd "$build" && cpack -B "$work/out" >"$work/cpack.log" 2>&1) || { cat "$work/cpack.log" >&2; fail "cpack failed"; }
 deb="$(ls "$work"/out/*.deb)"
 depends="$(dpkg-deb -f "$deb" Depends)"
-for lib in libqt6widgets6 libheif1 libjpeg62-turbo libopencv-core406; do
+for lib in libqt6widgets6 libheif1 libjpeg62-turbo libopencv-core406 libexiv2-27; do
     [[ "$depends" == *"$lib"* ]] || fail "Depends lacks $lib: $depends"
 done
 dpkg-deb -c "$deb" | grep -q 'isnet-medium' && fail "the network went into the package"

@@ -52,6 +52,10 @@ QString CliOptions::usage(Command command) {
             "                      own type, PNG when a result with transparency can't be kept in it)\n"
             "  --quality N         1 to 100 for jpeg, webp and heic (default: JPEG 92, WebP as the\n"
             "                      source was stored, HEIC 92)\n"
+            "  --keep-metadata     carry each input's EXIF and XMP over to its result, orientation set\n"
+            "                      to upright and sizes to the result's (the default; JPEG, PNG, WebP\n"
+            "                      and TIFF results hold them, GIF, BMP and HEIC results don't)\n"
+            "  --strip             write results without the input's EXIF and XMP\n"
             "  --stdout, -o -      write the one result to standard output (the JSON then goes to\n"
             "                      standard error)\n"
             "  -j, --jobs N        images at once (default: the cores this process may use)\n"
@@ -203,6 +207,7 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
     const bool takesOptions =
         out.command == Command::process || out.command == Command::trace || out.command == Command::split;
     bool onlyInputs = false;
+    bool metadataGiven = false;
     for (qsizetype i = 1; i < arguments.size(); ++i) {
         QString a = arguments[i];
         if (onlyInputs || !a.startsWith(QLatin1Char('-')) || a == QLatin1String("-")) {
@@ -284,6 +289,9 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
             out.overwrite = true;
         } else if (a == QLatin1String("--stdout")) {
             out.toStdout = true;
+        } else if (a == QLatin1String("--strip") || a == QLatin1String("--keep-metadata")) {
+            out.strip = a == QLatin1String("--strip"); // the later of the two wins, as with any switch
+            metadataGiven = true;
         } else {
             return QStringLiteral("unknown option “%1”").arg(a);
         }
@@ -309,6 +317,8 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
         return QStringLiteral("no input given");
     if (out.command != Command::process && (!out.format.isEmpty() || out.quality > 0))
         return QStringLiteral("--format and --quality are for process");
+    if (out.command != Command::process && metadataGiven)
+        return QStringLiteral("--strip and --keep-metadata are for process");
     if (out.command != Command::process &&
         (out.shard.count > 1 || !out.manifestPath.isEmpty() || !out.resumePath.isEmpty()))
         return QStringLiteral("--shard, --manifest and --resume are for process");

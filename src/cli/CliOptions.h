@@ -25,6 +25,7 @@ struct CliOptions {
     bool toStdout = false;               ///< --stdout or -o -: the one result to standard output
     QString format;                      ///< --format: the results' MIME type; empty: the save rules
     int quality = -1;                    ///< --quality 1…100 for the lossy types; -1: the save rules
+    bool strip = false;                  ///< --strip: results without the source's EXIF and XMP
     Shard shard;                         ///< --shard K/N: this run's slice of the inputs
     QString manifestPath;                ///< --manifest FILE: one line per finished input
     QString resumePath;                  ///< --resume FILE: skip what it records as done

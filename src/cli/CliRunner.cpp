@@ -6,6 +6,7 @@
 #include "engines/VisionEngine.h"
 #include "model/CropModel.h"
 #include "model/ImageFile.h"
+#include "model/ImageMetadata.h"
 #include "support/AtomicFile.h"
 #include "support/AvailableCores.h"
 #include "support/MemoryBudget.h"
@@ -35,7 +36,7 @@ namespace cutlark {
 
 namespace {
 
-/// Answers the model's save panel with the output folder (or the item's own) and the proposed name.
+/// Answers the model's folder panel (split) with the output folder or the item's own.
 class CliPanels : public Panels {
 public:
     explicit CliPanels(QString outputDir) : m_outputDir(std::move(outputDir)) {}
@@ -43,13 +44,10 @@ public:
     std::optional<QStringList> openImages(bool) override { return std::nullopt; }
     std::optional<QString> saveFile(const QString& directory, const QString& proposedName,
                                     const QString&) override {
-        if (!m_forced.isEmpty()) return m_chosen = m_forced;
         const QString folder = m_outputDir.isEmpty() ? directory : m_outputDir;
         m_chosen = QDir(folder).filePath(proposedName);
         return m_chosen;
     }
-    /// The answer of the next save panel, worked out by the command line.
-    void setChosen(const QString& path) { m_forced = path; }
     std::optional<QString> chooseFolder(const QString& directory, const QString&, const QString&) override {
         return m_outputDir.isEmpty() ? directory : m_outputDir;
     }
@@ -58,7 +56,6 @@ public:
 private:
     QString m_outputDir;
     QString m_chosen;
-    QString m_forced;
 };
 
 QJsonArray rectJson(const QRectF& r) {
@@ -228,8 +225,6 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
     }
 
     CropModel model;
-    CliPanels panels(options.outputDir);
-    model.setPanels(&panels);
     model.setSynchronousWork(true); // no event loop here: cutouts and traces run inside the call
     if (memory) model.setLoadOptions(ImageFile::LoadOptions{false});
 
@@ -292,30 +287,17 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
         return outcome;
     }
 
-    if (!options.format.isEmpty() || options.quality > 0) {
-        // A type or a quality of the command line's own: written here rather than by the model's
-        // save rules.
-        if (!ImageFile::save(result, target, choice.type, item->storage, options.quality)) {
-            const QString why = AtomicFile::lastError();
-            if (!why.isEmpty())
-                outcome.json.insert(QStringLiteral("reason"),
-                                    QStringLiteral("can’t write %1: %2").arg(target, why));
-            return fail(QStringLiteral("Couldn’t write to “%1”.").arg(QFileInfo(target).fileName()));
-        }
-    } else {
-        if (options.inPlace) {
-            model.saveOverOriginal();
-        } else {
-            panels.setChosen(target);
-            model.saveAsNewFile();
-        }
-        if (model.errorMessage()) {
-            const QString why = AtomicFile::lastError();
-            if (!why.isEmpty())
-                outcome.json.insert(QStringLiteral("reason"),
-                                    QStringLiteral("can’t write %1: %2").arg(target, why));
-            return fail(*model.errorMessage());
-        }
+    // Written here rather than through the model's save actions: the same save rules (type, quality
+    // as the source stored it), plus the source's metadata, and nothing is rebuilt once the file is out.
+    QByteArray bytes = ImageFile::encode(result, choice.type, item->storage, options.quality);
+    if (!bytes.isEmpty() && !options.strip)
+        bytes = ImageMetadata::carryOver(sourcePath, bytes, type, result.size());
+    if (bytes.isEmpty() || !AtomicFile::write(target, bytes)) {
+        const QString why = AtomicFile::lastError();
+        if (!bytes.isEmpty() && !why.isEmpty())
+            outcome.json.insert(QStringLiteral("reason"),
+                                QStringLiteral("can’t write %1: %2").arg(target, why));
+        return fail(QStringLiteral("Couldn’t write to “%1”.").arg(QFileInfo(target).fileName()));
     }
     outcome.json.insert(QStringLiteral("width"), result.width());
     outcome.json.insert(QStringLiteral("height"), result.height());
@@ -387,6 +369,7 @@ QString settingsHash(const RunContext& run) {
     text += run.sizeWrites.join(QLatin1Char(',')).toUtf8();
     // The type and quality asked for change the bytes as much as a setting does.
     text += QStringLiteral("|%1|%2").arg(run.options.format).arg(run.options.quality).toUtf8();
+    if (run.options.strip) text += "|strip"; // appended only when asked, so earlier manifests still match
     return QString::number(Shard::hash(text), 16).rightJustified(16, QLatin1Char('0'));
 }
 

@@ -1,0 +1,115 @@
+#include "model/ImageMetadata.h"
+
+#include <QFile>
+
+#include <exiv2/exiv2.hpp>
+
+#include <mutex>
+#include <string>
+
+namespace cutlark::ImageMetadata {
+
+namespace {
+
+// The XMP toolkit under exiv2 keeps global tables, and exiv2 reads and writes through one log and
+// one set of registered namespaces: one call at a time. The calls are short (headers and a copy of
+// one encoded file), so a command line running several jobs hardly waits on it.
+std::mutex& exiv2Lock() {
+    static std::mutex lock;
+    return lock;
+}
+
+void setUpOnce() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        // Damaged metadata is a reason to carry nothing, not a message on the user's terminal.
+        Exiv2::LogMsg::setLevel(Exiv2::LogMsg::mute);
+        Exiv2::XmpParser::initialize();
+        Exiv2::enableBMFF(true); // HEIC sources: read only
+    });
+}
+
+template <typename Value> void setIfPresent(Exiv2::ExifData& data, const char* key, const Value& value) {
+    auto it = data.findKey(Exiv2::ExifKey(key));
+    if (it != data.end()) *it = value;
+}
+
+void setIfPresent(Exiv2::XmpData& data, const char* key, const std::string& value) {
+    auto it = data.findKey(Exiv2::XmpKey(key));
+    if (it != data.end()) *it = value;
+}
+
+qint64 exifBytes(const Exiv2::ExifData& exif) {
+    if (exif.empty()) return 0;
+    Exiv2::Blob blob;
+    Exiv2::ExifParser::encode(blob, Exiv2::littleEndian, exif);
+    return qint64(blob.size());
+}
+
+qint64 xmpBytes(const Exiv2::XmpData& xmp) {
+    if (xmp.empty()) return 0;
+    std::string packet;
+    Exiv2::XmpParser::encode(packet, xmp);
+    return qint64(packet.size());
+}
+
+} // namespace
+
+bool canCarry(const QString& type) {
+    return type == QLatin1String("image/jpeg") || type == QLatin1String("image/png") ||
+           type == QLatin1String("image/webp") || type == QLatin1String("image/tiff");
+}
+
+QByteArray carryOver(const QString& sourcePath, const QByteArray& encoded, const QString& type, QSize size) {
+    if (!canCarry(type) || encoded.isEmpty()) return encoded;
+    const std::lock_guard<std::mutex> guard(exiv2Lock());
+    setUpOnce();
+    try {
+        auto source =
+            Exiv2::ImageFactory::open(std::string(QFile::encodeName(sourcePath).constData()), false);
+        if (!source.get()) return encoded;
+        source->readMetadata();
+        Exiv2::ExifData exif = source->exifData();
+        Exiv2::XmpData xmp = source->xmpData();
+        if (exif.empty() && xmp.empty()) return encoded;
+
+        const auto width = uint32_t(size.width());
+        const auto height = uint32_t(size.height());
+        setIfPresent(exif, "Exif.Image.Orientation", uint16_t(1));
+        setIfPresent(exif, "Exif.Photo.PixelXDimension", width);
+        setIfPresent(exif, "Exif.Photo.PixelYDimension", height);
+        setIfPresent(exif, "Exif.Image.ImageWidth", width);
+        setIfPresent(exif, "Exif.Image.ImageLength", height);
+        setIfPresent(exif, "Exif.Photo.ColorSpace", uint16_t(1));
+        Exiv2::ExifThumb(exif).erase();
+        const std::string w = std::to_string(width);
+        const std::string h = std::to_string(height);
+        setIfPresent(xmp, "Xmp.tiff.Orientation", std::string("1"));
+        setIfPresent(xmp, "Xmp.exif.PixelXDimension", w);
+        setIfPresent(xmp, "Xmp.exif.PixelYDimension", h);
+        setIfPresent(xmp, "Xmp.tiff.ImageWidth", w);
+        setIfPresent(xmp, "Xmp.tiff.ImageLength", h);
+        setIfPresent(xmp, "Xmp.exif.ColorSpace", std::string("1"));
+        if (exifBytes(exif) + xmpBytes(xmp) > kMaxCarried) return encoded;
+
+        auto target = Exiv2::ImageFactory::open(reinterpret_cast<const Exiv2::byte*>(encoded.constData()),
+                                                long(encoded.size()));
+        if (!target.get()) return encoded;
+        target->readMetadata(); // keeps what the encoder wrote itself (the colour profile)
+        target->setExifData(exif);
+        target->setXmpData(xmp);
+        target->writeMetadata();
+        Exiv2::BasicIo& io = target->io();
+        if (io.open() != 0) return encoded;
+        QByteArray bytes(qsizetype(io.size()), Qt::Uninitialized);
+        const long read = io.read(reinterpret_cast<Exiv2::byte*>(bytes.data()), long(bytes.size()));
+        io.close();
+        if (read != long(bytes.size()) || bytes.isEmpty()) return encoded;
+        return bytes;
+    } catch (const std::exception&) {
+        // exiv2 reports damaged or unsupported metadata by throwing; the result goes out without it.
+        return encoded;
+    }
+}
+
+} // namespace cutlark::ImageMetadata
