@@ -22,12 +22,13 @@ using namespace cutlark::test;
 
 namespace {
 
-/// Bytes the C library has handed out and not had back, idle pooled stores given back first.
+/// Bytes the C library and the pool have handed out and not had back, idle pooled stores given
+/// back first.
 size_t heapInUse() {
     QThreadPool::globalInstance()->waitForDone();
     BufferPool::trim();
     const struct mallinfo2 info = mallinfo2();
-    return info.uordblks + info.hblkhd;
+    return info.uordblks + info.hblkhd + BufferPool::mappedBytes();
 }
 
 /// A product shot: a coloured blob with a hole on white, different for each `n`.

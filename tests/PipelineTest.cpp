@@ -247,3 +247,53 @@ TEST_F(PipelineTest, AHandCropIsTrimmedAndWrittenLikeAnyPicture) {
         EXPECT_EQ(back->image.size(), QSize(360, 270)) << type;
     }
 }
+
+TEST_F(PipelineTest, AResizeAloneStartsFromThePictureBeforeItAndAnythingElseRebuilds) {
+    openOne(sheetWithBlock());
+    model.setKeyWhiteEnabled(true);
+    model.setTrimEnabled(true);
+    model.setPaddingEnabled(true);
+    model.setPadAmount(5);
+    const QImage beforeResize = model.processedImage();
+    ASSERT_EQ(beforeResize.size(), QSize(30, 20));
+    // The resize and the trace read the picture before the resize as it is: turning the resize on
+    // and off again gives back that very picture, not a copy made anew.
+    model.setResizeEnabled(true);
+    model.setResizeWidth(90);
+    EXPECT_EQ(model.processedImage().size(), QSize(90, 60));
+    model.setVectorizeEnabled(true);
+    model.setVectorizeEnabled(false);
+    model.setResizeEnabled(false);
+    EXPECT_EQ(model.processedImage().cacheKey(), beforeResize.cacheKey());
+
+    // Any earlier stage's setting, the same pixels or not, and each result is what a fresh model with
+    // the final settings makes.
+    const auto freshResult = [&] {
+        CropModel fresh;
+        fresh.open({model.active()->url});
+        fresh.applySettings(model.snapshotCurrentSettings());
+        return fresh.processedImage();
+    };
+    model.setResizeEnabled(true);
+    model.setPadAmount(7);
+    EXPECT_EQ(model.preResizeSize(), QSizeF(34, 24));
+    EXPECT_EQ(model.processedImage().size(), QSize(30, 20)) << "seeded from 30 × 20 when turned on again";
+    EXPECT_EQ(model.processedImage(), freshResult());
+    model.setBackgroundEnabled(true);
+    model.setBackgroundColor(QColor(0, 0, 255));
+    EXPECT_EQ(model.processedImage().pixel(0, 0), qRgb(0, 0, 255));
+    EXPECT_EQ(model.processedImage(), freshResult());
+    model.setQuarterTurns(1);
+    EXPECT_EQ(model.processedImage(), freshResult());
+    // A source that changes under the same settings (written over and read back) is built anew.
+    const QImage beforeSave = model.processedImage();
+    model.setResizeEnabled(false);
+    const QImage unresized = model.processedImage();
+    model.saveOverOriginal();
+    ASSERT_FALSE(model.errorMessage());
+    ASSERT_TRUE(model.active());
+    EXPECT_NE(model.processedImage().size(), unresized.size())
+        << "the turned and padded result is the source now";
+    EXPECT_EQ(model.processedImage(), freshResult());
+    EXPECT_FALSE(beforeSave.isNull());
+}

@@ -452,11 +452,14 @@ void CliRunner::progress(qsizetype done, qsizetype total) {
                  QByteArray(width - filled, ' ').constData(), static_cast<long long>(done),
                  static_cast<long long>(total));
     m_barShown = true;
-    if (done == total) {
-        std::fputc('\n', m_err);
-        m_barShown = false;
-    }
     std::fflush(m_err);
+}
+
+void CliRunner::endProgress() {
+    if (!m_barShown) return;
+    std::fputc('\n', m_err); // the finished bar stays, above whatever comes next
+    std::fflush(m_err);
+    m_barShown = false;
 }
 
 void CliRunner::clearProgress() {
@@ -870,6 +873,8 @@ int CliRunner::runProcess(const CliOptions& asked) {
         }
         progress(std::max<qsizetype>(work.finished(), i + 1), total);
     }
+    // Only now: all may be finished while lines are still to print, each on a cleared line.
+    endProgress();
     return reportFailures(failures);
 }
 

@@ -41,6 +41,8 @@ private:
     void progress(qsizetype done, qsizetype total);
     /// Takes the bar away so that a line printed next starts clean.
     void clearProgress();
+    /// Ends the bar's line, once every line of the run is printed.
+    void endProgress();
     int reportFailures(const QStringList& failures);
 
     FILE* m_out;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <mutex>
@@ -16,10 +17,14 @@ namespace {
 constexpr size_t kAlign = 64;
 constexpr size_t kSmallest = size_t(1) << 20;
 
-// Each block starts with a header holding its capacity; the caller sees the bytes after it.
+// Each block starts with a header holding its capacity and how it was made; the caller sees the
+// bytes after it. Blocks of a megabyte and more are mappings of their own, so that one too small
+// for a request can be grown in place of a fresh one: `mremap` moves the pages it already has
+// (touched, no clearing) and only the growth is fresh.
 struct Header {
     size_t capacity;
-    size_t pad[kAlign / sizeof(size_t) - 1];
+    size_t mapped; ///< bytes of the mapping; 0 for a block from the heap
+    size_t pad[kAlign / sizeof(size_t) - 2];
 };
 static_assert(sizeof(Header) == kAlign);
 
@@ -40,6 +45,8 @@ Pool& pool() {
     return *p;
 }
 
+std::atomic<size_t> g_mapped{0};
+
 size_t idleLimit() {
     static const size_t limit = [] {
         const long pages = sysconf(_SC_PHYS_PAGES);
@@ -49,6 +56,14 @@ size_t idleLimit() {
         return std::clamp(physical / 16, size_t(256) << 20, size_t(1) << 30);
     }();
     return limit;
+}
+
+size_t pageSize() {
+    static const size_t size = [] {
+        const long p = sysconf(_SC_PAGESIZE);
+        return p > 0 ? size_t(p) : size_t(4096);
+    }();
+    return size;
 }
 
 // Fresh memory is first touched 2 MB at a time instead of 4 KB: far fewer page faults, which on a
@@ -61,6 +76,46 @@ void adviseHugePages(void* begin, size_t bytes) {
     if (last > first) madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
 }
 
+size_t mappingFor(size_t bytes) {
+    const size_t page = pageSize();
+    return (sizeof(Header) + bytes + page - 1) / page * page;
+}
+
+Header* mapBlock(size_t bytes) {
+    const size_t length = mappingFor(bytes);
+    void* m = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (m == MAP_FAILED) return nullptr;
+    g_mapped += length;
+    adviseHugePages(m, length);
+    auto* h = static_cast<Header*>(m);
+    h->capacity = length - sizeof(Header);
+    h->mapped = length;
+    return h;
+}
+
+// `h` (idle, taken out of the pool) made large enough for `bytes`, its pages kept; null when the
+// system refuses, and then `h` is untouched.
+Header* growBlock(Header* h, size_t bytes) {
+    const size_t length = mappingFor(bytes);
+    const size_t before = h->mapped; // h is gone once the mapping moves
+    void* m = mremap(h, before, length, MREMAP_MAYMOVE);
+    if (m == MAP_FAILED) return nullptr;
+    g_mapped += length - before;
+    adviseHugePages(m, length);
+    auto* grown = static_cast<Header*>(m);
+    grown->capacity = length - sizeof(Header);
+    grown->mapped = length;
+    return grown;
+}
+
+void freeBlock(Header* h) {
+    if (h->mapped) {
+        g_mapped -= h->mapped;
+        munmap(h, h->mapped);
+    } else
+        std::free(h);
+}
+
 void* payload(Header* h) {
     return reinterpret_cast<uint8_t*>(h) + sizeof(Header);
 }
@@ -71,37 +126,57 @@ Header* headerOf(void* p) {
 } // namespace
 
 void* BufferPool::acquire(size_t bytes) {
-    if (bytes == 0 || bytes > SIZE_MAX - 2 * kAlign) return nullptr;
-    if (bytes >= kSmallest) {
+    if (bytes == 0 || bytes > SIZE_MAX / 2) return nullptr;
+    if (bytes < kSmallest) {
+        const size_t total = (sizeof(Header) + bytes + kAlign - 1) / kAlign * kAlign;
+        auto* h = static_cast<Header*>(std::aligned_alloc(kAlign, total));
+        if (!h) return nullptr;
+        h->capacity = bytes;
+        h->mapped = 0;
+        return payload(h);
+    }
+    Header* grow = nullptr;
+    {
         Pool& pl = pool();
         std::lock_guard lock(pl.mutex);
-        // The smallest idle block that fits without wasting more than a third of it.
+        // The smallest idle block that fits without wasting more than a third of it, so that a mask
+        // doesn't take the store a whole picture will ask for next.
         auto best = pl.idle.end();
+        // Else the largest one that is at least two thirds of the request: grown, it costs only the
+        // difference in fresh pages (pictures of a batch differ by a few per cent in size).
+        auto nearest = pl.idle.end();
         for (auto it = pl.idle.begin(); it != pl.idle.end(); ++it) {
-            if (it->capacity >= bytes && it->capacity - bytes <= it->capacity / 3 &&
-                (best == pl.idle.end() || it->capacity < best->capacity))
-                best = it;
+            if (it->capacity >= bytes) {
+                if (it->capacity - bytes <= it->capacity / 3 &&
+                    (best == pl.idle.end() || it->capacity < best->capacity))
+                    best = it;
+            } else if (it->capacity >= bytes / 3 * 2 &&
+                       (nearest == pl.idle.end() || it->capacity > nearest->capacity)) {
+                nearest = it;
+            }
         }
-        if (best != pl.idle.end()) {
-            Header* h = best->block;
-            pl.idleBytes -= best->capacity;
-            pl.idle.erase(best);
-            return payload(h);
+        const auto take = best != pl.idle.end() ? best : nearest;
+        if (take != pl.idle.end()) {
+            Header* h = take->block;
+            pl.idleBytes -= take->capacity;
+            pl.idle.erase(take);
+            if (take == best) return payload(h);
+            grow = h;
         }
     }
-    const size_t total = (sizeof(Header) + bytes + kAlign - 1) / kAlign * kAlign;
-    auto* h = static_cast<Header*>(std::aligned_alloc(kAlign, total));
-    if (!h) return nullptr;
-    adviseHugePages(h, total);
-    h->capacity = bytes;
-    return payload(h);
+    if (grow) {
+        if (Header* grown = growBlock(grow, bytes)) return payload(grown);
+        freeBlock(grow);
+    }
+    Header* h = mapBlock(bytes);
+    return h ? payload(h) : nullptr;
 }
 
 void BufferPool::release(void* block) {
     if (!block) return;
     Header* h = headerOf(block);
-    if (h->capacity < kSmallest || h->capacity > idleLimit()) {
-        std::free(h);
+    if (!h->mapped || h->capacity > idleLimit()) {
+        freeBlock(h);
         return;
     }
     std::vector<Header*> freed;
@@ -117,13 +192,17 @@ void BufferPool::release(void* block) {
         }
     }
     for (Header* f : freed)
-        std::free(f);
+        freeBlock(f);
 }
 
 size_t BufferPool::idleBytes() {
     Pool& pl = pool();
     std::lock_guard lock(pl.mutex);
     return pl.idleBytes;
+}
+
+size_t BufferPool::mappedBytes() {
+    return g_mapped.load();
 }
 
 void BufferPool::trim() {
@@ -135,7 +214,7 @@ void BufferPool::trim() {
         pl.idleBytes = 0;
     }
     for (const Idle& i : all)
-        std::free(i.block);
+        freeBlock(i.block);
 }
 
 } // namespace cutlark

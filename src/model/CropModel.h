@@ -316,6 +316,8 @@ private:
     void writeVector(const QByteArray& bytes, const QString& sourcePath, const QString& extension,
                      const QString& type);
     QImage buildProcessed(const Item& item);
+    /// Stages 1 to 7: orientation, crop, background removal, outline or trim, padding, background.
+    QImage buildBeforeResize(const Item& item);
     void advanceToNextUnsaved(const QUuid& after);
     void runHook(Field field, bool wasOn);
     void notify(Field field) {
@@ -369,6 +371,16 @@ private:
     QSet<QUuid> m_visionAttempted;
     QSet<QUuid> m_visionComputing;
     QSizeF m_preResizeSize{0, 0};
+    /// The picture as it stood before the resize, and what it was made from: a rebuild that changes
+    /// only the resize (a width typed, a slider dragged) starts from it.
+    struct PreResize {
+        QUuid item;
+        qint64 source = 0; ///< cache key of the item's pixels
+        qint64 cutout = 0; ///< cache key of the subject cutout used, 0 for none
+        Settings settings; ///< with the resize and trace fields at their defaults
+        QImage image;
+    };
+    std::optional<PreResize> m_preResize;
     bool m_linkingResizeFields = false;
     std::optional<VectorTrace> m_vectorTrace;
     std::optional<VectorColorTrace> m_vectorColorTrace;

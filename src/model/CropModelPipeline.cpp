@@ -45,6 +45,7 @@ void CropModel::recomputeActive() {
     setNoticeMessage(std::nullopt);
     const Item* item = active();
     if (!item) {
+        m_preResize.reset();
         setActiveContentRect(std::nullopt);
         setProcessedImage(QImage());
         setVectorTrace(std::nullopt);
@@ -59,7 +60,7 @@ void CropModel::recomputeActive() {
     if (wantsVision()) ensureVisionCutout();
 }
 
-QImage CropModel::buildProcessed(const Item& item) {
+QImage CropModel::buildBeforeResize(const Item& item) {
     const Settings& s = m_settings;
     // 1. Start from the upright source.
     QImage work = item.buffer.cgImage();
@@ -134,6 +135,49 @@ QImage CropModel::buildProcessed(const Item& item) {
             return std::nullopt;
         });
         if (filled) work = *filled;
+    }
+
+    return work;
+}
+
+QImage CropModel::buildProcessed(const Item& item) {
+    const Settings& s = m_settings;
+    // What the stages before the resize depend on; when it is what the last build had, its picture
+    // before the resize is taken as it is.
+    PreResize key;
+    key.item = item.id;
+    key.source = item.buffer.cgImage().cacheKey();
+    if (s.keyWhiteEnabled && s.bgRemovalMode == BGRemovalMode::subject) {
+        const auto cached = m_visionCache.constFind(item.id);
+        if (cached != m_visionCache.constEnd()) key.cutout = cached->cacheKey();
+    }
+    key.settings = s;
+    // The fields read only after this point. (One forgotten here costs a rebuild, never a stale
+    // picture: every other field is compared.)
+    const Settings defaults;
+    Settings& k = key.settings;
+    k.resizeEnabled = defaults.resizeEnabled;
+    k.resizeWidth = defaults.resizeWidth;
+    k.resizeHeight = defaults.resizeHeight;
+    k.resizeLockAspect = defaults.resizeLockAspect;
+    k.resizeCanvas = defaults.resizeCanvas;
+    k.vectorizeEnabled = defaults.vectorizeEnabled;
+    k.vectorizeStyle = defaults.vectorizeStyle;
+    k.vectorStrokeWidth = defaults.vectorStrokeWidth;
+    k.vectorFullColor = defaults.vectorFullColor;
+    k.vectorTolerance = defaults.vectorTolerance;
+    k.vectorMinFeature = defaults.vectorMinFeature;
+    k.vectorDenoise = defaults.vectorDenoise;
+    k.vectorCleanup = defaults.vectorCleanup;
+    QImage work;
+    if (m_preResize && m_preResize->item == key.item && m_preResize->source == key.source &&
+        m_preResize->cutout == key.cutout && m_preResize->settings == key.settings) {
+        work = m_preResize->image;
+    } else {
+        m_preResize.reset(); // its picture isn't kept alive beside the new one's stages
+        work = buildBeforeResize(item);
+        key.image = work;
+        m_preResize = std::move(key);
     }
 
     // 8. Remember the size before the resize: the base of the aspect links.
