@@ -6,6 +6,8 @@
 
 #include <QTransform>
 
+#include <cstring>
+
 #include <gtest/gtest.h>
 
 using namespace cutlark;
@@ -295,6 +297,45 @@ TEST_F(ImageFileTest, JpegIsWrittenAtQualityNinetyTwo) {
     ASSERT_TRUE(ImageFile::save(image, path(QStringLiteral("q.jpg")), QStringLiteral("image/jpeg")));
     ASSERT_TRUE(writeImage(image, path(QStringLiteral("q92.jpg")), "jpeg", 92));
     EXPECT_EQ(readBytes(path(QStringLiteral("q.jpg"))), readBytes(path(QStringLiteral("q92.jpg"))));
+}
+
+TEST_F(ImageFileTest, PngEffortChoosesZlibsLevelAndNeverThePixels) {
+    // A cutout-like picture: a textured disc on transparency.
+    QImage image(240, 160, QImage::Format_RGBA8888_Premultiplied);
+    quint32 seed = 11;
+    for (int y = 0; y < 160; ++y)
+        for (int x = 0; x < 240; ++x) {
+            seed = seed * 1664525u + 1013904223u;
+            const bool in = (x - 120) * (x - 120) + (y - 80) * (y - 80) < 70 * 70;
+            const int grain = int(seed >> 29);
+            image.setPixel(x, y, in ? qRgba(x / 2 + grain, y + grain, 90, 255) : 0);
+        }
+    const QString png = QStringLiteral("image/png");
+    const QByteArray rules = ImageFile::encode(image, png);
+    EXPECT_EQ(ImageFile::encode(image, png, ImageFile::kUnknownSource, 60), rules)
+        << "60 is zlib's default level 6, which the save rules use";
+    const QByteArray fast = ImageFile::encode(image, png, ImageFile::kUnknownSource, 1);
+    const QByteArray window =
+        ImageFile::encode(image, png, ImageFile::kUnknownSource, ImageFile::kInteractivePngEffort);
+    const QByteArray best = ImageFile::encode(image, png, ImageFile::kUnknownSource, 100);
+    EXPECT_LT(best.size(), rules.size());
+    EXPECT_LT(rules.size(), window.size());
+    EXPECT_LT(window.size(), fast.size());
+    for (const QByteArray& bytes : {fast, window, best}) {
+        const auto back = ImageFile::loadFromData(bytes);
+        ASSERT_TRUE(back);
+        const QImage pixels = back->image.convertToFormat(QImage::Format_RGBA8888_Premultiplied);
+        ASSERT_EQ(pixels.size(), image.size());
+        int differing = 0;
+        for (int y = 0; y < 160; ++y)
+            differing += std::memcmp(pixels.constScanLine(y), image.constScanLine(y), 240 * 4) != 0;
+        EXPECT_EQ(differing, 0) << "rows with other pixels";
+    }
+    EXPECT_EQ(ImageFile::interactiveQuality(png), ImageFile::kInteractivePngEffort);
+    EXPECT_EQ(ImageFile::interactiveQuality(QStringLiteral("image/jpeg")), -1) << "JPEG keeps its 92";
+    EXPECT_EQ(ImageFile::interactiveQuality(QStringLiteral("image/bmp")),
+              ImageFile::writableType(QStringLiteral("image/bmp")) == png ? ImageFile::kInteractivePngEffort
+                                                                          : -1);
 }
 
 TEST_F(ImageFileTest, AlphaSupportIsByTypeEquality) {

@@ -253,7 +253,8 @@ void CropModel::saveOverOriginal() {
     const SaveChoice choice = saveTypeChoice(*item);
     // When PNG is forced the old file stays on disk: only the new name is written.
     const QString target = choice.forcedPng ? withExtension(item->url, QStringLiteral("png")) : item->url;
-    if (!ImageFile::save(m_processedImage, target, choice.type, item->storage)) {
+    if (!ImageFile::save(m_processedImage, target, choice.type, item->storage,
+                         ImageFile::interactiveQuality(choice.type))) {
         setErrorMessage(tr("Couldn’t write to “%1”.").arg(fileName(target)));
         return;
     }
@@ -289,7 +290,8 @@ void CropModel::saveAsNewFile() {
     if (!m_panels) return;
     const auto chosen = m_panels->saveFile(folderOf(item->url), proposed, choice.type);
     if (!chosen || chosen->isEmpty()) return;
-    if (!ImageFile::save(m_processedImage, *chosen, choice.type, item->storage)) {
+    if (!ImageFile::save(m_processedImage, *chosen, choice.type, item->storage,
+                         ImageFile::interactiveQuality(choice.type))) {
         setErrorMessage(tr("Couldn’t write to “%1”.").arg(fileName(*chosen)));
         return;
     }
@@ -328,7 +330,9 @@ void CropModel::splitCollage() {
         for (int n = 2; QFileInfo::exists(target); ++n)
             target =
                 dir.filePath(stem + QLatin1Char('-') + QString::number(n) + QLatin1Char('.') + extension);
-        if (ImageFile::save(piece, target, item->type, item->storage)) written << target;
+        if (ImageFile::save(piece, target, item->type, item->storage,
+                            ImageFile::interactiveQuality(item->type)))
+            written << target;
     }
     if (written.size() < 2) {
         // What was written stays in the folder; the queue is left as it was.

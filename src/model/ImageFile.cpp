@@ -433,6 +433,12 @@ QByteArray encode(const QImage& source, const QString& type, const Storage& stor
     if (!buffer.open(QIODevice::WriteOnly)) return QByteArray();
     QImageWriter writer(&buffer, writerFormatForType(target));
     if (target == kJpeg) writer.setQuality(asked ? quality : 92);
+    if (target == kPng && asked) {
+        // Qt's PNG writer takes a "quality" it turns into zlib's level as (100 − q) × 9 / 91: the
+        // smallest q that gives the level wanted.
+        const int level = (quality * 9 + 99) / 100;
+        writer.setQuality(100 - (level * 91 + 8) / 9);
+    }
     // Qt's WebP writer goes lossless at quality 100.
     if (target == kWebp)
         writer.setQuality(asked                   ? quality
@@ -441,6 +447,10 @@ QByteArray encode(const QImage& source, const QString& type, const Storage& stor
                                                   : 92);
     if (!writer.write(image)) return QByteArray();
     return bytes;
+}
+
+int interactiveQuality(const QString& type) {
+    return writableType(type) == kPng ? kInteractivePngEffort : -1;
 }
 
 bool save(const QImage& image, const QString& path, const QString& type, const Storage& source, int quality) {

@@ -66,9 +66,20 @@ std::optional<QSize> probeSize(const QString& path);
 /// colours, pixels under half opacity its transparent colour; everything else lossless. The file is
 /// replaced atomically — written beside the target and renamed over it — so a failed write leaves an
 /// existing file untouched. The name is used as given even when the type falls back. `quality`
-/// from 1 to 100 overrides those rules for the lossy types (JPEG, WebP, HEIC/HEIF); others ignore it.
+/// from 1 to 100 overrides those rules for the lossy types (JPEG, WebP, HEIC/HEIF), and for PNG is
+/// the compression effort: zlib's level ⌈quality × 9 / 100⌉ (without it, zlib's default level 6).
+/// Other types ignore it.
 bool save(const QImage& image, const QString& path, const QString& type,
           const Storage& source = kUnknownSource, int quality = -1);
+
+/// The PNG effort of a save the user waits for in the window: zlib's level 4. Measured on 12-MP
+/// cutouts, 2.3–2.4× faster to write than the default level 6 (0.6–0.75 s against 1.4–2.1 s) for
+/// files 6–17 % larger; level 1 is faster still but 27–37 % larger, level 9 takes 11–13 s.
+inline constexpr int kInteractivePngEffort = 40;
+
+/// The `quality` for a save in the window of a picture of `type`: the PNG effort above for PNG, the
+/// save rules (-1) for every other type.
+int interactiveQuality(const QString& type);
 
 /// Encodes without writing; empty on failure.
 QByteArray encode(const QImage& image, const QString& type, const Storage& source = kUnknownSource,
