@@ -265,7 +265,8 @@ TEST_F(BadInputTest, ASaveRacingAnotherWriterLeavesOneWholeFile) {
         }
     });
     for (int i = 0; i < 20; ++i) {
-        ours.insert(ImageFile::encode(model.processedImage(), QStringLiteral("image/png")));
+        ours.insert(ImageFile::encode(model.processedImage(), QStringLiteral("image/png"),
+                                      ImageFile::kUnknownSource, ImageFile::kInteractivePngEffort));
         model.saveOverOriginal();
         EXPECT_FALSE(model.errorMessage());
     }
