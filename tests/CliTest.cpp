@@ -1,5 +1,6 @@
 #include "TestSupport.h"
 
+#include "model/CropModel.h"
 #include "model/ImageFile.h"
 #include "support/AvailableCores.h"
 
@@ -221,6 +222,71 @@ TEST_F(CliTest, PresetsAndSetsCombineAndJobsDoNotChangeResults) {
     // Mirrored, then one clockwise turn: the top left shows the source's bottom-right pixel.
     EXPECT_EQ(qRed(result.pixel(0, 0)), 19);
     EXPECT_EQ(qGreen(result.pixel(0, 0)), 11);
+}
+
+// The command line builds each picture once, with its settings all applied, and writes it itself;
+// the window rebuilds at every write. Both must give the same bytes, for pictures of every size and
+// type in one batch (pooled stores of other sizes reused in between).
+TEST_F(CliTest, ABatchWritesWhatTheWindowBuildsSettingBySetting) {
+    QStringList inputs;
+    const QList<QPair<QSize, const char*>> kinds = {{{310, 200}, "png"},  {{200, 310}, "jpg"},
+                                                    {{333, 251}, "webp"}, {{96, 420}, "png"},
+                                                    {{512, 384}, "jpg"},  {{301, 300}, "tif"}};
+    for (qsizetype i = 0; i < kinds.size(); ++i) {
+        const QSize size = kinds[i].first;
+        QImage art(size, QImage::Format_RGB32);
+        art.fill(Qt::white);
+        QPainter painter(&art);
+        painter.setBrush(QColor::fromHsv(int(i) * 50, 220, 170));
+        painter.drawEllipse(QRect(size.width() / 6, size.height() / 5, size.width() / 2, size.height() / 2));
+        painter.end();
+        const QString name = path(QStringLiteral("in%1.%2").arg(i).arg(QLatin1String(kinds[i].second)));
+        ASSERT_TRUE(art.save(name, nullptr, 95));
+        inputs << name;
+    }
+    const QList<QPair<QString, QString>> look = {
+        {QStringLiteral("keyWhiteEnabled"), QStringLiteral("true")},
+        {QStringLiteral("trimEnabled"), QStringLiteral("true")},
+        {QStringLiteral("paddingEnabled"), QStringLiteral("true")},
+        {QStringLiteral("padAmount"), QStringLiteral("12")},
+        {QStringLiteral("backgroundEnabled"), QStringLiteral("true")},
+        {QStringLiteral("backgroundColor"), QStringLiteral("#3366CC")},
+        {QStringLiteral("resizeEnabled"), QStringLiteral("true")},
+        {QStringLiteral("resizeWidth"), QStringLiteral("150")}};
+    QStringList arguments{QStringLiteral("process"), QStringLiteral("--jobs=2"), QStringLiteral("-o"),
+                          path(QStringLiteral("out"))};
+    for (const auto& [name, value] : look)
+        arguments << QStringLiteral("--set=%1=%2").arg(name, value);
+    const CliRun run = cli(arguments + inputs);
+    ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
+    ASSERT_EQ(run.lines.size(), inputs.size());
+
+    for (qsizetype i = 0; i < inputs.size(); ++i) {
+        CropModel model;
+        model.open({inputs[i]});
+        ASSERT_TRUE(model.active());
+        // As a person sets them, one at a time, each write rebuilding.
+        model.setKeyWhiteEnabled(true);
+        model.setTrimEnabled(true);
+        model.setPaddingEnabled(true);
+        model.setPadAmount(12);
+        model.setBackgroundEnabled(true);
+        model.setBackgroundColor(QColor(0x33, 0x66, 0xCC));
+        model.setResizeEnabled(true);
+        model.setResizeWidth(150);
+        const auto choice = model.saveTypeChoice(*model.active());
+        const QByteArray expected =
+            ImageFile::encode(model.processedImage(), choice.type, model.active()->storage);
+        const QString output = run.lines[i].value(QStringLiteral("output")).toString();
+        if (output.endsWith(QLatin1String(".tif"))) {
+            // A TIFF states its resolution, which the result carries as any metadata: the same
+            // pixels in another file.
+            EXPECT_EQ(ImageFile::load(output)->image, ImageFile::loadFromData(expected)->image);
+        } else {
+            EXPECT_EQ(readBytes(output), expected) << output.toStdString();
+        }
+        EXPECT_EQ(ImageFile::load(output)->image.width(), 150);
+    }
 }
 
 TEST_F(CliTest, SubjectModeCutsOutBeforeWriting) {
@@ -749,6 +815,24 @@ TEST_F(CliTest, MetadataIsCarriedOverUprightAndResizedOrStripped) {
         0);
     EXPECT_EQ(ImageFile::load(path(QStringLiteral("tif/phone-out.tif")))->image,
               ImageFile::load(path(QStringLiteral("tif-bare/phone-out.tif")))->image);
+    // A TIFF's own storage tags and colour profile are its encoder's, not the source's.
+    const ReadBack tiff = readMetadata(path(QStringLiteral("tif/phone-out.tif")));
+    const ReadBack bareTiff = readMetadata(path(QStringLiteral("tif-bare/phone-out.tif")));
+    for (const char* key :
+         {"Exif.Image.InterColorProfile", "Exif.Image.StripByteCounts", "Exif.Image.ImageWidth"})
+        EXPECT_EQ(tiff.tags.value(QLatin1String(key)), bareTiff.tags.value(QLatin1String(key))) << key;
+    // A TIFF source's storage isn't carried into a JPEG.
+    {
+        const QString tifIn = path(QStringLiteral("tif/phone-out.tif"));
+        const CliRun r = cli({QStringLiteral("process"), QStringLiteral("--format=jpg"), QStringLiteral("-o"),
+                              path(QStringLiteral("from-tif")), tifIn});
+        ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+        const ReadBack back = readMetadata(path(QStringLiteral("from-tif/phone-out-out.jpg")));
+        EXPECT_EQ(back.tags.value(QStringLiteral("Exif.Image.Make")), QStringLiteral("TestCam"));
+        for (const char* key :
+             {"Exif.Image.InterColorProfile", "Exif.Image.StripOffsets", "Exif.Image.BitsPerSample"})
+            EXPECT_FALSE(back.tags.contains(QLatin1String(key))) << key;
+    }
 
     // --strip drops it; the later of --strip and --keep-metadata wins.
     ASSERT_EQ(run(QStringLiteral("stripped"), {QStringLiteral("--strip")}).exitCode, 0);

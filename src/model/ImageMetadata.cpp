@@ -39,6 +39,57 @@ void setIfPresent(Exiv2::XmpData& data, const char* key, const std::string& valu
     if (it != data.end()) *it = value;
 }
 
+// Tags that describe how the source stored its pixels (its TIFF structure, its embedded profile, its
+// JPEG's sampling), not the photograph: the result is stored in its own way, described by its own
+// encoder. Carried over they would be wrong, and a source's profile would mislabel sRGB pixels.
+constexpr const char* kStorageTags[] = {
+    "Exif.Image.NewSubfileType",
+    "Exif.Image.SubfileType",
+    "Exif.Image.ImageWidth",
+    "Exif.Image.ImageLength",
+    "Exif.Image.BitsPerSample",
+    "Exif.Image.Compression",
+    "Exif.Image.PhotometricInterpretation",
+    "Exif.Image.FillOrder",
+    "Exif.Image.StripOffsets",
+    "Exif.Image.SamplesPerPixel",
+    "Exif.Image.RowsPerStrip",
+    "Exif.Image.StripByteCounts",
+    "Exif.Image.PlanarConfiguration",
+    "Exif.Image.Predictor",
+    "Exif.Image.TileWidth",
+    "Exif.Image.TileLength",
+    "Exif.Image.TileOffsets",
+    "Exif.Image.TileByteCounts",
+    "Exif.Image.SubIFDs",
+    "Exif.Image.ExtraSamples",
+    "Exif.Image.SampleFormat",
+    "Exif.Image.JPEGTables",
+    "Exif.Image.InterColorProfile",
+    "Exif.Image.TransferFunction",
+    "Exif.Image.WhitePoint",
+    "Exif.Image.PrimaryChromaticities",
+    "Exif.Image.YCbCrCoefficients",
+    "Exif.Image.YCbCrSubSampling",
+    "Exif.Image.YCbCrPositioning",
+    "Exif.Image.ReferenceBlackWhite",
+    "Exif.Image.JPEGInterchangeFormat",
+    "Exif.Image.JPEGInterchangeFormatLength",
+    "Exif.Image.XMLPacket",
+    "Exif.Image.IPTCNAA",
+    "Exif.Image.ImageResources",
+};
+
+void dropStorageTags(Exiv2::ExifData& exif) {
+    for (const char* key : kStorageTags) {
+        auto it = exif.findKey(Exiv2::ExifKey(key));
+        while (it != exif.end()) {
+            exif.erase(it);
+            it = exif.findKey(Exiv2::ExifKey(key));
+        }
+    }
+}
+
 qint64 exifBytes(const Exiv2::ExifData& exif) {
     if (exif.empty()) return 0;
     Exiv2::Blob blob;
@@ -71,6 +122,8 @@ QByteArray carryOver(const QString& sourcePath, const QByteArray& encoded, const
         source->readMetadata();
         Exiv2::ExifData exif = source->exifData();
         Exiv2::XmpData xmp = source->xmpData();
+        dropStorageTags(exif);
+        Exiv2::ExifThumb(exif).erase();
         if (exif.empty() && xmp.empty()) return encoded;
 
         const auto width = uint32_t(size.width());
@@ -78,10 +131,7 @@ QByteArray carryOver(const QString& sourcePath, const QByteArray& encoded, const
         setIfPresent(exif, "Exif.Image.Orientation", uint16_t(1));
         setIfPresent(exif, "Exif.Photo.PixelXDimension", width);
         setIfPresent(exif, "Exif.Photo.PixelYDimension", height);
-        setIfPresent(exif, "Exif.Image.ImageWidth", width);
-        setIfPresent(exif, "Exif.Image.ImageLength", height);
         setIfPresent(exif, "Exif.Photo.ColorSpace", uint16_t(1));
-        Exiv2::ExifThumb(exif).erase();
         const std::string w = std::to_string(width);
         const std::string h = std::to_string(height);
         setIfPresent(xmp, "Xmp.tiff.Orientation", std::string("1"));

@@ -17,7 +17,9 @@ bool canCarry(const QString& type);
 /// - orientation 1: results are written upright, so a source's turn is already in the pixels;
 /// - pixel dimensions set to `size` wherever the source states them;
 /// - colour space sRGB where the source names one, since results are held and written in sRGB;
-/// - the EXIF thumbnail dropped, as it shows the picture before the work.
+/// - the EXIF thumbnail dropped, as it shows the picture before the work;
+/// - the tags of how the source stored its pixels dropped (a TIFF's strips and embedded profile, a
+///   JPEG's sampling): the result's encoder describes its own.
 /// Everything else (camera, exposure, dates, GPS, rights, descriptions) passes unchanged.
 ///
 /// Returns `encoded` itself when the type can't hold metadata, the source has none, can't be read,
