@@ -3,6 +3,7 @@
 #include "model/ImageFile.h"
 #include "model/Settings.h"
 
+#include <QCommandLineParser>
 #include <QJsonArray>
 #include <QJsonDocument>
 
@@ -158,6 +159,23 @@ QString CliOptions::seeHelp(Command command) {
     }
 }
 
+namespace {
+
+/// What an option's value must be, said when it is missing or isn't one.
+QString valueNeeded(const QString& option) {
+    if (option == QLatin1String("set")) return QStringLiteral("--set needs NAME=VALUE");
+    if (option == QLatin1String("preset")) return QStringLiteral("--preset needs a file");
+    if (option == QLatin1String("output")) return QStringLiteral("-o needs a folder");
+    if (option == QLatin1String("jobs")) return QStringLiteral("--jobs needs a number from 1 to 256");
+    if (option == QLatin1String("format"))
+        return QStringLiteral("--format needs one of png, jpeg, webp, tiff, heic, gif, bmp");
+    if (option == QLatin1String("quality")) return QStringLiteral("--quality needs a number from 1 to 100");
+    if (option == QLatin1String("shard")) return QStringLiteral("--shard needs K/N, K from 0 to N−1");
+    return QStringLiteral("--%1 needs a file").arg(option);
+}
+
+} // namespace
+
 std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOptions& out) {
     out = CliOptions();
     if (arguments.isEmpty()) return QStringLiteral("no command given");
@@ -207,96 +225,118 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
     }
     const bool takesOptions =
         out.command == Command::process || out.command == Command::trace || out.command == Command::split;
-    bool onlyInputs = false;
-    bool metadataGiven = false;
-    for (qsizetype i = 1; i < arguments.size(); ++i) {
-        QString a = arguments[i];
-        if (onlyInputs || !a.startsWith(QLatin1Char('-')) || a == QLatin1String("-")) {
-            out.inputs << a;
-            continue;
-        }
-        if (a == QLatin1String("--")) {
-            onlyInputs = true;
-            continue;
-        }
-        // "--name=value" and "-xVALUE" carry their value with them.
-        std::optional<QString> attached;
-        if (a.startsWith(QLatin1String("--"))) {
-            const qsizetype eq = a.indexOf(QLatin1Char('='));
-            if (eq > 2) {
-                attached = a.mid(eq + 1);
-                a = a.left(eq);
-            }
-        } else if (a.size() > 2 && (a.startsWith(QLatin1String("-j")) || a.startsWith(QLatin1String("-o")))) {
-            attached = a.mid(2);
-            a = a.left(2);
-        }
-        auto value = [&]() -> std::optional<QString> {
-            if (attached) return attached;
-            if (i + 1 >= arguments.size()) return std::nullopt;
-            return arguments[++i];
-        };
-        // The option's value as a whole number from lo to hi; absent when it isn't one.
-        auto number = [&](int lo, int hi) -> std::optional<int> {
-            const auto v = value();
-            bool ok = false;
-            const int n = v ? v->toInt(&ok) : 0;
-            if (!ok || n < lo || n > hi) return std::nullopt;
-            return n;
-        };
-        if (!takesOptions) return QStringLiteral("%1 takes no option “%2”").arg(command, a);
-        if (a == QLatin1String("--set")) {
-            const auto v = value();
-            if (!v) return QStringLiteral("--set needs NAME=VALUE");
-            const qsizetype eq = v->indexOf(QLatin1Char('='));
-            if (eq <= 0) return QStringLiteral("--set needs NAME=VALUE, got “%1”").arg(*v);
-            out.sets.append({v->left(eq).trimmed(), v->mid(eq + 1)});
-        } else if (a == QLatin1String("--preset")) {
-            const auto v = value();
-            if (!v) return QStringLiteral("--preset needs a file");
-            out.presetPath = *v;
-        } else if (a == QLatin1String("-o") || a == QLatin1String("--output")) {
-            const auto v = value();
-            if (!v || v->isEmpty()) return QStringLiteral("-o needs a folder");
-            out.outputDir = *v;
-        } else if (a == QLatin1String("--jobs") || a == QLatin1String("-j")) {
-            const auto n = number(1, 256);
-            if (!n) return QStringLiteral("--jobs needs a number from 1 to 256");
-            out.jobs = *n;
-        } else if (a == QLatin1String("--format")) {
-            const auto v = value();
-            const QString type = v ? ImageFile::typeForExtension(v->toLower()) : QString();
-            if (type.isEmpty() || !ImageFile::encodableTypes().contains(type))
-                return QStringLiteral("--format needs one of png, jpeg, webp, tiff, heic, gif, bmp");
-            out.format = type;
-        } else if (a == QLatin1String("--quality")) {
-            const auto q = number(1, 100);
-            if (!q) return QStringLiteral("--quality needs a number from 1 to 100");
-            out.quality = *q;
-        } else if (a == QLatin1String("--shard")) {
-            const auto v = value();
-            const auto shard = v ? Shard::parse(*v) : std::nullopt;
-            if (!shard) return QStringLiteral("--shard needs K/N, K from 0 to N−1");
-            out.shard = *shard;
-        } else if (a == QLatin1String("--manifest") || a == QLatin1String("--resume")) {
-            const auto v = value();
-            if (!v || v->isEmpty()) return QStringLiteral("%1 needs a file").arg(a);
-            (a == QLatin1String("--manifest") ? out.manifestPath : out.resumePath) = *v;
-        } else if (attached) {
-            return QStringLiteral("%1 takes no value").arg(a);
-        } else if (a == QLatin1String("--in-place")) {
-            out.inPlace = true;
-        } else if (a == QLatin1String("--overwrite")) {
-            out.overwrite = true;
-        } else if (a == QLatin1String("--stdout")) {
-            out.toStdout = true;
-        } else if (a == QLatin1String("--strip") || a == QLatin1String("--keep-metadata")) {
-            out.strip = a == QLatin1String("--strip"); // the later of the two wins, as with any switch
-            metadataGiven = true;
-        } else {
-            return QStringLiteral("unknown option “%1”").arg(a);
+    // Qt's parser gives the forms Linux tools have: "--jobs 4", "--jobs=4", "-j4", "-j 4", "-oDIR",
+    // "--" before inputs that start with "-", and "-" as an input. Every command that takes options
+    // knows all of them; which ones make sense for it is checked below, in words about the command.
+    QCommandLineParser parser;
+    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsCompactedShortOptions);
+    parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsOptions);
+    const QCommandLineOption set(QStringLiteral("set"), QString(), QStringLiteral("NAME=VALUE"));
+    const QCommandLineOption preset(QStringLiteral("preset"), QString(), QStringLiteral("FILE"));
+    const QCommandLineOption output({QStringLiteral("o"), QStringLiteral("output")}, QString(),
+                                    QStringLiteral("DIR"));
+    const QCommandLineOption jobs({QStringLiteral("j"), QStringLiteral("jobs")}, QString(),
+                                  QStringLiteral("N"));
+    const QCommandLineOption format(QStringLiteral("format"), QString(), QStringLiteral("TYPE"));
+    const QCommandLineOption quality(QStringLiteral("quality"), QString(), QStringLiteral("N"));
+    const QCommandLineOption shard(QStringLiteral("shard"), QString(), QStringLiteral("K/N"));
+    const QCommandLineOption manifest(QStringLiteral("manifest"), QString(), QStringLiteral("FILE"));
+    const QCommandLineOption resume(QStringLiteral("resume"), QString(), QStringLiteral("FILE"));
+    const QCommandLineOption inPlace(QStringLiteral("in-place"));
+    const QCommandLineOption overwrite(QStringLiteral("overwrite"));
+    const QCommandLineOption toStdout(QStringLiteral("stdout"));
+    const QCommandLineOption strip(QStringLiteral("strip"));
+    const QCommandLineOption keepMetadata(QStringLiteral("keep-metadata"));
+    if (takesOptions)
+        parser.addOptions({set, preset, output, jobs, format, quality, shard, manifest, resume, inPlace,
+                           overwrite, toStdout, strip, keepMetadata});
+    for (const QCommandLineOption* o : {&inPlace, &overwrite, &toStdout, &strip, &keepMetadata}) {
+        const QString given = QStringLiteral("--") + o->names().first();
+        for (const QString& a : arguments.mid(1)) {
+            if (a == QLatin1String("--")) break;
+            if (takesOptions && a.startsWith(given + QLatin1Char('=')))
+                return QStringLiteral("%1 takes no value").arg(given);
         }
     }
+    // Qt's parser reads the program's name first.
+    if (!parser.parse(QStringList{QStringLiteral("cutlark-cli")} + arguments.mid(1))) {
+        const QStringList unknown = parser.unknownOptionNames();
+        if (!unknown.isEmpty()) {
+            const QString name =
+                (unknown.first().size() == 1 ? QStringLiteral("-") : QStringLiteral("--")) + unknown.first();
+            if (!takesOptions) return QStringLiteral("%1 takes no option “%2”").arg(command, name);
+            return QStringLiteral("unknown option “%1”").arg(name);
+        }
+        // A value missing at the end of the line: the option's own message below says what it needs.
+        const QString error = parser.errorText();
+        for (const QCommandLineOption* o :
+             {&set, &preset, &output, &jobs, &format, &quality, &shard, &manifest, &resume})
+            for (const QString& n : o->names())
+                if (error.contains(QLatin1Char('\'') +
+                                   (n.size() == 1 ? QStringLiteral("-") : QStringLiteral("--")) + n +
+                                   QLatin1Char('\'')))
+                    return valueNeeded(o->names().last());
+        return error;
+    }
+    // A switch given a value ("--stdout=x") is refused by Qt's parser already; a valued option's
+    // value is read and checked here.
+    const auto number = [&](const QCommandLineOption& o, int lo, int hi) -> std::optional<int> {
+        bool ok = false;
+        const int n = parser.value(o).toInt(&ok);
+        if (!ok || n < lo || n > hi) return std::nullopt;
+        return n;
+    };
+    for (const QString& v : parser.values(set)) {
+        const qsizetype eq = v.indexOf(QLatin1Char('='));
+        if (eq <= 0) return QStringLiteral("--set needs NAME=VALUE, got “%1”").arg(v);
+        out.sets.append({v.left(eq).trimmed(), v.mid(eq + 1)});
+    }
+    if (parser.isSet(preset)) out.presetPath = parser.value(preset);
+    if (parser.isSet(output)) {
+        out.outputDir = parser.value(output);
+        if (out.outputDir.isEmpty()) return valueNeeded(QStringLiteral("output"));
+    }
+    if (parser.isSet(jobs)) {
+        const auto n = number(jobs, 1, 256);
+        if (!n) return valueNeeded(QStringLiteral("jobs"));
+        out.jobs = *n;
+    }
+    if (parser.isSet(format)) {
+        const QString type = ImageFile::typeForExtension(parser.value(format).toLower());
+        if (type.isEmpty() || !ImageFile::encodableTypes().contains(type))
+            return valueNeeded(QStringLiteral("format"));
+        out.format = type;
+    }
+    if (parser.isSet(quality)) {
+        const auto q = number(quality, 1, 100);
+        if (!q) return valueNeeded(QStringLiteral("quality"));
+        out.quality = *q;
+    }
+    if (parser.isSet(shard)) {
+        const auto sliced = Shard::parse(parser.value(shard));
+        if (!sliced) return valueNeeded(QStringLiteral("shard"));
+        out.shard = *sliced;
+    }
+    if (parser.isSet(manifest)) {
+        out.manifestPath = parser.value(manifest);
+        if (out.manifestPath.isEmpty()) return valueNeeded(QStringLiteral("manifest"));
+    }
+    if (parser.isSet(resume)) {
+        out.resumePath = parser.value(resume);
+        if (out.resumePath.isEmpty()) return valueNeeded(QStringLiteral("resume"));
+    }
+    out.inPlace = parser.isSet(inPlace);
+    out.overwrite = parser.isSet(overwrite);
+    out.toStdout = parser.isSet(toStdout);
+    // The later of --strip and --keep-metadata wins, as with any pair of switches.
+    bool metadataGiven = false;
+    for (const QString& name : parser.optionNames()) {
+        if (name == QLatin1String("strip") || name == QLatin1String("keep-metadata")) {
+            out.strip = name == QLatin1String("strip");
+            metadataGiven = true;
+        }
+    }
+    out.inputs = parser.positionalArguments();
     if (out.outputDir == QLatin1String("-")) { // "-o -" is standard output, not a folder named "-"
         out.outputDir.clear();
         out.toStdout = true;
