@@ -58,7 +58,9 @@ public:
         Shared& s = *m_shared;
         std::unique_lock lock(s.mutex);
         if (m_handedBack >= s.count) return std::nullopt;
-        const auto ready = [&] { return s.results[size_t(m_handedBack)].has_value(); };
+        // Read through the slot's flag, which the worker sets after the result (release, acquire):
+        // the result is then ordered after its writing whatever a race checker makes of the wait.
+        const auto ready = [&] { return s.ready[size_t(m_handedBack)].load(std::memory_order_acquire); };
         if (timeout.count() < 0)
             s.finishedOne.wait(lock, ready);
         else if (!s.finishedOne.wait_for(lock, timeout, ready))
@@ -86,12 +88,14 @@ public:
 private:
     struct Shared {
         Shared(int n, std::function<Result(int)> w)
-            : count(n), work(std::move(w)), results(size_t(std::max(n, 0))) {}
+            : count(n), work(std::move(w)), results(size_t(std::max(n, 0))),
+              ready(new std::atomic<bool>[size_t(std::max(n, 0))]()) {}
         void run() {
             for (int i = next++; i < count && !stop.load(); i = next++) {
                 Result r = work(i);
                 const std::lock_guard lock(mutex);
                 results[size_t(i)] = std::move(r);
+                ready[size_t(i)].store(true, std::memory_order_release);
                 ++finished;
                 finishedOne.notify_all(); // under the lock: the waiting side may end as soon as it sees it
             }
@@ -101,6 +105,7 @@ private:
         std::mutex mutex;
         std::condition_variable finishedOne;
         std::vector<std::optional<Result>> results;
+        std::unique_ptr<std::atomic<bool>[]> ready; ///< set once each result is in `results`
         int finished = 0;
         std::atomic<int> next{0};
         std::atomic<bool> stop{false};
