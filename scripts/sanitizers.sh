@@ -28,10 +28,10 @@ cmake --build "$base/build-asan" --parallel "$(nproc)"
 echo "sanitizers: address + undefined, whole suite: $(($(date +%s) - start)) s" >&2
 
 # The suites with threads in them: the cutout cache, the vector worker, the parallel open,
-# cutlark-cli --jobs (the CLI suite runs the ThreadSanitizer build of cutlark-cli) and the pool of
-# pixel stores they all share.
+# cutlark-cli --jobs (the CLI suite runs the ThreadSanitizer build of cutlark-cli), the pool of
+# pixel stores they all share, and the queue's neighbours decoded ahead.
 start=$(date +%s)
-threaded=(SubjectCutoutTest VectorWorkerTest OpenTest CliTest BufferPoolTest)
+threaded=(SubjectCutoutTest VectorWorkerTest OpenTest CliTest BufferPoolTest QueueMemoryTest)
 configure "$base/build-tsan" thread
 cmake --build "$base/build-tsan" --parallel "$(nproc)" --target "${threaded[@]}" cutlark-cli
 (

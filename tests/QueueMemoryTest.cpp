@@ -8,7 +8,9 @@
 #include "model/ImageFile.h"
 #include "support/MemoryBudget.h"
 
+#include <QCoreApplication>
 #include <QFile>
+#include <QFileInfo>
 #include <QPainter>
 #include <QThreadPool>
 
@@ -36,7 +38,11 @@ QImage pixelsOf(const QImage& image) {
 class QueueMemoryTest : public ::testing::Test {
 protected:
     void SetUp() override { model.setPanels(&panels); }
-    void TearDown() override { QThreadPool::globalInstance()->waitForDone(); }
+    void TearDown() override {
+        // Decodes still on their way come back by queued calls; they let go of their pixels there.
+        QThreadPool::globalInstance()->waitForDone();
+        QCoreApplication::processEvents();
+    }
     const CropModel::Item& at(size_t i) const { return model.items()[i]; }
     QStringList decodedNames() const {
         QStringList names;
@@ -84,8 +90,8 @@ TEST_F(QueueMemoryTest, ItemsAwayFromTheActiveOneKeepTheirBytesAndComeBackExactl
     EXPECT_TRUE(at(5).decoded()) << "the active item at once";
     EXPECT_EQ(pixelsOf(model.processedImage()), originals[5]) << "as it was read, not as the file is now";
     ASSERT_TRUE(waitUntil([&] { return at(4).decoded() && at(6).decoded(); })) << "its neighbours soon after";
-    EXPECT_EQ(decodedNames(), (QStringList{QStringLiteral("p4.png"), QStringLiteral("p5.jpg"),
-                                           QStringLiteral("p6.png")}));
+    EXPECT_EQ(decodedNames(),
+              (QStringList{QStringLiteral("p4.png"), QStringLiteral("p5.jpg"), QStringLiteral("p6.png")}));
     EXPECT_EQ(pixelsOf(at(4).buffer.cgImage()), originals[4]) << "its file is gone; its bytes aren't";
 
     // The sideways photograph comes back upright, with its type.
@@ -100,8 +106,8 @@ TEST_F(QueueMemoryTest, ItemsAwayFromTheActiveOneKeepTheirBytesAndComeBackExactl
     const QImage written = pixelsOf(model.processedImage());
     model.saveOverOriginal();
     ASSERT_FALSE(model.errorMessage()) << model.errorMessage()->toStdString();
-    const auto savedAt = std::find_if(model.items().begin(), model.items().end(),
-                                      [](const auto& item) { return item.saved; });
+    const auto savedAt =
+        std::find_if(model.items().begin(), model.items().end(), [](const auto& item) { return item.saved; });
     ASSERT_NE(savedAt, model.items().end());
     const QUuid saved = savedAt->id;
     model.select(at(0).id);
@@ -135,7 +141,8 @@ TEST_F(QueueMemoryTest, AQueueOfManyHoldsThreePicturesDecoded) {
     // Walking through the queue never holds more than three.
     for (size_t i = 0; i < 60; i += 7) {
         model.select(at(i).id);
-        ASSERT_TRUE(waitUntil([&] { return (i == 0 || at(i - 1).decoded()) && (i == 59 || at(i + 1).decoded()); }));
+        ASSERT_TRUE(
+            waitUntil([&] { return (i == 0 || at(i - 1).decoded()) && (i == 59 || at(i + 1).decoded()); }));
         EXPECT_EQ(decodedNames().size(), i == 0 ? 2 : 3);
         EXPECT_LE(held(), 3 * picture);
     }

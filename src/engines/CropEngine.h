@@ -20,6 +20,8 @@ class Buffer {
 public:
     /// Absent when the image is empty or its pixels can't be converted (out of memory).
     static std::optional<Buffer> make(const QImage& image);
+    /// No pixels: width and height 0 (an item whose pixels were let go of).
+    Buffer() = default;
 
     const QImage& cgImage() const { return m_image; }
     qint64 width() const { return m_width; }

@@ -303,8 +303,10 @@ void CropModel::select(const QUuid& id) {
 void CropModel::activate(std::optional<QUuid> id) {
     captureSettingsBeforeSwitch(); // nothing to keep when the item left is gone already
     setActiveID(id);
+    if (Item* item = id ? findItem(*id) : nullptr) restorePixels(*item);
     restoreSettingsAfterSwitch();
     detectCollage();
+    settleDecoded();
 }
 
 void CropModel::remove(const QUuid& id) {
@@ -316,6 +318,7 @@ void CropModel::remove(const QUuid& id) {
     invalidateVision(id);
     m_items.erase(m_items.begin() + qsizetype(index));
     itemsChanged();
+    if (!wasActive) settleDecoded(); // the active item may have a new neighbour
     setSaveConfirmation(std::nullopt);
     setErrorMessage(std::nullopt);
     if (m_items.empty()) {

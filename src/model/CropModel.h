@@ -42,7 +42,26 @@ public:
         std::shared_ptr<const MemoryBudget::Hold> memory;
         /// How the file stored its pixels; what is written for the item is stored alike.
         ImageFile::Storage storage;
+        /// The file's bytes as they were read, or as the last save over it wrote them: what brings
+        /// the pixels back, exactly, after the item let go of them (never a re-read of a file that
+        /// may have changed on disk since). Empty for an item that always keeps its pixels.
+        QByteArray encoded;
+        /// The picture for the queue's list (at most `kThumbnailSide` on a side), made while the
+        /// pixels were at hand.
+        QImage thumbnail;
+        /// True while `buffer` holds the pixels. Only the active item and its neighbours in the queue
+        /// are sure to; the others keep `encoded` and `thumbnail`.
+        bool decoded() const { return buffer.width() > 0; }
     };
+
+    /// The longest side of an item's thumbnail: twice the list's 68-pixel tile, for sharp screens.
+    static constexpr int kThumbnailSide = 136;
+    /// Items on each side of the active one that keep their pixels, so that the next and the
+    /// previous item show at once.
+    static constexpr int kDecodedNeighbours = 1;
+    /// Files up to this size are kept in memory as read, and their items may let go of their
+    /// pixels; a bigger file's item keeps its pixels.
+    static constexpr qint64 kMaxKeptFileBytes = qint64(512) << 20;
 
     /// Every observable field, for change notifications.
     enum class Field {
@@ -287,7 +306,19 @@ private:
         QString path;
         std::optional<ImageFile::Loaded> loaded;
         std::optional<CropEngine::Buffer> buffer;
+        QByteArray encoded;
+        QImage thumbnail;
     };
+    /// Brings the pixels of `item` back from its bytes; false when it has neither pixels nor bytes
+    /// or they don't decode (the budget is full).
+    bool restorePixels(Item& item);
+    /// The active item decoded at once, its neighbours soon (on the thread pool, or at once in
+    /// synchronous mode), every other item's pixels let go of where its bytes can bring them back.
+    void settleDecoded();
+    void prefetchPixels(const Item& item);
+    void finishPrefetch(const QUuid& id, const QByteArray& encoded, std::optional<ImageFile::Loaded> loaded,
+                        std::optional<CropEngine::Buffer> buffer);
+    static QImage thumbnailOf(const QImage& image);
     void openNow(const QStringList& paths);
     /// Decodes every candidate on threads of its own, never on the calling thread, reporting
     /// progress; false when the user cancelled, which stops the waiting at once (decodes already
@@ -381,6 +412,7 @@ private:
         QImage image;
     };
     std::optional<PreResize> m_preResize;
+    QSet<QUuid> m_prefetching;
     bool m_linkingResizeFields = false;
     std::optional<VectorTrace> m_vectorTrace;
     std::optional<VectorColorTrace> m_vectorColorTrace;

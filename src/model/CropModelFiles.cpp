@@ -2,18 +2,25 @@
 #include "model/CropModel.h"
 
 #include "model/ImageFile.h"
+#include "support/AtomicFile.h"
+#include "support/HandOff.h"
 #include "support/NaturalOrder.h"
 #include "support/OrderedWork.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QPointer>
+#include <QtConcurrent/QtConcurrentRun>
 #include <QThread>
+#include <QThreadPool>
 
 #include <dirent.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <exception>
 
 namespace cutlark {
@@ -120,17 +127,39 @@ bool CropModel::decodeAll(std::vector<DecodedFile>& candidates) {
         m_decoder ? m_decoder : Decoder([](const QString& path, const ImageFile::LoadOptions& o) {
             return ImageFile::load(path, o);
         });
-    OrderedWork<DecodedFile> work(total, QThread::idealThreadCount(), [paths, options, decode](int i) {
-        DecodedFile d{paths[i], std::nullopt, std::nullopt};
-        try {
-            d.loaded = decode(d.path, options);
-            if (d.loaded) d.buffer = CropEngine::Buffer::make(d.loaded->image);
-        } catch (const std::exception&) {
-            d.loaded.reset(); // out of memory on the way: this file isn't opened
-            d.buffer.reset();
-        }
-        return d;
-    });
+    // With the decoder of our own, each file is read whole into memory first: its bytes bring the
+    // pixels back later. Only the first two files (the item that becomes active and the next one)
+    // keep their pixels; the others let go of them as soon as their thumbnail is made, so that a
+    // folder of hundreds of photographs never holds them all decoded, not even while it opens.
+    const bool keepBytes = !m_decoder;
+    OrderedWork<DecodedFile> work(
+        total, QThread::idealThreadCount(), [paths, options, decode, keepBytes](int i) {
+            DecodedFile d{paths[i], std::nullopt, std::nullopt, QByteArray(), QImage()};
+            try {
+                if (keepBytes) {
+                    QFile file(d.path);
+                    if (QFileInfo(d.path).isFile() && file.size() <= kMaxKeptFileBytes &&
+                        file.open(QIODevice::ReadOnly))
+                        d.encoded = file.readAll();
+                    d.loaded = d.encoded.isEmpty() ? decode(d.path, options)
+                                                   : ImageFile::loadFromData(d.encoded, options);
+                } else {
+                    d.loaded = decode(d.path, options);
+                }
+                if (d.loaded) d.buffer = CropEngine::Buffer::make(d.loaded->image);
+                if (d.buffer) d.thumbnail = thumbnailOf(d.buffer->cgImage());
+                if (d.buffer && !d.encoded.isEmpty() && i > kDecodedNeighbours) {
+                    d.buffer = CropEngine::Buffer();
+                    d.loaded->image = QImage();
+                    d.loaded->hold.reset();
+                }
+            } catch (const std::exception&) {
+                d.loaded.reset(); // out of memory on the way: this file isn't opened
+                d.buffer.reset();
+                d.encoded.clear();
+            }
+            return d;
+        });
 
     std::vector<DecodedFile> decoded;
     bool keepGoing = !m_panels || m_panels->openProgress(0, total);
@@ -173,7 +202,8 @@ void CropModel::openNow(const QStringList& paths) {
             continue;
         }
         fresh.push_back(Item{QUuid::createUuid(), QFileInfo(d.path).absoluteFilePath(), d.loaded->type,
-                             *d.buffer, false, Settings(), d.loaded->hold, d.loaded->storage});
+                             *d.buffer, false, Settings(), d.loaded->hold, d.loaded->storage, d.encoded,
+                             d.thumbnail});
     }
     candidates.clear();
 
@@ -253,18 +283,22 @@ void CropModel::saveOverOriginal() {
     const SaveChoice choice = saveTypeChoice(*item);
     // When PNG is forced the old file stays on disk: only the new name is written.
     const QString target = choice.forcedPng ? withExtension(item->url, QStringLiteral("png")) : item->url;
-    if (!ImageFile::save(m_processedImage, target, choice.type, item->storage,
-                         ImageFile::interactiveQuality(choice.type))) {
+    const QByteArray bytes = ImageFile::encode(m_processedImage, choice.type, item->storage,
+                                               ImageFile::interactiveQuality(choice.type));
+    if (bytes.isEmpty() || !AtomicFile::write(target, bytes)) {
         setErrorMessage(tr("Couldn’t write to “%1”.").arg(fileName(target)));
         return;
     }
     if (Item* saved = findItem(id)) {
-        // The written pixels become the item's source; a failed read-back keeps the old ones.
-        if (auto loaded = ImageFile::load(target, m_loadOptions)) {
+        // The written pixels become the item's source, read back from the very bytes written; a
+        // failed read-back keeps the old ones.
+        if (auto loaded = ImageFile::loadFromData(bytes, m_loadOptions)) {
             if (auto buffer = CropEngine::Buffer::make(loaded->image)) {
                 saved->buffer = *buffer;
                 saved->memory = loaded->hold;
                 saved->storage = loaded->storage;
+                if (!saved->encoded.isEmpty()) saved->encoded = bytes;
+                saved->thumbnail = thumbnailOf(buffer->cgImage());
                 invalidateVision(id);
             }
         }
@@ -369,6 +403,105 @@ void CropModel::advanceToNextUnsaved(const QUuid& after) {
         return; // the confirmation stays, naming the file just written
     }
     recomputeActive();
+}
+
+QImage CropModel::thumbnailOf(const QImage& image) {
+    if (image.isNull()) return QImage();
+    if (image.width() <= kThumbnailSide && image.height() <= kThumbnailSide) return image;
+    // A quick cut to four times the size first; the smooth pass then works on a few thousand pixels.
+    const QImage near = image.width() > 4 * kThumbnailSide || image.height() > 4 * kThumbnailSide
+                            ? image.scaled(4 * kThumbnailSide, 4 * kThumbnailSide, Qt::KeepAspectRatio,
+                                           Qt::FastTransformation)
+                            : image;
+    return near.scaled(kThumbnailSide, kThumbnailSide, Qt::KeepAspectRatio, Qt::SmoothTransformation);
+}
+
+bool CropModel::restorePixels(Item& item) {
+    if (item.decoded()) return true;
+    if (item.encoded.isEmpty()) return false;
+    auto loaded = ImageFile::loadFromData(item.encoded, m_loadOptions);
+    if (!loaded) return false;
+    auto buffer = CropEngine::Buffer::make(loaded->image);
+    if (!buffer) return false;
+    item.buffer = *buffer;
+    item.memory = loaded->hold;
+    return true;
+}
+
+void CropModel::settleDecoded() {
+    const auto activeAt = std::find_if(m_items.begin(), m_items.end(), [&](const Item& item) {
+        return m_activeID && item.id == *m_activeID;
+    });
+    if (activeAt == m_items.end()) return;
+    const qsizetype a = activeAt - m_items.begin();
+    for (qsizetype i = 0; i < qsizetype(m_items.size()); ++i) {
+        Item& item = m_items[size_t(i)];
+        if (i == a) {
+            restorePixels(item);
+        } else if (std::abs(i - a) <= kDecodedNeighbours) {
+            if (!item.decoded()) prefetchPixels(item);
+        } else if (item.decoded() && !item.encoded.isEmpty()) {
+            // Its bytes bring it back exactly; a copy still in use elsewhere keeps its pixels alive
+            // until it is done.
+            item.buffer = CropEngine::Buffer();
+            item.memory.reset();
+        }
+    }
+}
+
+void CropModel::prefetchPixels(const Item& item) {
+    if (item.encoded.isEmpty() || m_prefetching.contains(item.id)) return;
+    if (m_synchronousWork) {
+        if (Item* found = findItem(item.id)) restorePixels(*found);
+        return;
+    }
+    m_prefetching.insert(item.id);
+    // Decoded on the thread pool from a shared copy of the bytes; handed back to this model's thread
+    // by a queued call, and dropped if the model is gone by then.
+    struct Task {
+        QPointer<CropModel> self;
+        QUuid id;
+        QByteArray encoded;
+        ImageFile::LoadOptions options;
+        std::optional<ImageFile::Loaded> loaded;
+        std::optional<CropEngine::Buffer> buffer;
+    };
+    auto task =
+        std::make_unique<Task>(Task{this, item.id, item.encoded, m_loadOptions, std::nullopt, std::nullopt});
+    (void)QtConcurrent::run(
+        QThreadPool::globalInstance(), [in = HandOff(), task = std::move(task), out = HandOff()]() mutable {
+            const auto turn = HandOff::received();
+            try {
+                task->loaded = ImageFile::loadFromData(task->encoded, task->options);
+                if (task->loaded) task->buffer = CropEngine::Buffer::make(task->loaded->image);
+            } catch (const std::exception&) {
+                task->loaded.reset();
+                task->buffer.reset();
+            }
+            QMetaObject::invokeMethod(
+                QCoreApplication::instance(),
+                [in = HandOff(), task = std::move(task), out = HandOff()] {
+                    const auto turn = HandOff::received();
+                    if (task->self)
+                        task->self->finishPrefetch(task->id, task->encoded, std::move(task->loaded),
+                                                   std::move(task->buffer));
+                },
+                Qt::QueuedConnection);
+        });
+}
+
+void CropModel::finishPrefetch(const QUuid& id, const QByteArray& encoded,
+                               std::optional<ImageFile::Loaded> loaded,
+                               std::optional<CropEngine::Buffer> buffer) {
+    m_prefetching.remove(id);
+    Item* item = findItem(id);
+    // Only into the item it was made for, from the bytes it still has (a save meanwhile brings
+    // other bytes), and only while it is still near the active item.
+    if (!item || item->decoded() || !loaded || !buffer || item->encoded.constData() != encoded.constData())
+        return;
+    item->buffer = *buffer;
+    item->memory = loaded->hold;
+    settleDecoded();
 }
 
 } // namespace cutlark

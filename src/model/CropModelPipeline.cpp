@@ -53,6 +53,11 @@ void CropModel::recomputeActive() {
         setVectorPreview(QImage());
         return;
     }
+    // An item made active by any path has its pixels before anything is built from them.
+    if (!item->decoded()) {
+        if (Item* mutableItem = findItem(item->id)) restorePixels(*mutableItem);
+        item = active();
+    }
     // Copy the item out: a stage must not hold a pointer into the queue.
     const Item current = *item;
     setProcessedImage(buildProcessed(current));

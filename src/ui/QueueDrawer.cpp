@@ -193,7 +193,8 @@ void QueueDrawer::rebuild() {
     m_list->clear();
     QHash<QPair<QUuid, qint64>, QIcon> kept;
     for (const auto& item : m_model->items()) {
-        const QImage source = item.buffer.cgImage();
+        // The item's own thumbnail: its pixels may have been let go of.
+        const QImage source = item.thumbnail.isNull() ? item.buffer.cgImage() : item.thumbnail;
         const QPair<QUuid, qint64> key(item.id, source.cacheKey());
         const auto cached = m_thumbnails.constFind(key);
         const QIcon icon = cached != m_thumbnails.constEnd() ? *cached : thumbnail(source);
