@@ -2,6 +2,7 @@
 // the open takes. Usage: bench_folder [COUNT=300] [FOLDER]; without a folder, COUNT photographs are
 // made once in ~/.cache/cutlark/folder-COUNT (distinct JPEGs of 4000×3000).
 #include "model/CropModel.h"
+#include "model/ImageFile.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -82,9 +83,13 @@ int main(int argc, char** argv) {
     const double seconds = timer.elapsed() / 1000.0;
     const auto [after, peak] = residentBytes();
 
+    // Every item's pixels, decoded or not: what the queue would hold if it kept them all.
     qint64 pixels = 0;
-    for (const auto& item : model.items())
-        pixels += qint64(item.buffer.width()) * item.buffer.height();
+    for (const auto& item : model.items()) {
+        const QSize size = item.decoded() ? QSize(int(item.buffer.width()), int(item.buffer.height()))
+                                          : ImageFile::loadFromData(item.encoded)->image.size();
+        pixels += qint64(size.width()) * size.height();
+    }
     std::printf("opened %zu items, %.1f megapixels, in %.1f s (%.2f s per item)\n", model.items().size(),
                 pixels / 1e6, seconds, seconds / std::max<size_t>(1, model.items().size()));
     std::printf(
@@ -92,5 +97,29 @@ int main(int argc, char** argv) {
         before / 1e6, after / 1e6, double(after - before) / std::max<qint64>(1, pixels), peak / 1e6,
         double(peak - before) / std::max<qint64>(1, pixels));
     if (model.errorMessage()) std::printf("message: %s\n", qPrintable(*model.errorMessage()));
+
+    // Selecting an item far from the active one (decoded from its bytes at once), then, once its
+    // neighbours are decoded ahead, the next one; each to a built picture.
+    if (model.items().size() >= 4) {
+        const size_t far = model.items().size() / 2;
+        const auto select = [&](size_t i) {
+            QElapsedTimer t;
+            t.start();
+            model.select(model.items()[i].id);
+            const bool shown = !model.processedImage().isNull();
+            return shown ? t.nsecsElapsed() / 1e6 : -1.0;
+        };
+        const double farMs = select(far);
+        QElapsedTimer waited;
+        waited.start();
+        while (!model.items()[far + 1].decoded() && waited.elapsed() < 10000)
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        const double nextMs = select(far + 1);
+        const auto [settled, peakAfter] = residentBytes();
+        std::printf(
+            "select a far item: %.1f ms; the next one (decoded ahead): %.1f ms; resident after: %.0f MB, "
+            "peak %.0f MB\n",
+            farMs, nextMs, settled / 1e6, peakAfter / 1e6);
+    }
     return model.items().size() == size_t(count) ? 0 : 1;
 }
