@@ -1,6 +1,5 @@
 #include "TestSupport.h"
 
-#include "model/CropModel.h"
 #include "model/ImageFile.h"
 #include "support/AvailableCores.h"
 
@@ -222,71 +221,6 @@ TEST_F(CliTest, PresetsAndSetsCombineAndJobsDoNotChangeResults) {
     // Mirrored, then one clockwise turn: the top left shows the source's bottom-right pixel.
     EXPECT_EQ(qRed(result.pixel(0, 0)), 19);
     EXPECT_EQ(qGreen(result.pixel(0, 0)), 11);
-}
-
-// The command line builds each picture once, with its settings all applied, and writes it itself;
-// the window rebuilds at every write. Both must give the same bytes, for pictures of every size and
-// type in one batch (pooled stores of other sizes reused in between).
-TEST_F(CliTest, ABatchWritesWhatTheWindowBuildsSettingBySetting) {
-    QStringList inputs;
-    const QList<QPair<QSize, const char*>> kinds = {{{310, 200}, "png"},  {{200, 310}, "jpg"},
-                                                    {{333, 251}, "webp"}, {{96, 420}, "png"},
-                                                    {{512, 384}, "jpg"},  {{301, 300}, "tif"}};
-    for (qsizetype i = 0; i < kinds.size(); ++i) {
-        const QSize size = kinds[i].first;
-        QImage art(size, QImage::Format_RGB32);
-        art.fill(Qt::white);
-        QPainter painter(&art);
-        painter.setBrush(QColor::fromHsv(int(i) * 50, 220, 170));
-        painter.drawEllipse(QRect(size.width() / 6, size.height() / 5, size.width() / 2, size.height() / 2));
-        painter.end();
-        const QString name = path(QStringLiteral("in%1.%2").arg(i).arg(QLatin1String(kinds[i].second)));
-        ASSERT_TRUE(art.save(name, nullptr, 95));
-        inputs << name;
-    }
-    const QList<QPair<QString, QString>> look = {
-        {QStringLiteral("keyWhiteEnabled"), QStringLiteral("true")},
-        {QStringLiteral("trimEnabled"), QStringLiteral("true")},
-        {QStringLiteral("paddingEnabled"), QStringLiteral("true")},
-        {QStringLiteral("padAmount"), QStringLiteral("12")},
-        {QStringLiteral("backgroundEnabled"), QStringLiteral("true")},
-        {QStringLiteral("backgroundColor"), QStringLiteral("#3366CC")},
-        {QStringLiteral("resizeEnabled"), QStringLiteral("true")},
-        {QStringLiteral("resizeWidth"), QStringLiteral("150")}};
-    QStringList arguments{QStringLiteral("process"), QStringLiteral("--jobs=2"), QStringLiteral("-o"),
-                          path(QStringLiteral("out"))};
-    for (const auto& [name, value] : look)
-        arguments << QStringLiteral("--set=%1=%2").arg(name, value);
-    const CliRun run = cli(arguments + inputs);
-    ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
-    ASSERT_EQ(run.lines.size(), inputs.size());
-
-    for (qsizetype i = 0; i < inputs.size(); ++i) {
-        CropModel model;
-        model.open({inputs[i]});
-        ASSERT_TRUE(model.active());
-        // As a person sets them, one at a time, each write rebuilding.
-        model.setKeyWhiteEnabled(true);
-        model.setTrimEnabled(true);
-        model.setPaddingEnabled(true);
-        model.setPadAmount(12);
-        model.setBackgroundEnabled(true);
-        model.setBackgroundColor(QColor(0x33, 0x66, 0xCC));
-        model.setResizeEnabled(true);
-        model.setResizeWidth(150);
-        const auto choice = model.saveTypeChoice(*model.active());
-        const QByteArray expected =
-            ImageFile::encode(model.processedImage(), choice.type, model.active()->storage);
-        const QString output = run.lines[i].value(QStringLiteral("output")).toString();
-        if (output.endsWith(QLatin1String(".tif"))) {
-            // A TIFF states its resolution, which the result carries as any metadata: the same
-            // pixels in another file.
-            EXPECT_EQ(ImageFile::load(output)->image, ImageFile::loadFromData(expected)->image);
-        } else {
-            EXPECT_EQ(readBytes(output), expected) << output.toStdString();
-        }
-        EXPECT_EQ(ImageFile::load(output)->image.width(), 150);
-    }
 }
 
 TEST_F(CliTest, SubjectModeCutsOutBeforeWriting) {
@@ -847,8 +781,12 @@ TEST_F(CliTest, MetadataIsCarriedOverUprightAndResizedOrStripped) {
     for (const QString& type : {QStringLiteral("heic"), QStringLiteral("gif"), QStringLiteral("bmp")}) {
         const CliRun r = run(type, {QStringLiteral("--format=") + type});
         EXPECT_EQ(r.exitCode, 0) << type.toStdString() << r.err.toStdString();
-        EXPECT_EQ(ImageFile::load(path(type + QStringLiteral("/phone-out.") + type))->image.size(),
-                  QSize(40, 60));
+        // Read back by the command line itself: decoding HEIC here would start libheif's threads in
+        // this process, and the race checker can't follow a process that starts programs after that.
+        const CliRun info = cli({QStringLiteral("info"), path(type + QStringLiteral("/phone-out.") + type)});
+        ASSERT_EQ(info.lines.size(), 1);
+        EXPECT_EQ(info.lines[0].value(QStringLiteral("width")).toInt(), 40) << type.toStdString();
+        EXPECT_EQ(info.lines[0].value(QStringLiteral("height")).toInt(), 60) << type.toStdString();
     }
 
     // Damaged EXIF (a TIFF header pointing far outside its segment) never fails the result.
