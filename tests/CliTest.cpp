@@ -418,6 +418,28 @@ TEST_F(CliTest, ErrorsSayWhyAndWhere) {
     EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("full/big-out.png"))));
 }
 
+namespace {
+
+/// The PNG results in `folder`, by name. A run killed while writing may leave its temporary file
+/// beside them (p3-out.png.Ab12Cd: nothing can tidy up after SIGKILL); it is never taken for a result.
+QMap<QString, QByteArray> pngResults(const QString& folder) {
+    QMap<QString, QByteArray> files;
+    for (const QFileInfo& f : QDir(folder).entryInfoList(QDir::Files))
+        if (f.suffix() == QLatin1String("png")) files.insert(f.fileName(), readBytes(f.filePath()));
+    return files;
+}
+
+/// Adds to `done` each input the manifest records as done, once per line.
+void countDone(const QString& manifest, QMap<QString, int>& done) {
+    for (const QByteArray& line : readBytes(manifest).split('\n')) {
+        const QJsonObject o = QJsonDocument::fromJson(line).object();
+        if (o.value(QStringLiteral("status")).toString() == QLatin1String("done"))
+            ++done[o.value(QStringLiteral("input")).toString()];
+    }
+}
+
+} // namespace
+
 TEST_F(CliTest, ShardsPartitionTheBatchAndAResumedRunFinishesWhatAKilledOneLeft) {
     QDir(m_dir.path()).mkdir(QStringLiteral("in"));
     QStringList names;
@@ -428,14 +450,7 @@ TEST_F(CliTest, ShardsPartitionTheBatchAndAResumedRunFinishesWhatAKilledOneLeft)
     const QString in = path(QStringLiteral("in"));
     const QStringList look = {QStringLiteral("process"), QStringLiteral("--set=stickerEnabled=true"),
                               QStringLiteral("--jobs=1")};
-    // The results, by name. A run killed while writing may leave its temporary file beside them
-    // (p3-out.png.Ab12Cd: nothing can tidy up after SIGKILL); it is never taken for a result.
-    const auto outputs = [&](const QString& folder) {
-        QMap<QString, QByteArray> files;
-        for (const QFileInfo& f : QDir(path(folder)).entryInfoList(QDir::Files))
-            if (f.suffix() == QLatin1String("png")) files.insert(f.fileName(), readBytes(f.filePath()));
-        return files;
-    };
+    const auto outputs = [&](const QString& folder) { return pngResults(path(folder)); };
     const CliRun whole = cli(look + QStringList{QStringLiteral("-o"), path(QStringLiteral("one")), in});
     ASSERT_EQ(whole.exitCode, 0) << whole.err.toStdString();
     ASSERT_EQ(outputs(QStringLiteral("one")).size(), 12);
@@ -490,11 +505,7 @@ TEST_F(CliTest, ShardsPartitionTheBatchAndAResumedRunFinishesWhatAKilledOneLeft)
     EXPECT_GE(skipped, 1) << "what the killed run recorded isn't done again";
     EXPECT_EQ(outputs(QStringLiteral("killed")), outputs(QStringLiteral("one")));
     QMap<QString, int> doneCount;
-    for (const QByteArray& line : readBytes(manifest).split('\n')) {
-        const QJsonObject o = QJsonDocument::fromJson(line).object();
-        if (o.value(QStringLiteral("status")).toString() == QLatin1String("done"))
-            ++doneCount[o.value(QStringLiteral("input")).toString()];
-    }
+    countDone(manifest, doneCount);
     EXPECT_EQ(doneCount.size(), 12);
     for (auto it = doneCount.cbegin(); it != doneCount.cend(); ++it)
         EXPECT_EQ(it.value(), 1) << it.key().toStdString();
@@ -583,12 +594,7 @@ exec "$CLI" "$@" >"$DIR/run$k.log" 2>&1
     const CliRun one = cli(
         look + QStringList{QStringLiteral("-o"), path(QStringLiteral("one")), path(QStringLiteral("in"))});
     ASSERT_EQ(one.exitCode, 0) << one.err.toStdString();
-    const auto outputs = [&](const QString& folder) {
-        QMap<QString, QByteArray> files;
-        for (const QFileInfo& f : QDir(path(folder)).entryInfoList(QDir::Files))
-            if (f.suffix() == QLatin1String("png")) files.insert(f.fileName(), readBytes(f.filePath()));
-        return files;
-    };
+    const auto outputs = [&](const QString& folder) { return pngResults(path(folder)); };
     EXPECT_EQ(outputs(QStringLiteral("one")).size(), 24);
     EXPECT_TRUE(outputs(QStringLiteral("out")) == outputs(QStringLiteral("one")))
         << "the union is the one run's bytes";
@@ -596,11 +602,7 @@ exec "$CLI" "$@" >"$DIR/run$k.log" 2>&1
     // killed run had recorded.
     QMap<QString, int> done;
     for (int k = 0; k < 4; ++k)
-        for (const QByteArray& line : readBytes(path(QStringLiteral("m%1.jsonl").arg(k))).split('\n')) {
-            const QJsonObject o = QJsonDocument::fromJson(line).object();
-            if (o.value(QStringLiteral("status")).toString() == QLatin1String("done"))
-                ++done[o.value(QStringLiteral("input")).toString()];
-        }
+        countDone(path(QStringLiteral("m%1.jsonl").arg(k)), done);
     EXPECT_EQ(done.size(), 24);
     for (auto it = done.cbegin(); it != done.cend(); ++it)
         EXPECT_EQ(it.value(), 1) << it.key().toStdString();
