@@ -289,9 +289,12 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
 
     // Written here rather than through the model's save actions: the same save rules (type, quality
     // as the source stored it), plus the source's metadata, and nothing is rebuilt once the file is out.
-    QByteArray bytes = ImageFile::encode(result, choice.type, item->storage, options.quality);
-    if (!bytes.isEmpty() && !options.strip)
-        bytes = ImageMetadata::carryOver(sourcePath, bytes, type, result.size());
+    const bool carry = !options.strip && ImageMetadata::canCarry(type);
+    const ImageMetadata::Blocks blocks = carry && ImageMetadata::carriedByEncoder(type)
+                                             ? ImageMetadata::forResult(sourcePath, result.size())
+                                             : ImageMetadata::Blocks{};
+    QByteArray bytes = ImageFile::encode(result, choice.type, item->storage, options.quality, blocks);
+    if (!bytes.isEmpty() && carry) bytes = ImageMetadata::carryOver(sourcePath, bytes, type, result.size());
     if (bytes.isEmpty() || !AtomicFile::write(target, bytes)) {
         const QString why = AtomicFile::lastError();
         if (!bytes.isEmpty() && !why.isEmpty())

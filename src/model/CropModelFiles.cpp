@@ -190,7 +190,7 @@ void CropModel::openNow(const QStringList& paths) {
     int skipped = unnamableChildren(paths);
     for (const QString& path : list) {
         if (passesTypeTest(path))
-            candidates.push_back(DecodedFile{path, std::nullopt, std::nullopt});
+            candidates.push_back(DecodedFile{path, std::nullopt, std::nullopt, QByteArray(), QImage()});
         else
             ++skipped;
     }

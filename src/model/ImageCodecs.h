@@ -47,8 +47,15 @@ std::optional<std::vector<QSize>> heifDerivedCanvases(const uchar* data, size_t 
 /// HEIC and HEIF through libheif, refusing what libheif would decode past 2³¹ bytes.
 std::optional<ImageFile::Loaded> decodeHeif(const QByteArray& bytes, const QString& type,
                                             const ImageFile::LoadOptions& options);
-QByteArray encodeHeif(const QImage& image, int quality = 92);
+/// HEVC in a HEIF file at `quality`; `exif` (a TIFF structure) and `xmp` (a packet), when given,
+/// are written as the picture's metadata items.
+QByteArray encodeHeif(const QImage& image, int quality = 92, const QByteArray& exif = {},
+                      const QByteArray& xmp = {});
 bool hasHeifEncoder();
+/// The EXIF (its TIFF structure, the item's offset to it applied) and XMP of a HEIC/HEIF file's
+/// primary picture, read through libheif without decoding any pixels; blocks over
+/// `ImageMetadata::kMaxCarried` bytes, or that can't be read, are left empty.
+ImageMetadata::Blocks heifMetadata(const QByteArray& bytes);
 /// `image/heic`, `image/heif`, or empty when the head isn't one of those two.
 QString heifTypeOf(const uchar* head, int length);
 

@@ -4,6 +4,8 @@
 #include <QImage>
 #include <QSize>
 #include <QString>
+
+#include "model/ImageMetadata.h"
 #include <QStringList>
 
 #include <memory>
@@ -81,9 +83,10 @@ inline constexpr int kInteractivePngEffort = 40;
 /// save rules (-1) for every other type.
 int interactiveQuality(const QString& type);
 
-/// Encodes without writing; empty on failure.
+/// Encodes without writing; empty on failure. `metadata` goes into the types whose encoder writes
+/// it (HEIC, HEIF; see `ImageMetadata::carriedByEncoder`) and is ignored by the others.
 QByteArray encode(const QImage& image, const QString& type, const Storage& source = kUnknownSource,
-                  int quality = -1);
+                  int quality = -1, const ImageMetadata::Blocks& metadata = {});
 
 /// True for the types that can carry transparency: PNG, TIFF, GIF, HEIC, HEIF, WebP (by equality).
 bool supportsAlpha(const QString& type);

@@ -473,7 +473,7 @@ heif_error writeToByteArray(heif_context*, const void* data, size_t size, void* 
 
 } // namespace
 
-QByteArray encodeHeif(const QImage& source, int quality) {
+QByteArray encodeHeif(const QImage& source, int quality, const QByteArray& exif, const QByteArray& xmp) {
     if (source.isNull()) return QByteArray();
     const QImage rgba = source.convertToFormat(QImage::Format_RGBA8888); // libheif wants straight alpha
     if (rgba.isNull()) return QByteArray();
@@ -527,6 +527,11 @@ QByteArray encodeHeif(const QImage& source, int quality) {
     if (heif_context_encode_image(ctx.get(), image.get(), encoder, nullptr, &rawHandle).code != heif_error_Ok)
         return QByteArray();
     HeifHandle handle(rawHandle);
+    // Metadata that can't be added is left out rather than failing the picture.
+    if (!exif.isEmpty())
+        heif_context_add_exif_metadata(ctx.get(), handle.get(), exif.constData(), int(exif.size()));
+    if (!xmp.isEmpty())
+        heif_context_add_XMP_metadata(ctx.get(), handle.get(), xmp.constData(), int(xmp.size()));
 
     QByteArray out;
     HeifWriteTarget target{&out};
@@ -535,6 +540,47 @@ QByteArray encodeHeif(const QImage& source, int quality) {
     writer.write = writeToByteArray;
     if (heif_context_write(ctx.get(), &writer, &target).code != heif_error_Ok) return QByteArray();
     return out;
+}
+
+ImageMetadata::Blocks heifMetadata(const QByteArray& bytes) {
+    ImageMetadata::Blocks blocks;
+    const auto canvases =
+        heifDerivedCanvases(reinterpret_cast<const uchar*>(bytes.constData()), size_t(bytes.size()));
+    if (canvases)
+        for (const QSize& c : *canvases)
+            if (qint64(c.width()) * c.height() >= kHeifDecodeCeiling / 4) return blocks;
+    HeifContext ctx(heif_context_alloc());
+    if (!ctx || heif_context_read_from_memory_without_copy(ctx.get(), bytes.constData(), size_t(bytes.size()),
+                                                           nullptr)
+                        .code != heif_error_Ok)
+        return blocks;
+    heif_image_handle* rawHandle = nullptr;
+    if (heif_context_get_primary_image_handle(ctx.get(), &rawHandle).code != heif_error_Ok) return blocks;
+    HeifHandle handle(rawHandle);
+    const auto read = [&](const char* type, const char* contentType) {
+        heif_item_id id = 0;
+        if (heif_image_handle_get_list_of_metadata_block_IDs(handle.get(), type, &id, 1) < 1)
+            return QByteArray();
+        // XMP is a "mime" item of its own content type; other mime items aren't metadata we carry.
+        if (contentType &&
+            qstrcmp(heif_image_handle_get_metadata_content_type(handle.get(), id), contentType) != 0)
+            return QByteArray();
+        const size_t size = heif_image_handle_get_metadata_size(handle.get(), id);
+        if (size == 0 || qint64(size) > ImageMetadata::kMaxCarried) return QByteArray();
+        QByteArray data(qsizetype(size), Qt::Uninitialized);
+        if (heif_image_handle_get_metadata(handle.get(), id, data.data()).code != heif_error_Ok)
+            return QByteArray();
+        return data;
+    };
+    const QByteArray exif = read("Exif", nullptr);
+    // An Exif item starts with the distance from its fifth byte to the TIFF header.
+    if (exif.size() > 4) {
+        const auto* p = reinterpret_cast<const uchar*>(exif.constData());
+        const quint64 offset = (quint64(p[0]) << 24) | (quint64(p[1]) << 16) | (quint64(p[2]) << 8) | p[3];
+        if (offset < quint64(exif.size() - 4)) blocks.exif = exif.mid(qsizetype(4 + offset));
+    }
+    blocks.xmp = read("mime", "application/rdf+xml");
+    return blocks;
 }
 
 bool hasHeifEncoder() {

@@ -1,5 +1,7 @@
 #include "model/ImageMetadata.h"
 
+#include "model/ImageCodecs.h"
+
 #include <QFile>
 
 #include <exiv2/exiv2.hpp>
@@ -25,7 +27,6 @@ void setUpOnce() {
         // Damaged metadata is a reason to carry nothing, not a message on the user's terminal.
         Exiv2::LogMsg::setLevel(Exiv2::LogMsg::mute);
         Exiv2::XmpParser::initialize();
-        Exiv2::enableBMFF(true); // HEIC sources: read only
     });
 }
 
@@ -106,41 +107,102 @@ qint64 xmpBytes(const Exiv2::XmpData& xmp) {
 
 } // namespace
 
-bool canCarry(const QString& type) {
-    return type == QLatin1String("image/jpeg") || type == QLatin1String("image/png") ||
-           type == QLatin1String("image/webp") || type == QLatin1String("image/tiff");
+bool carriedByEncoder(const QString& type) {
+    return type == QLatin1String("image/heic") || type == QLatin1String("image/heif");
 }
 
-QByteArray carryOver(const QString& sourcePath, const QByteArray& encoded, const QString& type, QSize size) {
-    if (!canCarry(type) || encoded.isEmpty()) return encoded;
+bool canCarry(const QString& type) {
+    return type == QLatin1String("image/jpeg") || type == QLatin1String("image/png") ||
+           type == QLatin1String("image/webp") || type == QLatin1String("image/tiff") ||
+           carriedByEncoder(type);
+}
+
+namespace {
+
+// The metadata of the file at `path`. HEIC and HEIF are read through libheif, which finds the
+// items wherever the file's item locations put them (exiv2 0.27 misreads some of their layouts,
+// libheif's own grids among them); everything else through exiv2.
+bool readSource(const QString& path, Exiv2::ExifData& exif, Exiv2::XmpData& xmp) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) return false;
+    const QByteArray head = file.peek(64);
+    if (!ImageCodecs::heifTypeOf(reinterpret_cast<const uchar*>(head.constData()), int(head.size()))
+             .isEmpty()) {
+        const Blocks blocks = ImageCodecs::heifMetadata(file.readAll());
+        if (!blocks.exif.isEmpty())
+            Exiv2::ExifParser::decode(exif, reinterpret_cast<const Exiv2::byte*>(blocks.exif.constData()),
+                                      uint32_t(blocks.exif.size()));
+        if (!blocks.xmp.isEmpty()) Exiv2::XmpParser::decode(xmp, blocks.xmp.toStdString());
+        return true;
+    }
+    file.close();
+    auto source = Exiv2::ImageFactory::open(std::string(QFile::encodeName(path).constData()), false);
+    if (!source.get()) return false;
+    source->readMetadata();
+    exif = source->exifData();
+    xmp = source->xmpData();
+    return true;
+}
+
+// The source's EXIF and XMP amended to describe a result of `size`, or false when there is nothing
+// to carry. Called under exiv2's lock; throws what exiv2 throws.
+bool readAmended(const QString& sourcePath, QSize size, Exiv2::ExifData& exif, Exiv2::XmpData& xmp) {
+    if (!readSource(sourcePath, exif, xmp)) return false;
+    dropStorageTags(exif);
+    Exiv2::ExifThumb(exif).erase();
+    if (exif.empty() && xmp.empty()) return false;
+
+    const auto width = uint32_t(size.width());
+    const auto height = uint32_t(size.height());
+    setIfPresent(exif, "Exif.Image.Orientation", uint16_t(1));
+    setIfPresent(exif, "Exif.Photo.PixelXDimension", width);
+    setIfPresent(exif, "Exif.Photo.PixelYDimension", height);
+    setIfPresent(exif, "Exif.Photo.ColorSpace", uint16_t(1));
+    const std::string w = std::to_string(width);
+    const std::string h = std::to_string(height);
+    setIfPresent(xmp, "Xmp.tiff.Orientation", std::string("1"));
+    setIfPresent(xmp, "Xmp.exif.PixelXDimension", w);
+    setIfPresent(xmp, "Xmp.exif.PixelYDimension", h);
+    setIfPresent(xmp, "Xmp.tiff.ImageWidth", w);
+    setIfPresent(xmp, "Xmp.tiff.ImageLength", h);
+    setIfPresent(xmp, "Xmp.exif.ColorSpace", std::string("1"));
+    return exifBytes(exif) + xmpBytes(xmp) <= kMaxCarried;
+}
+
+} // namespace
+
+Blocks forResult(const QString& sourcePath, QSize size) {
     const std::lock_guard<std::mutex> guard(exiv2Lock());
     setUpOnce();
     try {
-        auto source =
-            Exiv2::ImageFactory::open(std::string(QFile::encodeName(sourcePath).constData()), false);
-        if (!source.get()) return encoded;
-        source->readMetadata();
-        Exiv2::ExifData exif = source->exifData();
-        Exiv2::XmpData xmp = source->xmpData();
-        dropStorageTags(exif);
-        Exiv2::ExifThumb(exif).erase();
-        if (exif.empty() && xmp.empty()) return encoded;
+        Exiv2::ExifData exif;
+        Exiv2::XmpData xmp;
+        if (!readAmended(sourcePath, size, exif, xmp)) return {};
+        Blocks blocks;
+        if (!exif.empty()) {
+            Exiv2::Blob blob;
+            Exiv2::ExifParser::encode(blob, Exiv2::littleEndian, exif);
+            blocks.exif = QByteArray(reinterpret_cast<const char*>(blob.data()), qsizetype(blob.size()));
+        }
+        if (!xmp.empty()) {
+            std::string packet;
+            if (Exiv2::XmpParser::encode(packet, xmp) == 0)
+                blocks.xmp = QByteArray(packet.data(), qsizetype(packet.size()));
+        }
+        return blocks;
+    } catch (const std::exception&) {
+        return {}; // damaged metadata: the result goes out without it
+    }
+}
 
-        const auto width = uint32_t(size.width());
-        const auto height = uint32_t(size.height());
-        setIfPresent(exif, "Exif.Image.Orientation", uint16_t(1));
-        setIfPresent(exif, "Exif.Photo.PixelXDimension", width);
-        setIfPresent(exif, "Exif.Photo.PixelYDimension", height);
-        setIfPresent(exif, "Exif.Photo.ColorSpace", uint16_t(1));
-        const std::string w = std::to_string(width);
-        const std::string h = std::to_string(height);
-        setIfPresent(xmp, "Xmp.tiff.Orientation", std::string("1"));
-        setIfPresent(xmp, "Xmp.exif.PixelXDimension", w);
-        setIfPresent(xmp, "Xmp.exif.PixelYDimension", h);
-        setIfPresent(xmp, "Xmp.tiff.ImageWidth", w);
-        setIfPresent(xmp, "Xmp.tiff.ImageLength", h);
-        setIfPresent(xmp, "Xmp.exif.ColorSpace", std::string("1"));
-        if (exifBytes(exif) + xmpBytes(xmp) > kMaxCarried) return encoded;
+QByteArray carryOver(const QString& sourcePath, const QByteArray& encoded, const QString& type, QSize size) {
+    if (!canCarry(type) || carriedByEncoder(type) || encoded.isEmpty()) return encoded;
+    const std::lock_guard<std::mutex> guard(exiv2Lock());
+    setUpOnce();
+    try {
+        Exiv2::ExifData exif;
+        Exiv2::XmpData xmp;
+        if (!readAmended(sourcePath, size, exif, xmp)) return encoded;
 
         auto target = Exiv2::ImageFactory::open(reinterpret_cast<const Exiv2::byte*>(encoded.constData()),
                                                 long(encoded.size()));
