@@ -1,11 +1,13 @@
 #include "TestSupport.h"
 
+#include "engines/AreaResize.h"
 #include "engines/ColorComponents.h"
 #include "engines/CropEngine.h"
 
 #include <opencv2/imgproc.hpp>
 
 #include <array>
+#include <cstring>
 #include <random>
 #include <vector>
 
@@ -284,6 +286,15 @@ TEST(Resize, ShrinkingAgreesWithOpenCVsAreaAverageAtAnyFactor) {
             }
         }
         EXPECT_LE(worst, 1) << "rounding only";
+        // The wide instructions (where this processor has them) give the very bytes SSE2 gives, so
+        // a result doesn't depend on the machine.
+        QImage narrow(dw, dh, QImage::Format_RGBA8888_Premultiplied);
+        AreaResize::shrink(image.constBits(), sw, sh, size_t(image.bytesPerLine()), narrow.bits(), dw, dh,
+                           size_t(narrow.bytesPerLine()), AreaResize::Lanes::sse2);
+        int differing = 0;
+        for (int y = 0; y < dh; ++y)
+            differing += std::memcmp(narrow.constScanLine(y), ours->constScanLine(y), size_t(dw) * 4) != 0;
+        EXPECT_EQ(differing, 0) << "rows";
     }
 }
 

@@ -226,6 +226,7 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
 
     CropModel model;
     model.setSynchronousWork(true); // no event loop here: cutouts and traces run inside the call
+    model.setDetectsCollages(false);
     if (memory) model.setLoadOptions(ImageFile::LoadOptions{false});
 
     model.open({input});
@@ -617,6 +618,7 @@ int CliRunner::runTrace(const CliOptions& options) {
     const QString shownInput = input == stdinCopy ? QStringLiteral("-") : input;
     CropModel model;
     model.setSynchronousWork(true);
+    model.setDetectsCollages(false);
     model.open({input});
     if (model.items().empty()) {
         const QString reason = whyNotOpened(input);

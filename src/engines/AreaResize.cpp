@@ -1,8 +1,10 @@
 #include "engines/AreaResize.h"
 
 #include <emmintrin.h>
+#include <immintrin.h>
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <vector>
 
@@ -10,30 +12,63 @@ namespace cutlark::AreaResize {
 
 namespace {
 
-/// Where each source index goes along one axis: its first output index and the share of it that
-/// falls there (the rest, if any, falls into the next output index).
-struct Split {
-    std::vector<int> to;
-    std::vector<float> share;
+/// The source indices each output index averages along one axis: `count[o]` of them from
+/// `first[o]`, their weights at `weight[o * width]` (the fraction of each inside the output's
+/// area). Where padded, every output has `width` taps, the unused ones weighing nothing and the
+/// first moved left at the far end, so a loop over them needs no branch and stays inside the row.
+struct Taps {
+    int width = 0;
+    std::vector<int> first;
+    std::vector<int> count;
+    std::vector<float> weight;
 };
 
-Split splitAxis(int from, int into) {
-    Split s;
-    s.to.resize(size_t(from));
-    s.share.resize(size_t(from));
+Taps tapsAlong(int from, int into, bool padded) {
+    // Each source index goes to the output its start falls in, with the share of it that falls
+    // there; the rest of it (if any) goes to the next output.
+    std::vector<int> to(static_cast<size_t>(from));
+    std::vector<float> share(static_cast<size_t>(from));
     const double scale = double(from) / into;
     for (int i = 0; i < from; ++i) {
         int o = std::min(into - 1, int(std::floor(i / scale)));
         const double end = (o + 1) * scale; // where output o stops, in source units
-        double share = end >= i + 1 ? 1.0 : end - i;
-        if (share <= 1e-9) { // the boundary sits on i itself: all of it belongs to the next one
+        double part = end >= i + 1 ? 1.0 : end - i;
+        if (part <= 1e-9) { // the boundary sits on i itself: all of it belongs to the next one
             o = std::min(into - 1, o + 1);
-            share = 1.0;
+            part = 1.0;
         }
-        s.to[size_t(i)] = o;
-        s.share[size_t(i)] = float(o == into - 1 ? 1.0 : share);
+        to[size_t(i)] = o;
+        share[size_t(i)] = float(o == into - 1 ? 1.0 : part);
     }
-    return s;
+    const auto spills = [&](int i) { return share[size_t(i)] < 1.0f && to[size_t(i)] + 1 < into; };
+
+    Taps taps;
+    taps.first.assign(size_t(into), INT_MAX);
+    std::vector<int> last(size_t(into), -1);
+    for (int i = 0; i < from; ++i) {
+        for (int o : {to[size_t(i)], spills(i) ? to[size_t(i)] + 1 : -1}) {
+            if (o < 0) continue;
+            taps.first[size_t(o)] = std::min(taps.first[size_t(o)], i);
+            last[size_t(o)] = std::max(last[size_t(o)], i);
+        }
+    }
+    taps.count.resize(size_t(into));
+    for (int o = 0; o < into; ++o) {
+        taps.count[size_t(o)] = last[size_t(o)] - taps.first[size_t(o)] + 1;
+        taps.width = std::max(taps.width, taps.count[size_t(o)]);
+    }
+    if (padded)
+        for (int o = 0; o < into; ++o)
+            taps.first[size_t(o)] = std::min(taps.first[size_t(o)], from - taps.width);
+    taps.weight.assign(size_t(into) * size_t(taps.width), 0.0f);
+    for (int i = 0; i < from; ++i) {
+        const int o = to[size_t(i)];
+        taps.weight[size_t(o) * size_t(taps.width) + size_t(i - taps.first[size_t(o)])] = share[size_t(i)];
+        if (spills(i))
+            taps.weight[size_t(o + 1) * size_t(taps.width) + size_t(i - taps.first[size_t(o + 1)])] =
+                1.0f - share[size_t(i)];
+    }
+    return taps;
 }
 
 inline __m128 load4(const uint8_t* p) {
@@ -48,64 +83,115 @@ inline void store4(__m128 v, uint8_t* p) {
     *reinterpret_cast<int*>(p) = _mm_cvtsi128_si32(_mm_packus_epi16(i16, i16));
 }
 
+/// `sum` (one float per channel of each of `pixels` pixels) = the weighted sum of `count` rows
+/// from `row` apart by `stride` bytes. Four pixels at a time from one 16-byte load per row.
+void sumRows(const uint8_t* row, size_t stride, const float* weight, int count, int pixels, __m128* sum) {
+    const __m128i zero = _mm_setzero_si128();
+    int x = 0;
+    for (; x + 4 <= pixels; x += 4) {
+        __m128 a = _mm_setzero_ps(), b = a, c = a, d = a;
+        const uint8_t* in = row + size_t(x) * 4;
+        for (int k = 0; k < count; ++k, in += stride) {
+            const __m128 w = _mm_set1_ps(weight[k]);
+            const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+            const __m128i lo = _mm_unpacklo_epi8(bytes, zero), hi = _mm_unpackhi_epi8(bytes, zero);
+            a = _mm_add_ps(a, _mm_mul_ps(w, _mm_cvtepi32_ps(_mm_unpacklo_epi16(lo, zero))));
+            b = _mm_add_ps(b, _mm_mul_ps(w, _mm_cvtepi32_ps(_mm_unpackhi_epi16(lo, zero))));
+            c = _mm_add_ps(c, _mm_mul_ps(w, _mm_cvtepi32_ps(_mm_unpacklo_epi16(hi, zero))));
+            d = _mm_add_ps(d, _mm_mul_ps(w, _mm_cvtepi32_ps(_mm_unpackhi_epi16(hi, zero))));
+        }
+        sum[x] = a;
+        sum[x + 1] = b;
+        sum[x + 2] = c;
+        sum[x + 3] = d;
+    }
+    for (; x < pixels; ++x) {
+        __m128 a = _mm_setzero_ps();
+        const uint8_t* in = row + size_t(x) * 4;
+        for (int k = 0; k < count; ++k, in += stride)
+            a = _mm_add_ps(a, _mm_mul_ps(_mm_set1_ps(weight[k]), load4(in)));
+        sum[x] = a;
+    }
+}
+
+/// `sumRows` eight floats (two pixels) at a time, where the processor has AVX2. The same products
+/// and sums in the same order as the SSE2 version (no fused multiply-add), so the result is the
+/// same bytes on every machine.
+__attribute__((target("avx2"))) void sumRowsAvx2(const uint8_t* row, size_t stride, const float* weight,
+                                                 int count, int pixels, __m128* sum) {
+    int x = 0;
+    for (; x + 4 <= pixels; x += 4) {
+        __m256 a = _mm256_setzero_ps(), b = a;
+        const uint8_t* in = row + size_t(x) * 4;
+        for (int k = 0; k < count; ++k, in += stride) {
+            const __m256 w = _mm256_set1_ps(weight[k]);
+            const __m128i lo = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(in));
+            const __m128i hi = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(in + 8));
+            a = _mm256_add_ps(a, _mm256_mul_ps(w, _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(lo))));
+            b = _mm256_add_ps(b, _mm256_mul_ps(w, _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(hi))));
+        }
+        _mm256_storeu_ps(reinterpret_cast<float*>(sum + x), a);
+        _mm256_storeu_ps(reinterpret_cast<float*>(sum + x + 2), b);
+    }
+    // The last pixels one at a time, here rather than through the SSE2 version: legacy SSE code run
+    // while the wide registers' upper halves are in use is slowed down on many processors.
+    for (; x < pixels; ++x) {
+        __m128 a = _mm_setzero_ps();
+        const uint8_t* in = row + size_t(x) * 4;
+        for (int k = 0; k < count; ++k, in += stride)
+            a = _mm_add_ps(a, _mm_mul_ps(_mm_set1_ps(weight[k]), load4(in)));
+        sum[x] = a;
+    }
+    _mm256_zeroupper();
+}
+
+/// One output row from its sums down the rows: each output pixel the weighted sum of its taps
+/// (`Taps` of `width`, fixed at compile time when `Width` isn't 0), times `norm`.
+template <size_t Width>
+void sumAlong(const __m128* column, const int* first, const __m128* weight, size_t width, __m128 norm,
+              int outputs, uint8_t* out) {
+    const size_t taps = Width ? Width : width;
+    for (int ox = 0; ox < outputs; ++ox, weight += taps) {
+        const __m128* in = column + first[ox];
+        __m128 sum = _mm_mul_ps(in[0], weight[0]);
+        for (size_t k = 1; k < taps; ++k)
+            sum = _mm_add_ps(sum, _mm_mul_ps(in[k], weight[k]));
+        store4(_mm_mul_ps(sum, norm), out + 4 * ox);
+    }
+}
+
+using RowSummer = void (*)(const uint8_t*, size_t, const float*, int, int, __m128*);
+
+RowSummer rowSummer() {
+    static const RowSummer chosen = __builtin_cpu_supports("avx2") ? sumRowsAvx2 : sumRows;
+    return chosen;
+}
+
 } // namespace
 
 void shrink(const uint8_t* src, int sw, int sh, size_t srcStride, uint8_t* dst, int dw, int dh,
-            size_t dstStride) {
-    const Split xs = splitAxis(sw, dw), ys = splitAxis(sh, dh);
+            size_t dstStride, Lanes lanes) {
+    const Taps xs = tapsAlong(sw, dw, true), ys = tapsAlong(sh, dh, false);
     const __m128 norm = _mm_set1_ps(float(double(dw) * dh / (double(sw) * sh)));
-    // One filtered source row, and the output row being filled plus the one after it.
-    const size_t width = static_cast<size_t>(dw);
-    std::vector<__m128> row(width), current(width), next(width);
-    int filling = 0;
-    for (int y = 0; y < sh; ++y) {
-        // Along the row the output index only ever steps by one (the factor is at least 1), so the
-        // sums stay in registers: what the current output gets, and what spills into the next.
-        const uint8_t* in = src + size_t(y) * srcStride;
-        __m128 sum = _mm_setzero_ps(), spill = _mm_setzero_ps();
-        int column = 0;
-        for (int x = 0; x < sw; ++x, in += 4) {
-            const int o = xs.to[size_t(x)];
-            if (o != column) {
-                row[size_t(column)] = sum;
-                sum = spill;
-                spill = _mm_setzero_ps();
-                column = o;
-            }
-            const __m128 v = load4(in);
-            const __m128 part = _mm_mul_ps(v, _mm_set1_ps(xs.share[size_t(x)]));
-            sum = _mm_add_ps(sum, part);
-            spill = _mm_add_ps(spill, _mm_sub_ps(v, part));
-        }
-        row[size_t(column)] = sum;
-        const int o = ys.to[size_t(y)];
-        while (filling < o) { // every source row of `filling` is in: write it out
-            uint8_t* out = dst + size_t(filling) * dstStride;
-            for (int x = 0; x < dw; ++x)
-                store4(_mm_mul_ps(current[size_t(x)], norm), out + 4 * x);
-            current.swap(next);
-            std::fill(next.begin(), next.end(), _mm_setzero_ps());
-            ++filling;
-        }
-        const float b = ys.share[size_t(y)];
-        const __m128 bv = _mm_set1_ps(b);
-        if (b < 1.0f) {
-            for (size_t x = 0; x < width; ++x) {
-                const __m128 part = _mm_mul_ps(row[x], bv);
-                current[x] = _mm_add_ps(current[x], part);
-                next[x] = _mm_add_ps(next[x], _mm_sub_ps(row[x], part));
-            }
-        } else {
-            for (size_t x = 0; x < width; ++x)
-                current[x] = _mm_add_ps(current[x], row[x]);
-        }
-    }
-    for (; filling < dh; ++filling) {
-        uint8_t* out = dst + size_t(filling) * dstStride;
-        for (int x = 0; x < dw; ++x)
-            store4(_mm_mul_ps(current[size_t(x)], norm), out + 4 * x);
-        current.swap(next);
-        std::fill(next.begin(), next.end(), _mm_setzero_ps());
+    std::vector<__m128> column(static_cast<size_t>(sw)); // one output row's sums, source columns apart
+    const auto width = size_t(xs.width);
+    std::vector<__m128> weights(xs.weight.size()); // each weight in all four lanes, ready to multiply
+    for (size_t i = 0; i < weights.size(); ++i)
+        weights[i] = _mm_set1_ps(xs.weight[i]);
+    const RowSummer summer = lanes == Lanes::widest ? rowSummer() : sumRows;
+    for (int oy = 0; oy < dh; ++oy) {
+        // Down the rows first, four pixels per load, so that the spread along the row is done once
+        // per output row rather than once per source row.
+        summer(src + size_t(ys.first[size_t(oy)]) * srcStride, srcStride,
+               &ys.weight[size_t(oy) * size_t(ys.width)], ys.count[size_t(oy)], sw, column.data());
+        uint8_t* out = dst + size_t(oy) * dstStride;
+        // The common factors below 3 have two or three taps: unrolled for them.
+        if (width == 2)
+            sumAlong<2>(column.data(), xs.first.data(), weights.data(), width, norm, dw, out);
+        else if (width == 3)
+            sumAlong<3>(column.data(), xs.first.data(), weights.data(), width, norm, dw, out);
+        else
+            sumAlong<0>(column.data(), xs.first.data(), weights.data(), width, norm, dw, out);
     }
 }
 

@@ -382,7 +382,8 @@ void CropModel::detectCollage() {
     const Item* item = active();
     QList<QRectF> rects;
     try {
-        if (item) rects = CollageSplitter::pieces(item->buffer, CollageSplitter::kDetectionThreshold);
+        if (item && m_detectsCollages)
+            rects = CollageSplitter::pieces(item->buffer, CollageSplitter::kDetectionThreshold);
     } catch (const std::exception&) {
         rects.clear(); // a detection that runs out of memory finds no collage
     }

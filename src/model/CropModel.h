@@ -106,6 +106,11 @@ public:
     void setSynchronousWork(bool on) {
         m_synchronousWork = on;
     }
+    /// Whether activating an item looks for a collage in it (on by default: the window offers the
+    /// split). The command line's `process` never splits, so it saves the look.
+    void setDetectsCollages(bool on) {
+        m_detectsCollages = on;
+    }
     /// How opening decodes: by default each picture is admitted to the memory budget on its own; the
     /// command line, which takes the budget for a whole job first, turns that off.
     void setLoadOptions(const ImageFile::LoadOptions& options) {
@@ -383,6 +388,7 @@ private:
     QList<QStringList> m_pendingOpens;
     CutoutService m_cutoutService;
     bool m_synchronousWork = false;
+    bool m_detectsCollages = true;
     ImageFile::LoadOptions m_loadOptions;
     Decoder m_decoder;
     VectorTracer m_vectorTracer;
