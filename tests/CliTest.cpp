@@ -81,11 +81,12 @@ protected:
 
 } // namespace
 
-TEST_F(CliTest, SettingsListsTheFortyDefaultsInOrder) {
+TEST_F(CliTest, SettingsListsTheDefaultsInOrder) {
     const CliRun run = cli({QStringLiteral("settings")});
     ASSERT_EQ(run.exitCode, 0);
     const QJsonObject all = QJsonDocument::fromJson(run.out).object();
-    EXPECT_EQ(all.size(), 40);
+    EXPECT_EQ(all.size(), 42);
+    EXPECT_FALSE(all.value(QStringLiteral("vectorCurves")).toBool(true));
     EXPECT_EQ(all.value(QStringLiteral("threshold")).toDouble(), 25);
     EXPECT_EQ(all.value(QStringLiteral("bgRemovalMode")).toString(), QStringLiteral("white"));
     EXPECT_EQ(all.value(QStringLiteral("backgroundColor")).toString(), QStringLiteral("#FFFFFF"));
@@ -951,7 +952,7 @@ TEST_F(CliTest, SettingsHelpComesFromTheTableAndIdleSettingsAreWarnedAbout) {
     ASSERT_EQ(help.exitCode, 0);
     EXPECT_EQ(cli({QStringLiteral("settings"), QStringLiteral("--help")}).out, help.out);
     const QJsonObject defaults = QJsonDocument::fromJson(cli({QStringLiteral("settings")}).out).object();
-    ASSERT_EQ(defaults.size(), 40);
+    ASSERT_EQ(defaults.size(), 42);
     for (const QString& name : defaults.keys())
         EXPECT_TRUE(help.out.contains("\n  " + name.toUtf8() + ' ')) << name.toStdString();
     EXPECT_TRUE(help.out.contains("  strokeWidth          number 0…40 px, default 14; needs stickerEnabled\n"
@@ -960,6 +961,7 @@ TEST_F(CliTest, SettingsHelpComesFromTheTableAndIdleSettingsAreWarnedAbout) {
     EXPECT_TRUE(
         help.out.contains("  bgRemovalMode        white|subject, default \"white\"; needs keyWhiteEnabled"));
     EXPECT_TRUE(help.out.contains("  mirrored             bool, default false\n"));
+    EXPECT_TRUE(help.out.contains("  vectorStacked        bool, default false; needs vectorFullColor\n"));
     EXPECT_EQ(cli({QStringLiteral("help"), QStringLiteral("process")}).out,
               cli({QStringLiteral("process"), QStringLiteral("--help")}).out);
     const CliRun nothing = cli({QStringLiteral("help"), QStringLiteral("setings")});

@@ -10,6 +10,7 @@
 #include "ui/SettingsSidebar.h"
 
 #include <QApplication>
+#include <QCheckBox>
 #include <QDir>
 #include <QFileInfo>
 #include <QListWidget>
@@ -356,6 +357,29 @@ TEST_F(WindowTest, EverySliderSpansItsSettingsRangeFromTheTable) {
     EXPECT_EQ(seen, (QStringList{"gradientAngle", "keyThreshold", "padAmount", "padBottom", "padLeft",
                                  "padRight", "padTop", "strokeWidth", "threshold", "vectorDenoise",
                                  "vectorStrokeWidth", "vectorTolerance"}));
+}
+
+TEST_F(WindowTest, TheCurveAndGapSwitchesWriteTheirSettingsAndFollowThem) {
+    model->open(images(1));
+    auto* curves = view->sidebar()->findChild<QCheckBox*>(QStringLiteral("vectorCurves"));
+    auto* stacked = view->sidebar()->findChild<QCheckBox*>(QStringLiteral("vectorStacked"));
+    ASSERT_TRUE(curves && stacked);
+    EXPECT_EQ(curves->text(), QStringLiteral("Smooth curves"));
+    EXPECT_EQ(stacked->text(), QStringLiteral("No gaps between colors"));
+    curves->setChecked(true);
+    EXPECT_TRUE(model->vectorCurves());
+    model->setVectorStacked(true);
+    EXPECT_TRUE(stacked->isChecked());
+    // The gap switch belongs to full colour and shows only with it.
+    model->setVectorizeEnabled(true);
+    view->show();
+    model->setVectorFullColor(false);
+    EXPECT_TRUE(stacked->isHidden());
+    model->setVectorFullColor(true);
+    EXPECT_FALSE(stacked->isHidden());
+    EXPECT_FALSE(curves->isHidden());
+    stacked->setChecked(false);
+    EXPECT_FALSE(model->snapshotCurrentSettings().vectorStacked);
 }
 
 TEST_F(WindowTest, ControlsMoveOnlyForTheFieldsTheyShow) {

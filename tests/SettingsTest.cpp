@@ -8,10 +8,13 @@ using namespace cutlark;
 
 TEST(Settings, DefaultsAreTheTable) {
     const Settings s;
-    EXPECT_EQ(Settings::names().size(), 40);
+    EXPECT_EQ(Settings::names().size(), 42);
     EXPECT_EQ(Settings::names().first(), QStringLiteral("quarterTurns"));
     EXPECT_EQ(Settings::names()[21], QStringLiteral("backgroundColor"));
-    EXPECT_EQ(Settings::names().last(), QStringLiteral("vectorCleanup"));
+    EXPECT_EQ(Settings::names()[39], QStringLiteral("vectorCleanup"));
+    EXPECT_EQ(Settings::names().last(), QStringLiteral("vectorStacked"));
+    EXPECT_FALSE(s.vectorCurves);
+    EXPECT_FALSE(s.vectorStacked);
 
     EXPECT_EQ(s.quarterTurns, 0);
     EXPECT_EQ(s.manualCropRect, QRectF(0, 0, 1, 1));
@@ -91,8 +94,10 @@ TEST(Settings, JsonRoundTripsThroughThePresetReader) {
     changed.gradientStart = QColor(1, 2, 3, 4);
     changed.vectorizeStyle = VectorizeStyle::outline;
     changed.manualCropRect = QRectF(0.25, 0, 0.5, 1);
+    changed.vectorCurves = true;
     const QJsonObject json = changed.toJson();
-    EXPECT_EQ(json.size(), 40);
+    EXPECT_EQ(json.size(), 42);
+    EXPECT_TRUE(json.value(QStringLiteral("vectorCurves")).toBool());
     EXPECT_EQ(json.value(QStringLiteral("gradientStart")).toString(), QStringLiteral("#01020304"));
 
     Settings back;

@@ -123,6 +123,41 @@ TEST_F(WorkerTest, SettingsThatDoNotMatterStartNoTrace) {
     EXPECT_DOUBLE_EQ(tracer.last().strokeWidth, 0.9) << "thousandths of the long side: 100 × 9 / 1000";
 }
 
+TEST_F(WorkerTest, CurvesRetraceAnyTraceAndGapsOnlyAColourOne) {
+    tracer.open = true;
+    model.setVectorizeEnabled(true);
+    ASSERT_TRUE(settle());
+    int before = tracer.count();
+    model.setVectorStacked(true); // a silhouette has no layers to stack
+    QCoreApplication::processEvents();
+    EXPECT_EQ(tracer.count(), before);
+    model.setVectorCurves(true);
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(tracer.count(), before + 1);
+    EXPECT_TRUE(tracer.last().params.curves);
+    model.setVectorFullColor(true);
+    ASSERT_TRUE(settle());
+    before = tracer.count();
+    model.setVectorStacked(true); // the same value: still a write, still a trace
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(tracer.count(), before + 1);
+    EXPECT_TRUE(tracer.last().params.stacked);
+    EXPECT_TRUE(tracer.last().params.curves);
+    // Each item keeps its own, and a synced queue carries them over.
+    model.open({savePng(m_dir, QStringLiteral("second.png"), coordinates(50, 40))});
+    const QUuid first = model.items()[0].id, second = model.items()[1].id;
+    model.select(second);
+    EXPECT_FALSE(model.vectorCurves());
+    EXPECT_FALSE(model.vectorStacked());
+    model.select(first);
+    EXPECT_TRUE(model.vectorCurves());
+    EXPECT_TRUE(model.vectorStacked());
+    model.setSyncSettingsAcrossQueue(true);
+    model.select(second);
+    EXPECT_TRUE(model.vectorCurves());
+    EXPECT_TRUE(model.vectorStacked());
+}
+
 TEST_F(WorkerTest, SwitchingOffDuringATraceDropsItsResult) {
     model.setVectorizeEnabled(true);
     ASSERT_TRUE(waitUntil([&] { return tracer.count() == 1; }));

@@ -247,11 +247,11 @@ TEST(Svg, SilhouetteDocumentByteForByte) {
 }
 
 TEST(Svg, PathDataOfTwoTriangles) {
-    EXPECT_EQ(VE::pathD({{{2, 2}, {8, 2}, {8, 8}}, {}, {{3.5, 3.5}, {4, 3.5}, {4, 4.5}}}),
+    EXPECT_EQ(VE::pathD(QList<Contour>{{{2, 2}, {8, 2}, {8, 8}}, {}, {{3.5, 3.5}, {4, 3.5}, {4, 4.5}}}),
               QStringLiteral("M2.0 2.0L8.0 2.0L8.0 8.0ZM3.5 3.5L4.0 3.5L4.0 4.5Z"));
-    EXPECT_EQ(VE::pathD({{{0.04, 0.06}, {10.25, 1e4}, {0, 0}}}),
+    EXPECT_EQ(VE::pathD(QList<Contour>{{{0.04, 0.06}, {10.25, 1e4}, {0, 0}}}),
               QStringLiteral("M0.0 0.1L10.2 10000.0L0.0 0.0Z"));
-    EXPECT_EQ(VE::pathD({}), QString());
+    EXPECT_EQ(VE::pathD(QList<Contour>{}), QString());
 }
 
 TEST(Svg, ColourDocumentByteForByte) {

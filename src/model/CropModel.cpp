@@ -158,6 +158,7 @@ void CropModel::runHook(Field field, bool wasOn) {
         break;
     case Field::vectorFullColor:
     case Field::vectorizeStyle:
+    case Field::vectorCurves:
         if (s.vectorizeEnabled) updateVector();
         break;
     case Field::vectorStrokeWidth:
@@ -167,6 +168,7 @@ void CropModel::runHook(Field field, bool wasOn) {
     case Field::vectorMinFeature:
     case Field::vectorDenoise:
     case Field::vectorCleanup:
+    case Field::vectorStacked:
         if (s.vectorizeEnabled && s.vectorFullColor) updateVector();
         break;
     default:

@@ -174,6 +174,8 @@ QImage CropModel::buildProcessed(const Item& item) {
     k.vectorMinFeature = defaults.vectorMinFeature;
     k.vectorDenoise = defaults.vectorDenoise;
     k.vectorCleanup = defaults.vectorCleanup;
+    k.vectorCurves = defaults.vectorCurves;
+    k.vectorStacked = defaults.vectorStacked;
     QImage work;
     if (m_preResize && m_preResize->item == key.item && m_preResize->source == key.source &&
         m_preResize->cutout == key.cutout && m_preResize->settings == key.settings) {

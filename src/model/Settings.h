@@ -18,7 +18,7 @@ namespace cutlark {
 enum class BGRemovalMode { white, subject };
 enum class BackgroundKind { color, gradient, image };
 
-// The 40 settings, declared once, in their fixed order. Everything that lists settings — the record,
+// The 42 settings, declared once, in their fixed order. Everything that lists settings — the record,
 // the model's field enum, its setters, snapshot/apply, the sidebar's ranges, the command line's
 // --set parser, its help and `cutlark-cli settings` — is derived from this table.
 //
@@ -67,7 +67,9 @@ enum class BackgroundKind { color, gradient, image };
     X(double, vectorTolerance, VectorTolerance, 45, 0, 100, "", "how far colours may differ and still make one layer", "vectorFullColor") \
     X(double, vectorMinFeature, VectorMinFeature, 0, 0, 100, "", "smallest colour region kept, on a logarithmic scale from 0.003 % to 0.38 % of the picture", "vectorFullColor") \
     X(double, vectorDenoise, VectorDenoise, 2, 1, 3, "passes", "median passes over the picture before colour tracing", "vectorFullColor") \
-    X(double, vectorCleanup, VectorCleanup, 3, 0, 10, "passes", "clean-up passes over the colour regions (0: none)", "vectorFullColor")
+    X(double, vectorCleanup, VectorCleanup, 3, 0, 10, "passes", "clean-up passes over the colour regions (0: none)", "vectorFullColor") \
+    X(bool, vectorCurves, VectorCurves, false, 0, 0, "", "fit smooth curves to the traced outlines, keeping the corners where they really turn", "vectorizeEnabled") \
+    X(bool, vectorStacked, VectorStacked, false, 0, 0, "", "stack the colour layers so each also covers the ones above it: no backdrop shows between colours", "vectorFullColor")
 // clang-format on
 
 /// One row of the table, readable at run time: for help texts, validation and the sidebar's ranges.
@@ -82,7 +84,7 @@ struct SettingInfo {
     bool isNumber() const { return minimum != maximum; }
 };
 
-/// One item's dormant copy of the 40 settings; `Settings()` holds the defaults.
+/// One item's dormant copy of the 42 settings; `Settings()` holds the defaults.
 struct Settings {
 #define CUTLARK_DECLARE_FIELD(Type, name, Name, def, ...) Type name = def;
     CUTLARK_SETTINGS(CUTLARK_DECLARE_FIELD)
@@ -91,7 +93,7 @@ struct Settings {
     /// Field-by-field equality; pictures compare by identity (`cacheKey`), not by pixels.
     bool operator==(const Settings& other) const;
 
-    /// Names of the 40 fields in table order.
+    /// Names of the 42 fields in table order.
     static const QStringList& names();
 
     /// The table's rows, in table order.

@@ -34,6 +34,8 @@ TraceParams traceParams(const Settings& s) {
     p.minFeatureFrac = minFeatureFracFor(s.vectorMinFeature);
     p.denoisePasses = denoisePassesFor(s.vectorDenoise);
     p.cleanupPasses = cleanupPassesFor(s.vectorCleanup);
+    p.curves = s.vectorCurves;
+    p.stacked = s.vectorStacked;
     return p;
 }
 
@@ -44,7 +46,7 @@ VectorResult trace(const VectorJob& job) {
         if (result.colorTrace) result.preview = VectorizeEngine::colorPreview(*result.colorTrace);
         return result;
     }
-    const VectorTraceOutcome outcome = VectorizeEngine::trace(job.image, 0);
+    const VectorTraceOutcome outcome = VectorizeEngine::trace(job.image, 0, job.params.curves);
     switch (outcome.kind) {
     case VectorTraceOutcome::Kind::traced:
         result.trace = outcome.trace;

@@ -18,7 +18,7 @@ struct VectorJob {
     bool fullColor = false;
     VectorizeStyle style = VectorizeStyle::silhouette;
     double strokeWidth = 0.5; ///< outline stroke in pixels of the image
-    TraceParams params;       ///< for a colour trace
+    TraceParams params;       ///< for a colour trace; its `curves` for a silhouette too
 };
 
 /// What a trace hands back: plain values, nothing of the model.

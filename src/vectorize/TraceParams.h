@@ -17,6 +17,10 @@ struct TraceParams {
     int denoisePasses = 2;
     /// Majority-vote passes over the label map; 0 or less switches them off.
     int cleanupPasses = 3;
+    /// Outlines fitted with cubic curves besides their polygons (for silhouettes too).
+    bool curves = false;
+    /// Each layer also covers the area of the layers above it, so no backdrop shows between colours.
+    bool stacked = false;
 };
 
 } // namespace cutlark

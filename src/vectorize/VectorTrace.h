@@ -10,11 +10,29 @@ namespace cutlark {
 /// first and isn't repeated.
 using Contour = QList<QPointF>;
 
+/// One piece of a smooth outline: a straight line to `end`, or a cubic Bézier through the control
+/// points `c1` and `c2` to `end`.
+struct CurveSegment {
+    bool cubic = false;
+    QPointF c1, c2; ///< only for a cubic
+    QPointF end;
+};
+
+/// A closed outline of lines and curves from `start`, in the same pixels as `Contour`; the last
+/// segment ends at `start`.
+struct CurvedContour {
+    QPointF start;
+    QList<CurveSegment> segments;
+};
+
 /// A silhouette trace: every contour of the mask at every nesting level, in one flat list. What is
 /// inside is decided by the even-odd rule alone.
 struct VectorTrace {
     QList<Contour> contours;
     QSizeF size; ///< the traced image's size in pixels, not the mask's
+    /// The same outlines fitted with curves, one for each contour, when curves were asked for;
+    /// empty otherwise. Where present, they are what is drawn and written.
+    QList<CurvedContour> curves;
 };
 
 /// What a silhouette trace came to.
@@ -28,6 +46,7 @@ struct VectorTraceOutcome {
 struct VectorColorLayer {
     double r = 0, g = 0, b = 0;
     QList<Contour> contours;
+    QList<CurvedContour> curves; ///< as `VectorTrace::curves`
 };
 
 /// A colour trace: layers in painting order, the bottom one first.

@@ -260,22 +260,31 @@ std::optional<VectorColorTrace> traceColor(const QImage& image, const TraceParam
     result.size = QSizeF(W, H);
     QImage mask(w, h, QImage::Format_Grayscale8);
     if (mask.isNull()) return std::nullopt;
-    for (int entry : kept) {
+    // Stacked, a layer also covers every layer drawn above it: shared borders are painted twice, by
+    // the layer below and the one above, so no backdrop shows through between them.
+    std::vector<int> levelOf(palette.size(), -1);
+    for (size_t k = 0; k < kept.size(); ++k)
+        levelOf[size_t(kept[k])] = int(k);
+    for (size_t level = 0; level < kept.size(); ++level) {
+        const int entry = kept[level];
         bool any = false;
         for (int y = 0; y < h; ++y) {
             uchar* m = mask.scanLine(y);
             const int* l = labels.data() + size_t(y) * size_t(w);
             for (int x = 0; x < w; ++x) {
-                const bool mine = l[x] == entry;
+                const bool mine =
+                    params.stacked ? l[x] >= 0 && levelOf[size_t(l[x])] >= int(level) : l[x] == entry;
                 m[x] = mine ? 0 : 255;
                 any |= mine;
             }
         }
         if (!any) continue; // an entry left without pixels traces to nothing
-        QList<Contour> found = contours(mask, W, H, 0, minFeatureFrac);
+        QList<CurvedContour> fitted;
+        QList<Contour> found = contours(mask, W, H, 0, minFeatureFrac, params.curves ? &fitted : nullptr);
         if (found.isEmpty()) continue;
         const Rgb& c = palette[size_t(entry)].color;
-        result.layers.append(VectorColorLayer{c.r / 255.0, c.g / 255.0, c.b / 255.0, std::move(found)});
+        result.layers.append(
+            VectorColorLayer{c.r / 255.0, c.g / 255.0, c.b / 255.0, std::move(found), std::move(fitted)});
     }
     if (result.layers.isEmpty()) return std::nullopt;
     return result;

@@ -2,6 +2,7 @@
 #include "vectorize/VectorizeEngine.h"
 
 #include "engines/PixelOps.h"
+#include "vectorize/CurveFit.h"
 
 #include <opencv2/imgproc.hpp>
 
@@ -93,6 +94,83 @@ std::vector<cv::Point2f> clamped(const std::vector<cv::Point2d>& chain, double m
     return out;
 }
 
+// Where the pixel boundary runs on average, for curves: the midpoints of the edges between the
+// foreground pixels and the background ones lie, along a run at angle θ, 0.5 / (|cos θ| + |sin θ|)
+// off the boundary pixels' centres — half a pixel on a level run but only 0.35 on a diagonal, where
+// the miter of `onPixelEdges` (drawn for polygons, which need the full half pixel at their corners)
+// would stand 0.15 pixel too far out. Each centre moves that far along the normal of the chain's
+// direction over two pixels either side, never looking past a corner; the corners themselves keep
+// their miter points.
+std::vector<QPointF> onEdgeMidlines(const std::vector<cv::Point>& chain,
+                                    const std::vector<cv::Point2f>& mitred, const std::vector<int>& corners,
+                                    double maxX, double maxY) {
+    const int n = int(chain.size());
+    // Steps from each point back to the last corner and on to the next (2 at most matters).
+    std::vector<int> back(static_cast<size_t>(n), 2), ahead(static_cast<size_t>(n), 2);
+    for (int c : corners)
+        for (int d = 0; d <= 2; ++d) {
+            int& b = back[size_t((c + d) % n)];
+            b = std::min(b, d);
+            int& a = ahead[size_t(((c - d) % n + n) % n)];
+            a = std::min(a, d);
+        }
+    std::vector<QPointF> out(static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i) {
+        const cv::Point a = chain[size_t((i - back[size_t(i)] + n) % n)],
+                        b = chain[size_t((i + ahead[size_t(i)]) % n)];
+        double dx = b.x - a.x, dy = b.y - a.y;
+        const double len = std::hypot(dx, dy);
+        if (len < 1e-9) { // a corner, or a chain too short to have a direction
+            out[size_t(i)] = QPointF(double(mitred[size_t(i)].x), double(mitred[size_t(i)].y));
+            continue;
+        }
+        dx /= len, dy /= len;
+        const double offset = 0.5 / (std::abs(dx) + std::abs(dy));
+        const cv::Point c = chain[size_t(i)];
+        out[size_t(i)] = QPointF(std::clamp(c.x + 0.5 - dy * offset, 0.0, maxX),
+                                 std::clamp(c.y + 0.5 + dx * offset, 0.0, maxY));
+    }
+    return out;
+}
+
+// The chain fitted with curves, its corners found among the polygon's vertices, scaled to pixels of
+// the source.
+CurvedContour curved(const std::vector<cv::Point>& raw, const std::vector<cv::Point2f>& points,
+                     const std::vector<cv::Point2f>& vertices, double maxX, double maxY, double sx,
+                     double sy) {
+    std::vector<QPointF> chain;
+    chain.reserve(points.size());
+    for (const cv::Point2f& p : points)
+        chain.emplace_back(double(p.x), double(p.y));
+    // The polygon's vertices are points of the chain, in its order (from wherever it starts).
+    std::vector<int> candidates;
+    const size_t n = points.size();
+    size_t at = 0;
+    for (const cv::Point2f& v : vertices) {
+        for (size_t k = 0; k < n; ++k) {
+            const size_t i = (at + k) % n;
+            if (points[i] == v) {
+                candidates.push_back(int(i));
+                at = i;
+                break;
+            }
+        }
+    }
+    std::sort(candidates.begin(), candidates.end());
+    candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
+    const std::vector<int> corners = CurveFit::corners(chain, candidates);
+    CurvedContour c =
+        CurveFit::fitClosed(onEdgeMidlines(raw, points, corners, maxX, maxY), corners, kCurveTolerance);
+    const auto scaled = [&](QPointF p) { return QPointF(p.x() * sx, p.y() * sy); };
+    c.start = scaled(c.start);
+    for (CurveSegment& s : c.segments) {
+        s.c1 = scaled(s.c1);
+        s.c2 = scaled(s.c2);
+        s.end = scaled(s.end);
+    }
+    return c;
+}
+
 double polygonArea(const Contour& c) {
     double sum = 0;
     const qsizetype n = c.size();
@@ -157,7 +235,8 @@ double epsilonFor(double smoothing) {
     return std::max(smoothing, 0.0) / 100 * 0.024 + 0.001; // NaN counts as 0
 }
 
-QList<Contour> contours(const QImage& mask, int fullW, int fullH, double smoothing, double minAreaFrac) {
+QList<Contour> contours(const QImage& mask, int fullW, int fullH, double smoothing, double minAreaFrac,
+                        QList<CurvedContour>* curves) {
     QList<Contour> out;
     if (mask.isNull() || fullW < 1 || fullH < 1) return out;
     const QImage grey =
@@ -207,6 +286,7 @@ QList<Contour> contours(const QImage& mask, int fullW, int fullH, double smoothi
         if (c.size() < 3) continue;
         if (polygonArea(c) < floor) continue; // holes are judged by themselves, like outlines
         out.append(std::move(c));
+        if (curves) curves->append(curved(chain, points, approx, dw, dh, sx, sy));
     }
     return out;
 }
@@ -239,7 +319,7 @@ Contour straighten(Contour c, double tol) {
     return c;
 }
 
-VectorTraceOutcome trace(const QImage& image, double smoothing) {
+VectorTraceOutcome trace(const QImage& image, double smoothing, bool curves) {
     VectorTraceOutcome outcome;
     const int W = image.width(), H = image.height();
     if (W < 1 || H < 1) return outcome;
@@ -249,10 +329,11 @@ VectorTraceOutcome trace(const QImage& image, double smoothing) {
         outcome.kind = VectorTraceOutcome::Kind::tooDetailed;
         return outcome;
     }
-    QList<Contour> found = contours(mask->mask, W, H, smoothing, 0.0004);
+    QList<CurvedContour> fitted;
+    QList<Contour> found = contours(mask->mask, W, H, smoothing, 0.0004, curves ? &fitted : nullptr);
     if (found.isEmpty()) return outcome;
     outcome.kind = VectorTraceOutcome::Kind::traced;
-    outcome.trace = VectorTrace{std::move(found), QSizeF(W, H)};
+    outcome.trace = VectorTrace{std::move(found), QSizeF(W, H), std::move(fitted)};
     return outcome;
 }
 

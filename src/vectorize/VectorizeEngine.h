@@ -27,8 +27,16 @@ std::optional<BinaryMask> binaryMask(const QImage& image);
 /// The contours of the mask's foreground at every nesting level, found on the mask brought to at most
 /// 1024 on its long side, approximated with the epsilon that `smoothing` gives, scaled to pixels of a
 /// `fullW` × `fullH` source, straightened, and each dropped when its area is below
-/// `minAreaFrac` × `fullW` × `fullH`. Never fails: an empty list when nothing is found.
-QList<Contour> contours(const QImage& mask, int fullW, int fullH, double smoothing, double minAreaFrac);
+/// `minAreaFrac` × `fullW` × `fullH`. Never fails: an empty list when nothing is found. With
+/// `curves`, each kept contour's boundary is also fitted with curves (`CurveFit`, within
+/// `kCurveTolerance` of the boundary on the detector's pixels) and appended there, in step.
+QList<Contour> contours(const QImage& mask, int fullW, int fullH, double smoothing, double minAreaFrac,
+                        QList<CurvedContour>* curves = nullptr);
+
+/// How far a fitted curve may pass from the boundary's points, in pixels of the detector's mask: the
+/// points run along pixel edges, whose staircases stand up to about 0.7 pixel off the outline they
+/// draw, so a closer fit would chase the steps.
+inline constexpr double kCurveTolerance = 0.3;
 
 /// Greedy removal of points that lie within `tol` of the line through their neighbours, repeated
 /// until a sweep removes nothing. Keeps at least 3 points; `tol` ≤ 0 or fewer than 4 points: unchanged.
@@ -39,8 +47,8 @@ Contour straighten(Contour contour, double tol);
 double epsilonFor(double smoothing);
 
 /// The silhouette trace of `image`: `tooDetailed` when the mask's busyness exceeds 0.06, `noShape`
-/// when nothing can be traced.
-VectorTraceOutcome trace(const QImage& image, double smoothing);
+/// when nothing can be traced. With `curves`, the trace carries its outlines fitted with curves too.
+VectorTraceOutcome trace(const QImage& image, double smoothing, bool curves = false);
 
 // --- colour ---
 
@@ -62,6 +70,9 @@ std::optional<VectorColorTrace> traceColor(const QImage& image, const TraceParam
 
 /// "M x yL x y…Z" for each contour with points, numbers with one decimal, nothing between commands.
 QString pathD(const QList<Contour>& contours);
+/// The same for curved outlines: "M x y", then "L x y" or "C x1 y1 x2 y2 x y" per segment (a last
+/// line back to the start left to "Z"), then "Z".
+QString pathD(const QList<CurvedContour>& curves);
 
 /// The whole SVG document of a silhouette trace, filled (`silhouette`) or stroked (`outline`).
 QString svg(const VectorTrace& trace, VectorizeStyle style, double strokeWidth);
@@ -71,6 +82,7 @@ QString colorSVG(const VectorColorTrace& trace);
 
 /// All contours as closed subpaths of one path, even-odd filled.
 QPainterPath cgPath(const QList<Contour>& contours);
+QPainterPath cgPath(const QList<CurvedContour>& curves);
 
 /// The trace drawn in the fixed preview grey on a transparent bitmap of its size; null when a side
 /// is below 1.

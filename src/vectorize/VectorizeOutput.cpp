@@ -67,6 +67,37 @@ QString pathD(const QList<Contour>& contours) {
     return d;
 }
 
+QString pathD(const QList<CurvedContour>& curves) {
+    QString d;
+    const auto point = [&d](QPointF p) {
+        appendNumber(d, p.x());
+        d += QLatin1Char(' ');
+        appendNumber(d, p.y());
+    };
+    for (const CurvedContour& c : curves) {
+        if (c.segments.isEmpty()) continue;
+        d += QLatin1Char('M');
+        point(c.start);
+        for (qsizetype i = 0; i < c.segments.size(); ++i) {
+            const CurveSegment& s = c.segments[i];
+            if (!s.cubic) {
+                if (i + 1 == c.segments.size()) break; // Z draws the line home
+                d += QLatin1Char('L');
+                point(s.end);
+                continue;
+            }
+            d += QLatin1Char('C');
+            point(s.c1);
+            d += QLatin1Char(' ');
+            point(s.c2);
+            d += QLatin1Char(' ');
+            point(s.end);
+        }
+        d += QLatin1Char('Z');
+    }
+    return d;
+}
+
 QString svg(const VectorTrace& trace, VectorizeStyle style, double strokeWidth) {
     QString attributes;
     if (style == VectorizeStyle::silhouette) {
@@ -77,13 +108,14 @@ QString svg(const VectorTrace& trace, VectorizeStyle style, double strokeWidth) 
         attributes += QStringLiteral("\" stroke-linejoin=\"round\"");
     }
     return head(trace.size) + QStringLiteral("<path ") + attributes + QStringLiteral(" d=\"") +
-           pathD(trace.contours) + QStringLiteral("\"/>\n</svg>");
+           (trace.curves.isEmpty() ? pathD(trace.contours) : pathD(trace.curves)) +
+           QStringLiteral("\"/>\n</svg>");
 }
 
 QString colorSVG(const VectorColorTrace& trace) {
     QString out = head(trace.size);
     for (const VectorColorLayer& layer : trace.layers) {
-        const QString d = pathD(layer.contours);
+        const QString d = layer.curves.isEmpty() ? pathD(layer.contours) : pathD(layer.curves);
         if (d.isEmpty()) continue;
         out += QStringLiteral("<path fill=\"") + hexColor(layer.r, layer.g, layer.b) +
                QStringLiteral("\" fill-rule=\"evenodd\" d=\"") + d + QStringLiteral("\"/>\n");
@@ -104,12 +136,29 @@ QPainterPath cgPath(const QList<Contour>& contours) {
     return path;
 }
 
+QPainterPath cgPath(const QList<CurvedContour>& curves) {
+    QPainterPath path;
+    path.setFillRule(Qt::OddEvenFill);
+    for (const CurvedContour& c : curves) {
+        if (c.segments.isEmpty()) continue;
+        path.moveTo(c.start);
+        for (const CurveSegment& s : c.segments) {
+            if (s.cubic)
+                path.cubicTo(s.c1, s.c2, s.end);
+            else
+                path.lineTo(s.end);
+        }
+        path.closeSubpath();
+    }
+    return path;
+}
+
 QImage preview(const VectorTrace& trace, VectorizeStyle style, double strokeWidth) {
     QImage image = transparentCanvas(trace.size);
     if (image.isNull()) return image;
     QPainter painter(&image);
     painter.setRenderHint(QPainter::Antialiasing, true);
-    const QPainterPath path = cgPath(trace.contours);
+    const QPainterPath path = trace.curves.isEmpty() ? cgPath(trace.contours) : cgPath(trace.curves);
     if (style == VectorizeStyle::outline) {
         QPen pen(previewGrey());
         pen.setWidthF(strokeWidth);
@@ -128,7 +177,7 @@ QImage colorPreview(const VectorColorTrace& trace) {
     QPainter painter(&image);
     painter.setRenderHint(QPainter::Antialiasing, true);
     for (const VectorColorLayer& layer : trace.layers)
-        painter.fillPath(cgPath(layer.contours),
+        painter.fillPath(layer.curves.isEmpty() ? cgPath(layer.contours) : cgPath(layer.curves),
                          QColor::fromRgbF(float(layer.r), float(layer.g), float(layer.b), 1.0f));
     painter.end();
     return image;

@@ -43,6 +43,12 @@ QWidget* vectorize(SidebarControls& c, QWidget* parent) {
          &CropModel::vectorTolerance);
     dial(QObject::tr("Denoise"), QStringLiteral("aqi.medium"), Field::vectorDenoise,
          &CropModel::vectorDenoise);
+    auto* stacked = c.checkbox(body, QObject::tr("No gaps between colors"),
+                               QObject::tr("Each color layer also runs under the layers drawn above it, so "
+                                           "no background shows through the seams between colors."),
+                               Field::vectorStacked);
+    c.showWhile(stacked, {Field::vectorFullColor}, [model] { return model->vectorFullColor(); });
+    l->addWidget(stacked);
     auto* style = c.segmented(
         body, {QObject::tr("Silhouette"), QObject::tr("Outline")}, Field::vectorizeStyle,
         [model] { return int(model->vectorizeStyle()); },
@@ -55,6 +61,10 @@ QWidget* vectorize(SidebarControls& c, QWidget* parent) {
         return !model->vectorFullColor() && model->vectorizeStyle() == VectorizeStyle::outline;
     });
     l->addWidget(stroke);
+    l->addWidget(c.checkbox(body, QObject::tr("Smooth curves"),
+                            QObject::tr("Fit smooth curves to the outlines and keep sharp corners where "
+                                        "they really turn, instead of straight-edged polygons."),
+                            Field::vectorCurves));
     const SidebarControls::StatusLine status = SidebarControls::statusLine(body);
     c.follow({Field::vectorizeEnabled, Field::vectorFullColor, Field::isVectorizing, Field::vectorTooDetailed,
               Field::vectorTrace, Field::vectorColorTrace},

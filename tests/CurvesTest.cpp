@@ -1,0 +1,221 @@
+#include "TestSupport.h"
+
+#include "vectorize/CurveFit.h"
+#include "vectorize/VectorizeEngine.h"
+
+#include <QPainter>
+#include <QRegularExpression>
+#include <QSvgRenderer>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <numbers>
+
+using namespace cutlark;
+using namespace cutlark::test;
+namespace VE = VectorizeEngine;
+
+namespace {
+
+// Black shapes drawn with antialiasing on a white picture.
+QImage drawn(QSize size, const std::function<void(QPainter&)>& draw) {
+    QImage image = solid(size.width(), size.height(), Qt::white);
+    QPainter p(&image);
+    p.setRenderHint(QPainter::Antialiasing);
+    p.setPen(Qt::NoPen);
+    p.setBrush(Qt::black);
+    draw(p);
+    return image;
+}
+
+// Points along every segment of a curved outline, `perSegment` to each.
+std::vector<QPointF> sampled(const CurvedContour& c, int perSegment = 50) {
+    std::vector<QPointF> out;
+    QPointF from = c.start;
+    for (const CurveSegment& s : c.segments) {
+        for (int i = 0; i < perSegment; ++i) {
+            const double t = double(i) / perSegment, u = 1 - t;
+            out.push_back(s.cubic ? from * (u * u * u) + s.c1 * (3 * u * u * t) + s.c2 * (3 * u * t * t) +
+                                        s.end * (t * t * t)
+                                  : from * u + s.end * t);
+        }
+        from = s.end;
+    }
+    return out;
+}
+
+QImage rendered(const QString& svg, QSize size) {
+    QSvgRenderer renderer(svg.toUtf8());
+    QImage out(size, QImage::Format_ARGB32_Premultiplied);
+    out.fill(Qt::transparent);
+    QPainter p(&out);
+    renderer.render(&p);
+    return out;
+}
+
+} // namespace
+
+TEST(Curves, ACircleIsAFewCurvesOnTheTrueCircle) {
+    const QImage disc = drawn(QSize(160, 160), [](QPainter& p) { p.drawEllipse(QPointF(80, 80), 50, 50); });
+    const VectorTraceOutcome t = VE::trace(disc, 0, true);
+    ASSERT_EQ(t.kind, VectorTraceOutcome::Kind::traced);
+    ASSERT_EQ(t.trace.curves.size(), 1);
+    const CurvedContour& c = t.trace.curves.first();
+    EXPECT_LE(c.segments.size(), 8);
+    double worst = 0;
+    for (const QPointF& p : sampled(c))
+        worst = std::max(worst, std::abs(std::hypot(p.x() - 80, p.y() - 80) - 50));
+    std::printf("circle of radius 50: %d segments, %.3f px from the true circle at worst\n",
+                int(c.segments.size()), worst);
+    EXPECT_LE(worst, 0.25);
+    for (const CurveSegment& s : c.segments)
+        EXPECT_TRUE(s.cubic);
+    // The polygon is still there, as before.
+    EXPECT_EQ(t.trace.contours, VE::trace(disc, 0).trace.contours);
+    EXPECT_TRUE(VE::trace(disc, 0).trace.curves.isEmpty());
+}
+
+TEST(Curves, ASquareKeepsItsFourCornersAndStraightSides) {
+    for (const double turn : {0.0, 45.0}) {
+        SCOPED_TRACE(turn);
+        const QImage square = drawn(QSize(200, 200), [turn](QPainter& p) {
+            p.translate(100, 100);
+            p.rotate(turn);
+            p.drawRect(QRectF(-50, -50, 100, 100));
+        });
+        const VectorTraceOutcome t = VE::trace(square, 0, true);
+        ASSERT_EQ(t.trace.curves.size(), 1);
+        const CurvedContour& c = t.trace.curves.first();
+        ASSERT_EQ(c.segments.size(), 4);
+        // Each side a line from corner to corner, each corner where the square has one.
+        const double r = 50 * std::sqrt(2.0);
+        for (const CurveSegment& s : c.segments) {
+            EXPECT_FALSE(s.cubic);
+            double nearest = 1e9;
+            for (int k = 0; k < 4; ++k) {
+                const double a = (turn + 45 + 90 * k) * std::numbers::pi / 180;
+                nearest = std::min(nearest, std::hypot(s.end.x() - 100 - r * std::cos(a),
+                                                       s.end.y() - 100 - r * std::sin(a)));
+            }
+            EXPECT_LE(nearest, turn == 0 ? 0.01 : 0.5) << s.end.x() << "," << s.end.y();
+        }
+    }
+}
+
+TEST(Curves, AnSCurveFollowsItsSineWithinAQuarterPixel) {
+    // A band whose upper edge is y = 100 + 30 sin(x / 40) over 20 ≤ x ≤ 280, bottom at 200.
+    const auto edge = [](double x) { return 100 + 30 * std::sin(x / 40); };
+    const QImage band = drawn(QSize(300, 220), [&](QPainter& p) {
+        QPolygonF shape;
+        for (int i = 0; i <= 520; ++i)
+            shape << QPointF(20 + i * 0.5, edge(20 + i * 0.5));
+        shape << QPointF(280, 200) << QPointF(20, 200);
+        p.drawPolygon(shape);
+    });
+    const VectorTraceOutcome t = VE::trace(band, 0, true);
+    ASSERT_EQ(t.trace.curves.size(), 1);
+    const CurvedContour& c = t.trace.curves.first();
+    double worst = 0;
+    int onTheEdge = 0;
+    for (const QPointF& p : sampled(c)) {
+        if (p.x() < 24 || p.x() > 276 || p.y() > 190) continue; // the sine's part of the outline
+        worst = std::max(worst, std::abs(p.y() - edge(p.x())));
+        ++onTheEdge;
+    }
+    std::printf("S-curve: %d segments in all, %.3f px from the sine at worst\n", int(c.segments.size()),
+                worst);
+    EXPECT_GT(onTheEdge, 100);
+    EXPECT_LE(worst, 0.3);
+    EXPECT_LE(c.segments.size(), 12);
+}
+
+TEST(Curves, ATinyCurvedDocumentByteForByte) {
+    CurvedContour c;
+    c.start = QPointF(1, 2);
+    c.segments = {CurveSegment{true, QPointF(3, 0), QPointF(5.5, 0), QPointF(7, 2)},
+                  CurveSegment{false, {}, {}, QPointF(7, 6)}, CurveSegment{false, {}, {}, QPointF(1, 2)}};
+    VectorTrace trace;
+    trace.size = QSizeF(8, 7);
+    trace.contours = {Contour{QPointF(1, 2), QPointF(7, 2), QPointF(7, 6)}};
+    trace.curves = {c};
+    EXPECT_EQ(VE::svg(trace, VectorizeStyle::silhouette, 1),
+              QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                             "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"8\" height=\"7\" "
+                             "viewBox=\"0 0 8 7\">\n"
+                             "<path fill=\"#111111\" fill-rule=\"evenodd\" "
+                             "d=\"M1.0 2.0C3.0 0.0 5.5 0.0 7.0 2.0L7.0 6.0Z\"/>\n</svg>"));
+    // A curve that closes the outline is written out before Z.
+    c.segments.removeLast();
+    c.segments.append(CurveSegment{true, QPointF(4, 7), QPointF(2, 5), QPointF(1, 2)});
+    EXPECT_EQ(VE::pathD(QList<CurvedContour>{c}),
+              QStringLiteral("M1.0 2.0C3.0 0.0 5.5 0.0 7.0 2.0L7.0 6.0C4.0 7.0 2.0 5.0 1.0 2.0Z"));
+    // The preview draws the curve: the bulge above y = 2 is filled.
+    trace.curves = {c};
+    const QImage preview = VE::preview(trace, VectorizeStyle::silhouette, 1);
+    EXPECT_GT(qAlpha(preview.pixel(4, 1)), 128);
+    trace.curves.clear();
+    EXPECT_EQ(qAlpha(VE::preview(trace, VectorizeStyle::silhouette, 1).pixel(4, 1)), 0);
+}
+
+TEST(Curves, ColourLayersAreCurvedToo) {
+    QImage art = solid(200, 200, QColor(250, 245, 230));
+    {
+        QPainter p(&art);
+        p.setRenderHint(QPainter::Antialiasing);
+        p.setPen(Qt::NoPen);
+        p.setBrush(QColor(30, 60, 140));
+        p.drawEllipse(QPointF(100, 100), 60, 60);
+    }
+    TraceParams params;
+    params.curves = true;
+    const auto t = VE::traceColor(art, params);
+    ASSERT_TRUE(t);
+    ASSERT_EQ(t->layers.size(), 2);
+    for (const VectorColorLayer& layer : t->layers)
+        EXPECT_EQ(layer.curves.size(), layer.contours.size());
+    const QRegularExpression curveCommand(QStringLiteral(" d=\"[^\"]*C"));
+    EXPECT_TRUE(VE::colorSVG(*t).contains(curveCommand));
+    EXPECT_FALSE(VE::colorSVG(*VE::traceColor(art)).contains(curveCommand));
+}
+
+TEST(Stacking, AbuttingColoursLeaveNoGapAndKeepTheirOrder) {
+    // Two colours meeting along a slanted line: traced apart, antialiased rendering shows the
+    // backdrop along the seam; stacked, the bottom layer runs under the top one.
+    QImage art(240, 160, QImage::Format_ARGB32_Premultiplied);
+    for (int y = 0; y < 160; ++y)
+        for (int x = 0; x < 240; ++x)
+            art.setPixel(x, y, x * 3 < 240 + y ? qRgb(200, 40, 40) : qRgb(40, 40, 200));
+    const auto seamAlpha = [&](const VectorColorTrace& t) {
+        const QImage back = rendered(VE::colorSVG(t), art.size());
+        int lowest = 255;
+        for (int y = 2; y < 158; ++y)
+            for (int x = 2; x < 238; ++x)
+                lowest = std::min(lowest, qAlpha(back.pixel(x, y)));
+        return lowest;
+    };
+    const auto apart = VE::traceColor(art);
+    ASSERT_TRUE(apart);
+    TraceParams params;
+    params.stacked = true;
+    const auto stacked = VE::traceColor(art, params);
+    ASSERT_TRUE(stacked);
+    ASSERT_EQ(stacked->layers.size(), 2);
+    EXPECT_LT(seamAlpha(*apart), 250) << "apart, the seam shows through";
+    EXPECT_GE(seamAlpha(*stacked), 250);
+    // Same colours in the same order; the bottom layer covers the whole picture.
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(stacked->layers[i].r, apart->layers[i].r);
+        EXPECT_EQ(stacked->layers[i].b, apart->layers[i].b);
+    }
+    EXPECT_EQ(stacked->layers.first().contours.size(), 1);
+    const QRectF bottom = VE::cgPath(stacked->layers.first().contours).boundingRect();
+    EXPECT_EQ(bottom, QRectF(0, 0, 240, 160));
+    EXPECT_EQ(stacked->layers.last().contours, apart->layers.last().contours) << "the top layer is as it was";
+    // With curves as well.
+    params.curves = true;
+    const auto both = VE::traceColor(art, params);
+    ASSERT_TRUE(both);
+    EXPECT_GE(seamAlpha(*both), 250);
+}
