@@ -1,19 +1,27 @@
 // The vectorizer: a silhouette trace of a 4000×3000 drawing and a colour trace of a 2000×2000
-// illustration, one thread; and the helpers bench/peers.sh uses to compare with potrace.
+// illustration, one thread; the helpers bench/peers.sh uses to compare with potrace; and
+// --curves DIR, bench/curves.sh's comparison of smooth curves with potrace on text and icons.
 #include "model/ImageFile.h"
 #include "vectorize/VectorizeEngine.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QFile>
+#include <QGuiApplication>
 #include <QPainter>
 #include <QPainterPath>
+#include <QProcess>
 #include <QSvgRenderer>
 
 #include <benchmark/benchmark.h>
 #include <opencv2/core.hpp>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <functional>
+#include <vector>
 
 using namespace cutlark;
 
@@ -100,9 +108,205 @@ double iou(const QImage& picture, const QString& svgPath) {
     return either ? double(both) / double(either) : 1.0;
 }
 
+// --- smooth curves against potrace (bench/curves.sh) ---
+
+// A drawing of text or icons, drawable at any scale so that the truth can be drawn at 4x.
+struct Drawing {
+    QString name;
+    QSize size;
+    std::function<void(QPainter&)> draw;
+};
+
+QImage render(const Drawing& d, int scale) {
+    QImage image(d.size * scale, QImage::Format_RGBA8888_Premultiplied);
+    image.fill(Qt::white);
+    QPainter p(&image);
+    p.setRenderHint(QPainter::Antialiasing);
+    p.setRenderHint(QPainter::TextAntialiasing);
+    p.scale(scale, scale);
+    p.setPen(Qt::NoPen);
+    p.setBrush(Qt::black);
+    d.draw(p);
+    return image;
+}
+
+Drawing text(const QString& name, const QString& family, int pixels, const QString& words, QSize size) {
+    return Drawing{name, size, [=](QPainter& p) {
+                       QFont font(family);
+                       font.setPixelSize(pixels);
+                       QPainterPath path;
+                       path.addText(QPointF(pixels * 0.2, size.height() / 2.0 + pixels * 0.35), font, words);
+                       p.drawPath(path);
+                   }};
+}
+
+std::vector<Drawing> drawings() {
+    std::vector<Drawing> out;
+    out.push_back(text(QStringLiteral("sans-24"), QStringLiteral("DejaVu Sans"), 24,
+                       QStringLiteral("Quick brown fox, jumps! Qg&@"), QSize(420, 110)));
+    out.push_back(text(QStringLiteral("serif-48"), QStringLiteral("DejaVu Serif"), 48,
+                       QStringLiteral("Cyclic Qs & gS"), QSize(440, 150)));
+    out.push_back(text(QStringLiteral("mono-90"), QStringLiteral("DejaVu Sans Mono"), 90,
+                       QStringLiteral("a@5%R"), QSize(300 + 90, 120)));
+    out.push_back(text(QStringLiteral("serif-200"), QStringLiteral("DejaVu Serif"), 200,
+                       QStringLiteral("Q&g"), QSize(520, 270)));
+    out.push_back(text(QStringLiteral("sans-120"), QStringLiteral("DejaVu Sans"), 120,
+                       QStringLiteral("S8ebo"), QSize(440, 160)));
+    out.push_back(Drawing{QStringLiteral("icon-heart-gear"), QSize(400, 400), [](QPainter& p) {
+                              QPainterPath heart(QPointF(100, 80));
+                              heart.cubicTo(QPointF(100, 40), QPointF(40, 30), QPointF(30, 80));
+                              heart.cubicTo(QPointF(25, 120), QPointF(80, 150), QPointF(100, 180));
+                              heart.cubicTo(QPointF(120, 150), QPointF(175, 120), QPointF(170, 80));
+                              heart.cubicTo(QPointF(160, 30), QPointF(100, 40), QPointF(100, 80));
+                              p.drawPath(heart);
+                              QPainterPath gear;
+                              for (int k = 0; k < 12; ++k) {
+                                  const double a = k * M_PI / 6, b = a + M_PI / 12;
+                                  const QPointF c(280, 280);
+                                  const auto at = [&](double ang, double r) {
+                                      return c + QPointF(std::cos(ang) * r, std::sin(ang) * r);
+                                  };
+                                  if (k == 0) gear.moveTo(at(a - 0.1, 100));
+                                  gear.lineTo(at(a - 0.1, 100));
+                                  gear.lineTo(at(a + 0.1, 100));
+                                  gear.lineTo(at(b - 0.12, 80));
+                                  gear.lineTo(at(b + 0.12, 80));
+                              }
+                              gear.closeSubpath();
+                              gear.addEllipse(QPointF(280, 280), 35, 35);
+                              gear.setFillRule(Qt::OddEvenFill);
+                              p.drawPath(gear);
+                          }});
+    out.push_back(Drawing{QStringLiteral("icon-app"), QSize(300, 300), [](QPainter& p) {
+                              QPainterPath icon;
+                              icon.addRoundedRect(QRectF(20, 20, 260, 260), 60, 60);
+                              icon.addEllipse(QPointF(150, 130), 70, 70);
+                              QPolygonF star;
+                              for (int k = 0; k < 10; ++k) {
+                                  const double r = k % 2 ? 22 : 55, a = -M_PI / 2 + k * M_PI / 5;
+                                  star << QPointF(150 + r * std::cos(a), 130 + r * std::sin(a));
+                              }
+                              icon.addPolygon(star);
+                              icon.addRect(QRectF(60, 225, 180, 22));
+                              icon.setFillRule(Qt::OddEvenFill);
+                              p.drawPath(icon);
+                          }});
+    return out;
+}
+
+QImage renderedSvg(const QByteArray& svg, QSize size) {
+    QSvgRenderer renderer(svg);
+    QImage back(size, QImage::Format_ARGB32_Premultiplied);
+    back.fill(Qt::transparent);
+    QPainter p(&back);
+    p.setRenderHint(QPainter::Antialiasing);
+    renderer.render(&p);
+    return back;
+}
+
+struct Score {
+    double iou1 = 0, iou4 = 0, errorPerPerimeter = 0;
+};
+
+// Ink of the truth (dark) against ink of the rendered trace (alpha), at 1x and 4x.
+Score score(const Drawing& d, const QByteArray& svg) {
+    Score s;
+    for (int scale : {1, 4}) {
+        const QImage truth = render(d, scale);
+        const QImage back = renderedSvg(svg, truth.size());
+        qint64 both = 0, either = 0, edges = 0;
+        for (int y = 0; y < truth.height(); ++y)
+            for (int x = 0; x < truth.width(); ++x) {
+                const bool ink = qRed(truth.pixel(x, y)) < 128;
+                const bool traced = qAlpha(back.pixel(x, y)) >= 128;
+                both += ink && traced;
+                either += ink || traced;
+                if (x > 0) edges += ink != (qRed(truth.pixel(x - 1, y)) < 128);
+                if (y > 0) edges += ink != (qRed(truth.pixel(x, y - 1)) < 128);
+            }
+        const double iou = either ? double(both) / double(either) : 1.0;
+        if (scale == 1) {
+            s.iou1 = iou;
+        } else {
+            // Pixels on the wrong side of the boundary, in source pixels, per source pixel of boundary.
+            s.iou4 = iou;
+            s.errorPerPerimeter = (double(either - both) / 16.0) / (double(edges) / 4.0);
+        }
+    }
+    return s;
+}
+
+template <typename F> double medianMs(F f, int runs = 7) {
+    std::vector<double> t;
+    for (int i = 0; i < runs; ++i) {
+        QElapsedTimer timer;
+        timer.start();
+        f();
+        t.push_back(double(timer.nsecsElapsed()) / 1e6);
+    }
+    std::sort(t.begin(), t.end());
+    return t[t.size() / 2];
+}
+
+int curvesAgainstPotrace(const QString& dir) {
+    std::printf("| drawing | tool | error/perimeter px | IoU 1x | IoU 4x | SVG bytes | ms "
+                "|\n|---|---|---|---|---|---|---|\n");
+    for (const Drawing& d : drawings()) {
+        const QImage picture = render(d, 1);
+        // The same speck floor for both: our silhouette drops shapes under 0.04 % of the picture.
+        const int floor = int(0.0004 * picture.width() * picture.height());
+        const QString pbm = dir + QLatin1Char('/') + d.name + QStringLiteral(".pbm");
+        QImage mono(picture.size(), QImage::Format_Mono);
+        mono.setColorTable({qRgb(255, 255, 255), qRgb(0, 0, 0)});
+        for (int y = 0; y < picture.height(); ++y)
+            for (int x = 0; x < picture.width(); ++x) {
+                const QRgb c = picture.pixel(x, y);
+                const int darkness = 255 - (299 * qRed(c) + 587 * qGreen(c) + 114 * qBlue(c)) / 1000;
+                mono.setPixel(x, y, darkness >= 129 ? 1 : 0);
+            }
+        mono.save(pbm, "PBM");
+        const QString potraceSvg = dir + QLatin1Char('/') + d.name + QStringLiteral("-potrace.svg");
+        const QStringList args{QStringLiteral("-s"), QStringLiteral("-t"), QString::number(floor),
+                               QStringLiteral("-o"), potraceSvg,           pbm};
+        const double potraceMs = medianMs([&] { QProcess::execute(QStringLiteral("potrace"), args); });
+        QFile pf(potraceSvg);
+        if (!pf.open(QIODevice::ReadOnly)) {
+            std::fprintf(stderr, "potrace wrote nothing for %s\n", qPrintable(d.name));
+            return 1;
+        }
+        const QByteArray theirs = pf.readAll();
+        for (const bool curves : {false, true}) {
+            QByteArray ours;
+            const double ms = medianMs([&] {
+                const auto t = VectorizeEngine::trace(picture, 0, curves);
+                ours = VectorizeEngine::svg(t.trace, VectorizeStyle::silhouette, 1).toUtf8();
+            });
+            QFile out(dir + QLatin1Char('/') + d.name +
+                      (curves ? QStringLiteral("-curves.svg") : QStringLiteral("-polygons.svg")));
+            if (out.open(QIODevice::WriteOnly)) out.write(ours);
+            const Score s = score(d, ours);
+            std::printf("| %s | cutlark %s | %.3f | %.4f | %.4f | %lld | %.2f |\n", qPrintable(d.name),
+                        curves ? "curves" : "polygons", s.errorPerPerimeter, s.iou1, s.iou4,
+                        static_cast<long long>(ours.size()), ms);
+        }
+        const Score s = score(d, theirs);
+        std::printf("| %s | potrace 1.16 -t %d | %.3f | %.4f | %.4f | %lld | %.2f (a process) |\n",
+                    qPrintable(d.name), floor, s.errorPerPerimeter, s.iou1, s.iou4,
+                    static_cast<long long>(theirs.size()), potraceMs);
+    }
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 3 && std::strcmp(argv[1], "--curves") == 0) {
+        // Text needs fonts, and fonts need a GUI application (with no screen: offscreen).
+        if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+        QGuiApplication gui(argc, argv);
+        cv::setNumThreads(1);
+        return curvesAgainstPotrace(QString::fromLocal8Bit(argv[2]));
+    }
     QCoreApplication app(argc, argv);
     cv::setNumThreads(1);
     // bench/peers.sh: the drawing as PNG and PBM for potrace, our SVG of it, and the IoU of any SVG.

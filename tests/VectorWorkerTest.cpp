@@ -70,8 +70,13 @@ protected:
     void TearDown() override {
         tracer.open = true;
         tracer.gate.release(100);
-        QThreadPool::globalInstance()->waitForDone();
-        QCoreApplication::processEvents();
+        // A result handed back may start the next pass (or a neighbour's decode), which runs the
+        // tracer this fixture owns: stop tracing, then drain until nothing is left on the pool.
+        model.setVectorizeEnabled(false);
+        do {
+            QThreadPool::globalInstance()->waitForDone();
+            QCoreApplication::processEvents();
+        } while (QThreadPool::globalInstance()->activeThreadCount() > 0);
     }
     bool settle() {
         return waitUntil([&] { return !model.isVectorizing(); });

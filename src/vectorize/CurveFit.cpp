@@ -58,6 +58,10 @@ int walk(const std::vector<P>& pts, int i, double distance) {
 /// Fits one open run of points with cubic pieces, appending them to `out`.
 class Fitter {
 public:
+    /// Rounds of better parameters tried before a run is split, while they help.
+    static constexpr int kRounds = 8;
+    /// How far either side of a split point its tangent is measured, in pixels.
+    static constexpr double kTangentReach = 4;
     Fitter(const std::vector<P>& pts, double tolerance, QList<CurveSegment>& out)
         : m_pts(pts), m_tolerance(tolerance), m_out(out) {}
 
@@ -77,23 +81,25 @@ public:
             addCurve(b);
             return;
         }
-        // Close: better parameters may be all it takes.
-        if (error <= limit * 4) {
-            for (int round = 0; round < 4; ++round) {
-                reparameterize(first, last, b, u);
-                b = generate(first, last, u, t1, t2);
-                std::tie(error, split) = maxError(first, last, b, u);
-                if (error <= limit) {
-                    addCurve(b);
-                    return;
-                }
+        // Better parameters (each point's nearest place on the curve) may be all it takes; a few
+        // rounds, while they help.
+        for (int round = 0; round < kRounds; ++round) {
+            reparameterize(first, last, b, u);
+            const Bezier better = generate(first, last, u, t1, t2);
+            const auto [betterError, betterSplit] = maxError(first, last, better, u);
+            if (betterError >= error) break;
+            b = better;
+            error = betterError, split = betterSplit;
+            if (error <= limit) {
+                addCurve(b);
+                return;
             }
         }
         // Split where the error is largest; the tangent there, over a few pixels either side so that a
         // staircase doesn't tilt it, is shared by both halves.
         split = std::clamp(split, first + 1, last - 1);
-        const int before = std::max(first, walk(m_pts, split, -2)),
-                  after = std::min(last, walk(m_pts, split, 2));
+        const int before = std::max(first, walk(m_pts, split, -kTangentReach)),
+                  after = std::min(last, walk(m_pts, split, kTangentReach));
         P centre = unit(m_pts[size_t(before)] - m_pts[size_t(after)]);
         if (length(centre) == 0) centre = unit(m_pts[size_t(split - 1)] - m_pts[size_t(split + 1)]);
         fit(first, split, t1, centre);
@@ -333,10 +339,10 @@ CurvedContour fitClosed(const std::vector<QPointF>& chain, const std::vector<int
         // No corner: a loop from the first point back to it, with one tangent at the join.
         std::vector<P> run(points.begin(), points.end());
         run.push_back(points.front());
-        const P ahead = points[size_t(walk(run, 0, kCornerArm))];
+        const P ahead = points[size_t(walk(run, 0, Fitter::kTangentReach))];
         std::vector<P> back(points.rbegin(), points.rend());
         back.insert(back.begin(), points.front());
-        const P behind = back[size_t(walk(back, 0, kCornerArm))];
+        const P behind = back[size_t(walk(back, 0, Fitter::kTangentReach))];
         P t = unit(ahead - behind);
         if (length(t) == 0) t = unit(points[1] - points[size_t(n - 1)]);
         contour.start = points.front();

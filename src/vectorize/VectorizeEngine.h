@@ -33,9 +33,11 @@ std::optional<BinaryMask> binaryMask(const QImage& image);
 QList<Contour> contours(const QImage& mask, int fullW, int fullH, double smoothing, double minAreaFrac,
                         QList<CurvedContour>* curves = nullptr);
 
-/// How far a fitted curve may pass from the boundary's points, in pixels of the detector's mask: the
-/// points run along pixel edges, whose staircases stand up to about 0.7 pixel off the outline they
-/// draw, so a closer fit would chase the steps.
+/// How far a fitted curve may pass from the boundary's points, in pixels of the detector's mask. The
+/// points are the pixel edges' midlines, smoothed, within about 0.1 pixel of the true outline;
+/// measured on text and icons (bench/curves.sh), 0.3 gives a disc of radius 50 in 4 curves within
+/// 0.25 pixel, and boundaries 30–55 % closer to the truth than potrace's; 0.5 saves a fifth of the
+/// bytes but lets a disc stray 0.4 pixel.
 inline constexpr double kCurveTolerance = 0.3;
 
 /// Greedy removal of points that lie within `tol` of the line through their neighbours, repeated
