@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <optional>
 #include <vector>
 
 using namespace cutlark;
@@ -297,6 +298,55 @@ int curvesAgainstPotrace(const QString& dir) {
     return 0;
 }
 
+// A photograph softened and posterised to four levels a channel, traced in full colour apart and stacked:
+// the lowest alpha of the rendering inside the picture, and the share of pixels within 300 (squared
+// RGB distance) of the picture's colour.
+int stackedLayers(const QString& photoPath) {
+    const auto loaded = ImageFile::load(photoPath);
+    if (!loaded) return 1;
+    QImage photo = loaded->image.convertToFormat(QImage::Format_RGB32);
+    if (photo.width() > 1200) photo = photo.scaledToWidth(1200, Qt::SmoothTransformation);
+    // Softened first (down to a sixth and back), so that the levels make regions rather than noise.
+    photo = photo.scaled(photo.size() / 6, Qt::IgnoreAspectRatio, Qt::SmoothTransformation)
+                .scaled(photo.size(), Qt::IgnoreAspectRatio, Qt::SmoothTransformation)
+                .convertToFormat(QImage::Format_RGB32);
+    for (int y = 0; y < photo.height(); ++y) {
+        auto* row = reinterpret_cast<QRgb*>(photo.scanLine(y));
+        for (int x = 0; x < photo.width(); ++x) {
+            const auto level = [](int v) { return std::min(255, (v / 64) * 85); };
+            row[x] = qRgb(level(qRed(row[x])), level(qGreen(row[x])), level(qBlue(row[x])));
+        }
+    }
+    std::printf("| %dx%d posterised | layers | lowest alpha | pixels below 250 | colour within 300 | ms "
+                "|\n|---|---|---|---|---|---|\n",
+                photo.width(), photo.height());
+    for (const bool stacked : {false, true}) {
+        TraceParams params;
+        params.stacked = stacked;
+        std::optional<VectorColorTrace> t;
+        const double ms = medianMs([&] { t = VectorizeEngine::traceColor(photo, params); }, 3);
+        if (!t) {
+            std::printf("| %s | no trace |\n", stacked ? "stacked" : "apart");
+            continue;
+        }
+        const QImage back = renderedSvg(VectorizeEngine::colorSVG(*t).toUtf8(), photo.size());
+        int lowest = 255;
+        qint64 below = 0, good = 0;
+        for (int y = 0; y < photo.height(); ++y)
+            for (int x = 0; x < photo.width(); ++x) {
+                const QRgb b = back.pixel(x, y), a = photo.pixel(x, y);
+                lowest = std::min(lowest, qAlpha(b));
+                below += qAlpha(b) < 250;
+                const int dr = qRed(a) - qRed(b), dg = qGreen(a) - qGreen(b), db = qBlue(a) - qBlue(b);
+                good += dr * dr + dg * dg + db * db <= 300;
+            }
+        std::printf("| %s | %d | %d | %lld | %.2f %% | %.0f |\n", stacked ? "stacked" : "apart",
+                    int(t->layers.size()), lowest, static_cast<long long>(below),
+                    100.0 * double(good) / (double(photo.width()) * photo.height()), ms);
+    }
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -306,6 +356,11 @@ int main(int argc, char** argv) {
         QGuiApplication gui(argc, argv);
         cv::setNumThreads(1);
         return curvesAgainstPotrace(QString::fromLocal8Bit(argv[2]));
+    }
+    if (argc == 3 && std::strcmp(argv[1], "--stacked") == 0) {
+        QGuiApplication gui(argc, argv);
+        cv::setNumThreads(1);
+        return stackedLayers(QString::fromLocal8Bit(argv[2]));
     }
     QCoreApplication app(argc, argv);
     cv::setNumThreads(1);

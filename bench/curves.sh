@@ -3,7 +3,9 @@
 # glyph) and two icons, drawn by bench_vector itself: the error at the boundary (pixels on the wrong
 # side of it at 4x, in source pixels per source pixel of boundary), the IoU of the ink rendered back
 # at the source size and at 4x, the SVG's size and the time to trace. Both with the same speck floor
-# (0.04 % of the picture, our silhouette's). Our polygons are listed too.
+# (0.04 % of the picture, our silhouette's). Our polygons are listed too. Then stacked colour
+# layers against separate ones on two posterised photographs: the lowest alpha rendered back inside
+# the picture, and the colour fidelity.
 set -euo pipefail
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 build="${CUTLARK_BUILD_DIR:-$here/build}"
@@ -18,3 +20,11 @@ cmake --build "$build" --target bench_vector >/dev/null
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 "$build/bench/bench_vector" --curves "$work"
+
+# Stacked colour layers: photographs softened and posterised, traced apart and stacked.
+CUTLARK_TEST_DATA=1 "$here/scripts/fetch-testdata.sh" >/dev/null
+for photo in "${XDG_CACHE_HOME:-$HOME/.cache}"/cutlark/testdata/{coffee.png,rocket.jpg}; do
+    echo
+    echo "$(basename "$photo"):"
+    QT_QPA_PLATFORM=offscreen "$build/bench/bench_vector" --stacked "$photo"
+done
