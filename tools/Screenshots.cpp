@@ -153,6 +153,8 @@ int main(int argc, char** argv) {
         model.open({logoPath});
         model.setVectorizeEnabled(true);
         model.setVectorFullColor(true);
+        model.setVectorCurves(true);
+        model.setVectorStacked(true);
         settle(model, 800);
         ok &= shoot(window, out + QStringLiteral("/04-vectorize.png"));
     }

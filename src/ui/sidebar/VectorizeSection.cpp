@@ -22,6 +22,16 @@ QWidget* vectorize(SidebarControls& c, QWidget* parent) {
                    QObject::tr("Trace every flat colour into its own layer (region growing) instead of one "
                                "silhouette. Best for flat art and illustrations."),
                    Field::vectorFullColor));
+    auto* stacked = c.checkbox(body, QObject::tr("No gaps between colors"),
+                               QObject::tr("Each color layer also runs under the layers drawn above it, so "
+                                           "no background shows through the seams between colors."),
+                               Field::vectorStacked);
+    c.showWhile(stacked, {Field::vectorFullColor}, [model] { return model->vectorFullColor(); });
+    l->addWidget(stacked);
+    l->addWidget(c.checkbox(body, QObject::tr("Smooth curves"),
+                            QObject::tr("Fit smooth curves to the outlines and keep sharp corners where "
+                                        "they really turn, instead of straight-edged polygons."),
+                            Field::vectorCurves));
     const auto dial = [&](const QString& label, const QString& icon, Field field,
                           const double& (CropModel::*get)() const) {
         auto [w, dl] = SidebarControls::column(body, 3);
@@ -43,12 +53,6 @@ QWidget* vectorize(SidebarControls& c, QWidget* parent) {
          &CropModel::vectorTolerance);
     dial(QObject::tr("Denoise"), QStringLiteral("aqi.medium"), Field::vectorDenoise,
          &CropModel::vectorDenoise);
-    auto* stacked = c.checkbox(body, QObject::tr("No gaps between colors"),
-                               QObject::tr("Each color layer also runs under the layers drawn above it, so "
-                                           "no background shows through the seams between colors."),
-                               Field::vectorStacked);
-    c.showWhile(stacked, {Field::vectorFullColor}, [model] { return model->vectorFullColor(); });
-    l->addWidget(stacked);
     auto* style = c.segmented(
         body, {QObject::tr("Silhouette"), QObject::tr("Outline")}, Field::vectorizeStyle,
         [model] { return int(model->vectorizeStyle()); },
@@ -61,10 +65,6 @@ QWidget* vectorize(SidebarControls& c, QWidget* parent) {
         return !model->vectorFullColor() && model->vectorizeStyle() == VectorizeStyle::outline;
     });
     l->addWidget(stroke);
-    l->addWidget(c.checkbox(body, QObject::tr("Smooth curves"),
-                            QObject::tr("Fit smooth curves to the outlines and keep sharp corners where "
-                                        "they really turn, instead of straight-edged polygons."),
-                            Field::vectorCurves));
     const SidebarControls::StatusLine status = SidebarControls::statusLine(body);
     c.follow({Field::vectorizeEnabled, Field::vectorFullColor, Field::isVectorizing, Field::vectorTooDetailed,
               Field::vectorTrace, Field::vectorColorTrace},
