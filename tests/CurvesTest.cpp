@@ -12,6 +12,7 @@
 #include <cmath>
 #include <functional>
 #include <numbers>
+#include <random>
 
 using namespace cutlark;
 using namespace cutlark::test;
@@ -218,4 +219,29 @@ TEST(Stacking, AbuttingColoursLeaveNoGapAndKeepTheirOrder) {
     const auto both = VE::traceColor(art, params);
     ASSERT_TRUE(both);
     EXPECT_GE(seamAlpha(*both), 250);
+}
+
+TEST(Curves, NoisyAndJaggedChainsEndWhereTheyStart) {
+    // A random walk of 50 000 points with no corner (the fit splits and splits), and a zigzag whose
+    // every point is a corner: both fitted in bounded depth and time, closed where they began.
+    std::mt19937 random(11);
+    std::vector<QPointF> walk{QPointF(0, 0)};
+    for (int i = 1; i < 50000; ++i)
+        walk.push_back(walk.back() + QPointF(double(random() % 3) - 1, double(random() % 3) - 1));
+    std::vector<QPointF> zigzag;
+    std::vector<int> all;
+    for (int i = 0; i < 20000; ++i) {
+        zigzag.push_back(QPointF(i * 0.5, (i % 2) * 8.0));
+        all.push_back(i);
+    }
+    for (int i = 19999; i >= 0; --i)
+        zigzag.push_back(QPointF(i * 0.5, 100 + (i % 2) * 8.0));
+    for (const auto& [chain, candidates] :
+         {std::pair{walk, std::vector<int>{}}, std::pair{zigzag, CurveFit::corners(zigzag, all)}}) {
+        const CurvedContour c = CurveFit::fitClosed(chain, candidates, 0.3);
+        ASSERT_FALSE(c.segments.isEmpty());
+        EXPECT_LT(QLineF(c.segments.last().end, c.start).length(), 1e-9);
+        for (const CurveSegment& s : c.segments)
+            ASSERT_TRUE(std::isfinite(s.end.x()) && std::isfinite(s.c1.y()));
+    }
 }

@@ -62,15 +62,24 @@ public:
     static constexpr int kRounds = 8;
     /// How far either side of a split point its tangent is measured, in pixels.
     static constexpr double kTangentReach = 4;
+    /// The most splits in a row.
+    static constexpr int kMaxDepth = 40;
     Fitter(const std::vector<P>& pts, double tolerance, QList<CurveSegment>& out)
         : m_pts(pts), m_tolerance(tolerance), m_out(out) {}
 
     /// The run from `first` to `last`, leaving along `t1` and arriving against `t2` (both unit
     /// vectors pointing into the run).
-    void fit(int first, int last, P t1, P t2) {
+    void fit(int first, int last, P t1, P t2, int depth = 0) {
         const int n = last - first + 1;
         if (n <= 2) {
             addLine(m_pts[size_t(last)]);
+            return;
+        }
+        // Splitting halves a run's error many times over long before this; a run that still doesn't
+        // fit is one a hostile picture made, and keeps its points as lines (and the stack its size).
+        if (depth > kMaxDepth) {
+            for (int i = first + 1; i <= last; ++i)
+                addLine(m_pts[size_t(i)]);
             return;
         }
         std::vector<double> u = chordLengths(first, last);
@@ -102,8 +111,8 @@ public:
                   after = std::min(last, walk(m_pts, split, kTangentReach));
         P centre = unit(m_pts[size_t(before)] - m_pts[size_t(after)]);
         if (length(centre) == 0) centre = unit(m_pts[size_t(split - 1)] - m_pts[size_t(split + 1)]);
-        fit(first, split, t1, centre);
-        fit(split, last, -centre, t2);
+        fit(first, split, t1, centre, depth + 1);
+        fit(split, last, -centre, t2, depth + 1);
     }
 
 private:
@@ -291,11 +300,14 @@ std::vector<int> corners(const std::vector<QPointF>& points, const std::vector<i
     // A corner the raster blunted (the tip of a square turned 45° ends in a step a pixel or two
     // wide) is found at both ends of the step: one corner, in the middle of them.
     if (out.size() < 2) return out;
+    // Distances along the chain from its first point, so that the distance between any two points
+    // costs nothing however many corners there are.
+    std::vector<double> from0(static_cast<size_t>(n) + 1, 0.0);
+    for (int i = 0; i < n; ++i)
+        from0[size_t(i) + 1] = from0[size_t(i)] + length(points[size_t((i + 1) % n)] - points[size_t(i)]);
     const auto along = [&](int from, int to) {
-        double d = 0;
-        for (int i = from; i != to; i = (i + 1) % n)
-            d += length(points[size_t((i + 1) % n)] - points[size_t(i)]);
-        return d;
+        const double d = from0[size_t(to)] - from0[size_t(from)];
+        return d >= 0 ? d : d + from0.back();
     };
     std::vector<int> merged;
     // Start after a gap so that no cluster straddles the start.
