@@ -1,4 +1,5 @@
-// The colour trace on small arbitrary pictures, and the SVG writers on the traces that come out.
+// The colour and silhouette traces (polygons or curves, layers apart or stacked) on small arbitrary
+// pictures, and the SVG writers on the traces that come out.
 #include "vectorize/VectorizeEngine.h"
 
 #include <cstdint>
@@ -21,11 +22,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
     using namespace cutlark;
-    if (auto colour = VectorizeEngine::traceColor(image, TraceParams{tolerance, 3e-5, 1, cleanup})) {
+    // The curves and the stacking by the same bits that choose the clean-up passes.
+    const bool curves = (cleanup & 1) != 0, stacked = (cleanup & 2) != 0;
+    if (auto colour =
+            VectorizeEngine::traceColor(image, TraceParams{tolerance, 3e-5, 1, cleanup, curves, stacked})) {
         (void)VectorizeEngine::colorSVG(*colour);
         (void)VectorizeEngine::colorPreview(*colour);
     }
-    const VectorTraceOutcome outcome = VectorizeEngine::trace(image, tolerance);
+    const VectorTraceOutcome outcome = VectorizeEngine::trace(image, tolerance, curves);
     if (outcome.kind == VectorTraceOutcome::Kind::traced) {
         (void)VectorizeEngine::svg(outcome.trace, VectorizeStyle::outline, tolerance);
         (void)VectorizeEngine::preview(outcome.trace, VectorizeStyle::silhouette, 1);
