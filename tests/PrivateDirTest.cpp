@@ -34,7 +34,10 @@ TEST(PrivateDir, FreshFoldersAndFilesAreTheUsersAloneAndLinksAreNeverFollowed) {
     EXPECT_TRUE(QFileInfo(folder).fileName().startsWith(QStringLiteral("CutlarkDrops-")));
     EXPECT_EQ(QFileInfo(folder).absolutePath(), QDir(PrivateDir::base()).absolutePath());
     EXPECT_EQ(modeOf(folder), 0700u);
-    EXPECT_NE(PrivateDir::create(QStringLiteral("CutlarkDrops")), folder) << "every call a new folder";
+    const QString second = PrivateDir::create(QStringLiteral("CutlarkDrops"));
+    EXPECT_NE(second, folder) << "every call a new folder";
+    PrivateDir::remove(second);
+    EXPECT_FALSE(QFileInfo::exists(second));
 
     ASSERT_TRUE(PrivateDir::writeNew(folder, QStringLiteral("Dropped Image.png"), "picture"));
     EXPECT_EQ(modeOf(QDir(folder).filePath(QStringLiteral("Dropped Image.png"))), 0600u);
