@@ -5,7 +5,6 @@
 
 #include <QPainter>
 #include <QRegularExpression>
-#include <QSvgRenderer>
 
 #include <gtest/gtest.h>
 
@@ -44,15 +43,6 @@ std::vector<QPointF> sampled(const CurvedContour& c, int perSegment = 50) {
         }
         from = s.end;
     }
-    return out;
-}
-
-QImage rendered(const QString& svg, QSize size) {
-    QSvgRenderer renderer(svg.toUtf8());
-    QImage out(size, QImage::Format_ARGB32_Premultiplied);
-    out.fill(Qt::transparent);
-    QPainter p(&out);
-    renderer.render(&p);
     return out;
 }
 
@@ -189,7 +179,7 @@ TEST(Stacking, AbuttingColoursLeaveNoGapAndKeepTheirOrder) {
         for (int x = 0; x < 240; ++x)
             art.setPixel(x, y, x * 3 < 240 + y ? qRgb(200, 40, 40) : qRgb(40, 40, 200));
     const auto seamAlpha = [&](const VectorColorTrace& t) {
-        const QImage back = rendered(VE::colorSVG(t), art.size());
+        const QImage back = renderedSvg(VE::colorSVG(t), art.size());
         int lowest = 255;
         for (int y = 2; y < 158; ++y)
             for (int x = 2; x < 238; ++x)

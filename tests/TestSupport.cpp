@@ -2,6 +2,8 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QPainter>
+#include <QSvgRenderer>
 
 #include <QBuffer>
 #include <QFile>
@@ -12,6 +14,15 @@
 #include <gtest/gtest.h>
 
 namespace cutlark::test {
+
+QImage renderedSvg(const QString& svg, QSize size) {
+    QSvgRenderer renderer(svg.toUtf8());
+    QImage out(size, QImage::Format_ARGB32_Premultiplied);
+    out.fill(Qt::transparent);
+    QPainter p(&out);
+    renderer.render(&p);
+    return out;
+}
 
 namespace {
 

@@ -22,6 +22,9 @@ QImage solid(int w, int h, const QColor& color);
 /// An image whose every pixel is distinct: red = x, green = y, blue = 7, alpha 255 (x, y < 256).
 QImage coordinates(int w, int h);
 
+/// An SVG document rendered at `size` on a transparent ARGB32 (premultiplied) picture.
+QImage renderedSvg(const QString& svg, QSize size);
+
 /// Stores premultiplied bytes as given at (x, y) of a 32-bit RGBA image.
 void put(QImage& image, int x, int y, uchar r, uchar g, uchar b, uchar a);
 

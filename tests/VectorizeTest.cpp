@@ -3,7 +3,6 @@
 #include "vectorize/VectorizeEngine.h"
 
 #include <QPainter>
-#include <QSvgRenderer>
 
 #include <gtest/gtest.h>
 
@@ -33,16 +32,6 @@ QRectF boundsOf(const Contour& c) {
         x1 = std::max(x1, p.x()), y1 = std::max(y1, p.y());
     }
     return QRectF(QPointF(x0, y0), QPointF(x1, y1));
-}
-
-// Renders an SVG document back at the picture's size.
-QImage rendered(const QString& svg, QSize size) {
-    QSvgRenderer renderer(svg.toUtf8());
-    QImage out(size, QImage::Format_ARGB32_Premultiplied);
-    out.fill(Qt::transparent);
-    QPainter p(&out);
-    renderer.render(&p);
-    return out;
 }
 
 } // namespace
@@ -431,7 +420,7 @@ TEST(Quality, SilhouetteOfALargeDrawingCoversItsPixels) {
     }
     const auto outcome = VE::trace(drawing, 0);
     ASSERT_EQ(outcome.kind, VectorTraceOutcome::Kind::traced);
-    const QImage back = rendered(VE::svg(outcome.trace, VectorizeStyle::silhouette, 1), drawing.size());
+    const QImage back = renderedSvg(VE::svg(outcome.trace, VectorizeStyle::silhouette, 1), drawing.size());
     const double iou = intersectionOverUnion(
         4000, 3000, [&](int x, int y) { return qRed(drawing.pixel(x, y)) < 128; },
         [&](int x, int y) { return qAlpha(back.pixel(x, y)) >= 128; });
@@ -466,7 +455,7 @@ TEST(Quality, ColourTraceGivesPixelsTheirOwnColour) {
     }
     const auto t = VE::traceColor(art, TraceParams{45, 3e-5, 2, 3});
     ASSERT_TRUE(t);
-    const QImage back = rendered(VE::colorSVG(*t), art.size());
+    const QImage back = renderedSvg(VE::colorSVG(*t), art.size());
     qint64 good = 0, total = 0;
     for (int y = 0; y < 2000; ++y)
         for (int x = 0; x < 2000; ++x) {

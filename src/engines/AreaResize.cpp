@@ -71,7 +71,7 @@ Taps tapsAlong(int from, int into, bool padded) {
     return taps;
 }
 
-inline __m128 load4(const uint8_t* p) {
+__attribute__((always_inline)) inline __m128 load4(const uint8_t* p) {
     const __m128i zero = _mm_setzero_si128();
     const __m128i bytes = _mm_cvtsi32_si128(*reinterpret_cast<const int*>(p));
     return _mm_cvtepi32_ps(_mm_unpacklo_epi16(_mm_unpacklo_epi8(bytes, zero), zero));
@@ -81,6 +81,20 @@ inline void store4(__m128 v, uint8_t* p) {
     const __m128i i32 = _mm_cvtps_epi32(v); // rounds to nearest
     const __m128i i16 = _mm_packs_epi32(i32, i32);
     *reinterpret_cast<int*>(p) = _mm_cvtsi128_si32(_mm_packus_epi16(i16, i16));
+}
+
+/// The pixels from `x` on of `sumRows`, one at a time. Inlined where it is called, so that in the
+/// AVX2 version it is compiled with that version's instructions.
+__attribute__((always_inline)) inline void sumRowsFrom(int x, const uint8_t* row, size_t stride,
+                                                       const float* weight, int count, int pixels,
+                                                       __m128* sum) {
+    for (; x < pixels; ++x) {
+        __m128 a = _mm_setzero_ps();
+        const uint8_t* in = row + size_t(x) * 4;
+        for (int k = 0; k < count; ++k, in += stride)
+            a = _mm_add_ps(a, _mm_mul_ps(_mm_set1_ps(weight[k]), load4(in)));
+        sum[x] = a;
+    }
 }
 
 /// `sum` (one float per channel of each of `pixels` pixels) = the weighted sum of `count` rows
@@ -105,13 +119,7 @@ void sumRows(const uint8_t* row, size_t stride, const float* weight, int count, 
         sum[x + 2] = c;
         sum[x + 3] = d;
     }
-    for (; x < pixels; ++x) {
-        __m128 a = _mm_setzero_ps();
-        const uint8_t* in = row + size_t(x) * 4;
-        for (int k = 0; k < count; ++k, in += stride)
-            a = _mm_add_ps(a, _mm_mul_ps(_mm_set1_ps(weight[k]), load4(in)));
-        sum[x] = a;
-    }
+    sumRowsFrom(x, row, stride, weight, count, pixels, sum);
 }
 
 /// `sumRows` eight floats (two pixels) at a time, where the processor has AVX2. The same products
@@ -133,15 +141,9 @@ __attribute__((target("avx2"))) void sumRowsAvx2(const uint8_t* row, size_t stri
         _mm256_storeu_ps(reinterpret_cast<float*>(sum + x), a);
         _mm256_storeu_ps(reinterpret_cast<float*>(sum + x + 2), b);
     }
-    // The last pixels one at a time, here rather than through the SSE2 version: legacy SSE code run
-    // while the wide registers' upper halves are in use is slowed down on many processors.
-    for (; x < pixels; ++x) {
-        __m128 a = _mm_setzero_ps();
-        const uint8_t* in = row + size_t(x) * 4;
-        for (int k = 0; k < count; ++k, in += stride)
-            a = _mm_add_ps(a, _mm_mul_ps(_mm_set1_ps(weight[k]), load4(in)));
-        sum[x] = a;
-    }
+    // The last pixels one at a time, inlined here rather than called in the SSE2 version: legacy SSE
+    // code run while the wide registers' upper halves are in use is slowed down on many processors.
+    sumRowsFrom(x, row, stride, weight, count, pixels, sum);
     _mm256_zeroupper();
 }
 
