@@ -136,18 +136,69 @@ TEST(Curves, ATinyCurvedDocumentByteForByte) {
                              "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"8\" height=\"7\" "
                              "viewBox=\"0 0 8 7\">\n"
                              "<path fill=\"#111111\" fill-rule=\"evenodd\" "
-                             "d=\"M1.0 2.0C3.0 0.0 5.5 0.0 7.0 2.0L7.0 6.0Z\"/>\n</svg>"));
-    // A curve that closes the outline is written out before Z.
+                             "d=\"M1 2c2-2 4.5-2 6 0l0 4z\"/>\n</svg>"));
+    // A curve that closes the outline is written out before z. A second contour starts relative to
+    // the first one's start; points are rounded on the absolute grid (7.04 and 7.08 both stand at
+    // 7.0 and 7.1, not 0.04 further each time); a repeated command drops its letter; a fraction
+    // after a fraction and a negative number need no blank.
     c.segments.removeLast();
     c.segments.append(CurveSegment{true, QPointF(4, 7), QPointF(2, 5), QPointF(1, 2)});
-    EXPECT_EQ(VE::pathD(QList<CurvedContour>{c}),
-              QStringLiteral("M1.0 2.0C3.0 0.0 5.5 0.0 7.0 2.0L7.0 6.0C4.0 7.0 2.0 5.0 1.0 2.0Z"));
+    CurvedContour second;
+    second.start = QPointF(1.54, 2.46);
+    second.segments = {CurveSegment{false, {}, {}, QPointF(3.04, 2.46)},
+                       CurveSegment{false, {}, {}, QPointF(3.08, 4.96)},
+                       CurveSegment{true, QPointF(2.5, 5.04), QPointF(2, 5.04), QPointF(1.54, 4.46)},
+                       CurveSegment{true, QPointF(1.54, 4), QPointF(1.54, 3), QPointF(1.54, 2.46)}};
+    EXPECT_EQ(VE::pathD(QList<CurvedContour>{c, second}),
+              QStringLiteral("M1 2c2-2 4.5-2 6 0l0 4c-3 1-5-1-6-4zm.5.5l1.5 0 .1 2.5c-.6 0-1.1 0-1.6-.5 0-.5 "
+                             "0-1.5 0-2z"));
     // The preview draws the curve: the bulge above y = 2 is filled.
     trace.curves = {c};
     const QImage preview = VE::preview(trace, VectorizeStyle::silhouette, 1);
     EXPECT_GT(qAlpha(preview.pixel(4, 1)), 128);
     trace.curves.clear();
     EXPECT_EQ(qAlpha(VE::preview(trace, VectorizeStyle::silhouette, 1).pixel(4, 1)), 0);
+}
+
+TEST(Curves, AnSvgRendererDrawsTheCompactDocumentAsThePreviewDrawsTheCurves) {
+    // Rings, a star, a turned rounded box and small dots: relative numbers of every sign and size,
+    // many contours.
+    const QImage art = drawn(QSize(240, 160), [](QPainter& p) {
+        QPainterPath rings;
+        rings.setFillRule(Qt::OddEvenFill);
+        for (double r : {60.0, 45.0, 30.0, 18.0})
+            rings.addEllipse(QPointF(80, 80), r, r);
+        p.drawPath(rings);
+        QPolygonF star;
+        for (int i = 0; i < 10; ++i) {
+            const double a = i * std::numbers::pi / 5, r = i % 2 ? 14.0 : 34.0;
+            star << QPointF(190 + r * std::sin(a), 60 - r * std::cos(a));
+        }
+        p.drawPolygon(star);
+        p.save();
+        p.translate(190, 125);
+        p.rotate(23);
+        p.drawRoundedRect(QRectF(-35, -15, 70, 30), 9, 9);
+        p.restore();
+        for (int i = 0; i < 5; ++i)
+            p.drawEllipse(QPointF(150 + 9 * i, 150), 2.5 + 0.4 * i, 2.5 + 0.4 * i);
+    });
+    const VectorTraceOutcome t = VE::trace(art, 0, true);
+    ASSERT_EQ(t.kind, VectorTraceOutcome::Kind::traced);
+    ASSERT_GE(t.trace.curves.size(), 8);
+    const QImage back = renderedSvg(VE::svg(t.trace, VectorizeStyle::silhouette, 1), art.size());
+    const QImage preview = VE::preview(t.trace, VectorizeStyle::silhouette, 1);
+    ASSERT_EQ(preview.size(), back.size());
+    // Only the antialiased rim may differ, and only by the document's 0.05 px of rounding.
+    int inked = 0, apart = 0;
+    for (int y = 0; y < art.height(); ++y)
+        for (int x = 0; x < art.width(); ++x) {
+            const int a = qAlpha(back.pixel(x, y)), b = qAlpha(preview.pixel(x, y));
+            inked += a > 128;
+            apart += std::abs(a - b) > 48;
+        }
+    EXPECT_GT(inked, 6000);
+    EXPECT_LE(apart, 3);
 }
 
 TEST(Curves, ColourLayersAreCurvedToo) {
@@ -166,7 +217,7 @@ TEST(Curves, ColourLayersAreCurvedToo) {
     ASSERT_EQ(t->layers.size(), 2);
     for (const VectorColorLayer& layer : t->layers)
         EXPECT_EQ(layer.curves.size(), layer.contours.size());
-    const QRegularExpression curveCommand(QStringLiteral(" d=\"[^\"]*C"));
+    const QRegularExpression curveCommand(QStringLiteral(" d=\"[^\"]*c"));
     EXPECT_TRUE(VE::colorSVG(*t).contains(curveCommand));
     EXPECT_FALSE(VE::colorSVG(*VE::traceColor(art)).contains(curveCommand));
 }

@@ -55,7 +55,7 @@ int walk(const std::vector<P>& pts, int i, double distance) {
     return j;
 }
 
-/// Fits one open run of points with cubic pieces, appending them to `out`.
+/// Fits one open run of points with lines and cubic pieces, appending them to `out`.
 class Fitter {
 public:
     /// Rounds of better parameters tried before a run is split, while they help.
@@ -64,48 +64,50 @@ public:
     static constexpr double kTangentReach = 4;
     /// The most splits in a row.
     static constexpr int kMaxDepth = 40;
-    Fitter(const std::vector<P>& pts, double tolerance, QList<CurveSegment>& out)
-        : m_pts(pts), m_tolerance(tolerance), m_out(out) {}
+    /// Merging neighbours may look at each point this many times at most (a bound for hostile runs;
+    /// real outlines use a few).
+    static constexpr int kMergeBudget = 24;
+    /// A first fit whose squared error is this many times the tolerance's is split at once.
+    static constexpr double kHopeless = 16;
+    Fitter(const std::vector<P>& pts, double tolerance) : m_pts(pts), m_tolerance(tolerance) {}
 
     /// The run from `first` to `last`, leaving along `t1` and arriving against `t2` (both unit
-    /// vectors pointing into the run).
-    void fit(int first, int last, P t1, P t2, int depth = 0) {
-        const int n = last - first + 1;
-        if (n <= 2) {
-            addLine(m_pts[size_t(last)]);
-            return;
-        }
+    /// vectors pointing into the run): split where the error is largest until every piece fits,
+    /// then neighbours that fit as one piece are joined (splitting at the worst point often cuts
+    /// where one split further along would have done), and the pieces appended to `out`.
+    void fitInto(int first, int last, P t1, P t2, QList<CurveSegment>& out) {
+        m_pieces.clear();
+        fit(first, last, t1, t2, 0);
+        merge(last - first + 1);
+        for (const Piece& piece : m_pieces)
+            piece.cubic ? addCurve(piece.b, out) : addLine(m_pts[size_t(piece.last)], out);
+    }
+
+private:
+    struct Piece {
+        int first = 0, last = 0;
+        P t1, t2;
+        bool cubic = false;
+        Bezier b;
+        bool fixed = false; // left as points by a hostile run; never joined
+    };
+
+    void fit(int first, int last, P t1, P t2, int depth) {
         // Splitting halves a run's error many times over long before this; a run that still doesn't
         // fit is one a hostile picture made, and keeps its points as lines (and the stack its size).
         if (depth > kMaxDepth) {
             for (int i = first + 1; i <= last; ++i)
-                addLine(m_pts[size_t(i)]);
+                m_pieces.push_back(Piece{i - 1, i, t1, t2, false, {}, true});
             return;
         }
-        std::vector<double> u = chordLengths(first, last);
-        Bezier b = generate(first, last, u, t1, t2);
-        auto [error, split] = maxError(first, last, b, u);
-        const double limit = m_tolerance * m_tolerance;
-        if (error <= limit) {
-            addCurve(b);
+        Piece piece{first, last, t1, t2};
+        int split = (first + last) / 2;
+        if (fitsOne(piece, &split)) {
+            m_pieces.push_back(piece);
             return;
         }
-        // Better parameters (each point's nearest place on the curve) may be all it takes; a few
-        // rounds, while they help.
-        for (int round = 0; round < kRounds; ++round) {
-            reparameterize(first, last, b, u);
-            const Bezier better = generate(first, last, u, t1, t2);
-            const auto [betterError, betterSplit] = maxError(first, last, better, u);
-            if (betterError >= error) break;
-            b = better;
-            error = betterError, split = betterSplit;
-            if (error <= limit) {
-                addCurve(b);
-                return;
-            }
-        }
-        // Split where the error is largest; the tangent there, over a few pixels either side so that a
-        // staircase doesn't tilt it, is shared by both halves.
+        // The tangent at the split, over a few pixels either side so that a staircase doesn't tilt
+        // it, is shared by both halves.
         split = std::clamp(split, first + 1, last - 1);
         const int before = std::max(first, walk(m_pts, split, -kTangentReach)),
                   after = std::min(last, walk(m_pts, split, kTangentReach));
@@ -115,7 +117,76 @@ public:
         fit(split, last, -centre, t2, depth + 1);
     }
 
-private:
+    // Joins neighbours while the joined run fits, within a budget of points looked at.
+    void merge(int points) {
+        long long budget = (long long)(kMergeBudget)*points;
+        for (size_t i = 0; i + 1 < m_pieces.size() && budget > 0;) {
+            const Piece& a = m_pieces[i];
+            const Piece& b = m_pieces[i + 1];
+            if (a.fixed || b.fixed) {
+                ++i;
+                continue;
+            }
+            Piece joined{a.first, b.last, a.t1, b.t2};
+            budget -= (long long)(joined.last - joined.first + 1) * (kRounds + 2);
+            if (fitsOne(joined, nullptr)) {
+                m_pieces[i] = joined;
+                m_pieces.erase(m_pieces.begin() + std::ptrdiff_t(i + 1));
+            } else {
+                ++i;
+            }
+        }
+    }
+
+    // Whether `piece`'s run fits one line or one cubic within the tolerance; fills in its shape,
+    // or the index of the worst point into `split`.
+    bool fitsOne(Piece& piece, int* split) const {
+        const int first = piece.first, last = piece.last;
+        if (last - first + 1 <= 2 || straight(first, last)) {
+            piece.cubic = false;
+            return true;
+        }
+        std::vector<double> u = chordLengths(first, last);
+        Bezier b = generate(first, last, u, piece.t1, piece.t2);
+        auto [error, worstAt] = maxError(first, last, b, u);
+        const double limit = m_tolerance * m_tolerance;
+        // Better parameters (each point's nearest place on the curve) may be all it takes; a few
+        // rounds, while they help — unless the curve misses by far more than the tolerance, which
+        // new parameters don't mend (they move points along the curve, not the curve).
+        const int rounds = error > limit * kHopeless ? 0 : kRounds;
+        for (int round = 0; round < rounds && error > limit; ++round) {
+            reparameterize(first, last, b, u);
+            const Bezier better = generate(first, last, u, piece.t1, piece.t2);
+            const auto [betterError, betterAt] = maxError(first, last, better, u);
+            if (betterError >= error) break;
+            b = better;
+            error = betterError, worstAt = betterAt;
+        }
+        if (error > limit) {
+            if (split) *split = worstAt;
+            return false;
+        }
+        piece.cubic = true;
+        piece.b = b;
+        return true;
+    }
+
+    // Every point of the run within half the tolerance of its chord (a line is written with a third
+    // of a curve's numbers, and half keeps a line's error from adding up with the rounding's).
+    bool straight(int first, int last) const {
+        const P p0 = m_pts[size_t(first)], chord = m_pts[size_t(last)] - p0;
+        const double len = length(chord);
+        if (len < 1e-9) return false;
+        const double reach = m_tolerance * 0.5 * len;
+        for (int i = first + 1; i < last; ++i) {
+            const P d = m_pts[size_t(i)] - p0;
+            const double along = dot(d, chord);
+            if (along < 0 || along > len * len) return false;
+            if (std::abs(chord.x() * d.y() - chord.y() * d.x()) > reach) return false;
+        }
+        return true;
+    }
+
     std::vector<double> chordLengths(int first, int last) const {
         std::vector<double> u(size_t(last - first + 1), 0.0);
         for (int i = first + 1; i <= last; ++i)
@@ -178,7 +249,7 @@ private:
         }
     }
 
-    void addCurve(const Bezier& b) {
+    void addCurve(const Bezier& b, QList<CurveSegment>& out) const {
         // A curve whose control points lie on its chord within the tolerance is the chord.
         const P chord = b.p3 - b.p0;
         const double len = length(chord);
@@ -189,17 +260,17 @@ private:
             return std::abs(chord.x() * (c.y() - b.p0.y()) - chord.y() * (c.x() - b.p0.x())) / len;
         };
         if (offChord(b.p1) <= m_tolerance * 0.5 && offChord(b.p2) <= m_tolerance * 0.5) {
-            addLine(b.p3);
+            addLine(b.p3, out);
             return;
         }
-        m_out.append(CurveSegment{true, b.p1, b.p2, b.p3});
+        out.append(CurveSegment{true, b.p1, b.p2, b.p3});
     }
 
-    void addLine(P end) { m_out.append(CurveSegment{false, P(), P(), end}); }
+    static void addLine(P end, QList<CurveSegment>& out) { out.append(CurveSegment{false, P(), P(), end}); }
 
     const std::vector<P>& m_pts;
     double m_tolerance;
-    QList<CurveSegment>& m_out;
+    std::vector<Piece> m_pieces;
 };
 
 /// The direction from `pts[from]` towards the point `kCornerArm` along the run (forwards when
@@ -358,7 +429,7 @@ CurvedContour fitClosed(const std::vector<QPointF>& chain, const std::vector<int
         P t = unit(ahead - behind);
         if (length(t) == 0) t = unit(points[1] - points[size_t(n - 1)]);
         contour.start = points.front();
-        Fitter(run, tolerance, contour.segments).fit(0, int(run.size()) - 1, t, -t);
+        Fitter(run, tolerance).fitInto(0, int(run.size()) - 1, t, -t, contour.segments);
         return contour;
     }
     const int count = int(cornerIndices.size());
@@ -376,8 +447,8 @@ CurvedContour fitClosed(const std::vector<QPointF>& chain, const std::vector<int
             if (i == to && run.size() > 1) break;
         }
         const int last = int(run.size()) - 1;
-        Fitter(run, tolerance, contour.segments)
-            .fit(0, last, endTangent(run, 0, true), endTangent(run, last, false));
+        Fitter(run, tolerance)
+            .fitInto(0, last, endTangent(run, 0, true), endTangent(run, last, false), contour.segments);
     }
     return contour;
 }

@@ -72,8 +72,12 @@ std::optional<VectorColorTrace> traceColor(const QImage& image, const TraceParam
 
 /// "M x yL x y…Z" for each contour with points, numbers with one decimal, nothing between commands.
 QString pathD(const QList<Contour>& contours);
-/// The same for curved outlines: "M x y", then "L x y" or "C x1 y1 x2 y2 x y" per segment (a last
-/// line back to the start left to "Z"), then "Z".
+/// Curved outlines, written compactly in relative commands: "M x y" for the first contour and
+/// "m dx dy" from the last start for the others, then "l dx dy" or "c dx1 dy1 dx2 dy2 dx dy" per
+/// segment (a last line back to the start left to "z"), then "z". Points are rounded to tenths of a
+/// pixel on the absolute grid first, so nothing drifts; numbers drop a ".0" and a leading zero, a
+/// blank stands only where two numbers would otherwise run together, and a repeated command's
+/// letter is left out: "M1 2c2-2 4.5-2 6 0l0 4z".
 QString pathD(const QList<CurvedContour>& curves);
 
 /// The whole SVG document of a silhouette trace, filled (`silhouette`) or stroked (`outline`).

@@ -67,35 +67,116 @@ QString pathD(const QList<Contour>& contours) {
     return d;
 }
 
-QString pathD(const QList<CurvedContour>& curves) {
-    QString d;
-    const auto point = [&d](QPointF p) {
-        appendNumber(d, p.x());
-        d += QLatin1Char(' ');
-        appendNumber(d, p.y());
+namespace {
+
+// Curve documents are written compactly, as potrace and other tracers write theirs: every point is
+// first rounded to a tenth of a pixel on the absolute grid (so rounding never drifts along a
+// contour), then written relative to the one before it, a whole number without ".0", a fraction
+// without its leading zero, no blank where a sign or a second point already separates two numbers,
+// and a command letter left out where the same command repeats.
+class CompactPath {
+public:
+    QString text;
+
+    void moveTo(QPointF p) {
+        const Tenths q = tenths(p);
+        if (text.isEmpty()) {
+            command('M');
+            number(q.x);
+            number(q.y);
+        } else {
+            command('m');
+            number(q.x - m_start.x);
+            number(q.y - m_start.y);
+        }
+        m_start = m_current = q;
+    }
+    void lineTo(QPointF p) {
+        command('l');
+        relative(p);
+    }
+    void cubicTo(QPointF c1, QPointF c2, QPointF p) {
+        command('c');
+        const Tenths from = m_current;
+        for (QPointF point : {c1, c2, p}) {
+            const Tenths q = tenths(point);
+            number(q.x - from.x);
+            number(q.y - from.y);
+            m_current = q;
+        }
+    }
+    void close() {
+        text += QLatin1Char('z');
+        m_last = 'z';
+        m_current = m_start;
+    }
+
+private:
+    struct Tenths {
+        qint64 x = 0, y = 0;
     };
+    static Tenths tenths(QPointF p) {
+        return {qint64(std::llround(p.x() * 10.0)), qint64(std::llround(p.y() * 10.0))};
+    }
+    void command(char c) {
+        if (c != m_last) {
+            text += QLatin1Char(c);
+            m_last = c;
+            m_fractional = false;
+            m_numberJustWritten = false;
+        }
+    }
+    void relative(QPointF p) {
+        const Tenths q = tenths(p);
+        number(q.x - m_current.x);
+        number(q.y - m_current.y);
+        m_current = q;
+    }
+    void number(qint64 t) {
+        char buffer[32];
+        char* out = buffer;
+        const bool negative = t < 0;
+        const quint64 magnitude = negative ? quint64(0) - quint64(t) : quint64(t);
+        const quint64 whole = magnitude / 10, tenth = magnitude % 10;
+        if (negative) *out++ = '-';
+        if (whole != 0 || tenth == 0) out = std::to_chars(out, buffer + sizeof(buffer), whole).ptr;
+        if (tenth != 0) {
+            *out++ = '.';
+            *out++ = char('0' + tenth);
+        }
+        // A blank only where the two numbers would otherwise read as one.
+        const bool separated = negative || (buffer[0] == '.' && m_fractional);
+        if (m_numberJustWritten && !separated) text += QLatin1Char(' ');
+        text += QLatin1String(buffer, int(out - buffer));
+        m_fractional = tenth != 0;
+        m_numberJustWritten = true;
+    }
+
+    Tenths m_start, m_current;
+    char m_last = 0;
+    bool m_fractional = false;
+    bool m_numberJustWritten = false;
+};
+
+} // namespace
+
+QString pathD(const QList<CurvedContour>& curves) {
+    CompactPath d;
     for (const CurvedContour& c : curves) {
         if (c.segments.isEmpty()) continue;
-        d += QLatin1Char('M');
-        point(c.start);
+        d.moveTo(c.start);
         for (qsizetype i = 0; i < c.segments.size(); ++i) {
             const CurveSegment& s = c.segments[i];
             if (!s.cubic) {
-                if (i + 1 == c.segments.size()) break; // Z draws the line home
-                d += QLatin1Char('L');
-                point(s.end);
-                continue;
+                if (i + 1 == c.segments.size()) break; // z draws the line home
+                d.lineTo(s.end);
+            } else {
+                d.cubicTo(s.c1, s.c2, s.end);
             }
-            d += QLatin1Char('C');
-            point(s.c1);
-            d += QLatin1Char(' ');
-            point(s.c2);
-            d += QLatin1Char(' ');
-            point(s.end);
         }
-        d += QLatin1Char('Z');
+        d.close();
     }
-    return d;
+    return d.text;
 }
 
 QString svg(const VectorTrace& trace, VectorizeStyle style, double strokeWidth) {
