@@ -300,7 +300,8 @@ int curvesAgainstPotrace(const QString& dir) {
 
 // A photograph softened and posterised to four levels a channel, traced in full colour apart and stacked:
 // the lowest alpha of the rendering inside the picture, and the share of pixels within 300 (squared
-// RGB distance) of the picture's colour.
+// RGB distance) of the picture's colour as a viewer sees the document: laid on a white page, and on a
+// black one (a gap shows the page; the colour of a half-covered pixel alone would hide it).
 int stackedLayers(const QString& photoPath) {
     const auto loaded = ImageFile::load(photoPath);
     if (!loaded) return 1;
@@ -317,32 +318,47 @@ int stackedLayers(const QString& photoPath) {
             row[x] = qRgb(level(qRed(row[x])), level(qGreen(row[x])), level(qBlue(row[x])));
         }
     }
-    std::printf("| %dx%d posterised | layers | lowest alpha | pixels below 250 | colour within 300 | ms "
-                "|\n|---|---|---|---|---|---|\n",
+    std::printf("| %dx%d posterised | layers | lowest alpha | pixels below 250 | colour within 300 on white "
+                "| on black | ms |\n|---|---|---|---|---|---|---|\n",
                 photo.width(), photo.height());
-    for (const bool stacked : {false, true}) {
+    for (const int variant : {0, 1, 2, 3}) {
+        const bool stacked = variant % 2, curves = variant / 2;
+        const char* name = curves ? (stacked ? "stacked, curves" : "apart, curves") : (stacked ? "stacked" : "apart");
         TraceParams params;
         params.stacked = stacked;
+        params.curves = curves;
         std::optional<VectorColorTrace> t;
         const double ms = medianMs([&] { t = VectorizeEngine::traceColor(photo, params); }, 3);
         if (!t) {
-            std::printf("| %s | no trace |\n", stacked ? "stacked" : "apart");
+            std::printf("| %s | no trace |\n", name);
             continue;
         }
-        const QImage back = renderedSvg(VectorizeEngine::colorSVG(*t).toUtf8(), photo.size());
+        const QImage back = renderedSvg(VectorizeEngine::colorSVG(*t).toUtf8(), photo.size())
+                                .convertToFormat(QImage::Format_ARGB32_Premultiplied);
         int lowest = 255;
-        qint64 below = 0, good = 0;
-        for (int y = 0; y < photo.height(); ++y)
+        qint64 below = 0, goodOnWhite = 0, goodOnBlack = 0;
+        for (int y = 0; y < photo.height(); ++y) {
+            const auto* drawn = reinterpret_cast<const QRgb*>(back.constScanLine(y));
+            const auto* truth = reinterpret_cast<const QRgb*>(photo.constScanLine(y));
             for (int x = 0; x < photo.width(); ++x) {
-                const QRgb b = back.pixel(x, y), a = photo.pixel(x, y);
+                const QRgb b = drawn[x], a = truth[x];
                 lowest = std::min(lowest, qAlpha(b));
                 below += qAlpha(b) < 250;
-                const int dr = qRed(a) - qRed(b), dg = qGreen(a) - qGreen(b), db = qBlue(a) - qBlue(b);
-                good += dr * dr + dg * dg + db * db <= 300;
+                // Premultiplied: on black the channels as they are, on white plus what alpha leaves.
+                const int page = 255 - qAlpha(b);
+                const auto near = [&](int lift) {
+                    const int dr = qRed(a) - qRed(b) - lift, dg = qGreen(a) - qGreen(b) - lift,
+                              db = qBlue(a) - qBlue(b) - lift;
+                    return dr * dr + dg * dg + db * db <= 300;
+                };
+                goodOnWhite += near(page);
+                goodOnBlack += near(0);
             }
-        std::printf("| %s | %d | %d | %lld | %.2f %% | %.0f |\n", stacked ? "stacked" : "apart",
-                    int(t->layers.size()), lowest, static_cast<long long>(below),
-                    100.0 * double(good) / (double(photo.width()) * photo.height()), ms);
+        }
+        const double all = double(photo.width()) * photo.height();
+        std::printf("| %s | %d | %d | %lld | %.2f %% | %.2f %% | %.0f |\n", name,
+                    int(t->layers.size()), lowest, static_cast<long long>(below), 100.0 * double(goodOnWhite) / all,
+                    100.0 * double(goodOnBlack) / all, ms);
     }
     return 0;
 }
