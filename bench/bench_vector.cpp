@@ -323,7 +323,8 @@ int stackedLayers(const QString& photoPath) {
                 photo.width(), photo.height());
     for (const int variant : {0, 1, 2, 3}) {
         const bool stacked = variant % 2, curves = variant / 2;
-        const char* name = curves ? (stacked ? "stacked, curves" : "apart, curves") : (stacked ? "stacked" : "apart");
+        const char* name =
+            curves ? (stacked ? "stacked, curves" : "apart, curves") : (stacked ? "stacked" : "apart");
         TraceParams params;
         params.stacked = stacked;
         params.curves = curves;
@@ -356,8 +357,8 @@ int stackedLayers(const QString& photoPath) {
             }
         }
         const double all = double(photo.width()) * photo.height();
-        std::printf("| %s | %d | %d | %lld | %.2f %% | %.2f %% | %.0f |\n", name,
-                    int(t->layers.size()), lowest, static_cast<long long>(below), 100.0 * double(goodOnWhite) / all,
+        std::printf("| %s | %d | %d | %lld | %.2f %% | %.2f %% | %.0f |\n", name, int(t->layers.size()),
+                    lowest, static_cast<long long>(below), 100.0 * double(goodOnWhite) / all,
                     100.0 * double(goodOnBlack) / all, ms);
     }
     return 0;

@@ -1,9 +1,13 @@
 #include "TestSupport.h"
 
 #include "engines/CropEngine.h"
+#include "model/ImageCodecs.h"
 #include "model/ImageFile.h"
 #include "support/AtomicFile.h"
 
+#include <QBuffer>
+#include <QColorSpace>
+#include <QImageWriter>
 #include <QTransform>
 
 #include <cstring>
@@ -297,6 +301,56 @@ TEST_F(ImageFileTest, JpegIsWrittenAtQualityNinetyTwo) {
     ASSERT_TRUE(ImageFile::save(image, path(QStringLiteral("q.jpg")), QStringLiteral("image/jpeg")));
     ASSERT_TRUE(writeImage(image, path(QStringLiteral("q92.jpg")), "jpeg", 92));
     EXPECT_EQ(readBytes(path(QStringLiteral("q.jpg"))), readBytes(path(QStringLiteral("q92.jpg"))));
+}
+
+TEST_F(ImageFileTest, JpegBytesAreQtsWritersWhateverTheFormatProfileResolutionAndQuality) {
+    // JPEG is written straight from 32-bit pixels; the bytes must stay exactly what Qt's writer
+    // gives, and what the direct path leaves alone (see-through pixels, grey) still goes to it.
+    const auto qtBytes = [](const QImage& image, int quality) {
+        QByteArray bytes;
+        QBuffer buffer(&bytes);
+        buffer.open(QIODevice::WriteOnly);
+        QImageWriter writer(&buffer, "jpeg");
+        writer.setQuality(quality);
+        return writer.write(image) ? bytes : QByteArray();
+    };
+    QImage noisy(67, 45, QImage::Format_ARGB32);
+    quint32 seed = 7;
+    for (int y = 0; y < noisy.height(); ++y)
+        for (int x = 0; x < noisy.width(); ++x) {
+            seed = seed * 1664525u + 1013904223u;
+            noisy.setPixel(x, y, qRgb(int(seed >> 24), (x * 5 + int(seed >> 28)) & 255, (y * 5) & 255));
+        }
+    int direct = 0;
+    for (const QImage::Format format :
+         {QImage::Format_RGB32, QImage::Format_ARGB32, QImage::Format_ARGB32_Premultiplied,
+          QImage::Format_RGBX8888, QImage::Format_RGBA8888, QImage::Format_RGBA8888_Premultiplied,
+          QImage::Format_Grayscale8, QImage::Format_RGB888})
+        for (const QColorSpace& space :
+             {QColorSpace(), QColorSpace(QColorSpace::SRgb), QColorSpace(QColorSpace::DisplayP3)})
+            for (const int dotsPerMeter : {3780, 2835, 11811})
+                for (const int quality : {92, 30, 100}) {
+                    QImage image = noisy.convertToFormat(format);
+                    image.setColorSpace(space);
+                    image.setDotsPerMeterX(dotsPerMeter);
+                    image.setDotsPerMeterY(dotsPerMeter + 100);
+                    const QByteArray ours =
+                        ImageFile::encode(image, QStringLiteral("image/jpeg"), {}, quality);
+                    ASSERT_FALSE(ours.isEmpty());
+                    EXPECT_EQ(ours, qtBytes(image, quality))
+                        << "format " << int(format) << ", profile " << space.isValid() << ", " << dotsPerMeter
+                        << " dots a metre, quality " << quality;
+                    direct += !ImageCodecs::encodeJpeg(image, quality).isEmpty();
+                }
+    EXPECT_EQ(direct, 6 * 3 * 3 * 3); // the six 32-bit formats took the direct path
+    QImage seeThrough = noisy.convertToFormat(QImage::Format_ARGB32_Premultiplied);
+    seeThrough.setPixel(66, 44, qRgba(10, 20, 30, 128));
+    EXPECT_TRUE(ImageCodecs::encodeJpeg(seeThrough, 92).isEmpty());
+    EXPECT_EQ(ImageFile::encode(seeThrough, QStringLiteral("image/jpeg"), {}, 92), qtBytes(seeThrough, 92));
+    // A crop inside a wider picture (rows longer than the width).
+    const QImage wide = noisy.convertToFormat(QImage::Format_RGB32);
+    const QImage inner(wide.constScanLine(3) + 4 * 5, 40, 30, wide.bytesPerLine(), QImage::Format_RGB32);
+    EXPECT_EQ(ImageFile::encode(inner, QStringLiteral("image/jpeg"), {}, 92), qtBytes(inner.copy(), 92));
 }
 
 TEST_F(ImageFileTest, PngEffortChoosesZlibsLevelAndNeverThePixels) {

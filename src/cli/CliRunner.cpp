@@ -227,6 +227,7 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
     CropModel model;
     model.setSynchronousWork(true); // no event loop here: cutouts and traces run inside the call
     model.setDetectsCollages(false);
+    model.setMakesThumbnails(false);
     if (memory) model.setLoadOptions(ImageFile::LoadOptions{false});
 
     model.open({input});
@@ -619,6 +620,7 @@ int CliRunner::runTrace(const CliOptions& options) {
     CropModel model;
     model.setSynchronousWork(true);
     model.setDetectsCollages(false);
+    model.setMakesThumbnails(false);
     model.open({input});
     if (model.items().empty()) {
         const QString reason = whyNotOpened(input);

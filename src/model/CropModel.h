@@ -111,6 +111,11 @@ public:
     void setDetectsCollages(bool on) {
         m_detectsCollages = on;
     }
+    /// Whether opening and saving make each item's thumbnail (on by default: the window's queue
+    /// shows them). The command line shows none, so it saves the scaling.
+    void setMakesThumbnails(bool on) {
+        m_makesThumbnails = on;
+    }
     /// How opening decodes: by default each picture is admitted to the memory budget on its own; the
     /// command line, which takes the budget for a whole job first, turns that off.
     void setLoadOptions(const ImageFile::LoadOptions& options) {
@@ -389,6 +394,7 @@ private:
     CutoutService m_cutoutService;
     bool m_synchronousWork = false;
     bool m_detectsCollages = true;
+    bool m_makesThumbnails = true;
     ImageFile::LoadOptions m_loadOptions;
     Decoder m_decoder;
     VectorTracer m_vectorTracer;

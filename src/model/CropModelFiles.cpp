@@ -132,8 +132,9 @@ bool CropModel::decodeAll(std::vector<DecodedFile>& candidates) {
     // keep their pixels; the others let go of them as soon as their thumbnail is made, so that a
     // folder of hundreds of photographs never holds them all decoded, not even while it opens.
     const bool keepBytes = !m_decoder;
+    const bool thumbnails = m_makesThumbnails;
     OrderedWork<DecodedFile> work(
-        total, QThread::idealThreadCount(), [paths, options, decode, keepBytes](int i) {
+        total, QThread::idealThreadCount(), [paths, options, decode, keepBytes, thumbnails](int i) {
             DecodedFile d{paths[i], std::nullopt, std::nullopt, QByteArray(), QImage()};
             try {
                 if (keepBytes) {
@@ -147,7 +148,7 @@ bool CropModel::decodeAll(std::vector<DecodedFile>& candidates) {
                     d.loaded = decode(d.path, options);
                 }
                 if (d.loaded) d.buffer = CropEngine::Buffer::make(d.loaded->image);
-                if (d.buffer) d.thumbnail = thumbnailOf(d.buffer->cgImage());
+                if (d.buffer && thumbnails) d.thumbnail = thumbnailOf(d.buffer->cgImage());
                 if (d.buffer && !d.encoded.isEmpty() && i > kDecodedNeighbours) {
                     d.buffer = CropEngine::Buffer();
                     d.loaded->image = QImage();
@@ -298,7 +299,7 @@ void CropModel::saveOverOriginal() {
                 saved->memory = loaded->hold;
                 saved->storage = loaded->storage;
                 if (!saved->encoded.isEmpty()) saved->encoded = bytes;
-                saved->thumbnail = thumbnailOf(buffer->cgImage());
+                if (m_makesThumbnails) saved->thumbnail = thumbnailOf(buffer->cgImage());
                 invalidateVision(id);
             }
         }

@@ -32,6 +32,12 @@ std::optional<ImageFile::Loaded> finish(QImage image, const QString& type, Memor
 std::optional<ImageFile::Loaded> decodeJpeg(const uchar* data, size_t size,
                                             const ImageFile::LoadOptions& options);
 
+/// JPEG at `quality` straight from 32-bit pixels (RGB32, ARGB32, RGBX8888, RGBA8888 and their
+/// premultiplied forms), with the settings, resolution and colour profile Qt's writer gives, so the
+/// bytes are the ones it would write — without its copy of every row. Empty for anything it leaves
+/// to Qt's writer: other formats, see-through pixels, text keys, a failure.
+QByteArray encodeJpeg(const QImage& image, int quality);
+
 /// More scans than any encoder writes (a full progressive script has about ten, optimised ones a
 /// few dozen), far fewer than a denial-of-service file needs.
 constexpr int kMaxJpegScans = 100;

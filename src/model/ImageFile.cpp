@@ -422,11 +422,16 @@ std::optional<QSize> probeSize(const QString& path) {
 QByteArray encode(const QImage& source, const QString& type, const Storage& storedAs, int quality,
                   const ImageMetadata::Blocks& metadata) {
     if (source.isNull()) return QByteArray();
+    const QString target = writableType(type);
+    const bool asked = quality >= 1 && quality <= 100;
+    if (target == kJpeg) {
+        // Rows are read where they are, a crop's too.
+        QByteArray direct = ImageCodecs::encodeJpeg(source, asked ? quality : 92);
+        if (!direct.isEmpty()) return direct;
+    }
     // A crop is a view inside a wider image; the encoders' conversions want pictures of their own.
     const QImage image =
         source.bytesPerLine() == qsizetype(source.width()) * (source.depth() / 8) ? source : source.copy();
-    const QString target = writableType(type);
-    const bool asked = quality >= 1 && quality <= 100;
     if (isHeifType(target))
         return ImageCodecs::encodeHeif(image, asked ? quality : 92, metadata.exif, metadata.xmp);
     if (target == kGif) return ImageCodecs::encodeGif(image);

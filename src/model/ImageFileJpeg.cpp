@@ -1,4 +1,5 @@
-// JPEG decoding through libjpeg-turbo, straight into a pooled RGBX store.
+// JPEG through libjpeg-turbo: decoding straight into a pooled RGBX store, and encoding straight from
+// 32-bit pixels.
 #include "model/ImageCodecs.h"
 
 #include "engines/CropEngine.h"
@@ -153,7 +154,124 @@ bool run(Decoding& d, const uchar* data, size_t size, const ImageFile::LoadOptio
     return true;
 }
 
+// libjpeg's output gathered in a byte array, a block at a time.
+struct Destination {
+    jpeg_destination_mgr base;
+    QByteArray* bytes;
+    qsizetype used;
+};
+
+constexpr qsizetype kDestinationBlock = 256 * 1024;
+
+void startDestination(j_compress_ptr cinfo) {
+    auto* d = reinterpret_cast<Destination*>(cinfo->dest);
+    d->bytes->resize(kDestinationBlock);
+    d->used = 0;
+    d->base.next_output_byte = reinterpret_cast<JOCTET*>(d->bytes->data());
+    d->base.free_in_buffer = size_t(kDestinationBlock);
+}
+
+boolean growDestination(j_compress_ptr cinfo) {
+    // Called when the whole block is full (free_in_buffer is not to be trusted here).
+    auto* d = reinterpret_cast<Destination*>(cinfo->dest);
+    d->used = d->bytes->size();
+    d->bytes->resize(d->used * 2);
+    d->base.next_output_byte = reinterpret_cast<JOCTET*>(d->bytes->data() + d->used);
+    d->base.free_in_buffer = size_t(d->bytes->size() - d->used);
+    return TRUE;
+}
+
+void endDestination(j_compress_ptr cinfo) {
+    auto* d = reinterpret_cast<Destination*>(cinfo->dest);
+    d->bytes->resize(d->bytes->size() - qsizetype(d->base.free_in_buffer));
+}
+
+struct Encoding {
+    jpeg_compress_struct cinfo;
+    ErrorManager errors;
+    Destination destination;
+    QByteArray bytes;
+    QByteArray icc;
+};
+
+// As `run`: no C++ object with a destructor is made between setjmp and the end.
+bool encodeRows(Encoding& e, const QImage& image, J_COLOR_SPACE layout, int quality) {
+    jpeg_compress_struct& cinfo = e.cinfo;
+    if (setjmp(e.errors.jump)) return false;
+    cinfo.image_width = JDIMENSION(image.width());
+    cinfo.image_height = JDIMENSION(image.height());
+    cinfo.input_components = 4;
+    cinfo.in_color_space = layout;
+    jpeg_set_defaults(&cinfo);
+    // The resolution as Qt's writer records it, in whichever unit states it more exactly.
+    const double dpmX = image.dotsPerMeterX(), dpmY = image.dotsPerMeterY();
+    const auto off = [](double v) { return std::abs(v - double(qRound(v))); };
+    const double inchError = off(dpmX * 2.54 / 100.) + off(dpmY * 2.54 / 100.);
+    const double cmError = (off(dpmX / 100.) + off(dpmY / 100.)) * 2.54;
+    if (inchError < cmError) {
+        cinfo.density_unit = 1;
+        cinfo.X_density = UINT16(qRound(dpmX * 2.54 / 100.));
+        cinfo.Y_density = UINT16(qRound(dpmY * 2.54 / 100.));
+    } else {
+        cinfo.density_unit = 2;
+        cinfo.X_density = UINT16((image.dotsPerMeterX() + 50) / 100);
+        cinfo.Y_density = UINT16((image.dotsPerMeterY() + 50) / 100);
+    }
+    jpeg_set_quality(&cinfo, quality, TRUE);
+    jpeg_start_compress(&cinfo, TRUE);
+    if (!e.icc.isEmpty())
+        jpeg_write_icc_profile(&cinfo, reinterpret_cast<const JOCTET*>(e.icc.constData()),
+                               unsigned(e.icc.size()));
+    const bool alpha = image.hasAlphaChannel();
+    while (cinfo.next_scanline < cinfo.image_height) {
+        const uchar* line = image.constScanLine(int(cinfo.next_scanline));
+        // A see-through pixel would need the writer's own unpremultiplying; such pictures go to it.
+        if (alpha)
+            for (int x = 0; x < image.width(); ++x)
+                if (line[4 * x + 3] != 255) return false; // alpha is the fourth byte in every layout here
+        JSAMPROW row = const_cast<JSAMPROW>(line);
+        jpeg_write_scanlines(&cinfo, &row, 1);
+    }
+    jpeg_finish_compress(&cinfo);
+    return true;
+}
+
 } // namespace
+
+QByteArray encodeJpeg(const QImage& image, int quality) {
+    J_COLOR_SPACE layout;
+    switch (image.format()) {
+#if Q_BYTE_ORDER == Q_LITTLE_ENDIAN
+    case QImage::Format_RGB32:
+    case QImage::Format_ARGB32:
+    case QImage::Format_ARGB32_Premultiplied:
+        layout = JCS_EXT_BGRX;
+        break;
+#endif
+    case QImage::Format_RGBX8888:
+    case QImage::Format_RGBA8888:
+    case QImage::Format_RGBA8888_Premultiplied:
+        layout = JCS_EXT_RGBX;
+        break;
+    default:
+        return QByteArray();
+    }
+    if (image.isNull() || !image.textKeys().isEmpty() || quality < 0) return QByteArray();
+    auto e = std::make_unique<Encoding>();
+    if (image.colorSpace().isValid()) e->icc = image.colorSpace().iccProfile();
+    e->cinfo.err = jpeg_std_error(&e->errors.base);
+    e->errors.base.error_exit = onError;
+    e->errors.base.output_message = onMessage;
+    jpeg_create_compress(&e->cinfo);
+    e->destination.base.init_destination = startDestination;
+    e->destination.base.empty_output_buffer = growDestination;
+    e->destination.base.term_destination = endDestination;
+    e->destination.bytes = &e->bytes;
+    e->cinfo.dest = &e->destination.base;
+    const bool ok = encodeRows(*e, image, layout, std::min(quality, 100));
+    jpeg_destroy_compress(&e->cinfo);
+    return ok ? std::move(e->bytes) : QByteArray();
+}
 
 int exifOrientation(const uchar* data, size_t size) {
     // "Exif\0\0", then a TIFF header: byte order, 42, the offset of the first directory.
