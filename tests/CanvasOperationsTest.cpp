@@ -119,6 +119,48 @@ TEST(ColorBackground, AnOpaqueImageHidesItEntirely) {
         EXPECT_EQ(std::memcmp(filled->constScanLine(y), premultipliedOpaque.constScanLine(y), 20), 0);
 }
 
+TEST(ColorBackground, PaddingUnderAColourInOnePassIsPaddingThenTheColour) {
+    std::mt19937 random(11);
+    QImage translucent(37, 23, QImage::Format_RGBA8888_Premultiplied);
+    for (int y = 0; y < translucent.height(); ++y) {
+        uchar* p = translucent.scanLine(y);
+        for (int x = 0; x < translucent.width(); ++x) {
+            const int a = int(random() % 256);
+            for (int c = 0; c < 3; ++c)
+                p[4 * x + c] = uchar(a ? int(random() % unsigned(a + 1)) : 0);
+            p[4 * x + 3] = uchar(a);
+        }
+    }
+    const QImage opaque = coordinates(9, 7).convertToFormat(QImage::Format_RGBX8888);
+    const QImage empty;
+    const struct {
+        qint64 top, right, bottom, left;
+    } margins[] = {{0, 0, 0, 0}, {40, 40, 40, 40}, {0, 3, 0, 0}, {5, 0, 1, -4}, {1, 2, 3, 4}};
+    const std::array<double, 4> colours[] = {{0.2, 0.4, 0.8, 1}, {1, 1, 1, 0.5}, {1, 0, 0, 0}};
+    for (const QImage* image : std::array<const QImage*, 3>{&translucent, &opaque, &empty})
+        for (const auto& m : margins)
+            for (const auto& c : colours) {
+                const auto padded = CropEngine::pad(*image, m.top, m.right, m.bottom, m.left);
+                const auto onePass = CropEngine::padOverColor(*image, m.top, m.right, m.bottom, m.left, c[0],
+                                                              c[1], c[2], c[3]);
+                if (!padded) { // nothing to pad: both fail alike
+                    EXPECT_FALSE(onePass);
+                    continue;
+                }
+                const auto twoPasses = CropEngine::fillColorBackground(*padded, c[0], c[1], c[2], c[3]);
+                ASSERT_TRUE(twoPasses && onePass);
+                ASSERT_EQ(onePass->size(), twoPasses->size());
+                ASSERT_EQ(onePass->format(), twoPasses->format());
+                for (int y = 0; y < onePass->height(); ++y)
+                    ASSERT_EQ(std::memcmp(onePass->constScanLine(y), twoPasses->constScanLine(y),
+                                          size_t(onePass->width()) * 4),
+                              0)
+                        << "row " << y << " of " << image->width() << "x" << image->height() << " padded "
+                        << m.top << "," << m.right << "," << m.bottom << "," << m.left;
+            }
+    EXPECT_FALSE(CropEngine::padOverColor(opaque, 0, 0, 0, qint64(1) << 40, 1, 1, 1, 1));
+}
+
 TEST(GradientBackground, EndpointsFollowTheAngleClockwiseOnScreen) {
     const QImage image = clear(200, 100);
     const Px red{255, 0, 0, 255}, blue{0, 0, 255, 255};

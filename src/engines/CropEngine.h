@@ -90,6 +90,10 @@ std::optional<QImage> keyOutWhite(const QImage& image, double threshold, bool in
 std::optional<QImage> pad(const QImage& image, qint64 top, qint64 right, qint64 bottom, qint64 left);
 /// The image over a solid colour (sRGB components 0…1).
 std::optional<QImage> fillColorBackground(const QImage& image, double r, double g, double b, double a);
+/// `pad` and then `fillColorBackground` in one pass, the same pixels: the margins take the colour, the
+/// image is laid over it. No margin: `fillColorBackground` alone.
+std::optional<QImage> padOverColor(const QImage& image, qint64 top, qint64 right, qint64 bottom, qint64 left,
+                                   double r, double g, double b, double a);
 /// The image over a two-stop linear gradient through its centre at `angleDegrees` (clockwise on screen).
 std::optional<QImage> fillGradientBackground(const QImage& image, double r0, double g0, double b0, double a0,
                                              double r1, double g1, double b1, double a1, double angleDegrees);

@@ -194,6 +194,43 @@ std::optional<QImage> fillColorBackground(const QImage& image, double r, double 
     return out;
 }
 
+std::optional<QImage> padOverColor(const QImage& image, qint64 top, qint64 right, qint64 bottom, qint64 left,
+                                   double r, double g, double b, double a) {
+    top = std::max<qint64>(top, 0);
+    right = std::max<qint64>(right, 0);
+    bottom = std::max<qint64>(bottom, 0);
+    left = std::max<qint64>(left, 0);
+    if (top == 0 && right == 0 && bottom == 0 && left == 0) return fillColorBackground(image, r, g, b, a);
+    const qint64 limit = qint64(INT_MAX);
+    if (left > limit || right > limit || top > limit || bottom > limit) return std::nullopt;
+    if (image.width() < 1 || image.height() < 1) {
+        const auto padded = pad(image, top, right, bottom, left);
+        return padded ? fillColorBackground(*padded, r, g, b, a) : padded;
+    }
+    const QImage src = rgbaPixels(image);
+    if (src.isNull()) return std::nullopt;
+    QImage out = newCanvas(src.width() + left + right, src.height() + top + bottom);
+    if (out.isNull()) return std::nullopt;
+    const uint32_t color = packedColor(r, g, b, a);
+    // The margins are the colour as compositing over a cleared pixel gives it.
+    const uint32_t clear = 0;
+    uint32_t margin = 0;
+    overColorRow(&clear, color, &margin, 1);
+    const qint64 W = out.width(), w = src.width();
+    for (qint64 y = 0; y < out.height(); ++y) {
+        uint32_t* d = row(out, int(y));
+        const qint64 sy = y - top;
+        if (sy < 0 || sy >= src.height()) {
+            std::fill(d, d + W, margin);
+            continue;
+        }
+        std::fill(d, d + left, margin);
+        overColorRow(row(src, int(sy)), color, d + left, int(w));
+        std::fill(d + left + w, d + W, margin);
+    }
+    return out;
+}
+
 std::optional<QImage> fillGradientBackground(const QImage& image, double r0, double g0, double b0, double a0,
                                              double r1, double g1, double b1, double a1,
                                              double angleDegrees) {
