@@ -223,12 +223,17 @@ bool encodeRows(Encoding& e, const QImage& image, J_COLOR_SPACE layout, int qual
         jpeg_write_icc_profile(&cinfo, reinterpret_cast<const JOCTET*>(e.icc.constData()),
                                unsigned(e.icc.size()));
     const bool alpha = image.hasAlphaChannel();
+    const int width = image.width();
     while (cinfo.next_scanline < cinfo.image_height) {
         const uchar* line = image.constScanLine(int(cinfo.next_scanline));
         // A see-through pixel would need the writer's own unpremultiplying; such pictures go to it.
-        if (alpha)
-            for (int x = 0; x < image.width(); ++x)
-                if (line[4 * x + 3] != 255) return false; // alpha is the fourth byte in every layout here
+        // (Alpha is the fourth byte in every layout taken here.)
+        if (alpha) {
+            uchar all = 255;
+            for (int x = 0; x < width; ++x)
+                all &= line[4 * x + 3];
+            if (all != 255) return false;
+        }
         JSAMPROW row = const_cast<JSAMPROW>(line);
         jpeg_write_scanlines(&cinfo, &row, 1);
     }
