@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstring>
 #include <vector>
 
 namespace cutlark::AreaResize {
@@ -162,6 +163,41 @@ void sumAlong(const __m128* column, const int* first, const __m128* weight, size
     }
 }
 
+/// `sumAlong` two output pixels at a time where the processor has AVX2, with `pairWeights` holding
+/// the weights of outputs 2p and 2p + 1 side by side (eight floats per tap). Each half does the very
+/// products and sums of the SSE2 version in its order, so the bytes are the same.
+template <size_t Width>
+__attribute__((target("avx2"))) void sumAlongAvx2(const __m128* column, const int* first,
+                                                  const float* pairWeights, const __m128* weight,
+                                                  size_t width, __m128 norm, int outputs, uint8_t* out) {
+    const size_t taps = Width ? Width : width;
+    const __m256 norm2 = _mm256_set_m128(norm, norm);
+    int ox = 0;
+    for (; ox + 2 <= outputs; ox += 2, pairWeights += 8 * taps) {
+        const auto* a = reinterpret_cast<const float*>(column + first[ox]);
+        const auto* b = reinterpret_cast<const float*>(column + first[ox + 1]);
+        __m256 sum = _mm256_mul_ps(_mm256_loadu2_m128(b, a), _mm256_loadu_ps(pairWeights));
+        for (size_t k = 1; k < taps; ++k)
+            sum = _mm256_add_ps(sum, _mm256_mul_ps(_mm256_loadu2_m128(b + 4 * k, a + 4 * k),
+                                                   _mm256_loadu_ps(pairWeights + 8 * k)));
+        const __m256i i32 = _mm256_cvtps_epi32(_mm256_mul_ps(sum, norm2)); // rounds to nearest
+        const __m256i i16 = _mm256_packs_epi32(i32, i32);
+        const __m256i u8 = _mm256_packus_epi16(i16, i16); // each half: its pixel's four bytes first
+        const int lo = _mm256_cvtsi256_si32(u8), hi = _mm256_extract_epi32(u8, 4);
+        std::memcpy(out + 4 * ox, &lo, 4);
+        std::memcpy(out + 4 * ox + 4, &hi, 4);
+    }
+    for (; ox < outputs; ++ox) { // an odd last one
+        const __m128* in = column + first[ox];
+        const __m128* w = weight + size_t(ox) * taps;
+        __m128 sum = _mm_mul_ps(in[0], w[0]);
+        for (size_t k = 1; k < taps; ++k)
+            sum = _mm_add_ps(sum, _mm_mul_ps(in[k], w[k]));
+        store4(_mm_mul_ps(sum, norm), out + 4 * ox);
+    }
+    _mm256_zeroupper();
+}
+
 using RowSummer = void (*)(const uint8_t*, size_t, const float*, int, int, __m128*);
 
 RowSummer rowSummer() {
@@ -181,6 +217,15 @@ void shrink(const uint8_t* src, int sw, int sh, size_t srcStride, uint8_t* dst, 
     for (size_t i = 0; i < weights.size(); ++i)
         weights[i] = _mm_set1_ps(xs.weight[i]);
     const RowSummer summer = lanes == Lanes::widest ? rowSummer() : sumRows;
+    const bool wide = summer == sumRowsAvx2;
+    std::vector<float> pairWeights; // outputs 2p and 2p + 1 side by side, for the AVX2 pass
+    if (wide) {
+        pairWeights.resize(size_t(dw / 2) * width * 8);
+        for (size_t p = 0; p < size_t(dw / 2); ++p)
+            for (size_t k = 0; k < width; ++k)
+                for (size_t lane = 0; lane < 8; ++lane)
+                    pairWeights[(p * width + k) * 8 + lane] = xs.weight[(2 * p + lane / 4) * width + k];
+    }
     for (int oy = 0; oy < dh; ++oy) {
         // Down the rows first, four pixels per load, so that the spread along the row is done once
         // per output row rather than once per source row.
@@ -188,7 +233,15 @@ void shrink(const uint8_t* src, int sw, int sh, size_t srcStride, uint8_t* dst, 
                &ys.weight[size_t(oy) * size_t(ys.width)], ys.count[size_t(oy)], sw, column.data());
         uint8_t* out = dst + size_t(oy) * dstStride;
         // The common factors below 3 have two or three taps: unrolled for them.
-        if (width == 2)
+        if (wide) {
+            const float* pw = pairWeights.data();
+            if (width == 2)
+                sumAlongAvx2<2>(column.data(), xs.first.data(), pw, weights.data(), width, norm, dw, out);
+            else if (width == 3)
+                sumAlongAvx2<3>(column.data(), xs.first.data(), pw, weights.data(), width, norm, dw, out);
+            else
+                sumAlongAvx2<0>(column.data(), xs.first.data(), pw, weights.data(), width, norm, dw, out);
+        } else if (width == 2)
             sumAlong<2>(column.data(), xs.first.data(), weights.data(), width, norm, dw, out);
         else if (width == 3)
             sumAlong<3>(column.data(), xs.first.data(), weights.data(), width, norm, dw, out);

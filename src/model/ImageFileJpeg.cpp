@@ -229,10 +229,11 @@ bool encodeRows(Encoding& e, const QImage& image, J_COLOR_SPACE layout, int qual
         // A see-through pixel would need the writer's own unpremultiplying; such pictures go to it.
         // (Alpha is the fourth byte in every layout taken here.)
         if (alpha) {
-            uchar all = 255;
+            uint32_t all = ~0u;
+            const auto* pixel = reinterpret_cast<const uint32_t*>(line);
             for (int x = 0; x < width; ++x)
-                all &= line[4 * x + 3];
-            if (all != 255) return false;
+                all &= pixel[x];
+            if ((all >> 24) != 255) return false; // the fourth byte, little-endian
         }
         JSAMPROW row = const_cast<JSAMPROW>(line);
         jpeg_write_scanlines(&cinfo, &row, 1);
@@ -244,15 +245,15 @@ bool encodeRows(Encoding& e, const QImage& image, J_COLOR_SPACE layout, int qual
 } // namespace
 
 QByteArray encodeJpeg(const QImage& image, int quality) {
+    // The layouts below are those of a little-endian machine; elsewhere Qt's writer does it all.
+    if (Q_BYTE_ORDER != Q_LITTLE_ENDIAN) return QByteArray();
     J_COLOR_SPACE layout;
     switch (image.format()) {
-#if Q_BYTE_ORDER == Q_LITTLE_ENDIAN
     case QImage::Format_RGB32:
     case QImage::Format_ARGB32:
     case QImage::Format_ARGB32_Premultiplied:
         layout = JCS_EXT_BGRX;
         break;
-#endif
     case QImage::Format_RGBX8888:
     case QImage::Format_RGBA8888:
     case QImage::Format_RGBA8888_Premultiplied:
