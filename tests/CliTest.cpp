@@ -905,7 +905,12 @@ TEST_F(CliTest, VersionHelpAndOptionFormsAsLinuxToolsHaveThem) {
         const CliRun run = cli({QLatin1String(v)});
         EXPECT_EQ(run.exitCode, 0) << v;
         EXPECT_EQ(run.out, QByteArray("cutlark-cli " CUTLARK_VERSION "\n")) << v;
+        EXPECT_EQ(run.err, QString()) << v;
     }
+    // Commands without options say nothing on standard error about options they don't have.
+    EXPECT_EQ(cli({QStringLiteral("settings")}).err, QString());
+    EXPECT_FALSE(cli({QStringLiteral("info"), QStringLiteral("nosuch.png")})
+                     .err.contains(QStringLiteral("QCommandLine")));
     // Every command has its help, on standard output, whatever else is on the line.
     for (const char* command : {"process", "trace", "split", "info", "settings"}) {
         const CliRun run =

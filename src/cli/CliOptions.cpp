@@ -286,54 +286,58 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
         if (!ok || n < lo || n > hi) return std::nullopt;
         return n;
     };
-    for (const QString& v : parser.values(set)) {
-        const qsizetype eq = v.indexOf(QLatin1Char('='));
-        if (eq <= 0) return QStringLiteral("--set needs NAME=VALUE, got “%1”").arg(v);
-        out.sets.append({v.left(eq).trimmed(), v.mid(eq + 1)});
-    }
-    if (parser.isSet(preset)) out.presetPath = parser.value(preset);
-    if (parser.isSet(output)) {
-        out.outputDir = parser.value(output);
-        if (out.outputDir.isEmpty()) return valueNeeded(QStringLiteral("output"));
-    }
-    if (parser.isSet(jobs)) {
-        const auto n = number(jobs, 1, 256);
-        if (!n) return valueNeeded(QStringLiteral("jobs"));
-        out.jobs = *n;
-    }
-    if (parser.isSet(format)) {
-        const QString type = ImageFile::typeForExtension(parser.value(format).toLower());
-        if (type.isEmpty() || !ImageFile::encodableTypes().contains(type))
-            return valueNeeded(QStringLiteral("format"));
-        out.format = type;
-    }
-    if (parser.isSet(quality)) {
-        const auto q = number(quality, 1, 100);
-        if (!q) return valueNeeded(QStringLiteral("quality"));
-        out.quality = *q;
-    }
-    if (parser.isSet(shard)) {
-        const auto sliced = Shard::parse(parser.value(shard));
-        if (!sliced) return valueNeeded(QStringLiteral("shard"));
-        out.shard = *sliced;
-    }
-    if (parser.isSet(manifest)) {
-        out.manifestPath = parser.value(manifest);
-        if (out.manifestPath.isEmpty()) return valueNeeded(QStringLiteral("manifest"));
-    }
-    if (parser.isSet(resume)) {
-        out.resumePath = parser.value(resume);
-        if (out.resumePath.isEmpty()) return valueNeeded(QStringLiteral("resume"));
-    }
-    out.inPlace = parser.isSet(inPlace);
-    out.overwrite = parser.isSet(overwrite);
-    out.toStdout = parser.isSet(toStdout);
-    // The later of --strip and --keep-metadata wins, as with any pair of switches.
+    // Only the commands that take options have them defined; asking the parser about one it doesn't
+    // know makes Qt complain on standard error.
     bool metadataGiven = false;
-    for (const QString& name : parser.optionNames()) {
-        if (name == QLatin1String("strip") || name == QLatin1String("keep-metadata")) {
-            out.strip = name == QLatin1String("strip");
-            metadataGiven = true;
+    if (takesOptions) {
+        for (const QString& v : parser.values(set)) {
+            const qsizetype eq = v.indexOf(QLatin1Char('='));
+            if (eq <= 0) return QStringLiteral("--set needs NAME=VALUE, got “%1”").arg(v);
+            out.sets.append({v.left(eq).trimmed(), v.mid(eq + 1)});
+        }
+        if (parser.isSet(preset)) out.presetPath = parser.value(preset);
+        if (parser.isSet(output)) {
+            out.outputDir = parser.value(output);
+            if (out.outputDir.isEmpty()) return valueNeeded(QStringLiteral("output"));
+        }
+        if (parser.isSet(jobs)) {
+            const auto n = number(jobs, 1, 256);
+            if (!n) return valueNeeded(QStringLiteral("jobs"));
+            out.jobs = *n;
+        }
+        if (parser.isSet(format)) {
+            const QString type = ImageFile::typeForExtension(parser.value(format).toLower());
+            if (type.isEmpty() || !ImageFile::encodableTypes().contains(type))
+                return valueNeeded(QStringLiteral("format"));
+            out.format = type;
+        }
+        if (parser.isSet(quality)) {
+            const auto q = number(quality, 1, 100);
+            if (!q) return valueNeeded(QStringLiteral("quality"));
+            out.quality = *q;
+        }
+        if (parser.isSet(shard)) {
+            const auto sliced = Shard::parse(parser.value(shard));
+            if (!sliced) return valueNeeded(QStringLiteral("shard"));
+            out.shard = *sliced;
+        }
+        if (parser.isSet(manifest)) {
+            out.manifestPath = parser.value(manifest);
+            if (out.manifestPath.isEmpty()) return valueNeeded(QStringLiteral("manifest"));
+        }
+        if (parser.isSet(resume)) {
+            out.resumePath = parser.value(resume);
+            if (out.resumePath.isEmpty()) return valueNeeded(QStringLiteral("resume"));
+        }
+        out.inPlace = parser.isSet(inPlace);
+        out.overwrite = parser.isSet(overwrite);
+        out.toStdout = parser.isSet(toStdout);
+        // The later of --strip and --keep-metadata wins, as with any pair of switches.
+        for (const QString& name : parser.optionNames()) {
+            if (name == QLatin1String("strip") || name == QLatin1String("keep-metadata")) {
+                out.strip = name == QLatin1String("strip");
+                metadataGiven = true;
+            }
         }
     }
     out.inputs = parser.positionalArguments();
