@@ -103,6 +103,9 @@ TEST(BufferPool, ABlockALittleTooSmallIsGrownNotReplaced) {
     ASSERT_NE(b, nullptr);
     EXPECT_LT(BufferPool::mappedBytes(), 45 * MB);
     EXPECT_EQ(BufferPool::idleBytes(), 0u);
+    // Grown in place of a fresh block: the pages written before are still there (fresh ones read 0).
+    EXPECT_EQ(b[0], 1);
+    EXPECT_EQ(b[40 * MB - 1], 1);
     std::memset(b, 2, 44 * MB); // all of it is usable
     BufferPool::release(b);
     // A smaller request that fits within a third takes it as it is.
