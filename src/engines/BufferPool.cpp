@@ -66,28 +66,46 @@ size_t pageSize() {
     return size;
 }
 
+constexpr size_t kHuge = size_t(2) << 20;
+
 // Fresh memory is first touched 2 MB at a time instead of 4 KB: far fewer page faults, which on a
 // virtual machine cost more than the pixel work (48 MB: ~120 ms in small pages, ~5 ms in huge ones).
-// The whole mapping is advised, not only its 2 MB-aligned middle: advice on part of a mapping splits
-// it in three, and `mremap` can't grow a block that spans more than one mapping (every grow failed
-// and cost a fresh block). The kernel uses huge pages only where they fit anyway.
-void adviseHugePages(void* begin, size_t bytes) {
-    constexpr size_t huge = size_t(2) << 20;
-    if (bytes < 2 * huge) return;
-    madvise(begin, bytes, MADV_HUGEPAGE);
+// So blocks of 4 MB and more are whole 2 MB pages, start on a 2 MB boundary and are advised as a
+// whole (advice on part of a mapping would split it, and `mremap` can't grow a block that spans
+// several mappings).
+bool hugeBlock(size_t length) {
+    return length >= 2 * kHuge;
 }
 
 size_t mappingFor(size_t bytes) {
-    const size_t page = pageSize();
-    return (sizeof(Header) + bytes + page - 1) / page * page;
+    const size_t unit = hugeBlock(sizeof(Header) + bytes) ? kHuge : pageSize();
+    return (sizeof(Header) + bytes + unit - 1) / unit * unit;
+}
+
+// `length` bytes of address space starting on a 2 MB boundary when the block is huge (`access` as
+// mmap's), or null.
+void* reserve(size_t length, int access) {
+    const int flags = MAP_PRIVATE | MAP_ANONYMOUS | (access == PROT_NONE ? MAP_NORESERVE : 0);
+    if (!hugeBlock(length)) {
+        void* m = mmap(nullptr, length, access, flags, -1, 0);
+        return m == MAP_FAILED ? nullptr : m;
+    }
+    void* m = mmap(nullptr, length + kHuge, access, flags, -1, 0);
+    if (m == MAP_FAILED) return nullptr;
+    const auto raw = reinterpret_cast<uintptr_t>(m);
+    const uintptr_t start = (raw + kHuge - 1) & ~uintptr_t(kHuge - 1);
+    if (start > raw) munmap(m, start - raw);
+    if (start + length < raw + length + kHuge)
+        munmap(reinterpret_cast<void*>(start + length), raw + length + kHuge - (start + length));
+    return reinterpret_cast<void*>(start);
 }
 
 Header* mapBlock(size_t bytes) {
     const size_t length = mappingFor(bytes);
-    void* m = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (m == MAP_FAILED) return nullptr;
+    void* m = reserve(length, PROT_READ | PROT_WRITE);
+    if (!m) return nullptr;
     g_mapped += length;
-    adviseHugePages(m, length);
+    if (hugeBlock(length)) madvise(m, length, MADV_HUGEPAGE);
     auto* h = static_cast<Header*>(m);
     h->capacity = length - sizeof(Header);
     h->mapped = length;
@@ -95,14 +113,20 @@ Header* mapBlock(size_t bytes) {
 }
 
 // `h` (idle, taken out of the pool) made large enough for `bytes`, its pages kept; null when the
-// system refuses, and then `h` is untouched.
+// system refuses, and then `h` is untouched. The pages move to another 2 MB boundary, so the kernel
+// moves huge pages whole (moved to any other place they would be split into small ones for good).
 Header* growBlock(Header* h, size_t bytes) {
     const size_t length = mappingFor(bytes);
     const size_t before = h->mapped; // h is gone once the mapping moves
-    void* m = mremap(h, before, length, MREMAP_MAYMOVE);
-    if (m == MAP_FAILED) return nullptr;
+    void* target = reserve(length, PROT_NONE);
+    if (!target) return nullptr;
+    void* m = mremap(h, before, length, MREMAP_MAYMOVE | MREMAP_FIXED, target);
+    if (m == MAP_FAILED) {
+        munmap(target, length);
+        return nullptr;
+    }
     g_mapped += length - before;
-    adviseHugePages(m, length);
+    if (hugeBlock(length)) madvise(m, length, MADV_HUGEPAGE);
     auto* grown = static_cast<Header*>(m);
     grown->capacity = length - sizeof(Header);
     grown->mapped = length;
