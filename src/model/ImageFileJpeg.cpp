@@ -154,44 +154,48 @@ bool run(Decoding& d, const uchar* data, size_t size, const ImageFile::LoadOptio
     return true;
 }
 
-// libjpeg's output gathered in a byte array, a block at a time.
+// libjpeg's output gathered a block at a time, in memory from malloc: a refused allocation is a
+// libjpeg error (a jump back to the encoder's entry), never an exception thrown through C frames.
 struct Destination {
     jpeg_destination_mgr base;
-    QByteArray* bytes;
-    qsizetype used;
+    JOCTET* data;
+    size_t size;
 };
 
-constexpr qsizetype kDestinationBlock = 256 * 1024;
+constexpr size_t kDestinationBlock = 256 * 1024;
 
 void startDestination(j_compress_ptr cinfo) {
     auto* d = reinterpret_cast<Destination*>(cinfo->dest);
-    d->bytes->resize(kDestinationBlock);
-    d->used = 0;
-    d->base.next_output_byte = reinterpret_cast<JOCTET*>(d->bytes->data());
-    d->base.free_in_buffer = size_t(kDestinationBlock);
+    d->data = static_cast<JOCTET*>(std::malloc(kDestinationBlock));
+    if (!d->data) onError(reinterpret_cast<j_common_ptr>(cinfo));
+    d->size = kDestinationBlock;
+    d->base.next_output_byte = d->data;
+    d->base.free_in_buffer = d->size;
 }
 
 boolean growDestination(j_compress_ptr cinfo) {
-    // Called when the whole block is full (free_in_buffer is not to be trusted here).
+    // Called when the whole store is full (free_in_buffer is not to be trusted here).
     auto* d = reinterpret_cast<Destination*>(cinfo->dest);
-    d->used = d->bytes->size();
-    d->bytes->resize(d->used * 2);
-    d->base.next_output_byte = reinterpret_cast<JOCTET*>(d->bytes->data() + d->used);
-    d->base.free_in_buffer = size_t(d->bytes->size() - d->used);
+    auto* grown = static_cast<JOCTET*>(std::realloc(d->data, d->size * 2));
+    if (!grown) onError(reinterpret_cast<j_common_ptr>(cinfo)); // d->data is still ours to free
+    d->data = grown;
+    d->base.next_output_byte = d->data + d->size;
+    d->base.free_in_buffer = d->size;
+    d->size *= 2;
     return TRUE;
 }
 
 void endDestination(j_compress_ptr cinfo) {
     auto* d = reinterpret_cast<Destination*>(cinfo->dest);
-    d->bytes->resize(d->bytes->size() - qsizetype(d->base.free_in_buffer));
+    d->size -= d->base.free_in_buffer;
 }
 
 struct Encoding {
     jpeg_compress_struct cinfo;
     ErrorManager errors;
-    Destination destination;
-    QByteArray bytes;
+    Destination destination{};
     QByteArray icc;
+    ~Encoding() { std::free(destination.data); }
 };
 
 // As `run`: no C++ object with a destructor is made between setjmp and the end.
@@ -272,11 +276,11 @@ QByteArray encodeJpeg(const QImage& image, int quality) {
     e->destination.base.init_destination = startDestination;
     e->destination.base.empty_output_buffer = growDestination;
     e->destination.base.term_destination = endDestination;
-    e->destination.bytes = &e->bytes;
     e->cinfo.dest = &e->destination.base;
     const bool ok = encodeRows(*e, image, layout, std::min(quality, 100));
     jpeg_destroy_compress(&e->cinfo);
-    return ok ? std::move(e->bytes) : QByteArray();
+    if (!ok) return QByteArray();
+    return QByteArray(reinterpret_cast<const char*>(e->destination.data), qsizetype(e->destination.size));
 }
 
 int exifOrientation(const uchar* data, size_t size) {
