@@ -262,6 +262,41 @@ TEST(Stacking, AbuttingColoursLeaveNoGapAndKeepTheirOrder) {
     EXPECT_GE(seamAlpha(*both), 250);
 }
 
+TEST(Stacking, ALayerRunsOnlyABandUnderTheLayersAboveItAndTheBottomOneUnderAll) {
+    // Orange everywhere (the bottom), a teal frame with a purple square inside it, and a second
+    // purple square out in the orange. Stacked, teal runs a few pixels under the purple it touches
+    // and no further: where purple's outline falls short, teal (its real neighbour) shows, never a
+    // colour from elsewhere.
+    QImage art(240, 160, QImage::Format_ARGB32_Premultiplied);
+    art.fill(qRgb(230, 140, 30));
+    {
+        QPainter p(&art);
+        p.fillRect(QRect(40, 30, 160, 100), QColor(20, 140, 140));
+        p.fillRect(QRect(100, 60, 40, 40), QColor(120, 40, 160));
+        p.fillRect(QRect(10, 10, 20, 20), QColor(120, 40, 160));
+    }
+    TraceParams params;
+    params.stacked = true;
+    const auto t = VE::traceColor(art, params);
+    ASSERT_TRUE(t);
+    ASSERT_EQ(t->layers.size(), 3);
+    const QPainterPath bottom = VE::cgPath(t->layers[0].contours), teal = VE::cgPath(t->layers[1].contours),
+                       purple = VE::cgPath(t->layers[2].contours);
+    EXPECT_EQ(bottom.boundingRect(), QRectF(0, 0, 240, 160));
+    EXPECT_TRUE(bottom.contains(QPointF(120, 80)) && bottom.contains(QPointF(20, 20)));
+    EXPECT_TRUE(teal.contains(QPointF(60, 50)));
+    EXPECT_TRUE(teal.contains(QPointF(101.5, 80))) << "under purple's edge";
+    EXPECT_FALSE(teal.contains(QPointF(120, 80))) << "not under the middle of purple";
+    EXPECT_FALSE(teal.contains(QPointF(20, 20))) << "not under the purple it doesn't touch";
+    EXPECT_TRUE(purple.contains(QPointF(120, 80)) && purple.contains(QPointF(20, 20)));
+    const QImage back = renderedSvg(VE::colorSVG(*t), art.size());
+    int lowest = 255;
+    for (int y = 0; y < 160; ++y)
+        for (int x = 0; x < 240; ++x)
+            lowest = std::min(lowest, qAlpha(back.pixel(x, y)));
+    EXPECT_GE(lowest, 250);
+}
+
 TEST(Curves, NoisyAndJaggedChainsEndWhereTheyStart) {
     // A random walk of 50 000 points with no corner (the fit splits and splits), and a zigzag whose
     // every point is a corner: both fitted in bounded depth and time, closed where they began.

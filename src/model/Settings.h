@@ -69,7 +69,7 @@ enum class BackgroundKind { color, gradient, image };
     X(double, vectorDenoise, VectorDenoise, 2, 1, 3, "passes", "median passes over the picture before colour tracing", "vectorFullColor") \
     X(double, vectorCleanup, VectorCleanup, 3, 0, 10, "passes", "clean-up passes over the colour regions (0: none)", "vectorFullColor") \
     X(bool, vectorCurves, VectorCurves, false, 0, 0, "", "fit smooth curves to the traced outlines, keeping the corners where they really turn", "vectorizeEnabled") \
-    X(bool, vectorStacked, VectorStacked, false, 0, 0, "", "stack the colour layers so each also covers the ones above it: no backdrop shows between colours", "vectorFullColor")
+    X(bool, vectorStacked, VectorStacked, false, 0, 0, "", "stack the colour layers: the bottom one covers the picture, each other runs a few pixels under the ones above it, so no backdrop shows between colours", "vectorFullColor")
 // clang-format on
 
 /// One row of the table, readable at run time: for help texts, validation and the sidebar's ranges.

@@ -19,7 +19,8 @@ struct TraceParams {
     int cleanupPasses = 3;
     /// Outlines fitted with cubic curves besides their polygons (for silhouettes too).
     bool curves = false;
-    /// Each layer also covers the area of the layers above it, so no backdrop shows between colours.
+    /// The bottom layer covers the whole picture and each other layer runs 3 pixels under the layers
+    /// above it, so no backdrop shows between colours.
     bool stacked = false;
 };
 

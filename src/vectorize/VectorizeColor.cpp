@@ -260,8 +260,17 @@ std::optional<VectorColorTrace> traceColor(const QImage& image, const TraceParam
     result.size = QSizeF(W, H);
     QImage mask(w, h, QImage::Format_Grayscale8);
     if (mask.isNull()) return std::nullopt;
-    // Stacked, a layer also covers every layer drawn above it: shared borders are painted twice, by
-    // the layer below and the one above, so no backdrop shows through between them.
+    // Stacked, the bottom layer covers the whole picture and every other layer also runs
+    // `kStackBand` pixels under the layers drawn above it: shared borders are painted twice, by the
+    // layer below and the one above, so no backdrop shows through between them, and where an upper
+    // layer's outline falls short of its pixels, what shows is the colour really beside it. (A layer
+    // running under *all* the layers above showed, in such slivers, whichever layer lay just below in
+    // the stack, often a colour from elsewhere in the picture: on two posterised photographs 1 % of
+    // the pixels worse.)
+    constexpr int kStackBand = 3;
+    const cv::Mat bandKernel =
+        cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * kStackBand + 1, 2 * kStackBand + 1));
+    cv::Mat own, near;
     std::vector<int> levelOf(palette.size(), -1);
     for (size_t k = 0; k < kept.size(); ++k)
         levelOf[size_t(kept[k])] = int(k);
@@ -279,6 +288,22 @@ std::optional<VectorColorTrace> traceColor(const QImage& image, const TraceParam
             }
         }
         if (!any) continue; // an entry left without pixels traces to nothing
+        if (params.stacked && level > 0) {
+            own.create(h, w, CV_8U);
+            for (int y = 0; y < h; ++y) {
+                const int* l = labels.data() + size_t(y) * size_t(w);
+                uchar* o = own.ptr<uchar>(y);
+                for (int x = 0; x < w; ++x)
+                    o[x] = l[x] == entry ? 255 : 0;
+            }
+            cv::dilate(own, near, bandKernel);
+            for (int y = 0; y < h; ++y) {
+                uchar* m = mask.scanLine(y);
+                const uchar* g = near.ptr<uchar>(y);
+                for (int x = 0; x < w; ++x)
+                    m[x] = g[x] ? m[x] : 255;
+            }
+        }
         QList<CurvedContour> fitted;
         QList<Contour> found = contours(mask, W, H, 0, minFeatureFrac, params.curves ? &fitted : nullptr);
         if (found.isEmpty()) continue;
