@@ -28,7 +28,10 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
+#include <future>
+#include <memory>
 #include <optional>
+#include <semaphore>
 #include <thread>
 #include <vector>
 
@@ -66,6 +69,11 @@ QJsonArray rectJson(const QRectF& r) {
 struct Outcome {
     QJsonObject json;
     bool failed = false;
+    /// While a writer thread still writes and syncs the result (its worker has gone on to the next
+    /// image): absent when the file was written, else why not. `whenWriteFails` is the line for
+    /// that case.
+    std::shared_future<std::optional<QString>> writing;
+    QJsonObject whenWriteFails;
 };
 
 /// Where one input's result goes, worked out for the whole run before any work starts.
@@ -156,6 +164,9 @@ struct RunContext {
     QStringList idle; ///< notices about settings given that a switch left off makes idle
     CliOptions options;
     QSet<QString> inputs;
+    /// Results being written at once, at most one per job: a worker whose last result is still
+    /// being synced waits here rather than piling up results behind a slow disk.
+    std::shared_ptr<std::counting_semaphore<>> writeSlots;
 };
 
 /// True when some pixel of `image` isn't fully opaque.
@@ -297,12 +308,32 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
                                              : ImageMetadata::Blocks{};
     QByteArray bytes = ImageFile::encode(result, choice.type, item->storage, options.quality, blocks);
     if (!bytes.isEmpty() && carry) bytes = ImageMetadata::carryOver(sourcePath, bytes, type, result.size());
-    if (bytes.isEmpty() || !AtomicFile::write(target, bytes)) {
-        const QString why = AtomicFile::lastError();
-        if (!bytes.isEmpty() && !why.isEmpty())
-            outcome.json.insert(QStringLiteral("reason"),
-                                QStringLiteral("can’t write %1: %2").arg(target, why));
-        return fail(QStringLiteral("Couldn’t write to “%1”.").arg(QFileInfo(target).fileName()));
+    const QString cantWrite = QStringLiteral("Couldn’t write to “%1”.").arg(QFileInfo(target).fileName());
+    if (bytes.isEmpty()) return fail(cantWrite);
+    // Written and synced on a thread of its own, so that the worker's core computes the next image
+    // while the disk confirms this one; the line is printed once the file is there.
+    outcome.whenWriteFails = outcome.json;
+    outcome.whenWriteFails.insert(QStringLiteral("error"), cantWrite);
+    const auto write = [target, bytes]() -> std::optional<QString> {
+        if (AtomicFile::write(target, bytes)) return std::nullopt;
+        return AtomicFile::lastError();
+    };
+    if (run.writeSlots) {
+        run.writeSlots->acquire();
+        try {
+            outcome.writing = std::async(std::launch::async, [write, writeSlots = run.writeSlots] {
+                                  const auto why = write();
+                                  writeSlots->release();
+                                  return why;
+                              }).share();
+        } catch (const std::system_error&) { // no thread to be had: written here
+            run.writeSlots->release();
+        }
+    }
+    if (!outcome.writing.valid()) {
+        std::promise<std::optional<QString>> done;
+        done.set_value(write());
+        outcome.writing = done.get_future().share();
     }
     outcome.json.insert(QStringLiteral("width"), result.width());
     outcome.json.insert(QStringLiteral("height"), result.height());
@@ -826,6 +857,7 @@ int CliRunner::runProcess(const CliOptions& asked) {
     // memory at once; the results are printed in input order as soon as each is ready.
     const qsizetype total = qsizetype(chosen.size());
     const int jobs = options.jobs > 0 ? options.jobs : AvailableCores::count();
+    run.writeSlots = std::make_shared<std::counting_semaphore<>>(jobs);
     OrderedWork<Outcome> work(int(total), jobs, [&plans, &run, &chosen](int i) {
         const Plan& plan = plans[chosen[size_t(i)]];
         try {
@@ -846,6 +878,16 @@ int CliRunner::runProcess(const CliOptions& asked) {
         while (!(next = work.next(std::chrono::milliseconds(250))))
             progress(work.finished(), total);
         Outcome o = std::move(*next);
+        if (o.writing.valid()) {
+            if (const auto why = o.writing.get()) {
+                o.failed = true;
+                o.json = o.whenWriteFails;
+                if (!why->isEmpty())
+                    o.json.insert(QStringLiteral("reason"),
+                                  QStringLiteral("can’t write %1: %2")
+                                      .arg(o.json.value(QStringLiteral("output")).toString(), *why));
+            }
+        }
         const QString& path = plans[chosen[size_t(i)]].input;
         const QString input = path == stdinCopy ? QStringLiteral("-") : path;
         if (input != path) o.json.insert(QStringLiteral("input"), input);
