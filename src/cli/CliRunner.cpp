@@ -246,11 +246,15 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
         failOpening(outcome, input, model.errorMessage().value_or(QStringLiteral("can’t open")));
         return outcome;
     }
+    // The settings, then the sizes given by name written again as a person would type them (so that
+    // a locked aspect follows the image as it stands before the resize), each build stopping before
+    // the resize; then the resize once, for the size that stands at the end.
+    model.setDefersResize(true);
     model.applySettings(run.settings);
-    // Sizes given by name are written again, as a person would type them, so that a locked aspect
-    // follows the image as it stands before the resize.
     for (const QString& name : run.sizeWrites)
         model.writeSetting(name, run.settings);
+    model.setDefersResize(false);
+    model.writeSetting(QStringLiteral("resizeEnabled"), run.settings);
     if (model.wantsVision() && !model.subjectModeOffered())
         return fail(QStringLiteral("subject mode needs the subject network, which isn’t installed; "
                                    "run scripts/setup.sh (or ./run.sh) to fetch it"));

@@ -111,6 +111,12 @@ public:
     void setDetectsCollages(bool on) {
         m_detectsCollages = on;
     }
+    /// While on, builds stop before the resize (everything else as always, the size before the
+    /// resize included). The command line turns it on while it applies its settings and the sizes
+    /// that follow them, which each build anew, and off for the one build whose resize counts.
+    void setDefersResize(bool on) {
+        m_defersResize = on;
+    }
     /// Whether opening and saving make each item's thumbnail (on by default: the window's queue
     /// shows them). The command line shows none, so it saves the scaling.
     void setMakesThumbnails(bool on) {
@@ -395,6 +401,7 @@ private:
     bool m_synchronousWork = false;
     bool m_detectsCollages = true;
     bool m_makesThumbnails = true;
+    bool m_defersResize = false;
     ImageFile::LoadOptions m_loadOptions;
     Decoder m_decoder;
     VectorTracer m_vectorTracer;
@@ -422,6 +429,11 @@ private:
         qint64 cutout = 0; ///< cache key of the subject cutout used, 0 for none
         Settings settings; ///< with the resize and trace fields at their defaults
         QImage image;
+        /// The last resize of `image` and what it was asked for: the same resize again (a write of
+        /// a setting the resize doesn't read, or of the same size) is that picture.
+        QImage sized;
+        QSizeF sizedTarget;
+        bool sizedOnCanvas = false;
     };
     std::optional<PreResize> m_preResize;
     QSet<QUuid> m_prefetching;
