@@ -297,3 +297,30 @@ TEST_F(PipelineTest, AResizeAloneStartsFromThePictureBeforeItAndAnythingElseRebu
     EXPECT_EQ(model.processedImage(), freshResult());
     EXPECT_FALSE(beforeSave.isNull());
 }
+
+TEST_F(PipelineTest, ADeferredResizeWaitsForItsSwitchAndThumbnailsCanBeLeftOut) {
+    // The command line's way: settings and a size written after them build without the resize, the
+    // locked aspect following the picture before it; then one build resizes.
+    model.setDefersResize(true);
+    openOne(sheetWithBlock());
+    Settings s;
+    s.keyWhiteEnabled = s.trimEnabled = s.paddingEnabled = true;
+    s.padAmount = 5;
+    s.resizeEnabled = true;
+    s.resizeWidth = 90;
+    model.applySettings(s);
+    model.writeSetting(QStringLiteral("resizeWidth"), s);
+    EXPECT_EQ(model.preResizeSize(), QSizeF(30, 20));
+    EXPECT_EQ(model.processedImage().size(), QSize(30, 20)) << "not resized yet";
+    EXPECT_EQ(model.snapshotCurrentSettings().resizeHeight, 60) << "the height follows the width";
+    model.setDefersResize(false);
+    model.writeSetting(QStringLiteral("resizeEnabled"), s);
+    EXPECT_EQ(model.processedImage().size(), QSize(90, 60));
+    EXPECT_FALSE(model.active()->thumbnail.isNull());
+
+    CropModel bare;
+    bare.setMakesThumbnails(false);
+    bare.open({model.active()->url});
+    ASSERT_TRUE(bare.active());
+    EXPECT_TRUE(bare.active()->thumbnail.isNull());
+}

@@ -429,11 +429,6 @@ private:
         qint64 cutout = 0; ///< cache key of the subject cutout used, 0 for none
         Settings settings; ///< with the resize and trace fields at their defaults
         QImage image;
-        /// The last resize of `image` and what it was asked for: the same resize again (a write of
-        /// a setting the resize doesn't read, or of the same size) is that picture.
-        QImage sized;
-        QSizeF sizedTarget;
-        bool sizedOnCanvas = false;
     };
     std::optional<PreResize> m_preResize;
     QSet<QUuid> m_prefetching;

@@ -203,21 +203,10 @@ QImage CropModel::buildProcessed(const Item& item) {
     // 9. Resize or canvas.
     if (s.resizeEnabled && !m_defersResize) {
         if (auto target = resizeTargetSize(m_preResizeSize)) {
-            PreResize& last = *m_preResize;
-            if (!last.sized.isNull() && last.sizedTarget == *target && last.sizedOnCanvas == s.resizeCanvas) {
-                work = last.sized;
-            } else {
-                auto sized = attempt([&] {
-                    return s.resizeCanvas ? CropEngine::canvas(work, *target)
-                                          : CropEngine::resize(work, *target);
-                });
-                if (sized) {
-                    work = *sized;
-                    last.sized = work;
-                    last.sizedTarget = *target;
-                    last.sizedOnCanvas = s.resizeCanvas;
-                }
-            }
+            auto sized = attempt([&] {
+                return s.resizeCanvas ? CropEngine::canvas(work, *target) : CropEngine::resize(work, *target);
+            });
+            if (sized) work = *sized;
         }
     }
 
