@@ -4,7 +4,8 @@
 # 2048 wide, written as JPEG. Timed for cutlark-cli process --jobs J, ImageMagick's mogrify and a
 # libvips program (bench/batch_vips.c) doing the same work on the same files; each peer is timed both
 # one process with its own threads and J processes of one thread each, and the faster is reported.
-# Prints images per second and peak resident memory. COUNT (200) and JOBS (2) can be set.
+# Prints images per second and peak resident memory. COUNT (200) and JOBS (2) can be set; BASELINE
+# names another build's cutlark-cli (an earlier commit's, say) to run the same batch beside ours.
 set -euo pipefail
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 build="${CUTLARK_BUILD_DIR:-$here/build}"
@@ -69,6 +70,15 @@ read -r ms mb < <(measure "$build/cutlark-cli" process --jobs "$jobs" -o "$work/
 report "cutlark-cli process --jobs $jobs" "$ms" "$mb"
 [ "$(ls "$work/out" | wc -l)" -eq "$count" ] || { echo "cutlark-cli wrote $(ls "$work/out" | wc -l) files" >&2; exit 1; }
 ours=$ms
+if [ -n "${BASELINE:-}" ]; then
+    rm -rf "$work/out" && mkdir "$work/out"
+    read -r ms mb < <(measure "$BASELINE" process --jobs "$jobs" -o "$work/out" \
+        --set keyWhiteEnabled=true --set trimEnabled=true --set paddingEnabled=true --set padAmount=40 \
+        --set backgroundEnabled=true --set backgroundColor='#3366CC' \
+        --set resizeEnabled=true --set resizeWidth=2048 "${files[@]}")
+    report "baseline: $BASELINE" "$ms" "$mb"
+    baseline=$ms
+fi
 
 # ImageMagick: the same chain. White is R, G and B all at least 214 of 255 (16 %), as our key floor at 30.
 mogrify_args=(-bordercolor white -border 1 -fuzz 16% -fill none -draw 'color 0,0 floodfill' -shave 1x1
@@ -92,3 +102,6 @@ report "libvips, $jobs processes × 1 thread" "$ms" "$mb"; ((ms < best_vips)) &&
 
 awk -v o="$ours" -v im="$best_im" -v v="$best_vips" \
     'BEGIN { printf "\ncutlark-cli is %.1f× ImageMagick and %.2f× libvips (each at its best).\n", im / o, v / o }'
+if [ -n "${baseline:-}" ]; then
+    awk -v o="$ours" -v b="$baseline" 'BEGIN { printf "cutlark-cli gives %.2f× the baseline'"'"'s images per second.\n", b / o }'
+fi
