@@ -25,6 +25,7 @@ enum Entry : int {
     kRun = 9,
     kCreateSessionOptions = 10,
     kDisableMemPattern = 17,
+    kDisableCpuMemArena = 19,
     kSetSessionGraphOptimizationLevel = 23,
     kSetIntraOpNumThreads = 24,
     kSetInterOpNumThreads = 25,
@@ -196,6 +197,8 @@ std::unique_ptr<Session> Session::open(const QString& modelPath, int threads, QS
         failed = take(l, entry<Status (*)(void*, int) noexcept>(l, kSetInterOpNumThreads)(options.object, 1));
     if (failed.isEmpty())
         failed = take(l, entry<Status (*)(void*) noexcept>(l, kDisableMemPattern)(options.object));
+    if (failed.isEmpty())
+        failed = take(l, entry<Status (*)(void*) noexcept>(l, kDisableCpuMemArena)(options.object));
     if (!failed.isEmpty()) return fail(failed);
     std::unique_ptr<Session> session(new Session);
     const QByteArray path = QFile::encodeName(modelPath);
