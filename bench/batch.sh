@@ -62,20 +62,21 @@ report() { # name ms peak
 echo "| $count × 12 MP: key white, trim, pad 40, colour, resize to 2048 | images/s | wall | peak RSS |"
 echo "|---|---|---|---|"
 
-rm -rf "$work/out" && mkdir "$work/out"
-read -r ms mb < <(measure "$build/cutlark-cli" process --jobs "$jobs" -o "$work/out" \
-    --set keyWhiteEnabled=true --set trimEnabled=true --set paddingEnabled=true --set padAmount=40 \
-    --set backgroundEnabled=true --set backgroundColor='#3366CC' \
-    --set resizeEnabled=true --set resizeWidth=2048 "${files[@]}")
+# One batch through a build's cutlark-cli, into a fresh folder.
+cli_batch() {
+    rm -rf "$work/out" && mkdir "$work/out"
+    measure "$1" process --jobs "$jobs" -o "$work/out" \
+        --set keyWhiteEnabled=true --set trimEnabled=true --set paddingEnabled=true --set padAmount=40 \
+        --set backgroundEnabled=true --set backgroundColor='#3366CC' \
+        --set resizeEnabled=true --set resizeWidth=2048 "${files[@]}"
+}
+
+read -r ms mb < <(cli_batch "$build/cutlark-cli")
 report "cutlark-cli process --jobs $jobs" "$ms" "$mb"
 [ "$(ls "$work/out" | wc -l)" -eq "$count" ] || { echo "cutlark-cli wrote $(ls "$work/out" | wc -l) files" >&2; exit 1; }
 ours=$ms
 if [ -n "${BASELINE:-}" ]; then
-    rm -rf "$work/out" && mkdir "$work/out"
-    read -r ms mb < <(measure "$BASELINE" process --jobs "$jobs" -o "$work/out" \
-        --set keyWhiteEnabled=true --set trimEnabled=true --set paddingEnabled=true --set padAmount=40 \
-        --set backgroundEnabled=true --set backgroundColor='#3366CC' \
-        --set resizeEnabled=true --set resizeWidth=2048 "${files[@]}")
+    read -r ms mb < <(cli_batch "$BASELINE")
     report "baseline: $BASELINE" "$ms" "$mb"
     baseline=$ms
 fi
