@@ -214,8 +214,8 @@ Session::~Session() {
     entry<void (*)(void*) noexcept>(l, kReleaseSession)(m_session);
 }
 
-std::optional<Session::Tensor> Session::run(const char* inputName, const Tensor& input,
-                                            const char* outputName, QString* error) {
+std::optional<Session::Tensor> Session::run(const char* inputName, TensorView input, const char* outputName,
+                                            QString* error) {
     Library& l = library();
     const auto fail = [&](const QString& why) {
         if (error) *error = why;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <vector>
 
 /// ONNX Runtime, loaded at run time from its shared library (`libonnxruntime.so.1`, which the set-up
@@ -44,10 +45,19 @@ public:
         std::vector<int64_t> shape;
         std::vector<float> values;
     };
+    /// An input read where it lies, without a copy; the values must outlive the run.
+    struct TensorView {
+        std::span<const int64_t> shape;
+        std::span<const float> values;
+    };
     /// Runs the graph on one float input and fetches one float output by name. Absent with
     /// `error` when the runtime refuses (wrong names, shapes or types) or runs out of memory.
-    std::optional<Tensor> run(const char* inputName, const Tensor& input, const char* outputName,
+    std::optional<Tensor> run(const char* inputName, TensorView input, const char* outputName,
                               QString* error = nullptr);
+    std::optional<Tensor> run(const char* inputName, const Tensor& input, const char* outputName,
+                              QString* error = nullptr) {
+        return run(inputName, TensorView{input.shape, input.values}, outputName, error);
+    }
 
 private:
     Session() = default;

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <atomic>
 #include <mutex>
+#include <vector>
 
 namespace cutlark::VisionEngine {
 
@@ -96,18 +97,35 @@ bool ensureLoaded(Network& n) {
     return !n.net.empty();
 }
 
-// The network's output for a 1 × 3 × side² input blob, as side² floats; empty when it fails. Called
-// with the mutex held and the network loaded.
-cv::Mat infer(Network& n, const cv::Mat& blob) {
+// The network's input for a side² RGBA picture: three planes R, G, B of (value − 127.5) / 255.
+std::vector<float> inputPlanes(const cv::Mat& rgba) {
+    constexpr size_t plane = size_t(kSide) * kSide;
+    std::vector<float> out(3 * plane);
+    for (int y = 0; y < kSide; ++y) {
+        const uchar* p = rgba.ptr<uchar>(y);
+        float* r = out.data() + size_t(y) * kSide;
+        float* g = r + plane;
+        float* b = g + plane;
+        for (int x = 0; x < kSide; ++x) {
+            r[x] = float((float(p[4 * x]) - 127.5f) * (1.0 / 255.0));
+            g[x] = float((float(p[4 * x + 1]) - 127.5f) * (1.0 / 255.0));
+            b[x] = float((float(p[4 * x + 2]) - 127.5f) * (1.0 / 255.0));
+        }
+    }
+    return out;
+}
+
+// The network's output for the 1 × 3 × side² input, as side² floats; empty when it fails. Called
+// with the mutex held and the network loaded. The input is read where it lies.
+cv::Mat infer(Network& n, std::vector<float>& planes) {
     if (n.session) {
-        OnnxRuntime::Session::Tensor input;
-        input.shape = {1, 3, kSide, kSide};
-        const float* begin = blob.ptr<float>();
-        input.values.assign(begin, begin + blob.total());
-        auto out = n.session->run("input", input, "output");
+        static constexpr int64_t shape[] = {1, 3, kSide, kSide};
+        auto out = n.session->run("input", OnnxRuntime::Session::TensorView{shape, planes}, "output");
         if (!out || out->values.size() != size_t(kSide) * kSide) return cv::Mat();
         return cv::Mat(kSide, kSide, CV_32F, out->values.data()).clone();
     }
+    const int dims[] = {1, 3, kSide, kSide};
+    const cv::Mat blob(4, dims, CV_32F, planes.data());
     n.net.setInput(blob);
     const cv::Mat out = n.net.forward("output"); // the final, fused mask of the graph's outputs
     if (out.total() != size_t(kSide) * kSide) return cv::Mat();
@@ -171,16 +189,14 @@ QImage mask(const QImage& source) {
         cv::Mat small;
         cv::resize(rgba, small, cv::Size(kSide, kSide), 0, 0,
                    src.width() > kSide || src.height() > kSide ? cv::INTER_AREA : cv::INTER_LINEAR);
-        cv::Mat rgb;
-        cv::cvtColor(small, rgb, cv::COLOR_RGBA2RGB);
-        const cv::Mat blob = cv::dnn::blobFromImage(rgb, 1.0 / 255.0, cv::Size(kSide, kSide),
-                                                    cv::Scalar(127.5, 127.5, 127.5), false, false);
+        std::vector<float> planes = inputPlanes(small);
+        small.release();
         cv::Mat plane;
         {
             Network& n = network();
             std::lock_guard lock(n.mutex);
             if (!ensureLoaded(n)) return QImage();
-            plane = infer(n, blob);
+            plane = infer(n, planes);
             n.warm = true;
         }
         if (plane.empty()) return QImage();
