@@ -61,8 +61,8 @@ int walk(const std::vector<P>& pts, int i, double distance) {
 class Fitter {
 public:
     /// Rounds of better parameters tried before a run is split, while they help. Measured on text
-    /// and icons: three give all but a few per cent of the smaller documents that eight give, for
-    /// half the work.
+    /// and icons (with `kHopeless` at 4): documents 5–9 % larger than eight rounds give, still well
+    /// under potrace's, for half the work.
     static constexpr int kRounds = 3;
     /// How far either side of a split point its tangent is measured, in pixels.
     static constexpr double kTangentReach = 4;
