@@ -15,10 +15,10 @@ target="$cache/isnet-medium-fp32.onnx"
 # The fp16 graph as joined from the package's chunks, and what the conversion makes of it.
 joined_sha=""
 converted_sha=""
+runtime_sha=""
 source "$here/model.sha256"
 
 runtime="$cache/libonnxruntime.so.1"
-runtime_sha="ffb75a925ba05e47b235bb66e3e3911714a80b328a9c9425539feb204aa32a23"
 
 have() { [ -f "$1" ] && echo "$2  $1" | sha256sum --quiet -c - 2>/dev/null; }
 if have "$target" "$converted_sha" && { have "$runtime" "$runtime_sha" || [ "$(uname -m)" != x86_64 ]; }; then

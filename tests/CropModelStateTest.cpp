@@ -302,7 +302,9 @@ TEST_F(ModelTest, KeyingOnPicksWhiteWithoutASubjectNetwork) {
                             [&](const QImage&) {
                                 ++computed;
                                 return std::optional<QImage>();
-                            }});
+                            },
+                            [] { return QString(); },
+                            nullptr});
     openImages(1);
     model.setBgRemovalMode(BGRemovalMode::subject);
     model.setKeyWhiteEnabled(true);

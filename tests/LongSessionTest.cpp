@@ -51,7 +51,9 @@ CropModel::CutoutService cheapCutouts() {
                 for (int y = 0; y < cut.height(); ++y)
                     memset(cut.scanLine(y), 0, size_t(cut.width() / 3) * 4);
                 return cut;
-            }};
+            },
+            [] { return QString(); },
+            nullptr};
 }
 
 } // namespace

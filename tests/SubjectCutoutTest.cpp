@@ -45,7 +45,9 @@ struct FakeCutouts {
                     for (int y = 0; y < cut.height(); ++y)
                         std::memset(cut.scanLine(y), 0, size_t(cut.width() / 2) * 4);
                     return cut;
-                }};
+                },
+                [] { return QString(); },
+                nullptr};
     }
     void release(int n = 1) { gate.release(n); }
 };
@@ -449,7 +451,8 @@ TEST_F(RealNetwork, TheModelCutsOutTheCupOfARealPhotograph) {
 
 TEST_F(CutoutTest, ACutoutThatRunsOutOfMemoryCountsAsNoSubject) {
     model.setCutoutService(
-        {[] { return true; }, [](const QImage&) -> std::optional<QImage> { throw std::bad_alloc(); }});
+        {[] { return true; }, [](const QImage&) -> std::optional<QImage> { throw std::bad_alloc(); },
+         [] { return QString(); }, nullptr});
     openTwo();
     model.setBgRemovalMode(BGRemovalMode::subject);
     model.setKeyWhiteEnabled(true);

@@ -1,5 +1,4 @@
 #include "app/SingleInstance.h"
-#include "engines/VisionEngine.h"
 #include "support/HugePages.h"
 #include "ui/ContentView.h"
 #include "ui/FileOpenInbox.h"
@@ -9,8 +8,6 @@
 #include <QApplication>
 #include <QFileInfo>
 #include <QIcon>
-#include <QtConcurrent/QtConcurrentRun>
-#include <QThreadPool>
 
 #include <cstdio>
 #include <cstring>
@@ -72,7 +69,7 @@ int main(int argc, char** argv) {
                          window.activateWindow();
                      });
 
-    // The subject network loads in the background, so the first cutout doesn't wait for it.
-    (void)QtConcurrent::run(QThreadPool::globalInstance(), [] { cutlark::VisionEngine::preload(); });
+    // The subject network is not loaded here: it costs seconds of CPU and hundreds of megabytes, and
+    // loads when subject mode is first asked for.
     return app.exec();
 }

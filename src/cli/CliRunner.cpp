@@ -255,9 +255,9 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
         model.writeSetting(name, run.settings);
     model.setDefersResize(false);
     model.writeSetting(QStringLiteral("resizeEnabled"), run.settings);
-    if (model.wantsVision() && !model.subjectModeOffered())
-        return fail(QStringLiteral("subject mode needs the subject network, which isn’t installed; "
-                                   "run scripts/setup.sh (or ./run.sh) to fetch it"));
+    // Missing, damaged or refused: said as such, not as a picture without a subject.
+    if (model.wantsVision() && (!model.subjectModeOffered() || !VisionEngine::problem().isEmpty()))
+        return fail(QStringLiteral("subject mode can’t run: ") + VisionEngine::problem());
 
     const CropModel::Item* item = model.active();
     const QImage result = model.processedImage();
@@ -344,6 +344,11 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
     outcome.json.insert(QStringLiteral("type"), type);
     QStringList notices = run.idle;
     if (model.noticeMessage()) notices << *model.noticeMessage();
+    // A damaged runtime only slows the cutout down (OpenCV ran it); said once per result.
+    if (model.wantsVision() && !VisionEngine::runtimeProblem().isEmpty() &&
+        !notices.contains(VisionEngine::runtimeProblem()))
+        notices << VisionEngine::runtimeProblem();
+
     if (!notices.isEmpty()) outcome.json.insert(QStringLiteral("notice"), notices.join(QStringLiteral("; ")));
     if (model.subjectNotFound()) outcome.json.insert(QStringLiteral("subjectNotFound"), true);
     return outcome;

@@ -7,6 +7,8 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <cstring>
 #include <mutex>
 
 namespace cutlark::OnnxRuntime {
@@ -21,6 +23,7 @@ using Status = void*;
 enum Entry : int {
     kGetErrorMessage = 2,
     kCreateEnv = 3,
+    kDisableTelemetryEvents = 6,
     kCreateSession = 7,
     kRun = 9,
     kCreateSessionOptions = 10,
@@ -87,9 +90,23 @@ QString take(const Library& l, Status status) {
     return text.isEmpty() ? QStringLiteral("unknown error") : text;
 }
 
+const QString kLibraryName = QStringLiteral("libonnxruntime.so.1");
+
 QString find(const QString& overridePath) {
-    return DataFiles::find(QStringLiteral("libonnxruntime.so.1"), overridePath);
+    return DataFiles::find(kLibraryName, overridePath);
 }
+
+// The runtime's builds for Linux carry a telemetry uploader that keeps a device identifier and an
+// event log in the home folder, files in /tmp, and looks up its collector's host. It reads this
+// variable once, when the library initialises, as a full opt-out. Set while the process is still
+// one thread (a static initialiser), whatever the user's environment says, and checked again
+// before the library is opened.
+bool optOutOfTelemetry() {
+    const char* now = std::getenv("ORT_DISABLE_TELEMETRY");
+    if (now && std::strcmp(now, "1") == 0) return true;
+    return ::setenv("ORT_DISABLE_TELEMETRY", "1", 1) == 0;
+}
+[[maybe_unused]] const bool kTelemetryOptedOut = optOutOfTelemetry();
 
 // Loads the library once; true when its table and environment are ready. Called with the mutex held.
 bool ensureLoaded(Library& l) {
@@ -99,6 +116,16 @@ bool ensureLoaded(Library& l) {
     const QString path = find(l.overridePath);
     if (path.isEmpty()) {
         l.error = QStringLiteral("libonnxruntime.so.1 not found");
+        return false;
+    }
+    // A damaged library would crash the loader (a truncated one faults, random bytes smash the
+    // stack), so what the set-up fetched is checked before it is opened; a test's own file isn't.
+    if (l.overridePath.isEmpty()) {
+        l.error = DataFiles::damage(path, kLibraryName);
+        if (!l.error.isEmpty()) return false;
+    }
+    if (!optOutOfTelemetry()) {
+        l.error = QStringLiteral("ONNX Runtime's telemetry couldn't be switched off");
         return false;
     }
     void* handle = dlopen(QFile::encodeName(path).constData(), RTLD_NOW | RTLD_LOCAL);
@@ -129,11 +156,17 @@ bool ensureLoaded(Library& l) {
     l.api = api;
     l.version = version;
     void* env = nullptr;
-    const QString failed = take(l, entry<Status (*)(int, const char*, void**) noexcept>(l, kCreateEnv)(
+    QString failed = take(l, entry<Status (*)(int, const char*, void**) noexcept>(l, kCreateEnv)(
                                        kLoggingError, "cutlark", &env));
     if (!failed.isEmpty() || !env) {
         l.error = failed;
         return false; // the library stays loaded; nothing of it is used
+    }
+    // The second guard: should the variable ever be missed, events are still not collected.
+    failed = take(l, entry<Status (*)(const void*) noexcept>(l, kDisableTelemetryEvents)(env));
+    if (!failed.isEmpty()) {
+        l.error = QStringLiteral("ONNX Runtime's telemetry couldn't be switched off: %1").arg(failed);
+        return false;
     }
     l.env = env; // kept for the life of the process, as the runtime's threads may outlive a session
     return true;

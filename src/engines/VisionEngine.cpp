@@ -28,7 +28,7 @@ constexpr int kSide = 1024; // the graph takes exactly 1024 × 1024
 
 // One network for the process, loaded on first use and kept for the life of the process.
 struct Network {
-    std::mutex mutex;
+    std::mutex mutex; // held while the network loads and while it runs
     QString overridePath;
     QString loadedFrom;
     Backend wanted = Backend::automatic;
@@ -36,13 +36,39 @@ struct Network {
     cv::dnn::Net net;                              // else OpenCV's
     bool failed = false;                           // a file that didn't load isn't tried again
     bool warm = false;                             // one run has been made
+    QString problem;                               // why it failed, for the person
+    QString runtimeProblem;                        // why ONNX Runtime wasn't used, when it is there
+
+    // What the window asks from its main thread, copied out under a lock of its own: a load (a
+    // second of hashing) or a run must not make the window wait for an answer.
+    struct Status {
+        QString overridePath;
+        bool loaded = false;
+        bool failed = false;
+        QString problem;
+        QString runtimeProblem;
+    };
+    std::mutex statusMutex;
+    Status status;
 
     bool loaded() const { return session || !net.empty(); }
+    /// Copies the state into `status`; called with `mutex` held after every change.
+    void publish() {
+        std::lock_guard lock(statusMutex);
+        status = {overridePath, loaded(), failed, problem, runtimeProblem};
+    }
+    Status snapshot() {
+        std::lock_guard lock(statusMutex);
+        return status;
+    }
     void forget() {
         session.reset();
         net = cv::dnn::Net();
         failed = false;
         warm = false;
+        problem.clear();
+        runtimeProblem.clear();
+        publish();
     }
 };
 
@@ -56,11 +82,22 @@ QString findModel(const QString& overridePath) {
 }
 
 // Loads the network if it isn't yet; false when it can't be had. Called with the mutex held.
-bool ensureLoaded(Network& n) {
+bool loadNetwork(Network& n) {
     if (n.loaded()) return true;
     if (n.failed) return false;
     const QString path = findModel(n.overridePath);
-    if (path.isEmpty()) return false;
+    if (path.isEmpty()) {
+        n.problem = QStringLiteral("the subject network isn’t installed; ") + DataFiles::howToInstall();
+        return false;
+    }
+    // A file cut short or replaced would run and find nothing, or take any amount of memory.
+    if (n.overridePath.isEmpty()) {
+        n.problem = DataFiles::damage(path, kModelFile);
+        if (!n.problem.isEmpty()) {
+            n.failed = true;
+            return false;
+        }
+    }
 #if defined(__SANITIZE_THREAD__)
     // ONNX Runtime's own threads synchronise inside a library ThreadSanitizer can't see into, and
     // its interceptors make them crawl: under it the network runs on OpenCV.
@@ -69,18 +106,24 @@ bool ensureLoaded(Network& n) {
     constexpr bool onnxRuntimeUsable = true;
 #endif
     if (!onnxRuntimeUsable && n.wanted == Backend::onnxRuntime) {
+        n.problem = QStringLiteral("ONNX Runtime isn’t used in this build");
         n.failed = true;
         return false;
     }
     if (onnxRuntimeUsable && n.wanted != Backend::openCV) {
         // Operators split over the cores; past eight the network gains nothing more.
         const int threads = std::clamp(QThread::idealThreadCount(), 1, 8);
-        n.session = OnnxRuntime::Session::open(path, threads);
+        QString why;
+        n.session = OnnxRuntime::Session::open(path, threads, &why);
         if (n.session) {
             n.loadedFrom = path;
             return true;
         }
+        // A machine without the library runs on OpenCV as designed; one whose library is there
+        // and refused hears why.
+        if (!OnnxRuntime::libraryPath().isEmpty()) n.runtimeProblem = why;
         if (n.wanted == Backend::onnxRuntime) {
+            n.problem = why;
             n.failed = true;
             return false;
         }
@@ -93,8 +136,18 @@ bool ensureLoaded(Network& n) {
     } catch (const cv::Exception&) {
         n.net = cv::dnn::Net();
     }
-    if (n.net.empty()) n.failed = true;
+    if (n.net.empty()) {
+        n.failed = true;
+        n.problem = QStringLiteral("“%1” isn’t a network Cutlark can run").arg(path);
+    }
     return !n.net.empty();
+}
+
+bool ensureLoaded(Network& n) {
+    if (n.loaded()) return true;
+    const bool ok = loadNetwork(n);
+    n.publish();
+    return ok;
 }
 
 // The network's input for a side² RGBA picture: three planes R, G, B of (value − 127.5) / 255.
@@ -161,10 +214,22 @@ Backend loadedBackend() {
 }
 
 bool isAvailable() {
-    Network& n = network();
-    std::lock_guard lock(n.mutex);
-    if (n.failed) return false;
-    return n.loaded() || !findModel(n.overridePath).isEmpty();
+    const Network::Status s = network().snapshot();
+    if (s.failed) return false;
+    return s.loaded || !findModel(s.overridePath).isEmpty();
+}
+
+QString problem() {
+    const Network::Status s = network().snapshot();
+    if (s.loaded) return QString();
+    if (!s.problem.isEmpty()) return s.problem;
+    if (findModel(s.overridePath).isEmpty())
+        return QStringLiteral("the subject network isn’t installed; ") + DataFiles::howToInstall();
+    return QString();
+}
+
+QString runtimeProblem() {
+    return network().snapshot().runtimeProblem;
 }
 
 void preload(bool warmUp) {

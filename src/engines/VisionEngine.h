@@ -27,8 +27,17 @@ void setBackend(Backend backend);
 Backend loadedBackend();
 
 /// True when a cutout can be computed here: the network file is present and hasn't failed to load.
-/// Cheap; the network itself is loaded on first use, off the main thread.
+/// Cheap: nothing is read; the network is checked and loaded on first use, off the main thread.
 bool isAvailable();
+
+/// Why a cutout can't be had, in a person's words naming the file and how to get it again (not
+/// installed, damaged, not a network that runs); empty while nothing has gone wrong. A damaged
+/// file is found when the network loads, so this may only say so after the first attempt.
+QString problem();
+
+/// Why ONNX Runtime wasn't used although its library is present (damaged, refused), so that the
+/// network runs on OpenCV, three times slower; empty otherwise.
+QString runtimeProblem();
 
 /// Loads the network now, if it is present and not loaded yet, and with `warmUp` runs it once on a
 /// blank picture: the runtime's first run takes twice as long as the next ones (it sizes its

@@ -45,7 +45,8 @@ template <class T> const T& normalized(const T& v) {
 } // namespace
 
 CropModel::CropModel(QObject* parent)
-    : QObject(parent), m_cutoutService{&VisionEngine::isAvailable, &VisionEngine::computeCutout},
+    : QObject(parent), m_cutoutService{&VisionEngine::isAvailable, &VisionEngine::computeCutout,
+                                       &CropModel::subjectNetworkProblem, &CropModel::prepareSubjectNetwork},
       m_vectorTracer(&VectorSettings::trace) {}
 
 CropModel::~CropModel() = default;
@@ -80,11 +81,18 @@ void CropModel::runHook(Field field, bool wasOn) {
     case Field::mirrored:
     case Field::manualCropEnabled:
     case Field::trimEnabled:
-    case Field::bgRemovalMode:
     case Field::stickerEnabled:
     case Field::paddingEnabled:
     case Field::backgroundEnabled:
     case Field::vectorizeEnabled:
+        recomputeActive();
+        break;
+    case Field::bgRemovalMode:
+        // Subject mode chosen with removal still off: the network loads now, so the cutout that the
+        // switch will start doesn't wait for it. With removal on, the cutout itself loads it.
+        if (s.bgRemovalMode == BGRemovalMode::subject && !s.keyWhiteEnabled && !m_synchronousWork &&
+            m_cutoutService.prepare && m_cutoutService.available && m_cutoutService.available())
+            m_cutoutService.prepare();
         recomputeActive();
         break;
     case Field::manualCropRect:
@@ -406,6 +414,16 @@ void CropModel::autoPickRemovalMode() {
     recomputeActive();
 }
 
+QString CropModel::subjectNetworkProblem() {
+    const QString network = VisionEngine::problem();
+    return network.isEmpty() ? VisionEngine::runtimeProblem() : network;
+}
+
+void CropModel::prepareSubjectNetwork() {
+    // Loaded and run once on a blank picture, so the first real cutout runs at full speed.
+    (void)QtConcurrent::run(QThreadPool::globalInstance(), [] { VisionEngine::preload(); });
+}
+
 bool CropModel::wantsVision() const {
     return m_settings.keyWhiteEnabled && m_settings.bgRemovalMode == BGRemovalMode::subject;
 }
@@ -481,6 +499,12 @@ void CropModel::finishCutout(const QUuid& id, const std::optional<QImage>& cutou
     if (cutout) m_visionCache.insert(id, *cutout);
     // Only the active image is rebuilt; a result for another item waits until it is selected.
     if (m_activeID && *m_activeID == id) recomputeActive();
+    // A network that couldn't be loaded is not "no subject": the person hears which file and why;
+    // a damaged runtime only slows cutouts down (they run on OpenCV), and is said as a notice. Both
+    // after the rebuild, which clears notices.
+    const QString why = m_cutoutService.problem ? m_cutoutService.problem() : QString();
+    if (!why.isEmpty() && !cutout) setErrorMessage(why);
+    if (!why.isEmpty() && cutout) setNoticeMessage(why);
 }
 
 } // namespace cutlark

@@ -97,6 +97,10 @@ public:
     struct CutoutService {
         std::function<bool()> available;                             ///< whether subject mode is offered
         std::function<std::optional<QImage>(const QImage&)> compute; ///< blocking; runs off the main thread
+        /// Why cutouts can't be had (the network missing or damaged), empty when nothing is wrong.
+        std::function<QString()> problem;
+        /// Loads the network ahead of its first cutout, without blocking the caller; may be empty.
+        std::function<void()> prepare;
     };
     void setCutoutService(CutoutService service) {
         m_cutoutService = std::move(service);
@@ -357,6 +361,10 @@ private:
     void autoPickRemovalMode();
     void invalidateVision(const QUuid& id);
     void ensureVisionCutout();
+    /// The default service's `prepare`: the network loads and warms up on the thread pool.
+    static void prepareSubjectNetwork();
+    /// The default service's `problem`: the network's, else the runtime's.
+    static QString subjectNetworkProblem();
     void updateVector();
     /// Runs the save panel for a document and writes it; the bytes, the source file (for the proposed
     /// name), the extension and the MIME type.
