@@ -1,5 +1,7 @@
 #include "TestSupport.h"
 
+#include "engines/VisionEngine.h"
+
 #include "support/PrivateDir.h"
 #include "ui/ContentView.h"
 #include "ui/FileOpenInbox.h"
@@ -9,6 +11,7 @@
 #include "ui/QueueDrawer.h"
 #include "ui/SettingsSidebar.h"
 
+#include <QAbstractButton>
 #include <QApplication>
 #include <QCheckBox>
 #include <QDir>
@@ -397,4 +400,27 @@ TEST_F(WindowTest, ControlsMoveOnlyForTheFieldsTheyShow) {
     EXPECT_EQ(keyThreshold->value(), 0) << "a change of threshold doesn't touch the key's slider";
     model->setKeyThreshold(model->keyThreshold());
     EXPECT_EQ(keyThreshold->value(), int(std::round(30.0 / 100 * keyThreshold->maximum())));
+}
+
+// The real network behind the window: the keying switch, clicked, cuts the cup out of a photograph
+// off the main thread (tests/privacy-test.sh runs it to watch what the network's runtime does).
+TEST(RealNetworkWindow, TheKeyingSwitchCutsOutTheSubjectOfAPhotograph) {
+    ASSERT_TRUE(VisionEngine::isAvailable()) << "the set-up puts the network into the cache folder";
+    MainWindow window;
+    window.resize(900, 640);
+    window.show();
+    CropModel& model = window.content()->model();
+    model.open({testPhoto(QStringLiteral("coffee.png"))});
+    ASSERT_TRUE(model.active());
+    auto* toggle = window.findChild<QAbstractButton*>(QStringLiteral("keyWhiteEnabled"));
+    ASSERT_NE(toggle, nullptr);
+    toggle->click();
+    ASSERT_TRUE(model.keyWhiteEnabled());
+    EXPECT_EQ(model.bgRemovalMode(), BGRemovalMode::subject) << "a photograph's edges aren't white";
+    ASSERT_TRUE(waitUntil([&] { return !model.isDetectingSubject(); }, 180000));
+    ASSERT_FALSE(model.subjectNotFound());
+    EXPECT_FALSE(model.errorMessage()) << qPrintable(*model.errorMessage());
+    EXPECT_NE(VisionEngine::loadedBackend(), VisionEngine::Backend::automatic);
+    EXPECT_EQ(qAlpha(model.processedImage().pixel(5, 5)), 0) << "the table top is gone";
+    EXPECT_EQ(qAlpha(model.processedImage().pixel(240, 110)), 255) << "the coffee stays";
 }

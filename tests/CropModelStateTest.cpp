@@ -303,8 +303,7 @@ TEST_F(ModelTest, KeyingOnPicksWhiteWithoutASubjectNetwork) {
                                 ++computed;
                                 return std::optional<QImage>();
                             },
-                            [] { return QString(); },
-                            nullptr});
+                            [] { return QString(); }, nullptr});
     openImages(1);
     model.setBgRemovalMode(BGRemovalMode::subject);
     model.setKeyWhiteEnabled(true);

@@ -52,8 +52,7 @@ CropModel::CutoutService cheapCutouts() {
                     memset(cut.scanLine(y), 0, size_t(cut.width() / 3) * 4);
                 return cut;
             },
-            [] { return QString(); },
-            nullptr};
+            [] { return QString(); }, nullptr};
 }
 
 } // namespace

@@ -34,6 +34,8 @@ struct FakeCutouts {
     std::atomic<int> calls{0};
     std::atomic<bool> findsNothing{false};
     std::atomic<bool> open{false};
+    std::atomic<int> prepared{0};
+    QString problem; // what the service says is wrong with its network; set before use
 
     CropModel::CutoutService service() {
         return {[] { return true; },
@@ -46,8 +48,7 @@ struct FakeCutouts {
                         std::memset(cut.scanLine(y), 0, size_t(cut.width() / 2) * 4);
                     return cut;
                 },
-                [] { return QString(); },
-                nullptr};
+                [this] { return problem; }, [this] { ++prepared; }};
     }
     void release(int n = 1) { gate.release(n); }
 };
@@ -59,11 +60,6 @@ bool sameBytes(const QImage& a, const QImage& b) {
     for (int r = 0; r < x.height(); ++r)
         if (std::memcmp(x.constScanLine(r), y.constScanLine(r), size_t(x.width()) * 4) != 0) return false;
     return true;
-}
-
-QString testPhoto(const QString& name) {
-    const QString dir = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation);
-    return dir + QStringLiteral("/cutlark/testdata/") + name;
 }
 
 class CutoutTest : public ::testing::Test {
@@ -118,6 +114,40 @@ TEST_F(CutoutTest, KeyingOnChoosesTheModeFromTheEdges) {
     empty.setBgRemovalMode(BGRemovalMode::subject);
     empty.setKeyWhiteEnabled(true);
     EXPECT_EQ(empty.bgRemovalMode(), BGRemovalMode::white) << "without an active item";
+}
+
+TEST_F(CutoutTest, TheNetworkIsPreparedOnlyWhenSubjectModeIsChosen) {
+    openTwo();
+    model.setKeyWhiteEnabled(false);
+    model.setBgRemovalMode(BGRemovalMode::white);
+    EXPECT_EQ(fake.prepared, 0) << "opening and white keying need no network";
+    model.setBgRemovalMode(BGRemovalMode::subject);
+    EXPECT_EQ(fake.prepared, 1) << "chosen while keying is off: loaded ahead of the cutout";
+    EXPECT_EQ(fake.calls, 0);
+    model.setKeyWhiteEnabled(true);
+    EXPECT_TRUE(model.isDetectingSubject()) << "the cutout itself starts now";
+    EXPECT_EQ(fake.prepared, 1) << "and loads the network if it isn't yet";
+}
+
+TEST_F(CutoutTest, ANetworkThatCantBeLoadedIsNamedRatherThanFindingNoSubject) {
+    fake.findsNothing = true;
+    fake.open = true;
+    fake.problem = QStringLiteral("“/c/isnet-medium-fp32.onnx” is damaged (it isn’t the file Cutlark "
+                                  "fetched); delete it and run scripts/setup.sh (or ./run.sh) to fetch it");
+    openTwo();
+    model.setKeyWhiteEnabled(true);
+    ASSERT_TRUE(waitUntil([&] { return !model.isDetectingSubject(); }));
+    EXPECT_EQ(model.errorMessage(), fake.problem);
+    EXPECT_EQ(model.processedImage().size(), QSize(40, 30)) << "the picture goes on as it was";
+
+    // A cutout that came (ONNX Runtime refused, OpenCV ran it) is kept, and why it was slow is said.
+    fake.findsNothing = false;
+    fake.problem = QStringLiteral("“/c/libonnxruntime.so.1” is damaged");
+    model.select(model.items()[1].id);
+    model.setKeyWhiteEnabled(true);
+    ASSERT_TRUE(waitUntil([&] { return !model.isDetectingSubject(); }));
+    EXPECT_FALSE(model.subjectNotFound());
+    EXPECT_EQ(model.noticeMessage(), fake.problem);
 }
 
 TEST_F(CutoutTest, WhileComputingTheImageStaysUnkeyedThenTheCutoutArrives) {
@@ -450,9 +480,9 @@ TEST_F(RealNetwork, TheModelCutsOutTheCupOfARealPhotograph) {
 }
 
 TEST_F(CutoutTest, ACutoutThatRunsOutOfMemoryCountsAsNoSubject) {
-    model.setCutoutService(
-        {[] { return true; }, [](const QImage&) -> std::optional<QImage> { throw std::bad_alloc(); },
-         [] { return QString(); }, nullptr});
+    model.setCutoutService({[] { return true; },
+                            [](const QImage&) -> std::optional<QImage> { throw std::bad_alloc(); },
+                            [] { return QString(); }, nullptr});
     openTwo();
     model.setBgRemovalMode(BGRemovalMode::subject);
     model.setKeyWhiteEnabled(true);

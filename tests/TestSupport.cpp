@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QPainter>
+#include <QStandardPaths>
 #include <QSvgRenderer>
 
 #include <QBuffer>
@@ -210,6 +211,11 @@ ChangeCounter::ChangeCounter(CropModel& model) {
 
 ChangeCounter::~ChangeCounter() {
     QObject::disconnect(m_connection);
+}
+
+QString testPhoto(const QString& name) {
+    const QString dir = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation);
+    return dir + QStringLiteral("/cutlark/testdata/") + name;
 }
 
 bool waitUntil(const std::function<bool()>& done, int milliseconds) {

@@ -46,6 +46,9 @@ QByteArray animatedGif();
 /// Writes a PNG of `image` into `dir` under `name` and returns its path (empty on failure).
 QString savePng(const QTemporaryDir& dir, const QString& name, const QImage& image);
 
+/// A photograph the set-up fetches into the cache folder (`coffee.png`, `rocket.jpg`, …).
+QString testPhoto(const QString& name);
+
 /// Lets the event loop run until `done` holds; false when `milliseconds` pass first.
 bool waitUntil(const std::function<bool()>& done, int milliseconds = 120000);
 

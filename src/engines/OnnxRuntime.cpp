@@ -157,7 +157,7 @@ bool ensureLoaded(Library& l) {
     l.version = version;
     void* env = nullptr;
     QString failed = take(l, entry<Status (*)(int, const char*, void**) noexcept>(l, kCreateEnv)(
-                                       kLoggingError, "cutlark", &env));
+                                 kLoggingError, "cutlark", &env));
     if (!failed.isEmpty() || !env) {
         l.error = failed;
         return false; // the library stays loaded; nothing of it is used
