@@ -1191,3 +1191,57 @@ TEST_F(CliTest, RunningOutOfMemoryNeverEndsTheProcessWithASignal) {
             << megabytes << " MB: " << run.exitCode << " " << qPrintable(run.err);
     }
 }
+
+TEST_F(CliTest, ADamagedNetworkOrRuntimeInTheCacheIsNamedNeverCrashedOn) {
+    const QString cache = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation);
+    const QString network = cache + QStringLiteral("/cutlark/isnet-medium-fp32.onnx");
+    const QString runtime = cache + QStringLiteral("/cutlark/libonnxruntime.so.1");
+    ASSERT_TRUE(QFileInfo::exists(network) && QFileInfo::exists(runtime)) << "the set-up fetches both";
+    QTemporaryDir other;
+    ASSERT_TRUE(QDir(other.path()).mkpath(QStringLiteral("cutlark")));
+    const QString ownNetwork = other.filePath(QStringLiteral("cutlark/isnet-medium-fp32.onnx"));
+    const QString ownRuntime = other.filePath(QStringLiteral("cutlark/libonnxruntime.so.1"));
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("XDG_CACHE_HOME"), other.path());
+    const QString photo = savePng(m_dir, QStringLiteral("photo.png"), coordinates(64, 48));
+    const QStringList subject = {QStringLiteral("process"),          QStringLiteral("--overwrite"),
+                                 QStringLiteral("--set"),            QStringLiteral("keyWhiteEnabled=true"),
+                                 QStringLiteral("--set"),            QStringLiteral("bgRemovalMode=subject"),
+                                 photo};
+
+    // A runtime cut short (it made the loader fault): the network runs without it, and says why.
+    ASSERT_TRUE(QFile::link(network, ownNetwork));
+    QFile whole(runtime);
+    ASSERT_TRUE(whole.open(QIODevice::ReadOnly));
+    writeBytes(ownRuntime, whole.read(1 << 20));
+    CliRun run = cli(subject, environment);
+    EXPECT_EQ(run.exitCode, 0) << qPrintable(run.err);
+    ASSERT_EQ(run.lines.size(), 1);
+    EXPECT_TRUE(QFileInfo::exists(path(QStringLiteral("photo-out.png"))));
+#if !defined(__SANITIZE_THREAD__) // ThreadSanitizer's builds never load ONNX Runtime
+    EXPECT_EQ(run.lines[0].value(QStringLiteral("notice")).toString(),
+              QStringLiteral("“%1” is damaged (it isn’t the file Cutlark fetched); delete it and run "
+                             "scripts/setup.sh (or ./run.sh) to fetch it")
+                  .arg(ownRuntime));
+#endif
+
+    // Random bytes for the runtime (they smashed the loader's stack) and a network cut short (it
+    // read as "not installed"): the network's file is named, nothing is written, nothing crashes.
+    QByteArray noise(300000, Qt::Uninitialized);
+    for (qsizetype i = 0; i < noise.size(); ++i)
+        noise[i] = char((i * 2654435761u) >> 13);
+    writeBytes(ownRuntime, noise);
+    ASSERT_TRUE(QFile::remove(ownNetwork));
+    QFile fullNetwork(network);
+    ASSERT_TRUE(fullNetwork.open(QIODevice::ReadOnly));
+    writeBytes(ownNetwork, fullNetwork.read(2 << 20));
+    ASSERT_TRUE(QFile::remove(path(QStringLiteral("photo-out.png"))));
+    run = cli(subject, environment);
+    EXPECT_EQ(run.exitCode, 1) << qPrintable(run.err);
+    ASSERT_EQ(run.lines.size(), 1);
+    EXPECT_EQ(run.lines[0].value(QStringLiteral("error")).toString(),
+              QStringLiteral("subject mode can’t run: “%1” is damaged (it isn’t the file Cutlark fetched); "
+                             "delete it and run scripts/setup.sh (or ./run.sh) to fetch it")
+                  .arg(ownNetwork));
+    EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("photo-out.png"))));
+}
