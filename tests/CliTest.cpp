@@ -1204,9 +1204,12 @@ TEST_F(CliTest, ADamagedNetworkOrRuntimeInTheCacheIsNamedNeverCrashedOn) {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("XDG_CACHE_HOME"), other.path());
     const QString photo = savePng(m_dir, QStringLiteral("photo.png"), coordinates(64, 48));
-    const QStringList subject = {QStringLiteral("process"),          QStringLiteral("--overwrite"),
-                                 QStringLiteral("--set"),            QStringLiteral("keyWhiteEnabled=true"),
-                                 QStringLiteral("--set"),            QStringLiteral("bgRemovalMode=subject"),
+    const QStringList subject = {QStringLiteral("process"),
+                                 QStringLiteral("--overwrite"),
+                                 QStringLiteral("--set"),
+                                 QStringLiteral("keyWhiteEnabled=true"),
+                                 QStringLiteral("--set"),
+                                 QStringLiteral("bgRemovalMode=subject"),
                                  photo};
 
     // A runtime cut short (it made the loader fault): the network runs without it, and says why.

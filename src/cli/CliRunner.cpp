@@ -451,28 +451,28 @@ std::optional<int> CliRunner::takeStandardInput(QStringList& inputs, ScratchFold
         std::fprintf(m_err, "cutlark-cli: can’t read standard input\n");
         return 1;
     }
-    QByteArray bytes;
-    for (;;) {
-        const QByteArray chunk = in.read(1 << 20);
-        if (chunk.isEmpty()) break;
-        bytes += chunk;
-        if (bytes.size() > kMaxStandardInput) {
-            std::fprintf(m_err,
-                         "cutlark-cli: standard input holds more than 1 GB; give the picture as a file\n");
-            return 1;
-        }
+    // The head says what the picture is; the rest goes straight to the private file, a slice at a
+    // time, so that a stream of any length costs one slice of memory.
+    QByteArray head;
+    while (head.size() < 64 * 1024) { // a pipe may hand over a few bytes at a time
+        const QByteArray more = in.read(64 * 1024 - head.size());
+        if (more.isEmpty()) break;
+        head += more;
     }
-    if (bytes.isEmpty()) {
+    if (head.isEmpty()) {
         std::fprintf(m_err, "cutlark-cli: -: standard input is empty\n");
         return 1;
     }
     // Named for what it holds, so the result keeps its type as a file's would.
-    QString extension = ImageFile::preferredExtension(QMimeDatabase().mimeTypeForData(bytes).name());
+    QString extension = ImageFile::preferredExtension(QMimeDatabase().mimeTypeForData(head).name());
     if (extension.isEmpty()) extension = QStringLiteral("bin");
     const QString folder = scratch.path();
     const QString name = QStringLiteral("stdin.") + extension;
-    if (folder.isEmpty() || !PrivateDir::writeNew(folder, name, bytes)) {
-        std::fprintf(m_err, "cutlark-cli: can’t keep standard input in a private temporary folder\n");
+    bool tooLarge = false;
+    if (folder.isEmpty() || !PrivateDir::streamNew(folder, name, head, in, kMaxStandardInput, tooLarge)) {
+        std::fputs(tooLarge ? "cutlark-cli: standard input holds more than 1 GB; give the picture as a file\n"
+                            : "cutlark-cli: can’t keep standard input in a private temporary folder\n",
+                   m_err);
         return 1;
     }
     copy = QDir(folder).filePath(name);
@@ -657,6 +657,18 @@ int CliRunner::runTrace(const CliOptions& options) {
     if (auto code = takeStandardInput(inputs, scratch, stdinCopy)) return *code;
     const QString input = inputs.first();
     const QString shownInput = input == stdinCopy ? QStringLiteral("-") : input;
+    if (!options.toStdout) {
+        // Never over an input, and over an existing file only when asked; checked before any work.
+        const QFileInfo target(options.svgPath);
+        if (target.exists() &&
+            (target.canonicalFilePath() == QFileInfo(input).canonicalFilePath() || !options.overwrite)) {
+            const bool isInput = target.canonicalFilePath() == QFileInfo(input).canonicalFilePath();
+            std::fprintf(m_err, "cutlark-cli: %s: “%s” %s; nothing was written\n", qPrintable(shownInput),
+                         qPrintable(options.svgPath),
+                         isInput ? "is the input itself" : "exists already (give --overwrite to replace it)");
+            return 1;
+        }
+    }
     CropModel model;
     model.setSynchronousWork(true);
     model.setDetectsCollages(false);

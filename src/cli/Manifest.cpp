@@ -19,10 +19,18 @@ Manifest::~Manifest() {
 }
 
 std::optional<Manifest> Manifest::open(const QString& path, QString& error) {
-    const int fd =
-        ::open(QFile::encodeName(path).constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0) {
         error = QString::fromLocal8Bit(std::strerror(errno));
+        return std::nullopt;
+    }
+    // A run killed mid-line left a line without its end: it is ended here, so the next record
+    // starts a line of its own rather than being glued to the broken one.
+    const off_t size = ::lseek(fd, 0, SEEK_END);
+    char last = '\n';
+    if (size > 0 && ::pread(fd, &last, 1, size - 1) == 1 && last != '\n' && ::write(fd, "\n", 1) != 1) {
+        error = QString::fromLocal8Bit(std::strerror(errno));
+        ::close(fd);
         return std::nullopt;
     }
     return Manifest(fd);

@@ -1,6 +1,7 @@
 // GIF writing: Qt reads GIF but can't write it. The palette comes from libimagequant (pngquant's
 // engine), the file from giflib.
 #include "model/ImageCodecs.h"
+#include "support/GrowingBuffer.h"
 
 #include <QByteArray>
 #include <QImage>
@@ -8,6 +9,7 @@
 #include <gif_lib.h>
 #include <libimagequant.h>
 
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -22,9 +24,9 @@ struct LiqDeleter {
 };
 template <typename T> using Liq = std::unique_ptr<T, LiqDeleter>;
 
+// giflib takes fewer bytes written than asked for as its own write error.
 int appendToBytes(GifFileType* gif, const GifByteType* data, int length) {
-    static_cast<QByteArray*>(gif->UserData)->append(reinterpret_cast<const char*>(data), length);
-    return length;
+    return static_cast<GrowingBuffer*>(gif->UserData)->append(data, size_t(std::max(length, 0))) ? length : 0;
 }
 
 // GIF has one transparent colour and nothing in between: what is at least half opaque is drawn in
@@ -90,7 +92,7 @@ QByteArray encodeGif(const QImage& source) {
         GifMakeMapObject(tableSize, colours.data()), GifFreeMapObject);
     if (!map) return QByteArray();
 
-    QByteArray bytes;
+    GrowingBuffer bytes;
     int error = 0;
     GifFileType* gif = EGifOpen(&bytes, appendToBytes, &error);
     if (!gif) return QByteArray();
@@ -115,7 +117,7 @@ QByteArray encodeGif(const QImage& source) {
         if (EGifPutLine(gif, indices.data() + size_t(y) * size_t(w), w) != GIF_OK) return fail();
     }
     if (EGifCloseFile(gif, &error) != GIF_OK) return QByteArray();
-    return bytes;
+    return bytes.bytes();
 }
 
 } // namespace cutlark::ImageCodecs

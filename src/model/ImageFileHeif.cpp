@@ -2,6 +2,7 @@
 #include "model/ImageCodecs.h"
 
 #include "engines/PixelOps.h"
+#include "support/GrowingBuffer.h"
 
 #include <libheif/heif.h>
 
@@ -461,14 +462,11 @@ std::optional<ImageFile::Loaded> decodeHeif(const QByteArray& bytes, const QStri
 
 namespace {
 
-struct HeifWriteTarget {
-    QByteArray* bytes;
-};
-
-heif_error writeToByteArray(heif_context*, const void* data, size_t size, void* userdata) {
-    auto* target = static_cast<HeifWriteTarget*>(userdata);
-    target->bytes->append(static_cast<const char*>(data), qsizetype(size));
-    return heif_error{heif_error_Ok, heif_suberror_Unspecified, "ok"};
+// A refused allocation becomes libheif's own write error, never an exception through its frames.
+heif_error writeToBuffer(heif_context*, const void* data, size_t size, void* userdata) {
+    if (static_cast<GrowingBuffer*>(userdata)->append(data, size))
+        return heif_error{heif_error_Ok, heif_suberror_Unspecified, "ok"};
+    return heif_error{heif_error_Memory_allocation_error, heif_suberror_Unspecified, "out of memory"};
 }
 
 } // namespace
@@ -533,13 +531,12 @@ QByteArray encodeHeif(const QImage& source, int quality, const QByteArray& exif,
     if (!xmp.isEmpty())
         heif_context_add_XMP_metadata(ctx.get(), handle.get(), xmp.constData(), int(xmp.size()));
 
-    QByteArray out;
-    HeifWriteTarget target{&out};
+    GrowingBuffer out;
     heif_writer writer{};
     writer.writer_api_version = 1;
-    writer.write = writeToByteArray;
-    if (heif_context_write(ctx.get(), &writer, &target).code != heif_error_Ok) return QByteArray();
-    return out;
+    writer.write = writeToBuffer;
+    if (heif_context_write(ctx.get(), &writer, &out).code != heif_error_Ok) return QByteArray();
+    return out.bytes();
 }
 
 ImageMetadata::Blocks heifMetadata(const QByteArray& bytes) {

@@ -1,5 +1,6 @@
 #include "support/AtomicFile.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <QSaveFile>
 
@@ -7,6 +8,7 @@
 #include <cstring>
 #include <mutex>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace cutlark::AtomicFile {
@@ -27,6 +29,17 @@ bool allowed(Step step, const QString& path) {
     std::lock_guard lock(g_injectorMutex);
     return !g_injector || g_injector(step, path);
 }
+// A file written over keeps its owner, group and mode: root saving another user's picture in place
+// must not take it over, and a 0640 file must not become world-readable. A change the caller may
+// not make (another owner, a group it isn't in) is left; the file then is the caller's, as any
+// file it writes anew.
+void keepOwnership(const QString& path, int handle) {
+    struct stat st {};
+    if (handle < 0 || ::stat(QFile::encodeName(path).constData(), &st) != 0 || !S_ISREG(st.st_mode)) return;
+    (void)::fchown(handle, st.st_uid, st.st_gid);
+    (void)::fchmod(handle, st.st_mode & 07777);
+}
+
 } // namespace
 
 void setFaultInjector(std::function<bool(Step, const QString&)> injector) {
@@ -67,6 +80,7 @@ bool write(const QString& path, const QByteArray& bytes) {
     errno = 0;
     if (!file.flush()) return abandon(why());
     if (::fsync(file.handle()) != 0) return abandon(QString::fromLocal8Bit(std::strerror(errno)));
+    keepOwnership(path, file.handle());
     if (!allowed(Step::rename, path)) return abandon(QStringLiteral("refused by a test"));
     errno = 0;
     if (!file.commit()) return failed(why()); // renames over the target

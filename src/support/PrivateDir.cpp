@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QIODevice>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -41,24 +42,62 @@ QString ensure(const QString& path) {
     return isPrivate(path) ? path : QString();
 }
 
-bool writeNew(const QString& folder, const QString& name, const QByteArray& bytes) {
-    if (!isPrivate(folder) || name.contains(QLatin1Char('/'))) return false;
-    const QByteArray path = QFile::encodeName(QDir(folder).filePath(name));
-    const int fd = open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) return false;
+namespace {
+
+bool writeAll(int fd, const char* data, qsizetype size) {
     qsizetype written = 0;
-    while (written < bytes.size()) {
-        const ssize_t n = write(fd, bytes.constData() + written, size_t(bytes.size() - written));
+    while (written < size) {
+        const ssize_t n = write(fd, data + written, size_t(size - written));
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
+        if (n <= 0) return false;
         written += n;
     }
-    const bool ok = written == bytes.size() && fsync(fd) == 0;
+    return true;
+}
+
+int createNew(const QString& folder, const QString& name, QByteArray& path) {
+    if (!isPrivate(folder) || name.contains(QLatin1Char('/'))) return -1;
+    path = QFile::encodeName(QDir(folder).filePath(name));
+    return open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+}
+
+// Synced and closed; on any failure the file goes.
+bool finish(int fd, const QByteArray& path, bool ok) {
+    ok = ok && fsync(fd) == 0;
     if (close(fd) != 0 || !ok) {
         unlink(path.constData());
         return false;
     }
     return true;
+}
+
+} // namespace
+
+bool writeNew(const QString& folder, const QString& name, const QByteArray& bytes) {
+    QByteArray path;
+    const int fd = createNew(folder, name, path);
+    if (fd < 0) return false;
+    return finish(fd, path, writeAll(fd, bytes.constData(), bytes.size()));
+}
+
+bool streamNew(const QString& folder, const QString& name, const QByteArray& head, QIODevice& from,
+               qint64 limit, bool& tooLarge) {
+    tooLarge = head.size() > limit;
+    if (tooLarge) return false;
+    QByteArray path;
+    const int fd = createNew(folder, name, path);
+    if (fd < 0) return false;
+    bool ok = writeAll(fd, head.constData(), head.size());
+    qint64 total = head.size();
+    QByteArray slice(1 << 20, Qt::Uninitialized);
+    while (ok) {
+        const qint64 n = from.read(slice.data(), slice.size());
+        if (n == 0 || (n < 0 && from.atEnd())) break;
+        total += n;
+        tooLarge = total > limit;
+        ok = n > 0 && !tooLarge && writeAll(fd, slice.constData(), n);
+    }
+    return finish(fd, path, ok);
 }
 
 void remove(const QString& folder) {

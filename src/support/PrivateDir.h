@@ -3,6 +3,8 @@
 #include <QByteArray>
 #include <QString>
 
+class QIODevice;
+
 /// Places of the user's own for what the program writes outside the user's chosen files (dropped
 /// pictures, the single-instance socket). Other local users can neither read what is there nor
 /// put anything in its place: folders are made fresh with `mkdtemp` (mode 0700) or checked to be
@@ -29,6 +31,12 @@ bool isPrivate(const QString& path);
 /// Writes `bytes` to a new file `name` in `folder`, created with O_EXCL | O_NOFOLLOW and mode 0600:
 /// fails when anything of that name exists already, a link included.
 bool writeNew(const QString& folder, const QString& name, const QByteArray& bytes);
+
+/// The same for a stream: `head` (already read) and then what `from` holds until its end, read and
+/// written a slice at a time so that memory holds one slice. Fails, removing the file, when more
+/// than `limit` bytes come (`tooLarge` set) or anything can't be read or written.
+bool streamNew(const QString& folder, const QString& name, const QByteArray& head, QIODevice& from,
+               qint64 limit, bool& tooLarge);
 
 /// Removes the files directly in `folder` (links are removed, never followed) and then the folder.
 void remove(const QString& folder);
