@@ -266,8 +266,8 @@ QByteArray jpegClaimingSize(int width, int height) {
     throw std::runtime_error("no frame header");
 }
 
-QByteArray heicGrid(int columns, int rows, int tile, std::optional<QSize> canvas,
-                    std::optional<QSize> stated) {
+QByteArray heicGrid(int columns, int rows, int tile, std::optional<QSize> canvas, std::optional<QSize> stated,
+                    bool namesItself) {
     const CodedTile coded = encodeTile(tile);
     const QSize extent = canvas.value_or(QSize(columns * tile, rows * tile));
     const QSize claimed = stated.value_or(extent);
@@ -315,12 +315,13 @@ QByteArray heicGrid(int columns, int rows, int tile, std::optional<QSize> canvas
         be16(dimg, 1);
         be16(dimg, quint32(tiles));
         for (int id = 2; id <= 1 + tiles; ++id)
-            be16(dimg, quint32(id));
+            be16(dimg, quint32(namesItself && id == 2 ? 1 : id));
         QByteArray ipma;
         be32(ipma, quint32(1 + tiles));
         be16(ipma, 1);
-        ipma.append(char(1));
-        ipma.append(char(3)); // the grid: its stated size
+        ipma.append(char(namesItself ? 2 : 1));
+        ipma.append(char(3));                  // the grid: its stated size
+        if (namesItself) ipma.append(char(4)); // and a bit depth, as a decodable picture has
         for (int id = 2; id <= 1 + tiles; ++id) {
             be16(ipma, quint32(id));
             ipma.append(char(2));
@@ -339,7 +340,11 @@ QByteArray heicGrid(int columns, int rows, int tile, std::optional<QSize> canvas
                  id == 1 ? mdatData : mdatData + quint32(gridData.size())); // every tile is the same data
             be32(iloc, quint32(id == 1 ? gridData.size() : coded.data.size()));
         }
-        const QByteArray ipco = box("ipco", coded.hvcC + ispe(QSize(tile, tile)) + ispe(claimed));
+        QByteArray pixi;
+        pixi.append(char(3));
+        pixi.append(QByteArray(3, char(8)));
+        const QByteArray ipco =
+            box("ipco", coded.hvcC + ispe(QSize(tile, tile)) + ispe(claimed) + fullBox("pixi", 0, 0, pixi));
         return fullBox("meta", 0, 0,
                        fullBox("hdlr", 0, 0, hdlr) + fullBox("pitm", 0, 0, pitm) +
                            fullBox("iinf", 0, 0, iinf) + fullBox("iref", 0, 0, box("dimg", dimg)) +

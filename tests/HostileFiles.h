@@ -23,9 +23,10 @@ QByteArray jpegWithRepeatedScans(int width, int height, int extraScans);
 
 /// A HEIC image built on a grid of `columns` × `rows` copies of one coded tile of `tile` × `tile`.
 /// The grid's canvas is the tiles' extent, or `canvas` when given; the size the file states for the
-/// image (its `ispe`) is the canvas, or `stated` when given.
+/// image (its `ispe`) is the canvas, or `stated` when given. With `namesItself` the grid lists itself
+/// as its first tile.
 QByteArray heicGrid(int columns, int rows, int tile, std::optional<QSize> canvas = std::nullopt,
-                    std::optional<QSize> stated = std::nullopt);
+                    std::optional<QSize> stated = std::nullopt, bool namesItself = false);
 
 /// A JPEG of a small picture whose frame header claims `width` × `height`.
 QByteArray jpegClaimingSize(int width, int height);

@@ -205,6 +205,24 @@ TEST(HostileHeif, AGridDecodingPastTwoGigabytesIsRefusedBeforeLibheifSeesIt) {
     EXPECT_FALSE(ImageFile::loadFromData(hostile::heicGrid(2, 2, 64, QSize(256, 256), QSize(128, 128))));
 }
 
+TEST(HostileHeif, AGridThatIsOneOfItsOwnTilesIsRefusedBeforeLibheifFollowsIt) {
+    // libheif follows the grid into itself, a thread per tile at each level, until the machine runs
+    // out of memory or process slots.
+    const QByteArray itself = hostile::heicGrid(8, 8, 64, std::nullopt, std::nullopt, true);
+    const auto* data = reinterpret_cast<const uchar*>(itself.constData());
+    EXPECT_FALSE(ImageCodecs::heifDerivationIsSound(data, size_t(itself.size())));
+    std::optional<ImageFile::Loaded> loaded;
+    const qint64 growth = peakGrowthBytes([&] { loaded = ImageFile::loadFromData(itself); });
+    EXPECT_FALSE(loaded);
+    EXPECT_LT(growth, kSmallGrowth);
+    EXPECT_TRUE(ImageCodecs::heifMetadata(itself).isEmpty());
+    // The same grid with coded tiles only is sound, and opens.
+    const QByteArray plain = hostile::heicGrid(8, 8, 64);
+    EXPECT_TRUE(ImageCodecs::heifDerivationIsSound(reinterpret_cast<const uchar*>(plain.constData()),
+                                                   size_t(plain.size())));
+    EXPECT_TRUE(ImageFile::loadFromData(plain));
+}
+
 TEST(MemoryBudget, PicturesAreAdmittedWithTheirWorkAndHeldWhileTheyLive) {
     BudgetGuard guard;
     QTemporaryDir dir;

@@ -30,6 +30,7 @@ int main(int argc, char** argv) {
         {QStringLiteral("scan-bomb.jpg"), jpegWithRepeatedScans(8000, 8000, 20000)},
         {QStringLiteral("grid-bomb.heic"), heicGrid(91, 91, 256)},
         {QStringLiteral("grid-90.heic"), heicGrid(90, 90, 256)},
+        {QStringLiteral("grid-itself.heic"), heicGrid(8, 8, 64, std::nullopt, std::nullopt, true)},
         {QStringLiteral("claims-39000.jpg"), jpegClaimingSize(39000, 39000)},
     };
     for (const auto& [name, bytes] : files) {

@@ -50,6 +50,10 @@ int exifOrientation(const uchar* data, size_t size);
 /// doesn't tell them); absent when the boxes can't be read.
 std::optional<std::vector<QSize>> heifDerivedCanvases(const uchar* data, size_t size);
 
+/// False when a grid, overlay or identity item of a HEIF file is derived from itself or from another
+/// derived item (libheif follows such chains without end); true when nothing derived can be read.
+bool heifDerivationIsSound(const uchar* data, size_t size);
+
 /// HEIC and HEIF through libheif, refusing what libheif would decode past 2³¹ bytes.
 std::optional<ImageFile::Loaded> decodeHeif(const QByteArray& bytes, const QString& type,
                                             const ImageFile::LoadOptions& options);
