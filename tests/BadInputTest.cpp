@@ -77,7 +77,11 @@ TEST_F(BadInputTest, AMutationRunOverEveryTypeOpensOrIsRefusedCleanly) {
         ASSERT_TRUE(writeBytes(path(name), bytes));
         fresh.open({path(name)});
         if (fresh.items().empty()) {
-            EXPECT_EQ(fresh.errorMessage(), kOneBad);
+            // A header that claims far more pixels than the file could hold also says so.
+            ASSERT_TRUE(fresh.errorMessage());
+            EXPECT_TRUE(fresh.errorMessage() == kOneBad ||
+                        fresh.errorMessage()->startsWith(kOneBad + QStringLiteral(" “")))
+                << qPrintable(*fresh.errorMessage());
             ++refused;
         } else {
             ASSERT_EQ(fresh.items().size(), 1u);

@@ -4,6 +4,7 @@
 #include "TestSupport.h"
 
 #include "model/CropModel.h"
+#include "model/ImageCodecs.h"
 #include "model/ImageFile.h"
 
 #include <QBuffer>
@@ -164,6 +165,49 @@ TEST(ColorManagement, EveryTypeIsReadThroughItsProfile) {
     const auto loaded = ImageFile::loadFromData(qtEncode(sheet(bt2020()), "png"));
     ASSERT_TRUE(loaded);
     EXPECT_LE(distance(loaded->image, QPoint(120, 90), wide), 2);
+}
+
+TEST(ColorManagement, AProfileForOtherPixelsIsLeftOutAndAPngsOrientationApplied) {
+    // A grey profile on an RGB picture: applied, it shifted (129,71,112) to (188,146,182).
+    cmsToneCurve* gamma = cmsBuildGamma(nullptr, 1.8);
+    cmsHPROFILE grey = cmsCreateGrayProfile(cmsD50_xyY(), gamma);
+    cmsUInt32Number size = 0;
+    cmsSaveProfileToMem(grey, nullptr, &size);
+    QByteArray greyIcc(int(size), '\0');
+    cmsSaveProfileToMem(grey, greyIcc.data(), &size);
+    cmsCloseProfile(grey);
+    cmsFreeToneCurve(gamma);
+    const QImage flat = solid(6, 4, QColor(129, 71, 112));
+    const auto loaded =
+        ImageFile::loadFromData(hostile::pngWithChunks(flat, {{"iCCP", hostile::iccChunk(greyIcc)}}));
+    ASSERT_TRUE(loaded);
+    EXPECT_EQ(loaded->image.pixel(2, 2), qRgb(129, 71, 112)) << "read as sRGB, as viewers read it";
+    // A fitting profile still counts.
+    const auto p3 =
+        ImageFile::loadFromData(hostile::pngWithChunks(flat, {{"iCCP", hostile::iccChunk(displayP3())}}));
+    ASSERT_TRUE(p3);
+    EXPECT_NE(p3->image.pixel(2, 2), qRgb(129, 71, 112));
+
+    // eXIf orientation 6 (the picture is stored lying on its left side): a 6 × 4 file stands 4 × 6,
+    // its first stored row becoming its right column.
+    QImage marked = solid(6, 4, Qt::white);
+    marked.setPixelColor(0, 0, Qt::red);
+    for (int orientation : {1, 6, 8, 3}) {
+        const auto turned = ImageFile::loadFromData(
+            hostile::pngWithChunks(marked, {{"eXIf", hostile::exifStatingOrientation(orientation)}}));
+        ASSERT_TRUE(turned) << orientation;
+        const auto expected = ImageCodecs::upright(marked, orientation);
+        ASSERT_TRUE(expected);
+        EXPECT_EQ(turned->image.size(), expected->size()) << orientation;
+        for (int y = 0; y < expected->height(); ++y)
+            for (int x = 0; x < expected->width(); ++x)
+                ASSERT_EQ(turned->image.pixel(x, y), expected->pixel(x, y))
+                    << orientation << " at " << x << "," << y;
+    }
+    const auto six = ImageFile::loadFromData(
+        hostile::pngWithChunks(marked, {{"eXIf", hostile::exifStatingOrientation(6)}}));
+    EXPECT_EQ(six->image.size(), QSize(4, 6));
+    EXPECT_EQ(six->image.pixel(3, 0), qRgb(255, 0, 0)) << "the red corner goes to the top right";
 }
 
 TEST(ColorManagement, EveryStageAndEveryTypeWrittenKeepsTheColour) {

@@ -1,6 +1,9 @@
 #pragma once
 
 #include <QByteArray>
+#include <QImage>
+#include <QList>
+#include <QPair>
 #include <QSize>
 
 #include <optional>
@@ -14,6 +17,16 @@ namespace cutlark::test::hostile {
 
 /// A 1 × 1 PNG carrying `chunks` zTXt chunks that each inflate to `inflatedBytes` of text.
 QByteArray pngWithTextChunks(int chunks, int inflatedBytes);
+
+/// An 8-bit RGB PNG of `image` (alpha dropped) with `chunks` (type, payload) between its header and
+/// its pixels: a profile, an eXIf, text, whatever a test needs.
+QByteArray pngWithChunks(const QImage& image, const QList<QPair<QByteArray, QByteArray>>& chunks);
+
+/// The payload of an eXIf chunk (a big-endian TIFF structure) stating `orientation`.
+QByteArray exifStatingOrientation(int orientation);
+
+/// The payload of an iCCP chunk holding the profile `icc`.
+QByteArray iccChunk(const QByteArray& icc);
 
 /// A 1 × 1 PNG with one more chunk after the header that claims `length` bytes the file doesn't have.
 QByteArray pngClaimingChunk(quint32 length);
@@ -30,6 +43,23 @@ QByteArray heicGrid(int columns, int rows, int tile, std::optional<QSize> canvas
 
 /// A JPEG of a small picture whose frame header claims `width` × `height`.
 QByteArray jpegClaimingSize(int width, int height);
+
+/// An animated WebP whose canvas is `canvas`, holding one lossless frame of `frame` pixels.
+QByteArray animatedWebp(QSize canvas, QSize frame);
+
+/// A BMP of `width` × `height` 8-bit pixels compressed with RLE8 to a single end-of-picture code.
+QByteArray bmpRle(int width, int height);
+
+/// A grey PNG of `width` × `height` zeros: a few kilobytes per hundred megapixels.
+QByteArray flatPng(int width, int height);
+
+/// An XMP packet of `properties` distinct properties (an attribute each: the cheapest to write, the
+/// dearest to parse) and a title.
+QByteArray xmpPacket(int properties);
+
+/// A small picture carrying `xmp` as its XMP, in each container that can: "png" (iTXt), "webp"
+/// (an XMP chunk), "tiff" (tag 700) and "heic" (an XMP item).
+QByteArray pictureWithXmp(const char* container, const QByteArray& xmp);
 
 /// The file a libheif context writes, in memory.
 QByteArray writtenHeif(heif_context* context);

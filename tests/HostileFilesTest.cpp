@@ -5,11 +5,14 @@
 #include "model/CropModel.h"
 #include "model/ImageCodecs.h"
 #include "model/ImageFile.h"
+#include "model/ImageMetadata.h"
+#include "model/MetadataBlocks.h"
 #include "model/PngChunks.h"
 #include "support/MemoryBudget.h"
 
 #include <QBuffer>
 #include <QColorSpace>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QImageReader>
 #include <QImageWriter>
@@ -269,4 +272,111 @@ TEST(MemoryBudget, PicturesAreAdmittedWithTheirWorkAndHeldWhileTheyLive) {
     EXPECT_FALSE(MemoryBudget::waitHold(800, [&] { return ++asked < 3; })) << "waiting can be given up";
     first->release();
     EXPECT_TRUE(MemoryBudget::waitHold(800));
+}
+
+TEST(HostileSizes, PicturesOutOfAllProportionToTheirFileAreRefusedSayingHowToAllowThem) {
+    struct Case {
+        const char* name;
+        QByteArray bytes;
+        QSize claimed;
+    };
+    const QList<Case> cases = {
+        {"an RLE BMP of 1 KB", hostile::bmpRle(16000, 16000), QSize(16000, 16000)},
+        {"a PNG of one grey", hostile::flatPng(8000, 8000), QSize(8000, 8000)},
+        {"an animated WebP's canvas", hostile::animatedWebp(QSize(16383, 16383), QSize(1, 1)),
+         QSize(16383, 16383)},
+    };
+    // A picture of the size that any file may hold opens first, so that nothing it set lets the
+    // others through: a 6000² animation of one small frame opens as its first frame, on its canvas.
+    const auto animation = ImageFile::loadFromData(hostile::animatedWebp(QSize(6000, 6000), QSize(600, 400)));
+    ASSERT_TRUE(animation);
+    EXPECT_EQ(animation->image.size(), QSize(6000, 6000));
+    EXPECT_TRUE(ImageFile::lastRefusal().isEmpty());
+    for (const Case& c : cases) {
+        std::optional<ImageFile::Loaded> loaded;
+        const qint64 growth = peakGrowthBytes([&] { loaded = ImageFile::loadFromData(c.bytes); });
+        EXPECT_FALSE(loaded) << c.name;
+        EXPECT_LT(growth, kSmallGrowth) << c.name;
+        const qint64 megapixels = (qint64(c.claimed.width()) * c.claimed.height() + 999'999) / 1'000'000;
+        EXPECT_TRUE(ImageFile::lastRefusal().startsWith(
+            QStringLiteral("holds %1 × %2 pixels (%3 megapixels) in a file of ")
+                .arg(c.claimed.width())
+                .arg(c.claimed.height())
+                .arg(megapixels)))
+            << qPrintable(ImageFile::lastRefusal());
+        EXPECT_TRUE(
+            ImageFile::lastRefusal().endsWith(QStringLiteral("give --max-megapixels %1").arg(megapixels)));
+    }
+    // The rule: 40 megapixels from any file, 20 pixels per byte beyond; more when allowed.
+    EXPECT_EQ(ImageFile::allowedPixels(1000), ImageFile::kFreePixels);
+    EXPECT_EQ(ImageFile::allowedPixels(5'000'000), 100'000'000);
+    const QByteArray justOver = hostile::bmpRle(6400, 6400); // 41 megapixels in 1 KB
+    EXPECT_FALSE(ImageFile::loadFromData(justOver));
+    ImageFile::setMaxMegapixels(41);
+    const auto allowed = ImageFile::loadFromData(justOver);
+    ImageFile::setMaxMegapixels(0);
+    ASSERT_TRUE(allowed);
+    EXPECT_EQ(allowed->image.size(), QSize(6400, 6400));
+    EXPECT_FALSE(ImageFile::loadFromData(justOver)) << "and back to the rule";
+}
+
+TEST(HostilePng, ASizeProbeReadsTheHeaderAndNotTheText) {
+    // Four hundred chunks of 4 MB of text: Qt's reader inflated them all to say the size.
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("text.png"));
+    writeBytes(path, hostile::pngWithTextChunks(400, 4'000'000));
+    std::optional<QSize> size;
+    const qint64 growth = peakGrowthBytes([&] { size = ImageFile::probeSize(path); });
+    ASSERT_TRUE(size);
+    EXPECT_EQ(*size, QSize(1, 1));
+    EXPECT_LT(growth, kSmallGrowth);
+    writeBytes(path, hostile::pngClaimingChunk(100).left(20));
+    EXPECT_FALSE(ImageFile::probeSize(path)) << "a header cut short";
+}
+
+TEST(HostileMetadata, XmpTooLargeToParseIsLeftOutNamedInEveryContainer) {
+    // 150 000 distinct properties in 1.9 MB: libexiv2 took 459 s to parse them.
+    const QByteArray huge = hostile::xmpPacket(150000);
+    QTemporaryDir dir;
+    for (const char* container : {"png", "webp", "tiff", "heic"}) {
+        SCOPED_TRACE(container);
+        const QString path = dir.filePath(QStringLiteral("huge.") + QLatin1String(container));
+        writeBytes(path, hostile::pictureWithXmp(container, huge));
+        QBuffer file;
+        file.setData(readBytes(path));
+        file.open(QIODevice::ReadOnly);
+        const MetadataBlocks::Found found = MetadataBlocks::read(file);
+        EXPECT_TRUE(found.xmp.isEmpty());
+        ASSERT_EQ(found.leftOut.size(), 1) << qPrintable(found.leftOut.join(QStringLiteral("; ")));
+        EXPECT_TRUE(found.leftOut.front().startsWith(QStringLiteral("XMP of ")))
+            << qPrintable(found.leftOut.front());
+        // Carried over onto a result: left out, said, and quickly done.
+        QElapsedTimer timer;
+        timer.start();
+        QStringList leftOut;
+        const QByteArray result = ImageFile::encode(coordinates(8, 8), QStringLiteral("image/png"));
+        const QByteArray carried =
+            ImageMetadata::carryOver(path, result, QStringLiteral("image/png"), QSize(8, 8), &leftOut);
+        EXPECT_EQ(leftOut, found.leftOut);
+        EXPECT_LT(timer.elapsed(), 5000) << "bounded whatever the packet";
+        EXPECT_FALSE(carried.contains("example.com/my")) << "none of it in the result";
+    }
+    // Under the caps, XMP is carried as before: its title reaches the result.
+    const QString small = dir.filePath(QStringLiteral("small.png"));
+    writeBytes(small, hostile::pictureWithXmp("png", hostile::xmpPacket(40)));
+    QStringList leftOut;
+    const QByteArray carried =
+        ImageMetadata::carryOver(small, ImageFile::encode(coordinates(8, 8), QStringLiteral("image/png")),
+                                 QStringLiteral("image/png"), QSize(8, 8), &leftOut);
+    EXPECT_TRUE(leftOut.isEmpty());
+    EXPECT_TRUE(carried.contains("Harbour at dusk"));
+    // The count reads what parsing costs: each distinct property, but a list's items not at all.
+    const int thousand = MetadataBlocks::xmpProperties(hostile::xmpPacket(1000));
+    EXPECT_GE(thousand, 1000);
+    EXPECT_LE(thousand, 1020);
+    QByteArray bag = "<x:xmpmeta xmlns:x='adobe:ns:meta/'><rdf:RDF><rdf:Description><dc:subject><rdf:Bag>";
+    for (int i = 0; i < 1000; ++i)
+        bag += "<rdf:li>keyword</rdf:li>";
+    bag += "</rdf:Bag></dc:subject></rdf:Description></rdf:RDF></x:xmpmeta>";
+    EXPECT_LE(MetadataBlocks::xmpProperties(bag), 4);
 }

@@ -31,6 +31,18 @@ int main(int argc, char** argv) {
         {QStringLiteral("grid-bomb.heic"), heicGrid(91, 91, 256)},
         {QStringLiteral("grid-90.heic"), heicGrid(90, 90, 256)},
         {QStringLiteral("grid-itself.heic"), heicGrid(8, 8, 64, std::nullopt, std::nullopt, true)},
+        {QStringLiteral("text-497.png"), pngWithTextChunks(497, 4'000'000)},
+        {QStringLiteral("canvas-16383.webp"), animatedWebp(QSize(16383, 16383), QSize(1, 1))},
+        {QStringLiteral("animated-6000.webp"), animatedWebp(QSize(6000, 6000), QSize(600, 400))},
+        {QStringLiteral("rle-16000.bmp"), bmpRle(16000, 16000)},
+        {QStringLiteral("flat-16000.png"), flatPng(16000, 16000)},
+        {QStringLiteral("rle-6320.bmp"), bmpRle(6320, 6320)},
+        {QStringLiteral("xmp-150000.png"), pictureWithXmp("png", xmpPacket(150000))},
+        {QStringLiteral("xmp-150000.webp"), pictureWithXmp("webp", xmpPacket(150000))},
+        {QStringLiteral("xmp-150000.tiff"), pictureWithXmp("tiff", xmpPacket(150000))},
+        {QStringLiteral("xmp-150000.heic"), pictureWithXmp("heic", xmpPacket(150000))},
+        {QStringLiteral("xmp-4000.png"), pictureWithXmp("png", xmpPacket(4000))},
+        {QStringLiteral("flat-6320.png"), flatPng(6320, 6320)},
         {QStringLiteral("claims-39000.jpg"), jpegClaimingSize(39000, 39000)},
     };
     for (const auto& [name, bytes] : files) {

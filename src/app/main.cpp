@@ -1,4 +1,5 @@
 #include "app/SingleInstance.h"
+#include "model/ImageFile.h"
 #include "support/HugePages.h"
 #include "ui/ContentView.h"
 #include "ui/FileOpenInbox.h"
@@ -22,9 +23,14 @@ int main(int argc, char** argv) {
         }
         if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
             std::fputs(
-                "Usage: cutlark [FILE | FOLDER]...\n"
+                "Usage: cutlark [--max-megapixels N] [FILE | FOLDER]...\n"
                 "Opens the images (a folder: its images, in name order) in the Cutlark window, or\n"
                 "hands them to the window already open. A name that starts with \"-\" goes after \"--\".\n"
+                "\n"
+                "  --max-megapixels N  open pictures of up to N megapixels whatever their file's size\n"
+                "                      (without it: 40, or 20 pixels per byte of the file, whichever\n"
+                "                      is more); for the window this command starts\n"
+                "\n"
                 "For batches, see cutlark-cli --help.\n",
                 stdout);
             return 0;
@@ -42,8 +48,20 @@ int main(int argc, char** argv) {
     // What Qt didn't take is files; an option we don't know is a mistake, not a file to look for.
     QStringList files;
     bool onlyFiles = false;
-    for (const QString& arg : QApplication::arguments().mid(1)) {
-        if (!onlyFiles && arg == QLatin1String("--")) {
+    const QStringList arguments = QApplication::arguments().mid(1);
+    for (qsizetype i = 0; i < arguments.size(); ++i) {
+        const QString& arg = arguments[i];
+        const QString limit = QStringLiteral("--max-megapixels");
+        if (!onlyFiles && (arg == limit || arg.startsWith(limit + QLatin1Char('=')))) {
+            const QString value = arg == limit ? arguments.value(++i) : arg.mid(limit.size() + 1);
+            bool ok = false;
+            const double megapixels = value.toDouble(&ok);
+            if (!ok || !(megapixels >= 1 && megapixels <= 100000)) {
+                std::fprintf(stderr, "cutlark: --max-megapixels needs a number from 1 to 100000\n");
+                return 2;
+            }
+            cutlark::ImageFile::setMaxMegapixels(megapixels);
+        } else if (!onlyFiles && arg == QLatin1String("--")) {
             onlyFiles = true;
         } else if (!onlyFiles && arg.startsWith(QLatin1String("--"))) {
             std::fprintf(stderr, "cutlark: unknown option “%s”; see cutlark --help\n", qPrintable(arg));

@@ -61,6 +61,9 @@ QString CliOptions::usage(Command command) {
             "  --stdout, -o -      write the one result to standard output (the JSON then goes to\n"
             "                      standard error)\n"
             "  -j, --jobs N        images at once (default: the cores this process may use)\n"
+            "  --max-megapixels N  open pictures of up to N megapixels whatever their file's size\n"
+            "                      (without it: 40, or 20 pixels per byte of the file, whichever is\n"
+            "                      more, so that a small file can't claim gigabytes)\n"
             "  --shard K/N         only the K-th of N slices of the inputs (K from 0), the same slices\n"
             "                      on every machine: by a hash of each input's path relative to the\n"
             "                      folder given (or as given, for a file)\n"
@@ -107,8 +110,11 @@ QString CliOptions::usage(Command command) {
             "Example:\n"
             "  cutlark-cli split -o pieces/ scans/\n");
     case Command::info:
-        return QStringLiteral("Usage: cutlark-cli info INPUT...\n"
-                              "Prints each image's type and size as JSON, without changing anything.\n");
+        return QStringLiteral("Usage: cutlark-cli info [--max-megapixels N] INPUT...\n"
+                              "Prints each image's type and size as JSON, without changing anything.\n"
+                              "\n"
+                              "  --max-megapixels N  open pictures of up to N megapixels whatever their "
+                              "file's size\n");
     case Command::settings:
         return settingsHelp();
     case Command::help:
@@ -171,6 +177,8 @@ QString valueNeeded(const QString& option) {
         return QStringLiteral("--format needs one of png, jpeg, webp, tiff, heic, gif, bmp");
     if (option == QLatin1String("quality")) return QStringLiteral("--quality needs a number from 1 to 100");
     if (option == QLatin1String("shard")) return QStringLiteral("--shard needs K/N, K from 0 to N−1");
+    if (option == QLatin1String("max-megapixels"))
+        return QStringLiteral("--max-megapixels needs a number from 1 to 100000");
     return QStringLiteral("--%1 needs a file").arg(option);
 }
 
@@ -247,9 +255,13 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
     const QCommandLineOption toStdout(QStringLiteral("stdout"));
     const QCommandLineOption strip(QStringLiteral("strip"));
     const QCommandLineOption keepMetadata(QStringLiteral("keep-metadata"));
+    const QCommandLineOption maxMegapixels(QStringLiteral("max-megapixels"), QString(), QStringLiteral("N"));
     if (takesOptions)
         parser.addOptions({set, preset, output, jobs, format, quality, shard, manifest, resume, inPlace,
                            overwrite, toStdout, strip, keepMetadata});
+    // Every command that reads pictures takes the one option that decides which pictures it reads.
+    const bool readsPictures = takesOptions || out.command == Command::info;
+    if (readsPictures) parser.addOption(maxMegapixels);
     for (const QCommandLineOption* o : {&inPlace, &overwrite, &toStdout, &strip, &keepMetadata}) {
         const QString given = QStringLiteral("--") + o->names().first();
         for (const QString& a : arguments.mid(1)) {
@@ -270,7 +282,7 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
         // A value missing at the end of the line: the option's own message below says what it needs.
         const QString error = parser.errorText();
         for (const QCommandLineOption* o :
-             {&set, &preset, &output, &jobs, &format, &quality, &shard, &manifest, &resume})
+             {&set, &preset, &output, &jobs, &format, &quality, &shard, &manifest, &resume, &maxMegapixels})
             for (const QString& n : o->names())
                 if (error.contains(QLatin1Char('\'') +
                                    (n.size() == 1 ? QStringLiteral("-") : QStringLiteral("--")) + n +
@@ -289,6 +301,12 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
     // Only the commands that take options have them defined; asking the parser about one it doesn't
     // know makes Qt complain on standard error.
     bool metadataGiven = false;
+    if (readsPictures && parser.isSet(maxMegapixels)) {
+        bool ok = false;
+        const double n = parser.value(maxMegapixels).toDouble(&ok);
+        if (!ok || !(n >= 1 && n <= 100000)) return valueNeeded(QStringLiteral("max-megapixels"));
+        out.maxMegapixels = n;
+    }
     if (takesOptions) {
         for (const QString& v : parser.values(set)) {
             const qsizetype eq = v.indexOf(QLatin1Char('='));

@@ -30,6 +30,7 @@ struct CliOptions {
     QString manifestPath;                ///< --manifest FILE: one line per finished input
     QString resumePath;                  ///< --resume FILE: skip what it records as done
     int jobs = 0;                        ///< --jobs N; 0 until given: the cores this process may use
+    double maxMegapixels = 0;            ///< --max-megapixels N: pictures that big open whatever their file
     bool help = false;                   ///< --help after a command: that command's help
     QStringList inputs;
 

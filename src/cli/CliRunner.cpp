@@ -13,6 +13,7 @@
 #include "support/NaturalOrder.h"
 #include "support/OrderedWork.h"
 #include "support/PrivateDir.h"
+#include "support/RegularFile.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -190,8 +191,14 @@ QString whyNotOpened(const QString& path) {
     const QFileInfo info(path);
     if (!info.exists()) return QStringLiteral("no such file");
     if (info.isDir()) return QStringLiteral("a folder with no image cutlark opens");
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) return QStringLiteral("can’t be read: %1").arg(file.errorString());
+    const QString kind = RegularFile::otherKind(path);
+    if (!kind.isEmpty()) return QStringLiteral("not a regular file (%1); only files are opened").arg(kind);
+    QFile file;
+    if (!RegularFile::open(file, path)) {
+        QFile plain(path);
+        return QStringLiteral("can’t be read: %1")
+            .arg(plain.open(QIODevice::ReadOnly) ? QStringLiteral("unknown error") : plain.errorString());
+    }
     if (file.size() == 0) return QStringLiteral("an empty file");
     const QMimeType content = QMimeDatabase().mimeTypeForData(&file);
     for (const QString& type : ImageFile::acceptedTypes())
@@ -199,11 +206,11 @@ QString whyNotOpened(const QString& path) {
     return QStringLiteral("not an image type cutlark opens (%1)").arg(content.name());
 }
 
-/// Marks `outcome` failed with the model's `error`; `reason` says more for the person, when known.
-void failOpening(Outcome& outcome, const QString& input, const QString& error) {
+/// Marks `outcome` failed with the model's error; `reason` says more for the person, when known.
+void failOpening(Outcome& outcome, const QString& input, const CropModel& model) {
     outcome.failed = true;
-    outcome.json.insert(QStringLiteral("error"), error);
-    const QString reason = whyNotOpened(input);
+    outcome.json.insert(QStringLiteral("error"), model.errorMessage().value_or(QStringLiteral("can’t open")));
+    const QString reason = model.openRefusal().isEmpty() ? whyNotOpened(input) : model.openRefusal();
     if (!reason.isEmpty()) outcome.json.insert(QStringLiteral("reason"), reason);
 }
 
@@ -243,7 +250,7 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
 
     model.open({input});
     if (model.items().empty()) {
-        failOpening(outcome, input, model.errorMessage().value_or(QStringLiteral("can’t open")));
+        failOpening(outcome, input, model);
         return outcome;
     }
     // The settings, then the sizes given by name written again as a person would type them (so that
@@ -307,11 +314,13 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
     // Written here rather than through the model's save actions: the same save rules (type, quality
     // as the source stored it), plus the source's metadata, and nothing is rebuilt once the file is out.
     const bool carry = !options.strip && ImageMetadata::canCarry(type);
+    QStringList leftOut; // metadata too large to carry, named in the notice
     const ImageMetadata::Blocks blocks = carry && ImageMetadata::carriedByEncoder(type)
-                                             ? ImageMetadata::forResult(sourcePath, result.size())
+                                             ? ImageMetadata::forResult(sourcePath, result.size(), &leftOut)
                                              : ImageMetadata::Blocks{};
     QByteArray bytes = ImageFile::encode(result, choice.type, item->storage, options.quality, blocks);
-    if (!bytes.isEmpty() && carry) bytes = ImageMetadata::carryOver(sourcePath, bytes, type, result.size());
+    if (!bytes.isEmpty() && carry)
+        bytes = ImageMetadata::carryOver(sourcePath, bytes, type, result.size(), &leftOut);
     const QString cantWrite = QStringLiteral("Couldn’t write to “%1”.").arg(QFileInfo(target).fileName());
     if (bytes.isEmpty()) return fail(cantWrite);
     // Written and synced on a thread of its own, so that the worker's core computes the next image
@@ -344,6 +353,9 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
     outcome.json.insert(QStringLiteral("type"), type);
     QStringList notices = run.idle;
     if (model.noticeMessage()) notices << *model.noticeMessage();
+    if (!leftOut.isEmpty())
+        notices << QStringLiteral("the input’s %1 left out: more than a result carries")
+                       .arg(leftOut.join(QStringLiteral(", ")));
     // A damaged runtime only slows the cutout down (OpenCV ran it); said once per result.
     if (model.wantsVision() && !VisionEngine::runtimeProblem().isEmpty() &&
         !notices.contains(VisionEngine::runtimeProblem()))
@@ -361,7 +373,7 @@ Outcome infoOne(const QString& input) {
     model.open({input});
     const CropModel::Item* item = model.active();
     if (!item) {
-        failOpening(outcome, input, model.errorMessage().value_or(QStringLiteral("can’t open")));
+        failOpening(outcome, input, model);
         return outcome;
     }
     outcome.json.insert(QStringLiteral("width"), double(item->buffer.width()));
@@ -533,6 +545,7 @@ int CliRunner::run(const QStringList& arguments) {
         std::fputs(qPrintable(CliOptions::usage(options.command)), m_out);
         return 0;
     }
+    ImageFile::setMaxMegapixels(options.maxMegapixels); // before any picture is read
     switch (options.command) {
     case CliOptions::Command::version:
         std::fputs(qPrintable(CliOptions::version()), m_out);
@@ -675,7 +688,7 @@ int CliRunner::runTrace(const CliOptions& options) {
     model.setMakesThumbnails(false);
     model.open({input});
     if (model.items().empty()) {
-        const QString reason = whyNotOpened(input);
+        const QString reason = model.openRefusal().isEmpty() ? whyNotOpened(input) : model.openRefusal();
         std::fprintf(m_err, "cutlark-cli: %s: %s\n", qPrintable(shownInput),
                      qPrintable(!reason.isEmpty()
                                     ? reason
@@ -741,7 +754,7 @@ int CliRunner::runSplit(const CliOptions& options) {
         model.open({input});
         if (model.items().empty()) {
             Outcome o;
-            failOpening(o, input, model.errorMessage().value_or(QStringLiteral("can’t open")));
+            failOpening(o, input, model);
             json = o.json;
             failures << failureLine(input, json);
         } else if (model.collageRects().size() < 2) {

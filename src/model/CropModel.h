@@ -179,6 +179,11 @@ public:
     const QImage& processedImage() const {
         return m_processedImage;
     }
+    /// Why the last `open` couldn't open a file, when there is more to say than that it isn't a
+    /// picture (a picture out of all proportion to its file): “name” and the reason; else empty.
+    const QString& openRefusal() const {
+        return m_openRefusal;
+    }
     std::optional<QString> errorMessage() const {
         return m_errorMessage;
     }
@@ -328,10 +333,13 @@ private:
         std::optional<CropEngine::Buffer> buffer;
         QByteArray encoded;
         QImage thumbnail;
+        QString refusal; ///< why the loader refused the file, when it says more than "can't open"
     };
     /// Brings the pixels of `item` back from its bytes; false when it has neither pixels nor bytes
     /// or they don't decode (the budget is full).
     bool restorePixels(Item& item);
+    /// `message` with the first refusal of the open that made it, when there was one.
+    QString withRefusal(const QString& message) const;
     /// The active item decoded at once, its neighbours soon (on the thread pool, or at once in
     /// synchronous mode), every other item's pixels let go of where its bytes can bring them back.
     void settleDecoded();
@@ -421,6 +429,7 @@ private:
     std::optional<QRectF> m_activeContentRect;
     QImage m_processedImage;
     std::optional<QString> m_errorMessage;
+    QString m_openRefusal;
     std::optional<QString> m_saveConfirmation;
     std::optional<QString> m_noticeMessage;
     QList<QRectF> m_collageRects;

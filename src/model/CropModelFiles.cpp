@@ -6,6 +6,7 @@
 #include "support/HandOff.h"
 #include "support/NaturalOrder.h"
 #include "support/OrderedWork.h"
+#include "support/RegularFile.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -100,6 +101,11 @@ QString CropModel::skipMessage(int count) const {
     return tr("%1 files couldn’t be opened.").arg(count);
 }
 
+QString CropModel::withRefusal(const QString& message) const {
+    // The plain count, and for a picture refused for its size what it is and how to allow it.
+    return m_openRefusal.isEmpty() ? message : message + QLatin1Char(' ') + m_openRefusal + QLatin1Char('.');
+}
+
 void CropModel::open(const QStringList& paths) {
     // A progress panel keeps events flowing while files decode, so a second open (a drop, a file
     // handed over by another launch) can arrive inside this one: it waits its turn.
@@ -135,18 +141,18 @@ bool CropModel::decodeAll(std::vector<DecodedFile>& candidates) {
     const bool thumbnails = m_makesThumbnails;
     OrderedWork<DecodedFile> work(
         total, QThread::idealThreadCount(), [paths, options, decode, keepBytes, thumbnails](int i) {
-            DecodedFile d{paths[i], std::nullopt, std::nullopt, QByteArray(), QImage()};
+            DecodedFile d{paths[i], std::nullopt, std::nullopt, QByteArray(), QImage(), QString()};
             try {
                 if (keepBytes) {
-                    QFile file(d.path);
-                    if (QFileInfo(d.path).isFile() && file.size() <= kMaxKeptFileBytes &&
-                        file.open(QIODevice::ReadOnly))
+                    QFile file;
+                    if (RegularFile::open(file, d.path) && file.size() <= kMaxKeptFileBytes)
                         d.encoded = file.readAll();
                     d.loaded = d.encoded.isEmpty() ? decode(d.path, options)
                                                    : ImageFile::loadFromData(d.encoded, options);
                 } else {
                     d.loaded = decode(d.path, options);
                 }
+                d.refusal = ImageFile::lastRefusal();
                 if (d.loaded) d.buffer = CropEngine::Buffer::make(d.loaded->image);
                 if (d.buffer && thumbnails) d.thumbnail = thumbnailOf(d.buffer->cgImage());
                 if (d.buffer && !d.encoded.isEmpty() && i > kDecodedNeighbours) {
@@ -191,15 +197,19 @@ void CropModel::openNow(const QStringList& paths) {
     int skipped = unnamableChildren(paths);
     for (const QString& path : list) {
         if (passesTypeTest(path))
-            candidates.push_back(DecodedFile{path, std::nullopt, std::nullopt, QByteArray(), QImage()});
+            candidates.push_back(
+                DecodedFile{path, std::nullopt, std::nullopt, QByteArray(), QImage(), QString()});
         else
             ++skipped;
     }
     if (!candidates.empty() && !decodeAll(candidates)) return; // cancelled: the queue stays as it was
     std::vector<Item> fresh;
+    m_openRefusal.clear();
     for (const DecodedFile& d : candidates) {
         if (!d.loaded || !d.buffer) {
             ++skipped;
+            if (m_openRefusal.isEmpty() && !d.refusal.isEmpty())
+                m_openRefusal = QStringLiteral("“%1” %2").arg(fileName(d.path), d.refusal);
             continue;
         }
         fresh.push_back(Item{QUuid::createUuid(), QFileInfo(d.path).absoluteFilePath(), d.loaded->type,
@@ -210,7 +220,7 @@ void CropModel::openNow(const QStringList& paths) {
 
     if (fresh.empty()) {
         if (skipped > 0)
-            setErrorMessage(skipMessage(skipped));
+            setErrorMessage(withRefusal(skipMessage(skipped)));
         else if (!paths.isEmpty())
             setErrorMessage(tr("No supported images found."));
         return;
@@ -226,7 +236,7 @@ void CropModel::openNow(const QStringList& paths) {
     }
     itemsChanged();
     setSaveConfirmation(std::nullopt);
-    setErrorMessage(skipped > 0 ? std::optional<QString>(skipMessage(skipped)) : std::nullopt);
+    setErrorMessage(skipped > 0 ? std::optional<QString>(withRefusal(skipMessage(skipped))) : std::nullopt);
     activate(first);
 }
 

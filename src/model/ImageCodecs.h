@@ -45,6 +45,18 @@ constexpr int kMaxJpegScans = 100;
 /// The EXIF orientation (1…8) in an APP1 payload ("Exif\0\0" and a TIFF structure); 1 when there
 /// is none or it can't be read.
 int exifOrientation(const uchar* data, size_t size);
+/// The same from a bare TIFF structure (a PNG's eXIf chunk holds one).
+int tiffOrientation(const uchar* data, size_t size);
+
+/// `image` turned and mirrored as EXIF orientation `orientation` (1…8) says it is stored, so that
+/// it stands upright; absent when there is no memory for it.
+std::optional<QImage> upright(const QImage& image, int orientation);
+
+/// What a picture's pixels are made of, for matching a colour profile to them.
+enum class ProfileModel { grey, rgb, cmyk };
+/// True when the ICC profile `icc` describes pixels of `model` (its header's data colour space):
+/// a grey profile on a colour picture, or the reverse, shifts every colour and is left out.
+bool profileFits(const QByteArray& icc, ProfileModel model);
 
 /// The canvas sizes of the grid and overlay items of a HEIF file, read from its boxes (libheif
 /// doesn't tell them); absent when the boxes can't be read.
@@ -64,8 +76,9 @@ QByteArray encodeHeif(const QImage& image, int quality = 92, const QByteArray& e
 bool hasHeifEncoder();
 /// The EXIF (its TIFF structure, the item's offset to it applied) and XMP of a HEIC/HEIF file's
 /// primary picture, read through libheif without decoding any pixels; blocks over
-/// `ImageMetadata::kMaxCarried` bytes, or that can't be read, are left empty.
-ImageMetadata::Blocks heifMetadata(const QByteArray& bytes);
+/// `ImageMetadata::kMaxCarried` bytes (named in `leftOut`, when given), or that can't be read, are
+/// left empty.
+ImageMetadata::Blocks heifMetadata(const QByteArray& bytes, QStringList* leftOut = nullptr);
 /// `image/heic`, `image/heif`, or empty when the head isn't one of those two.
 QString heifTypeOf(const uchar* head, int length);
 
@@ -78,7 +91,12 @@ QByteArray encodeGif(const QImage& image);
 /// lossless (VP8L, or what can't be read).
 ImageFile::Storage webpStorage(QIODevice& device);
 
-/// Every other accepted type through Qt's readers (PNG after its chunks have been walked).
-std::optional<ImageFile::Loaded> decodeWithQt(QIODevice* device, const ImageFile::LoadOptions& options);
+/// The canvas an extended WebP (VP8X) draws on, from its header; absent for a simple one.
+std::optional<QSize> webpCanvas(QIODevice& device);
+
+/// Every other accepted type through Qt's readers (PNG after its chunks have been walked); the
+/// picture is turned upright by `orientation` when Qt's reader doesn't know it (a PNG's eXIf).
+std::optional<ImageFile::Loaded> decodeWithQt(QIODevice* device, const ImageFile::LoadOptions& options,
+                                              int orientation = 1);
 
 } // namespace cutlark::ImageCodecs

@@ -1,9 +1,11 @@
 #include "model/ImageFile.h"
 
+#include "engines/CropEngine.h"
 #include "engines/PixelOps.h"
 #include "model/ImageCodecs.h"
 #include "model/PngChunks.h"
 #include "support/AtomicFile.h"
+#include "support/RegularFile.h"
 
 #include <QBuffer>
 #include <QColorSpace>
@@ -14,10 +16,12 @@
 #include <QMimeDatabase>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cmath>
 #include <cstring>
 #include <memory>
+#include <mutex>
 
 namespace cutlark::ImageFile {
 
@@ -52,6 +56,26 @@ QByteArray writerFormatForType(const QString& type) {
     if (type == kGif) return "gif";
     if (type == kWebp) return "webp";
     return QByteArray();
+}
+
+thread_local QString t_lastRefusal;
+std::atomic<qint64> g_maxPixels{0};
+
+QString sizeText(qint64 bytes) {
+    if (bytes < 10 * 1024) return QStringLiteral("%1 bytes").arg(bytes);
+    if (bytes < 10 * 1024 * 1024) return QStringLiteral("%1 KB").arg(bytes / 1024);
+    return QStringLiteral("%1 MB").arg(bytes / (1024 * 1024));
+}
+
+void refuseOutOfProportion(qint64 width, qint64 height, qint64 fileBytes) {
+    const qint64 megapixels = (width * height + 999'999) / 1'000'000;
+    t_lastRefusal =
+        QStringLiteral("holds %1 × %2 pixels (%3 megapixels) in a file of %4, far more than a file that "
+                       "size holds; to open it anyway, give --max-megapixels %3")
+            .arg(width)
+            .arg(height)
+            .arg(megapixels)
+            .arg(sizeText(fileBytes));
 }
 
 bool isHeifType(const QString& type) {
@@ -110,7 +134,9 @@ QImage intoBufferLayout(QImage image) {
 
 // Decodes what the file holds with the decoder its content calls for. `device` reads the file from
 // its start; `whole` is the file in memory when the caller has it already.
-std::optional<Loaded> decodeContent(QIODevice& device, const QByteArray& whole, const LoadOptions& options) {
+std::optional<Loaded> decodeContent(QIODevice& device, const QByteArray& whole, const LoadOptions& given) {
+    LoadOptions options = given;
+    options.fileBytes = device.size();
     const QByteArray head = device.peek(64);
     if (head.isEmpty()) return std::nullopt;
     const QString heif =
@@ -133,11 +159,11 @@ std::optional<Loaded> decodeContent(QIODevice& device, const QByteArray& whole, 
         case PngChunks::Verdict::filtered: {
             QBuffer filtered(&walk.bytes);
             if (!filtered.open(QIODevice::ReadOnly)) return std::nullopt;
-            return ImageCodecs::decodeWithQt(&filtered, options);
+            return ImageCodecs::decodeWithQt(&filtered, options, walk.orientation);
         }
         case PngChunks::Verdict::clean:
             if (!device.seek(0)) return std::nullopt;
-            break;
+            return ImageCodecs::decodeWithQt(&device, options, walk.orientation);
         }
     }
     return ImageCodecs::decodeWithQt(&device, options);
@@ -156,7 +182,11 @@ using ImageFile::maxDecodedBytes;
 std::optional<MemoryBudget::Hold> admit(qint64 width, qint64 height, const LoadOptions& options) {
     // width × height × 4 must neither overflow nor exceed what a QImage can address.
     if (width < 1 || height < 1 || width > INT_MAX / 4 || height > INT_MAX) return std::nullopt;
-    if (width > maxDecodedBytes() / 4 / height) return std::nullopt;
+    if (width > maxDecodedBytes() / 4 / height) return std::nullopt; // no allowance could help
+    if (options.fileBytes > 0 && width * height > ImageFile::allowedPixels(options.fileBytes)) {
+        ImageFile::refuseOutOfProportion(width, height, options.fileBytes);
+        return std::nullopt;
+    }
     const qint64 bytes = width * height * 4;
     if (!options.admit) return MemoryBudget::Hold();
     // Held with its work while it decodes; the picture alone once it exists.
@@ -303,24 +333,97 @@ ImageFile::Storage webpStorage(QIODevice& device) {
     return storage;
 }
 
-std::optional<Loaded> decodeWithQt(QIODevice* device, const LoadOptions& options) {
+std::optional<QImage> upright(const QImage& image, int orientation) {
+    struct Turn {
+        int quarterTurns;
+        bool mirrored;
+    };
+    static constexpr Turn kTurns[9] = {{0, false}, {0, false}, {0, true}, {2, false}, {2, true},
+                                       {3, true},  {1, false}, {1, true}, {3, false}};
+    if (orientation < 2 || orientation > 8) return image;
+    const Turn t = kTurns[orientation];
+    return CropEngine::oriented(image, t.quarterTurns, t.mirrored);
+}
+
+bool profileFits(const QByteArray& icc, ProfileModel model) {
+    // The header's data colour space, at bytes 16 to 19.
+    if (icc.size() < 20) return false;
+    const QByteArray space = icc.mid(16, 4);
+    switch (model) {
+    case ProfileModel::grey:
+        return space == "GRAY";
+    case ProfileModel::rgb:
+        return space == "RGB ";
+    case ProfileModel::cmyk:
+        return space == "CMYK";
+    }
+    return false;
+}
+
+namespace {
+
+bool isGreyFormat(QImage::Format f) {
+    return f == QImage::Format_Grayscale8 || f == QImage::Format_Grayscale16 || f == QImage::Format_Alpha8;
+}
+
+// A PNG's colour type (byte 25: 0 grey, 4 grey with alpha) tells a grey picture that Qt hands over
+// in colour formats once it has alpha.
+bool pngIsGrey(QIODevice& device) {
+    const QByteArray head = device.peek(26);
+    return head.size() == 26 && PngChunks::isPng(head) && (head[25] == 0 || head[25] == 4);
+}
+
+} // namespace
+
+std::optional<QSize> webpCanvas(QIODevice& device) {
+    // RIFF, size, WEBP, then a VP8X chunk: fourcc, size, flags and three reserved bytes, and the
+    // canvas's width and height less one, 24 bits each, little-endian.
+    const QByteArray head = device.peek(30);
+    if (head.size() < 30 || !head.startsWith("RIFF") || head.mid(8, 8) != "WEBPVP8X") return std::nullopt;
+    const auto le24 = [&](int at) {
+        return int(uchar(head[at])) | int(uchar(head[at + 1])) << 8 | int(uchar(head[at + 2])) << 16;
+    };
+    return QSize(le24(24) + 1, le24(27) + 1);
+}
+
+std::optional<Loaded> decodeWithQt(QIODevice* device, const LoadOptions& options, int orientation) {
     QImageReader reader(device);
     reader.setDecideFormatFromContent(true);
     reader.setAutoTransform(true); // applies the orientation tag
     const QString type = ImageFile::typeForReaderFormat(reader.format());
     if (type.isEmpty()) return std::nullopt;
-    // Refuse from the header, before the decoder allocates anything.
+    // Qt's limit is one for the whole process, so it is set once, never per picture: admission
+    // below is what decides, picture by picture.
+    static std::once_flag limitSet;
+    std::call_once(limitSet, [] {
+        QImageReader::setAllocationLimit(
+            int(qMin<qint64>(PixelOps::maxImageBytes() / (1024 * 1024) + 1, INT_MAX)));
+    });
+    // Refuse from the header, before the decoder allocates anything. An animated WebP is drawn on a
+    // canvas of its own size, which Qt's reader allocates as soon as it is asked for the size.
+    std::optional<MemoryBudget::Hold> hold;
+    const std::optional<QSize> canvas = type == ImageFile::kWebp ? webpCanvas(*device) : std::nullopt;
+    if (canvas && !(hold = admit(canvas->width(), canvas->height(), options))) return std::nullopt;
     const QSize size = reader.size();
     if (!size.isValid()) return std::nullopt;
-    auto hold = admit(size.width(), size.height(), options);
-    if (!hold) return std::nullopt;
-    reader.setAllocationLimit(int(qMin<qint64>(maxDecodedBytes() / (1024 * 1024) + 1, INT_MAX)));
+    if (canvas && (size.width() > canvas->width() || size.height() > canvas->height())) return std::nullopt;
+    if (!hold && !(hold = admit(size.width(), size.height(), options))) return std::nullopt;
     const std::optional<ImageFile::Storage> webp =
         type == ImageFile::kWebp ? std::optional(webpStorage(*device)) : std::nullopt;
+    const bool grey = type == ImageFile::kPng && pngIsGrey(*device);
     QImage image = reader.read();
     // A decoder that delivers more than its header said is not believed.
     if (image.isNull() || qint64(image.width()) * image.height() > qint64(size.width()) * size.height())
         return std::nullopt;
+    const QByteArray icc = image.colorSpace().iccProfile();
+    if (!icc.isEmpty() &&
+        !profileFits(icc, grey || isGreyFormat(image.format()) ? ProfileModel::grey : ProfileModel::rgb))
+        image.setColorSpace(QColorSpace()); // read as sRGB, as viewers do
+    if (orientation != 1 && reader.transformation() == QImageIOHandler::TransformationNone) {
+        auto turned = upright(image, orientation);
+        if (!turned) return std::nullopt;
+        image = std::move(*turned);
+    }
     auto loaded = finish(std::move(image), type, std::move(*hold));
     if (loaded && webp) loaded->storage = *webp;
     return loaded;
@@ -384,11 +487,27 @@ QString preferredExtension(const QString& type) {
     return mime.isValid() ? mime.preferredSuffix() : QString();
 }
 
+qint64 allowedPixels(qint64 fileBytes) {
+    const qint64 proportionate = fileBytes > 0 && fileBytes < LLONG_MAX / kPixelsPerFileByte
+                                     ? fileBytes * kPixelsPerFileByte
+                                     : LLONG_MAX;
+    return std::max({kFreePixels, proportionate, g_maxPixels.load()});
+}
+
+void setMaxMegapixels(double megapixels) {
+    g_maxPixels = megapixels > 0 ? qint64(std::min(megapixels, 1e12) * 1e6) : 0;
+}
+
+QString lastRefusal() {
+    return t_lastRefusal;
+}
+
 qint64 maxDecodedBytes() {
     return qMin(PixelOps::maxImageBytes(), MemoryBudget::limit() / (1 + MemoryBudget::kWorkFactor));
 }
 
 std::optional<Loaded> loadFromData(const QByteArray& bytes, const LoadOptions& options) {
+    t_lastRefusal.clear();
     if (bytes.isEmpty()) return std::nullopt;
     QByteArray data = bytes;
     QBuffer buffer(&data);
@@ -397,20 +516,32 @@ std::optional<Loaded> loadFromData(const QByteArray& bytes, const LoadOptions& o
 }
 
 std::optional<Loaded> load(const QString& path, const LoadOptions& options) {
-    const QFileInfo info(path);
-    if (!info.isFile()) return std::nullopt; // folders, sockets and missing names
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly) || file.size() == 0) return std::nullopt;
+    t_lastRefusal.clear();
+    QFile file;
+    // Folders, pipes, devices and missing names are no pictures.
+    if (!RegularFile::open(file, path) || file.size() == 0) return std::nullopt;
     return decodeContent(file, QByteArray(), options);
 }
 
 std::optional<QSize> probeSize(const QString& path) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) return std::nullopt;
+    QFile file;
+    if (!RegularFile::open(file, path)) return std::nullopt;
     const QByteArray head = file.peek(64);
     if (!ImageCodecs::heifTypeOf(reinterpret_cast<const uchar*>(head.constData()), int(head.size()))
              .isEmpty())
         return std::nullopt; // libheif reads the whole file to know; decoding will tell
+    // A PNG's size is in its header chunk; Qt's reader would first inflate every text chunk before
+    // the pixels (hundreds of megabytes from a small file) just to say it.
+    if (PngChunks::isPng(head)) {
+        if (head.size() < 24 || head.mid(12, 4) != "IHDR") return std::nullopt;
+        const auto be32 = [&](int at) {
+            return qint64(uchar(head[at])) << 24 | qint64(uchar(head[at + 1])) << 16 |
+                   qint64(uchar(head[at + 2])) << 8 | qint64(uchar(head[at + 3]));
+        };
+        const qint64 w = be32(16), h = be32(20);
+        if (w < 1 || h < 1 || w > INT_MAX || h > INT_MAX) return std::nullopt;
+        return QSize(int(w), int(h));
+    }
     QImageReader reader(&file);
     reader.setDecideFormatFromContent(true);
     if (typeForReaderFormat(reader.format()).isEmpty()) return std::nullopt;

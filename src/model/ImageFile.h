@@ -46,7 +46,32 @@ struct LoadOptions {
     /// Refuse a picture that doesn't fit in the memory budget with its work, and hold its pixels
     /// there. Off for a caller that has taken the budget for the picture already.
     bool admit = true;
+    /// The size of the file the picture comes from, for `allowedPixels`; loading sets it.
+    qint64 fileBytes = 0;
 };
+
+/// Any file may hold a picture of this many pixels (most cameras' photographs; larger ones come
+/// in files big enough for the rule below). With the heaviest settings such a picture peaks
+/// near 1.2 GB, so that no file under 2 MB can cost more than about that by default.
+inline constexpr qint64 kFreePixels = 40'000'000;
+/// Beyond that, a picture needs a file of at least one byte per this many pixels. Photographs
+/// store 1 to 5 pixels a byte and flat artwork a few dozen; a 1 KB file claiming 16000² pixels
+/// (as RLE BMPs, PNGs of one colour and animated WebP canvases can) would cost gigabytes to open.
+inline constexpr qint64 kPixelsPerFileByte = 20;
+
+/// The most pixels a picture from a file of `fileBytes` may decode to: `kFreePixels`, or more for
+/// a file big enough to hold more, or what `setMaxMegapixels` allows. The memory budget still
+/// applies on top.
+qint64 allowedPixels(qint64 fileBytes);
+
+/// Lets pictures of up to `megapixels` open whatever their file's size (`--max-megapixels` of both
+/// programs); 0 goes back to the rule alone. For the start of a program, before anything decodes.
+void setMaxMegapixels(double megapixels);
+
+/// Why the last load on this thread refused its file, when there is more to say than that it
+/// isn't a picture cutlark opens: a picture out of all proportion to its file, with how to allow
+/// it. Empty otherwise. Callers name the file.
+QString lastRefusal();
 
 /// Decodes image 0 of the file, upright. Absent when the file can't be read, isn't one of the
 /// accepted formats by content, or doesn't fit in the memory budget (`MemoryBudget`; checked from

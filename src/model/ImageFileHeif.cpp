@@ -349,7 +349,7 @@ QByteArray encodeHeif(const QImage& source, int quality, const QByteArray& exif,
     return out.bytes();
 }
 
-ImageMetadata::Blocks heifMetadata(const QByteArray& bytes) {
+ImageMetadata::Blocks heifMetadata(const QByteArray& bytes, QStringList* leftOut) {
     ImageMetadata::Blocks blocks;
     const auto canvases =
         heifDerivedCanvases(reinterpret_cast<const uchar*>(bytes.constData()), size_t(bytes.size()));
@@ -375,6 +375,10 @@ ImageMetadata::Blocks heifMetadata(const QByteArray& bytes) {
             qstrcmp(heif_image_handle_get_metadata_content_type(handle.get(), id), contentType) != 0)
             return QByteArray();
         const size_t size = heif_image_handle_get_metadata_size(handle.get(), id);
+        if (qint64(size) > ImageMetadata::kMaxCarried && leftOut)
+            *leftOut << QStringLiteral("%1 of %2 KB")
+                            .arg(contentType ? QStringLiteral("XMP") : QStringLiteral("EXIF"))
+                            .arg((size + 1023) / 1024);
         if (size == 0 || qint64(size) > ImageMetadata::kMaxCarried) return QByteArray();
         QByteArray data(qsizetype(size), Qt::Uninitialized);
         if (heif_image_handle_get_metadata(handle.get(), id, data.data()).code != heif_error_Ok)

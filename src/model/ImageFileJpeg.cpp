@@ -57,13 +57,6 @@ quint32 read32(const uchar* p, bool bigEndian) {
 }
 
 // EXIF orientations as the settings' turns: mirror left to right first, then turn clockwise.
-struct Turn {
-    int quarterTurns;
-    bool mirrored;
-};
-constexpr Turn kTurns[9] = {{0, false}, {0, false}, {0, true}, {2, false}, {2, true},
-                            {3, true},  {1, false}, {1, true}, {3, false}};
-
 // Adobe's CMYK JPEGs store the inks inverted; each channel times the key, over 255, gives RGB.
 void cmykToRgbx(uchar* row, int width) {
     for (int x = 0; x < width; ++x) {
@@ -284,10 +277,14 @@ QByteArray encodeJpeg(const QImage& image, int quality) {
 }
 
 int exifOrientation(const uchar* data, size_t size) {
-    // "Exif\0\0", then a TIFF header: byte order, 42, the offset of the first directory.
+    // "Exif\0\0", then a TIFF structure.
     if (size < 14 || std::memcmp(data, "Exif\0\0", 6) != 0) return 1;
-    const uchar* tiff = data + 6;
-    const size_t n = size - 6;
+    return tiffOrientation(data + 6, size - 6);
+}
+
+int tiffOrientation(const uchar* tiff, size_t n) {
+    // A TIFF header: byte order, 42, the offset of the first directory.
+    if (n < 8) return 1;
     bool big;
     if (tiff[0] == 'M' && tiff[1] == 'M')
         big = true;
@@ -327,15 +324,18 @@ std::optional<ImageFile::Loaded> decodeJpeg(const uchar* data, size_t size,
     if (!ok || d->image.isNull() || !hold) return std::nullopt;
 
     QImage image = std::move(d->image);
-    if (!d->icc.isEmpty()) {
+    const bool grey = d->cinfo.jpeg_color_space == JCS_GRAYSCALE;
+    const bool cmykInk = d->cinfo.jpeg_color_space == JCS_CMYK || d->cinfo.jpeg_color_space == JCS_YCCK;
+    if (!d->icc.isEmpty() && profileFits(d->icc, grey      ? ProfileModel::grey
+                                                 : cmykInk ? ProfileModel::cmyk
+                                                           : ProfileModel::rgb)) {
         const QColorSpace cs = QColorSpace::fromIccProfile(d->icc);
         if (cs.isValid() && cs != QColorSpace(QColorSpace::SRgb)) image.setColorSpace(cs);
     }
     if (d->orientation != 1) {
-        const Turn t = kTurns[d->orientation];
-        const auto upright = CropEngine::oriented(image, t.quarterTurns, t.mirrored);
-        if (!upright) return std::nullopt;
-        image = *upright;
+        auto turned = upright(image, d->orientation);
+        if (!turned) return std::nullopt;
+        image = std::move(*turned);
     }
     return finish(std::move(image), QStringLiteral("image/jpeg"), std::move(*hold));
 }

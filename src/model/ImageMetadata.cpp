@@ -1,6 +1,7 @@
 #include "model/ImageMetadata.h"
 
-#include "model/ImageCodecs.h"
+#include "model/MetadataBlocks.h"
+#include "support/RegularFile.h"
 
 #include <QFile>
 
@@ -13,12 +14,15 @@ namespace cutlark::ImageMetadata {
 
 namespace {
 
-// The XMP toolkit under exiv2 keeps global tables, and exiv2 reads and writes through one log and
-// one set of registered namespaces: one call at a time. The calls are short (headers and a copy of
-// one encoded file), so a command line running several jobs hardly waits on it.
-std::mutex& exiv2Lock() {
-    static std::mutex lock;
-    return lock;
+// The XMP toolkit under exiv2 keeps global tables: exiv2 takes this lock round each use of it. The
+// rest of exiv2 works on objects of the caller's own, so calls run side by side; what a file can
+// make a parser do is bounded before (MetadataBlocks), so no call holds the lock for long.
+void lockXmp(void*, bool lock) {
+    static std::mutex mutex;
+    if (lock)
+        mutex.lock();
+    else
+        mutex.unlock();
 }
 
 void setUpOnce() {
@@ -26,7 +30,7 @@ void setUpOnce() {
     std::call_once(once, [] {
         // Damaged metadata is a reason to carry nothing, not a message on the user's terminal.
         Exiv2::LogMsg::setLevel(Exiv2::LogMsg::mute);
-        Exiv2::XmpParser::initialize();
+        Exiv2::XmpParser::initialize(lockXmp, nullptr);
     });
 }
 
@@ -119,35 +123,26 @@ bool canCarry(const QString& type) {
 
 namespace {
 
-// The metadata of the file at `path`. HEIC and HEIF are read through libheif, which finds the
-// items wherever the file's item locations put them (exiv2 0.27 misreads some of their layouts,
-// libheif's own grids among them); everything else through exiv2.
-bool readSource(const QString& path, Exiv2::ExifData& exif, Exiv2::XmpData& xmp) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) return false;
-    const QByteArray head = file.peek(64);
-    if (!ImageCodecs::heifTypeOf(reinterpret_cast<const uchar*>(head.constData()), int(head.size()))
-             .isEmpty()) {
-        const Blocks blocks = ImageCodecs::heifMetadata(file.readAll());
-        if (!blocks.exif.isEmpty())
-            Exiv2::ExifParser::decode(exif, reinterpret_cast<const Exiv2::byte*>(blocks.exif.constData()),
-                                      uint32_t(blocks.exif.size()));
-        if (!blocks.xmp.isEmpty()) Exiv2::XmpParser::decode(xmp, blocks.xmp.toStdString());
-        return true;
-    }
-    file.close();
-    auto source = Exiv2::ImageFactory::open(std::string(QFile::encodeName(path).constData()), false);
-    if (!source.get()) return false;
-    source->readMetadata();
-    exif = source->exifData();
-    xmp = source->xmpData();
+// The metadata of the file at `path`: its blocks found within bounds, then parsed. HEIC and HEIF
+// items are found through libheif (exiv2 0.27 misreads some of their layouts, libheif's own grids
+// among them). What was too large to carry is named in `leftOut`.
+bool readSource(const QString& path, Exiv2::ExifData& exif, Exiv2::XmpData& xmp, QStringList* leftOut) {
+    QFile file;
+    if (!RegularFile::open(file, path)) return false;
+    const MetadataBlocks::Found found = MetadataBlocks::read(file);
+    if (leftOut) *leftOut << found.leftOut;
+    if (!found.exif.isEmpty())
+        Exiv2::ExifParser::decode(exif, reinterpret_cast<const Exiv2::byte*>(found.exif.constData()),
+                                  uint32_t(found.exif.size()));
+    if (!found.xmp.isEmpty()) Exiv2::XmpParser::decode(xmp, found.xmp.toStdString());
     return true;
 }
 
 // The source's EXIF and XMP amended to describe a result of `size`, or false when there is nothing
-// to carry. Called under exiv2's lock; throws what exiv2 throws.
-bool readAmended(const QString& sourcePath, QSize size, Exiv2::ExifData& exif, Exiv2::XmpData& xmp) {
-    if (!readSource(sourcePath, exif, xmp)) return false;
+// to carry. Throws what exiv2 throws.
+bool readAmended(const QString& sourcePath, QSize size, Exiv2::ExifData& exif, Exiv2::XmpData& xmp,
+                 QStringList* leftOut) {
+    if (!readSource(sourcePath, exif, xmp, leftOut)) return false;
     dropStorageTags(exif);
     Exiv2::ExifThumb(exif).erase();
     if (exif.empty() && xmp.empty()) return false;
@@ -166,18 +161,20 @@ bool readAmended(const QString& sourcePath, QSize size, Exiv2::ExifData& exif, E
     setIfPresent(xmp, "Xmp.tiff.ImageWidth", w);
     setIfPresent(xmp, "Xmp.tiff.ImageLength", h);
     setIfPresent(xmp, "Xmp.exif.ColorSpace", std::string("1"));
-    return exifBytes(exif) + xmpBytes(xmp) <= kMaxCarried;
+    const qint64 total = exifBytes(exif) + xmpBytes(xmp);
+    if (total > kMaxCarried && leftOut)
+        *leftOut << QStringLiteral("EXIF and XMP of %1 KB together").arg((total + 1023) / 1024);
+    return total <= kMaxCarried;
 }
 
 } // namespace
 
-Blocks forResult(const QString& sourcePath, QSize size) {
-    const std::lock_guard<std::mutex> guard(exiv2Lock());
+Blocks forResult(const QString& sourcePath, QSize size, QStringList* leftOut) {
     setUpOnce();
     try {
         Exiv2::ExifData exif;
         Exiv2::XmpData xmp;
-        if (!readAmended(sourcePath, size, exif, xmp)) return {};
+        if (!readAmended(sourcePath, size, exif, xmp, leftOut)) return {};
         Blocks blocks;
         if (!exif.empty()) {
             Exiv2::Blob blob;
@@ -195,14 +192,14 @@ Blocks forResult(const QString& sourcePath, QSize size) {
     }
 }
 
-QByteArray carryOver(const QString& sourcePath, const QByteArray& encoded, const QString& type, QSize size) {
+QByteArray carryOver(const QString& sourcePath, const QByteArray& encoded, const QString& type, QSize size,
+                     QStringList* leftOut) {
     if (!canCarry(type) || carriedByEncoder(type) || encoded.isEmpty()) return encoded;
-    const std::lock_guard<std::mutex> guard(exiv2Lock());
     setUpOnce();
     try {
         Exiv2::ExifData exif;
         Exiv2::XmpData xmp;
-        if (!readAmended(sourcePath, size, exif, xmp)) return encoded;
+        if (!readAmended(sourcePath, size, exif, xmp, leftOut)) return encoded;
 
         auto target = Exiv2::ImageFactory::open(reinterpret_cast<const Exiv2::byte*>(encoded.constData()),
                                                 long(encoded.size()));

@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QSize>
 #include <QString>
+#include <QStringList>
 
 /// What a photograph says about itself beyond its pixels — camera, lens, exposure, date, place,
 /// rights (EXIF and XMP) — carried from a source file onto a result written from it.
@@ -28,7 +29,8 @@ struct Blocks {
 /// The metadata `carryOver` would write for a result of `size` from the file at `sourcePath`,
 /// amended the same way, as blocks for an encoder that writes them itself. Empty when the source
 /// has none, can't be read, or holds more than `kMaxCarried` bytes of it. Safe from several threads.
-Blocks forResult(const QString& sourcePath, QSize size);
+/// What was found and left out for being too large is added to `leftOut` when given.
+Blocks forResult(const QString& sourcePath, QSize size, QStringList* leftOut = nullptr);
 
 /// `encoded` (a whole file of `type`) with the EXIF and XMP of the file at `sourcePath` written into
 /// it, amended to describe the result rather than the source:
@@ -42,8 +44,10 @@ Blocks forResult(const QString& sourcePath, QSize size);
 ///
 /// Returns `encoded` itself when the type can't hold metadata or takes it from its encoder, the source has
 /// none, can't be read, or holds more than `kMaxCarried` bytes of it; a damaged source never fails the write.
-/// Safe to call from several threads (calls are taken one at a time).
-QByteArray carryOver(const QString& sourcePath, const QByteArray& encoded, const QString& type, QSize size);
+/// Safe to call from several threads. What was found and left out for being too large (see
+/// `MetadataBlocks`) is added to `leftOut` when given.
+QByteArray carryOver(const QString& sourcePath, const QByteArray& encoded, const QString& type, QSize size,
+                     QStringList* leftOut = nullptr);
 
 /// The most EXIF plus XMP carried: far above what cameras and editors write (tens of KB), low
 /// enough that a crafted file can't make every result balloon.

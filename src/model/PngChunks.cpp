@@ -1,5 +1,7 @@
 #include "model/PngChunks.h"
 
+#include "model/ImageCodecs.h"
+
 #include <QIODevice>
 
 #include <array>
@@ -85,6 +87,12 @@ Walk walk(QIODevice& device) {
             }
         }
         if (!keep) ++dropped;
+        if (keep && std::memcmp(type, "eXIf", 4) == 0) {
+            const QByteArray exif = device.read(length);
+            if (exif.size() == length)
+                result.orientation = ImageCodecs::tiffOrientation(
+                    reinterpret_cast<const uchar*>(exif.constData()), size_t(length));
+        }
         chunks.push_back({pos, length, keep});
         pos += 12 + length;
         if (std::memcmp(type, "IEND", 4) == 0) break;

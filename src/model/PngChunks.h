@@ -28,7 +28,8 @@ enum class Verdict {
 struct Walk {
     Verdict verdict = Verdict::refused;
     QByteArray bytes;
-    int dropped = 0; ///< chunks left out
+    int dropped = 0;     ///< chunks left out
+    int orientation = 1; ///< from the eXIf chunk kept (1…8), which Qt's reader doesn't apply
 };
 
 /// Walks the chunks of the PNG in `device` (seekable, read from position 0). Reads only chunk
