@@ -32,40 +32,19 @@ using namespace cutlark::test;
 
 namespace {
 
-struct CliRun {
-    int exitCode = -1;
-    QList<QJsonObject> lines;
-    QByteArray out;
-    QString err;
-};
+using CliRun = ProgramRun;
 
 CliRun cli(const QStringList& arguments,
            const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment(),
            qint64 addressSpaceLimit = 0, const QByteArray& input = QByteArray()) {
-    QProcess p;
-    p.setProcessEnvironment(environment);
+    std::function<void()> limit;
     if (addressSpaceLimit > 0) {
-        p.setChildProcessModifier([addressSpaceLimit] {
-            const rlimit limit{rlim_t(addressSpaceLimit), rlim_t(addressSpaceLimit)};
-            setrlimit(RLIMIT_AS, &limit);
-        });
+        limit = [addressSpaceLimit] {
+            const rlimit l{rlim_t(addressSpaceLimit), rlim_t(addressSpaceLimit)};
+            setrlimit(RLIMIT_AS, &l);
+        };
     }
-    p.start(QStringLiteral(CUTLARK_CLI_PATH), arguments);
-    if (p.waitForStarted(120000)) {
-        p.write(input);
-        p.closeWriteChannel();
-    }
-    p.waitForFinished(120000);
-    CliRun run;
-    run.exitCode = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
-    run.out = p.readAllStandardOutput();
-    run.err = QString::fromUtf8(p.readAllStandardError());
-    for (const QByteArray& line : run.out.split('\n')) {
-        if (line.trimmed().isEmpty()) continue;
-        const QJsonDocument doc = QJsonDocument::fromJson(line);
-        if (doc.isObject()) run.lines << doc.object();
-    }
-    return run;
+    return runProgram(QStringLiteral(CUTLARK_CLI_PATH), arguments, environment, input, 120000, limit);
 }
 
 // The same, with `input` on standard input.

@@ -2,7 +2,9 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QJsonDocument>
 #include <QPainter>
+#include <QProcess>
 #include <QStandardPaths>
 #include <QSvgRenderer>
 
@@ -211,6 +213,34 @@ ChangeCounter::ChangeCounter(CropModel& model) {
 
 ChangeCounter::~ChangeCounter() {
     QObject::disconnect(m_connection);
+}
+
+ProgramRun runProgram(const QString& program, const QStringList& arguments,
+                      const QProcessEnvironment& environment, const QByteArray& input, int waitMs,
+                      const std::function<void()>& setUp) {
+    QProcess p;
+    p.setProcessEnvironment(environment);
+    if (setUp) p.setChildProcessModifier(setUp);
+    p.start(program, arguments);
+    if (p.waitForStarted(waitMs)) {
+        p.write(input);
+        p.closeWriteChannel();
+    }
+    ProgramRun run;
+    const bool ended = p.waitForFinished(waitMs);
+    if (!ended) {
+        p.kill();
+        p.waitForFinished();
+    }
+    run.exitCode = ended && p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+    run.out = p.readAllStandardOutput();
+    run.err = QString::fromUtf8(p.readAllStandardError());
+    for (const QByteArray& line : run.out.split('\n')) {
+        if (line.trimmed().isEmpty()) continue;
+        const QJsonDocument doc = QJsonDocument::fromJson(line);
+        if (doc.isObject()) run.lines << doc.object();
+    }
+    return run;
 }
 
 QString testPhoto(const QString& name) {

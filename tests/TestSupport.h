@@ -7,7 +7,9 @@
 #include <QColor>
 #include <QDir>
 #include <QImage>
+#include <QJsonObject>
 #include <QMap>
+#include <QProcessEnvironment>
 #include <QString>
 #include <QTemporaryDir>
 
@@ -48,6 +50,21 @@ QString savePng(const QTemporaryDir& dir, const QString& name, const QImage& ima
 
 /// A photograph the set-up fetches into the cache folder (`coffee.png`, `rocket.jpg`, …).
 QString testPhoto(const QString& name);
+
+/// What a program run printed and how it ended; `lines` are the JSON objects of its standard output.
+struct ProgramRun {
+    int exitCode = -1; ///< -1 when it didn't end by itself within the time given
+    QList<QJsonObject> lines;
+    QByteArray out;
+    QString err;
+};
+
+/// Runs `program` with `arguments` and `environment`, `input` on its standard input, and waits up
+/// to `waitMs` for it; `setUp`, when given, runs in the child before the program starts.
+ProgramRun runProgram(const QString& program, const QStringList& arguments,
+                      const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment(),
+                      const QByteArray& input = QByteArray(), int waitMs = 120000,
+                      const std::function<void()>& setUp = {});
 
 /// Lets the event loop run until `done` holds; false when `milliseconds` pass first.
 bool waitUntil(const std::function<bool()>& done, int milliseconds = 120000);

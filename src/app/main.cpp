@@ -1,6 +1,7 @@
 #include "app/SingleInstance.h"
 #include "model/ImageFile.h"
 #include "support/HugePages.h"
+#include "support/NativePath.h"
 #include "ui/ContentView.h"
 #include "ui/FileOpenInbox.h"
 #include "ui/MainWindow.h"
@@ -48,7 +49,8 @@ int main(int argc, char** argv) {
     // What Qt didn't take is files; an option we don't know is a mistake, not a file to look for.
     QStringList files;
     bool onlyFiles = false;
-    const QStringList arguments = QApplication::arguments().mid(1);
+    // As bytes: a file name that isn't UTF-8 stays the name of its file.
+    const QStringList arguments = cutlark::NativePath::arguments(argc, argv).mid(1);
     for (qsizetype i = 0; i < arguments.size(); ++i) {
         const QString& arg = arguments[i];
         const QString limit = QStringLiteral("--max-megapixels");

@@ -10,6 +10,7 @@
 #include "support/AtomicFile.h"
 #include "support/AvailableCores.h"
 #include "support/MemoryBudget.h"
+#include "support/NativePath.h"
 #include "support/NaturalOrder.h"
 #include "support/OrderedWork.h"
 #include "support/PrivateDir.h"
@@ -114,9 +115,8 @@ std::vector<Plan> planOutputs(const QStringList& inputs, const CliOptions& optio
     for (const QString& input : inputs) {
         Plan plan;
         plan.input = input;
-        plan.folder = QDir::cleanPath(
-            QFileInfo(options.outputDir.isEmpty() ? QFileInfo(input).absolutePath() : options.outputDir)
-                .absoluteFilePath());
+        plan.folder = QDir::cleanPath(NativePath::absolute(
+            options.outputDir.isEmpty() ? QFileInfo(NativePath::absolute(input)).path() : options.outputDir));
         QString own = options.format.isEmpty() ? QFileInfo(input).suffix()
                                                : ImageFile::preferredExtension(options.format);
         if (own.isEmpty()) own = QStringLiteral("png");
@@ -154,7 +154,7 @@ QSet<QString> plannedResults(const std::vector<Plan>& plans) {
 }
 
 QString absolute(const QString& path) {
-    return QDir::cleanPath(QFileInfo(path).absoluteFilePath());
+    return NativePath::absolute(path);
 }
 
 /// What the whole run shares: the settings, the options, the inputs (absolute) and whether subject
@@ -188,9 +188,8 @@ bool hasTransparency(const QImage& image) {
 /// Why `path` didn't open, in a person's words, when something plainer than a damaged picture is
 /// the cause; empty otherwise.
 QString whyNotOpened(const QString& path) {
-    const QFileInfo info(path);
-    if (!info.exists()) return QStringLiteral("no such file");
-    if (info.isDir()) return QStringLiteral("a folder with no image cutlark opens");
+    if (!NativePath::exists(path)) return QStringLiteral("no such file");
+    if (NativePath::isFolder(path)) return QStringLiteral("a folder with no image cutlark opens");
     const QString kind = RegularFile::otherKind(path);
     if (!kind.isEmpty()) return QStringLiteral("not a regular file (%1); only files are opened").arg(kind);
     QFile file;
@@ -306,7 +305,7 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
     }
     outcome.json.insert(QStringLiteral("output"), target);
     // A result from before is not replaced unless asked; the file the input itself is, is.
-    if (!options.overwrite && target != absolute(sourcePath) && QFileInfo::exists(target)) {
+    if (!options.overwrite && target != absolute(sourcePath) && NativePath::exists(target)) {
         outcome.json.insert(QStringLiteral("skipped"), QStringLiteral("exists"));
         return outcome;
     }
@@ -353,6 +352,11 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
     outcome.json.insert(QStringLiteral("type"), type);
     QStringList notices = run.idle;
     if (model.noticeMessage()) notices << *model.noticeMessage();
+    if (!model.failedStages().isEmpty())
+        notices << QStringLiteral("%1 couldn’t be done (not enough memory); written at %2 × %3")
+                       .arg(model.failedStages().join(QStringLiteral(" and ")))
+                       .arg(result.width())
+                       .arg(result.height());
     if (!leftOut.isEmpty())
         notices << QStringLiteral("the input’s %1 left out: more than a result carries")
                        .arg(leftOut.join(QStringLiteral(", ")));
@@ -398,7 +402,7 @@ QStringList expandInputs(const QStringList& inputs) {
     QStringList out;
     for (const QString& input : inputs) {
         QStringList expanded = CropModel::expandingFolders({input});
-        if (QFileInfo(input).isDir()) {
+        if (NativePath::isFolder(input)) {
             std::stable_sort(expanded.begin(), expanded.end(), [](const QString& a, const QString& b) {
                 return NaturalOrder::compare(QFileInfo(a).fileName(), QFileInfo(b).fileName()) < 0;
             });
@@ -413,7 +417,7 @@ QStringList expandInputs(const QStringList& inputs) {
 QList<QPair<QString, QString>> expandInputsKeyed(const QStringList& given) {
     QList<QPair<QString, QString>> out;
     for (const QString& argument : given) {
-        const bool folder = QFileInfo(argument).isDir();
+        const bool folder = NativePath::isFolder(argument);
         for (const QString& path : expandInputs({argument}))
             out.append({path, folder ? QDir(argument).relativeFilePath(path) : QDir::cleanPath(argument)});
     }
@@ -475,8 +479,15 @@ std::optional<int> CliRunner::takeStandardInput(QStringList& inputs, ScratchFold
         std::fprintf(m_err, "cutlark-cli: -: standard input is empty\n");
         return 1;
     }
-    // Named for what it holds, so the result keeps its type as a file's would.
-    QString extension = ImageFile::preferredExtension(QMimeDatabase().mimeTypeForData(head).name());
+    // Named for what it holds, so the result keeps its type as a file's would; what isn't a
+    // picture at all is refused before the rest is read.
+    const QString type = QMimeDatabase().mimeTypeForData(head).name();
+    if (std::none_of(ImageFile::acceptedTypes().begin(), ImageFile::acceptedTypes().end(),
+                     [&](const QString& t) { return ImageFile::conforms(type, t); })) {
+        std::fprintf(m_err, "cutlark-cli: -: not an image type cutlark opens (%s)\n", qPrintable(type));
+        return 1;
+    }
+    QString extension = ImageFile::preferredExtension(type);
     if (extension.isEmpty()) extension = QStringLiteral("bin");
     const QString folder = scratch.path();
     const QString name = QStringLiteral("stdin.") + extension;
@@ -672,10 +683,9 @@ int CliRunner::runTrace(const CliOptions& options) {
     const QString shownInput = input == stdinCopy ? QStringLiteral("-") : input;
     if (!options.toStdout) {
         // Never over an input, and over an existing file only when asked; checked before any work.
-        const QFileInfo target(options.svgPath);
-        if (target.exists() &&
-            (target.canonicalFilePath() == QFileInfo(input).canonicalFilePath() || !options.overwrite)) {
-            const bool isInput = target.canonicalFilePath() == QFileInfo(input).canonicalFilePath();
+        const QString target = NativePath::canonical(options.svgPath);
+        if (!target.isEmpty() && (target == NativePath::canonical(input) || !options.overwrite)) {
+            const bool isInput = target == NativePath::canonical(input);
             std::fprintf(m_err, "cutlark-cli: %s: “%s” %s; nothing was written\n", qPrintable(shownInput),
                          qPrintable(options.svgPath),
                          isInput ? "is the input itself" : "exists already (give --overwrite to replace it)");
@@ -715,7 +725,7 @@ int CliRunner::runTrace(const CliOptions& options) {
     } else {
         // A missing folder is made, as process -o makes its own.
         const QString folder = QFileInfo(options.svgPath).absolutePath();
-        if (!QFileInfo(folder).isDir() && !QDir().mkpath(folder)) {
+        if (!NativePath::isFolder(folder) && !QDir().mkpath(folder)) {
             std::fprintf(m_err, "cutlark-cli: can’t create the folder “%s”\n", qPrintable(folder));
             return 2;
         }
@@ -740,7 +750,7 @@ int CliRunner::runTrace(const CliOptions& options) {
 }
 
 int CliRunner::runSplit(const CliOptions& options) {
-    if (!options.outputDir.isEmpty() && !QFileInfo(options.outputDir).isDir() &&
+    if (!options.outputDir.isEmpty() && !NativePath::isFolder(options.outputDir) &&
         !QDir().mkpath(options.outputDir)) {
         std::fprintf(m_err, "cutlark-cli: can’t create the folder “%s”\n", qPrintable(options.outputDir));
         return 2;
@@ -801,7 +811,7 @@ int CliRunner::runProcess(const CliOptions& asked) {
         }
     }
     run.options = options;
-    if (!options.outputDir.isEmpty() && !QFileInfo(options.outputDir).isDir()) {
+    if (!options.outputDir.isEmpty() && !NativePath::isFolder(options.outputDir)) {
         if (!QDir().mkpath(options.outputDir)) {
             std::fprintf(m_err, "cutlark-cli: can’t create the folder “%s”\n", qPrintable(options.outputDir));
             return 2;
@@ -813,8 +823,8 @@ int CliRunner::runProcess(const CliOptions& asked) {
     QHash<QString, QString> sliceKey;
     QSet<QString> seen;
     for (const auto& [input, key] : expandInputsKeyed(options.inputs)) {
-        const QFileInfo info(input);
-        const QString same = info.exists() ? info.canonicalFilePath() : absolute(input);
+        const QString real = NativePath::canonical(input);
+        const QString same = !real.isEmpty() ? real : absolute(input);
         if (seen.contains(same)) continue;
         seen.insert(same);
         inputs << input;

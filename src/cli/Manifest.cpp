@@ -1,5 +1,7 @@
 #include "cli/Manifest.h"
 
+#include "support/NativePath.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -70,7 +72,7 @@ QSet<QString> Manifest::done(const QString& path, const QString& settingsHash, Q
 }
 
 bool Manifest::syncFolderOf(const QString& path) {
-    const int fd = ::open(QFile::encodeName(QFileInfo(path).absolutePath()).constData(),
+    const int fd = ::open(NativePath::toBytes(QFileInfo(path).absolutePath()).constData(),
                           O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return false;
     const bool ok = ::fsync(fd) == 0;

@@ -1,5 +1,6 @@
 #include "cli/CliRunner.h"
 #include "support/HugePages.h"
+#include "support/NativePath.h"
 
 #include <QCoreApplication>
 
@@ -41,5 +42,6 @@ int main(int argc, char** argv) {
     if (mayCutOutSubjects(argc, argv)) cutlark::HugePages::restartWithHugePages(argv);
     QCoreApplication app(argc, argv);
     cutlark::CliRunner runner(stdout, stderr);
-    return runner.run(QCoreApplication::arguments().mid(1));
+    // The arguments as bytes: a file name that isn't UTF-8 stays the name of its file.
+    return runner.run(cutlark::NativePath::arguments(argc, argv).mid(1));
 }

@@ -184,6 +184,11 @@ public:
     const QString& openRefusal() const {
         return m_openRefusal;
     }
+    /// The stages the last build was asked for and couldn't do for want of memory ("the resize to
+    /// 100000 × 100000"): the picture went on without them.
+    const QStringList& failedStages() const {
+        return m_failedStages;
+    }
     std::optional<QString> errorMessage() const {
         return m_errorMessage;
     }
@@ -352,9 +357,6 @@ private:
     /// progress; false when the user cancelled, which stops the waiting at once (decodes already
     /// running finish on their own and are dropped).
     bool decodeAll(std::vector<DecodedFile>& candidates);
-    /// Children of the folders among `paths` that pass the type test but whose names can't be held
-    /// in a string (not valid in the file-name encoding); `expandingFolders` can't list them.
-    static int unnamableChildren(const QStringList& paths);
     /// True when the file name's extension names one of the accepted types. Never reads the file.
     static bool passesTypeTest(const QString& path);
     /// Makes `id` the active item: the item being left keeps its settings, the new one brings its
@@ -430,6 +432,7 @@ private:
     QImage m_processedImage;
     std::optional<QString> m_errorMessage;
     QString m_openRefusal;
+    QStringList m_failedStages;
     std::optional<QString> m_saveConfirmation;
     std::optional<QString> m_noticeMessage;
     QList<QRectF> m_collageRects;
@@ -446,6 +449,7 @@ private:
         qint64 cutout = 0; ///< cache key of the subject cutout used, 0 for none
         Settings settings; ///< with the resize and trace fields at their defaults
         QImage image;
+        QStringList failed; ///< the stages it asked for and couldn't do
     };
     std::optional<PreResize> m_preResize;
     QSet<QUuid> m_prefetching;

@@ -4,6 +4,7 @@
 #include "model/ImageFile.h"
 #include "support/AtomicFile.h"
 #include "support/HandOff.h"
+#include "support/NativePath.h"
 #include "support/NaturalOrder.h"
 #include "support/OrderedWork.h"
 #include "support/RegularFile.h"
@@ -16,8 +17,6 @@
 #include <QtConcurrent/QtConcurrentRun>
 #include <QThread>
 #include <QThreadPool>
-
-#include <dirent.h>
 
 #include <algorithm>
 #include <chrono>
@@ -35,7 +34,7 @@ QString extensionOf(const QString& path) {
     return QFileInfo(path).suffix();
 }
 QString folderOf(const QString& path) {
-    return QFileInfo(path).absolutePath();
+    return QFileInfo(NativePath::absolute(path)).path();
 }
 
 QString withoutExtension(const QString& path) {
@@ -63,37 +62,16 @@ bool CropModel::passesTypeTest(const QString& path) {
 QStringList CropModel::expandingFolders(const QStringList& paths) {
     QStringList out;
     for (const QString& path : paths) {
-        const QFileInfo info(path);
-        if (!info.isDir()) {
+        if (!NativePath::isFolder(path)) {
             out << path; // files and missing names go on untested
             continue;
         }
         // Direct children only, hidden ones left out; a folder that can't be listed counts as empty.
-        const QFileInfoList children =
-            QDir(path).entryInfoList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot, QDir::NoSort);
-        for (const QFileInfo& child : children)
-            if (passesTypeTest(child.fileName())) out << child.filePath();
+        // Listed by their bytes, so a name that isn't UTF-8 is opened under its own name.
+        for (const QString& child : NativePath::children(path))
+            if (passesTypeTest(child)) out << child;
     }
     return out;
-}
-
-int CropModel::unnamableChildren(const QStringList& paths) {
-    // Qt leaves out of a listing any name that isn't valid in the file-name encoding (a Latin-1 name
-    // on a UTF-8 system); such a file can't be opened by name, but the user is told it was there.
-    int count = 0;
-    for (const QString& path : paths) {
-        if (!QFileInfo(path).isDir()) continue;
-        DIR* dir = opendir(QFile::encodeName(path).constData());
-        if (!dir) continue;
-        while (const dirent* entry = readdir(dir)) {
-            const QByteArray raw(entry->d_name);
-            if (raw.startsWith('.')) continue;
-            const QString name = QFile::decodeName(raw);
-            if (QFile::encodeName(name) != raw && passesTypeTest(name)) ++count;
-        }
-        closedir(dir);
-    }
-    return count;
 }
 
 QString CropModel::skipMessage(int count) const {
@@ -194,7 +172,7 @@ void CropModel::openNow(const QStringList& paths) {
     });
 
     std::vector<DecodedFile> candidates;
-    int skipped = unnamableChildren(paths);
+    int skipped = 0;
     for (const QString& path : list) {
         if (passesTypeTest(path))
             candidates.push_back(
@@ -212,9 +190,8 @@ void CropModel::openNow(const QStringList& paths) {
                 m_openRefusal = QStringLiteral("“%1” %2").arg(fileName(d.path), d.refusal);
             continue;
         }
-        fresh.push_back(Item{QUuid::createUuid(), QFileInfo(d.path).absoluteFilePath(), d.loaded->type,
-                             *d.buffer, false, Settings(), d.loaded->hold, d.loaded->storage, d.encoded,
-                             d.thumbnail});
+        fresh.push_back(Item{QUuid::createUuid(), NativePath::absolute(d.path), d.loaded->type, *d.buffer,
+                             false, Settings(), d.loaded->hold, d.loaded->storage, d.encoded, d.thumbnail});
     }
     candidates.clear();
 
@@ -372,7 +349,7 @@ void CropModel::splitCollage() {
         if (piece.isNull()) continue; // the position goes on counting
         const QString stem = base + QLatin1Char('-') + QString::number(i + 1);
         QString target = dir.filePath(stem + QLatin1Char('.') + extension);
-        for (int n = 2; QFileInfo::exists(target); ++n)
+        for (int n = 2; NativePath::exists(target); ++n)
             target =
                 dir.filePath(stem + QLatin1Char('-') + QString::number(n) + QLatin1Char('.') + extension);
         if (ImageFile::save(piece, target, item->type, item->storage,

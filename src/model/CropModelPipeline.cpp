@@ -126,6 +126,8 @@ QImage CropModel::buildBeforeResize(const Item& item) {
         const Insets p = paddingInsets();
         if (auto padded = attempt([&] { return CropEngine::pad(work, p.top, p.right, p.bottom, p.left); }))
             work = *padded;
+        else if (p.top > 0 || p.right > 0 || p.bottom > 0 || p.left > 0)
+            m_failedStages << QStringLiteral("the padding");
     }
 
     // 7. Background.
@@ -190,9 +192,12 @@ QImage CropModel::buildProcessed(const Item& item) {
     if (m_preResize && m_preResize->item == key.item && m_preResize->source == key.source &&
         m_preResize->cutout == key.cutout && m_preResize->settings == key.settings) {
         work = m_preResize->image;
+        m_failedStages = m_preResize->failed;
     } else {
         m_preResize.reset(); // its picture isn't kept alive beside the new one's stages
+        m_failedStages.clear();
         work = buildBeforeResize(item);
+        key.failed = m_failedStages;
         key.image = work;
         m_preResize = std::move(key);
     }
@@ -206,7 +211,13 @@ QImage CropModel::buildProcessed(const Item& item) {
             auto sized = attempt([&] {
                 return s.resizeCanvas ? CropEngine::canvas(work, *target) : CropEngine::resize(work, *target);
             });
-            if (sized) work = *sized;
+            if (sized)
+                work = *sized;
+            else if (QSize(qRound(target->width()), qRound(target->height())) != work.size())
+                m_failedStages << (s.resizeCanvas ? QStringLiteral("the canvas of %1 × %2")
+                                                  : QStringLiteral("the resize to %1 × %2"))
+                                      .arg(qRound(target->width()))
+                                      .arg(qRound(target->height()));
         }
     }
 

@@ -126,8 +126,9 @@ void readPngText(QIODevice& d, qint64 at, qint64 length, const char* type, Found
     // Hex text is twice its bytes; compressed text can't be longer than its chunk.
     const qint64 limit = xmp ? kMaxBlockBytes : 2 * kMaxBlockBytes + 4096;
     if (length > limit) {
-        found.leftOut << QStringLiteral("%1 of %2").arg(xmp || rawXmp ? QStringLiteral("XMP") : QStringLiteral("EXIF"),
-                                                      sizeText(length));
+        found.leftOut << QStringLiteral("%1 of %2")
+                             .arg(xmp || rawXmp ? QStringLiteral("XMP") : QStringLiteral("EXIF"),
+                                  sizeText(length));
         return;
     }
     const QByteArray chunk = readAt(d, at, length);
@@ -149,7 +150,8 @@ void readPngText(QIODevice& d, qint64 at, qint64 length, const char* type, Found
     }
     if (tooLarge) {
         found.leftOut << QStringLiteral("%1 of more than %2")
-                             .arg(xmp || rawXmp ? QStringLiteral("XMP") : QStringLiteral("EXIF"), sizeText(limit));
+                             .arg(xmp || rawXmp ? QStringLiteral("XMP") : QStringLiteral("EXIF"),
+                                  sizeText(limit));
         return;
     }
     QByteArray block = xmp ? text : rawProfile(text);
@@ -269,7 +271,8 @@ Found read(QIODevice& device) {
     } else if (head.startsWith("II*\0") || head.startsWith(QByteArray("MM\0*", 4))) {
         readTiff(device, found);
     } else if (!ImageCodecs::heifTypeOf(h, int(head.size())).isEmpty()) {
-        const ImageMetadata::Blocks blocks = ImageCodecs::heifMetadata(readAt(device, 0, device.size()), &found.leftOut);
+        const ImageMetadata::Blocks blocks =
+            ImageCodecs::heifMetadata(readAt(device, 0, device.size()), &found.leftOut);
         found.exif = blocks.exif;
         found.xmp = blocks.xmp;
     }

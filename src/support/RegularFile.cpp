@@ -1,5 +1,7 @@
 #include "support/RegularFile.h"
 
+#include "support/NativePath.h"
+
 #include <QFile>
 
 #include <fcntl.h>
@@ -11,7 +13,8 @@ namespace cutlark::RegularFile {
 bool open(QFile& file, const QString& path) {
     file.close();
     // Without blocking: opening a pipe for reading would otherwise wait for a writer.
-    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    const int fd =
+        ::open(NativePath::toBytes(path).constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) return false;
     struct stat st {};
     if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
@@ -29,7 +32,7 @@ bool open(QFile& file, const QString& path) {
 
 QString otherKind(const QString& path) {
     struct stat st {};
-    if (::stat(QFile::encodeName(path).constData(), &st) != 0) return QString();
+    if (::stat(NativePath::toBytes(path).constData(), &st) != 0) return QString();
     if (S_ISFIFO(st.st_mode)) return QStringLiteral("a named pipe");
     if (S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode)) return QStringLiteral("a device");
     if (S_ISSOCK(st.st_mode)) return QStringLiteral("a socket");
