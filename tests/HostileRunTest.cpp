@@ -52,7 +52,8 @@ TEST_F(HostileRunTest, PipesAndDevicesNamedLikePicturesAreNamedNotWaitedOn) {
             const QString reason = line.value(QStringLiteral("reason")).toString();
             if (reason.isEmpty()) continue;
             named = true;
-            EXPECT_TRUE(reason == QStringLiteral("not a regular file (a named pipe); only files are opened") ||
+            EXPECT_TRUE(reason ==
+                            QStringLiteral("not a regular file (a named pipe); only files are opened") ||
                         reason == QStringLiteral("not a regular file (a device); only files are opened"))
                 << qPrintable(reason);
         }
@@ -71,19 +72,21 @@ TEST_F(HostileRunTest, NamesThatArentUtf8AreProcessedUnderTheirOwnBytes) {
     ::close(fd);
 
     // Found in a folder, and named directly (as the shell passes it: the raw bytes).
-    ProgramRun run = cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("paddingEnabled=true"),
-                          QStringLiteral("--set"), QStringLiteral("padAmount=2"), m_dir.path()});
+    ProgramRun run =
+        cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("paddingEnabled=true"),
+             QStringLiteral("--set"), QStringLiteral("padAmount=2"), m_dir.path()});
     ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
     ASSERT_EQ(run.lines.size(), 1);
-    EXPECT_TRUE(run.out.contains("caf\\udce9.png")) << "escaped as Python's surrogateescape reads it: " << run.out.constData();
+    EXPECT_TRUE(run.out.contains("caf\\udce9.png"))
+        << "escaped as Python's surrogateescape reads it: " << run.out.constData();
     EXPECT_EQ(run.lines[0].value(QStringLiteral("width")).toInt(), 34);
     struct stat st {};
     EXPECT_EQ(::stat(nativePath("caf\xe9-out.png").constData(), &st), 0) << "the result under the same bytes";
 
-    const ProgramRun named = runProgram(QStringLiteral("/bin/sh"),
-                                        {QStringLiteral("-c"),
-                                         QStringLiteral("exec '%1' info \"$(printf '%2/caf\\351.png')\"")
-                                             .arg(QStringLiteral(CUTLARK_CLI_PATH), m_dir.path())});
+    const ProgramRun named =
+        runProgram(QStringLiteral("/bin/sh"),
+                   {QStringLiteral("-c"), QStringLiteral("exec '%1' info \"$(printf '%2/caf\\351.png')\"")
+                                              .arg(QStringLiteral(CUTLARK_CLI_PATH), m_dir.path())});
     ASSERT_EQ(named.exitCode, 0) << qPrintable(named.err);
     ASSERT_EQ(named.lines.size(), 1);
     EXPECT_EQ(named.lines[0].value(QStringLiteral("width")).toInt(), 30);
@@ -102,11 +105,13 @@ TEST_F(HostileRunTest, ResultsNeverGoOverAnInputOrAnExistingFileUnasked) {
     EXPECT_EQ(readBytes(picture), before);
     EXPECT_EQ(readBytes(notes), QByteArray("my notes\n"));
     // Over the input even with --overwrite: never. Over another file when asked: yes.
-    EXPECT_EQ(cli({QStringLiteral("trace"), QStringLiteral("--overwrite"), QStringLiteral("-o"), picture, picture})
-                  .exitCode,
-              1);
+    EXPECT_EQ(
+        cli({QStringLiteral("trace"), QStringLiteral("--overwrite"), QStringLiteral("-o"), picture, picture})
+            .exitCode,
+        1);
     EXPECT_EQ(readBytes(picture), before);
-    const ProgramRun asked = cli({QStringLiteral("trace"), QStringLiteral("--overwrite"), QStringLiteral("-o"), notes, picture});
+    const ProgramRun asked =
+        cli({QStringLiteral("trace"), QStringLiteral("--overwrite"), QStringLiteral("-o"), notes, picture});
     EXPECT_EQ(asked.exitCode, 0) << qPrintable(asked.err);
     EXPECT_TRUE(readBytes(notes).contains("<svg"));
 }
@@ -117,12 +122,14 @@ TEST_F(HostileRunTest, RewritingInPlaceKeepsOwnerGroupAndMode) {
     ASSERT_EQ(::chmod(native.constData(), 0640), 0);
     const bool root = ::getuid() == 0;
     // As root, the file belongs to someone else (nobody): root saving it must not take it over.
-    if (root) ASSERT_EQ(::chown(native.constData(), 65534, 65534), 0);
+    if (root) {
+        ASSERT_EQ(::chown(native.constData(), 65534, 65534), 0);
+    }
     struct stat before {};
     ASSERT_EQ(::stat(native.constData(), &before), 0);
-    const ProgramRun run = cli({QStringLiteral("process"), QStringLiteral("--in-place"), QStringLiteral("--set"),
-                                QStringLiteral("paddingEnabled=true"), QStringLiteral("--set"),
-                                QStringLiteral("padAmount=3"), picture});
+    const ProgramRun run = cli({QStringLiteral("process"), QStringLiteral("--in-place"),
+                                QStringLiteral("--set"), QStringLiteral("paddingEnabled=true"),
+                                QStringLiteral("--set"), QStringLiteral("padAmount=3"), picture});
     ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
     struct stat after {};
     ASSERT_EQ(::stat(native.constData(), &after), 0);
@@ -150,14 +157,16 @@ TEST_F(HostileRunTest, AManifestLineCutShortIsEndedBeforeTheNextRecord) {
 TEST_F(HostileRunTest, WhatCantBeDoneOrOpenedIsSaidWithWhatToDo) {
     // A resize inside the allowed range but beyond any memory: written at its size, and said.
     const QString picture = savePng(m_dir, QStringLiteral("p.png"), coordinates(40, 30));
-    ProgramRun run = cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("resizeEnabled=true"),
-                          QStringLiteral("--set"), QStringLiteral("resizeLockAspect=false"), QStringLiteral("--set"),
-                          QStringLiteral("resizeWidth=100000"), QStringLiteral("--set"),
-                          QStringLiteral("resizeHeight=100000"), picture});
+    ProgramRun run =
+        cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("resizeEnabled=true"),
+             QStringLiteral("--set"), QStringLiteral("resizeLockAspect=false"), QStringLiteral("--set"),
+             QStringLiteral("resizeWidth=100000"), QStringLiteral("--set"),
+             QStringLiteral("resizeHeight=100000"), picture});
     ASSERT_EQ(run.exitCode, 0) << qPrintable(run.err);
     ASSERT_EQ(run.lines.size(), 1);
     EXPECT_EQ(run.lines[0].value(QStringLiteral("notice")).toString(),
-              QStringLiteral("the resize to 100000 × 100000 couldn’t be done (not enough memory); written at 40 × 30"));
+              QStringLiteral(
+                  "the resize to 100000 × 100000 couldn’t be done (not enough memory); written at 40 × 30"));
 
     // A picture out of all proportion to its file: refused, saying how to open it, and opened so.
     const QString bomb = path(QStringLiteral("bomb.bmp"));
@@ -165,16 +174,19 @@ TEST_F(HostileRunTest, WhatCantBeDoneOrOpenedIsSaidWithWhatToDo) {
     run = cli({QStringLiteral("info"), bomb});
     EXPECT_EQ(run.exitCode, 1);
     ASSERT_EQ(run.lines.size(), 1);
-    EXPECT_EQ(run.lines[0].value(QStringLiteral("reason")).toString(),
-              QStringLiteral("“bomb.bmp” holds 6400 × 6400 pixels (41 megapixels) in a file of 1080 bytes, far "
-                             "more than a file that size holds; to open it anyway, give --max-megapixels 41"));
+    EXPECT_EQ(
+        run.lines[0].value(QStringLiteral("reason")).toString(),
+        QStringLiteral("“bomb.bmp” holds 6400 × 6400 pixels (41 megapixels) in a file of 1080 bytes, far "
+                       "more than a file that size holds; to open it anyway, give --max-megapixels 41"));
     run = cli({QStringLiteral("info"), QStringLiteral("--max-megapixels"), QStringLiteral("41"), bomb});
     EXPECT_EQ(run.exitCode, 0) << qPrintable(run.err);
     EXPECT_EQ(cli({QStringLiteral("info"), QStringLiteral("--max-megapixels=0"), bomb}).exitCode, 2);
 
     // Standard input that isn't a picture is refused before the rest of it is read.
-    run = cli({QStringLiteral("process"), QStringLiteral("--stdout"), QStringLiteral("-")}, QByteArray(8 << 20, '\0'));
+    run = cli({QStringLiteral("process"), QStringLiteral("--stdout"), QStringLiteral("-")},
+              QByteArray(8 << 20, '\0'));
     EXPECT_EQ(run.exitCode, 1);
-    EXPECT_EQ(run.err.trimmed(), QStringLiteral("cutlark-cli: -: not an image type cutlark opens (application/octet-stream)"));
+    EXPECT_EQ(run.err.trimmed(),
+              QStringLiteral("cutlark-cli: -: not an image type cutlark opens (application/octet-stream)"));
     EXPECT_TRUE(run.out.isEmpty());
 }

@@ -911,7 +911,9 @@ int CliRunner::runProcess(const CliOptions& asked) {
             return Outcome{QJsonObject{{QStringLiteral("input"), plan.input},
                                        {QStringLiteral("error"), QStringLiteral("couldn’t be processed: %1")
                                                                      .arg(QString::fromLocal8Bit(e.what()))}},
-                           true};
+                           true,
+                           {},
+                           {}};
         }
     });
     QStringList failures;

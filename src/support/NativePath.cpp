@@ -1,11 +1,10 @@
 #include "support/NativePath.h"
 
-
 #include <QDir>
 
 #include <dirent.h>
-#include <unistd.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 
@@ -79,7 +78,8 @@ QByteArray toBytes(const QString& path) {
     qsizetype start = 0;
     for (qsizetype i = 0; i <= path.size(); ++i) {
         // A lone low surrogate in the escape range is a raw byte; a pair is a character.
-        const bool lone = i < path.size() && isEscape(path[i].unicode()) && (i == 0 || !path[i - 1].isHighSurrogate());
+        const bool lone =
+            i < path.size() && isEscape(path[i].unicode()) && (i == 0 || !path[i - 1].isHighSurrogate());
         if (i == path.size() || lone) {
             out += QStringView(path).mid(start, i - start).toUtf8();
             if (lone) out += char(path[i].unicode() - 0xdc00);
