@@ -192,14 +192,14 @@ QString whyNotOpened(const QString& path) {
     if (NativePath::isFolder(path)) return QStringLiteral("a folder with no image cutlark opens");
     const QString kind = RegularFile::otherKind(path);
     if (!kind.isEmpty()) return QStringLiteral("not a regular file (%1); only files are opened").arg(kind);
-    QFile file;
-    if (!RegularFile::open(file, path)) {
+    RegularFile regular;
+    if (!regular.open(path)) {
         QFile plain(path);
         return QStringLiteral("can’t be read: %1")
             .arg(plain.open(QIODevice::ReadOnly) ? QStringLiteral("unknown error") : plain.errorString());
     }
-    if (file.size() == 0) return QStringLiteral("an empty file");
-    const QMimeType content = QMimeDatabase().mimeTypeForData(&file);
+    if (regular.file().size() == 0) return QStringLiteral("an empty file");
+    const QMimeType content = QMimeDatabase().mimeTypeForData(&regular.file());
     for (const QString& type : ImageFile::acceptedTypes())
         if (ImageFile::conforms(content.name(), type)) return QString();
     return QStringLiteral("not an image type cutlark opens (%1)").arg(content.name());

@@ -122,9 +122,9 @@ bool CropModel::decodeAll(std::vector<DecodedFile>& candidates) {
             DecodedFile d{paths[i], std::nullopt, std::nullopt, QByteArray(), QImage(), QString()};
             try {
                 if (keepBytes) {
-                    QFile file;
-                    if (RegularFile::open(file, d.path) && file.size() <= kMaxKeptFileBytes)
-                        d.encoded = file.readAll();
+                    RegularFile file;
+                    if (file.open(d.path) && file.file().size() <= kMaxKeptFileBytes)
+                        d.encoded = file.file().readAll();
                     d.loaded = d.encoded.isEmpty() ? decode(d.path, options)
                                                    : ImageFile::loadFromData(d.encoded, options);
                 } else {

@@ -517,15 +517,16 @@ std::optional<Loaded> loadFromData(const QByteArray& bytes, const LoadOptions& o
 
 std::optional<Loaded> load(const QString& path, const LoadOptions& options) {
     t_lastRefusal.clear();
-    QFile file;
+    RegularFile regular;
     // Folders, pipes, devices and missing names are no pictures.
-    if (!RegularFile::open(file, path) || file.size() == 0) return std::nullopt;
-    return decodeContent(file, QByteArray(), options);
+    if (!regular.open(path) || regular.file().size() == 0) return std::nullopt;
+    return decodeContent(regular.file(), QByteArray(), options);
 }
 
 std::optional<QSize> probeSize(const QString& path) {
-    QFile file;
-    if (!RegularFile::open(file, path)) return std::nullopt;
+    RegularFile regular;
+    if (!regular.open(path)) return std::nullopt;
+    QFile& file = regular.file();
     const QByteArray head = file.peek(64);
     if (!ImageCodecs::heifTypeOf(reinterpret_cast<const uchar*>(head.constData()), int(head.size()))
              .isEmpty())

@@ -127,9 +127,9 @@ namespace {
 // items are found through libheif (exiv2 0.27 misreads some of their layouts, libheif's own grids
 // among them). What was too large to carry is named in `leftOut`.
 bool readSource(const QString& path, Exiv2::ExifData& exif, Exiv2::XmpData& xmp, QStringList* leftOut) {
-    QFile file;
-    if (!RegularFile::open(file, path)) return false;
-    const MetadataBlocks::Found found = MetadataBlocks::read(file);
+    RegularFile file;
+    if (!file.open(path)) return false;
+    const MetadataBlocks::Found found = MetadataBlocks::read(file.file());
     if (leftOut) *leftOut << found.leftOut;
     if (!found.exif.isEmpty())
         Exiv2::ExifParser::decode(exif, reinterpret_cast<const Exiv2::byte*>(found.exif.constData()),

@@ -2,35 +2,41 @@
 
 #include "support/NativePath.h"
 
-#include <QFile>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace cutlark::RegularFile {
+namespace cutlark {
 
-bool open(QFile& file, const QString& path) {
-    file.close();
+RegularFile::~RegularFile() {
+    close();
+}
+
+void RegularFile::close() {
+    m_file.close();
+    if (m_fd >= 0) ::close(m_fd);
+    m_fd = -1;
+}
+
+bool RegularFile::open(const QString& path) {
+    close();
     // Without blocking: opening a pipe for reading would otherwise wait for a writer.
     const int fd =
         ::open(NativePath::toBytes(path).constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) return false;
     struct stat st {};
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        ::close(fd);
-        return false;
-    }
     const int flags = ::fcntl(fd, F_GETFL);
-    if (flags < 0 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0 ||
-        !file.open(fd, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle)) {
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || flags < 0 ||
+        ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0 ||
+        !m_file.open(fd, QIODevice::ReadOnly, QFileDevice::DontCloseHandle)) {
         ::close(fd);
         return false;
     }
+    m_fd = fd;
     return true;
 }
 
-QString otherKind(const QString& path) {
+QString RegularFile::otherKind(const QString& path) {
     struct stat st {};
     if (::stat(NativePath::toBytes(path).constData(), &st) != 0) return QString();
     if (S_ISFIFO(st.st_mode)) return QStringLiteral("a named pipe");
@@ -39,4 +45,4 @@ QString otherKind(const QString& path) {
     return QString();
 }
 
-} // namespace cutlark::RegularFile
+} // namespace cutlark
