@@ -66,7 +66,7 @@ void pngFinish(QByteArray& png) {
 
 // --- JPEG ---
 
-QByteArray encodeJpeg(const QImage& image, bool progressive) {
+QByteArray encodeJpeg(const QImage& image, bool progressive, const QByteArray& icc = QByteArray()) {
     const QImage rgb = image.convertToFormat(QImage::Format_RGB888);
     jpeg_compress_struct cinfo{};
     jpeg_error_mgr errors{};
@@ -83,6 +83,9 @@ QByteArray encodeJpeg(const QImage& image, bool progressive) {
     jpeg_set_quality(&cinfo, 90, TRUE);
     if (progressive) jpeg_simple_progression(&cinfo);
     jpeg_start_compress(&cinfo, TRUE);
+    if (!icc.isEmpty())
+        jpeg_write_icc_profile(&cinfo, reinterpret_cast<const JOCTET*>(icc.constData()),
+                               unsigned(icc.size()));
     while (cinfo.next_scanline < cinfo.image_height) {
         JSAMPROW row = const_cast<JSAMPROW>(rgb.constScanLine(int(cinfo.next_scanline)));
         jpeg_write_scanlines(&cinfo, &row, 1);
@@ -243,6 +246,45 @@ QByteArray exifStatingOrientation(int orientation) {
     be16(tiff, 0);
     be32(tiff, 0); // no next directory
     return tiff;
+}
+
+QByteArray greyProfile() {
+    const auto s15 = [](QByteArray& out, double v) { be32(out, quint32(qint32(qRound(v * 65536)))); };
+    // Two tags: the white point (D50) and the grey curve (gamma 1.8).
+    QByteArray wtpt("XYZ \0\0\0\0", 8);
+    s15(wtpt, 0.9642);
+    s15(wtpt, 1.0);
+    s15(wtpt, 0.8249);
+    QByteArray ktrc("curv\0\0\0\0", 8);
+    be32(ktrc, 1);
+    be16(ktrc, quint32(1.8 * 256));
+    be16(ktrc, 0);
+    QByteArray table;
+    be32(table, 2);
+    const quint32 first = 128 + 4 + 2 * 12;
+    table.append("wtpt", 4);
+    be32(table, first);
+    be32(table, quint32(wtpt.size()));
+    table.append("kTRC", 4);
+    be32(table, first + quint32(wtpt.size()));
+    be32(table, 12 + 2);
+    QByteArray header;
+    be32(header, quint32(128 + table.size() + wtpt.size() + ktrc.size()));
+    header.append("none", 4);
+    be32(header, 0x02100000); // version 2.1
+    header.append("mntrGRAYXYZ ", 12);
+    header.append(12, '\0'); // date
+    header.append("acsp", 4);
+    header.append(28, '\0'); // platform, flags, maker, model, attributes, intent
+    s15(header, 0.9642);
+    s15(header, 1.0);
+    s15(header, 0.8249);
+    header.append(128 - header.size(), '\0');
+    return header + table + wtpt + ktrc;
+}
+
+QByteArray jpegWithProfile(const QImage& image, const QByteArray& icc) {
+    return encodeJpeg(image, false, icc);
 }
 
 QByteArray iccChunk(const QByteArray& icc) {

@@ -25,6 +25,12 @@ QByteArray pngWithChunks(const QImage& image, const QList<QPair<QByteArray, QByt
 /// The payload of an eXIf chunk (a big-endian TIFF structure) stating `orientation`.
 QByteArray exifStatingOrientation(int orientation);
 
+/// A grey ICC profile (version 2, D50, gamma 1.8), written by hand.
+QByteArray greyProfile();
+
+/// A baseline JPEG of `image` in colour, carrying the ICC profile `icc`.
+QByteArray jpegWithProfile(const QImage& image, const QByteArray& icc);
+
 /// The payload of an iCCP chunk holding the profile `icc`.
 QByteArray iccChunk(const QByteArray& icc);
 

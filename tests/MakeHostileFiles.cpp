@@ -9,6 +9,14 @@
 
 #include <cstdio>
 
+namespace {
+QImage flat(int w, int h, QRgb colour) {
+    QImage image(w, h, QImage::Format_RGB32);
+    image.fill(colour);
+    return image;
+}
+} // namespace
+
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
     const bool small = argc == 3 && qstrcmp(argv[2], "--small") == 0;
@@ -37,6 +45,7 @@ int main(int argc, char** argv) {
         {QStringLiteral("rle-16000.bmp"), bmpRle(16000, 16000)},
         {QStringLiteral("flat-16000.png"), flatPng(16000, 16000)},
         {QStringLiteral("rle-6320.bmp"), bmpRle(6320, 6320)},
+        {QStringLiteral("grey-icc.jpg"), jpegWithProfile(flat(6, 4, qRgb(129, 71, 112)), greyProfile())},
         {QStringLiteral("xmp-150000.png"), pictureWithXmp("png", xmpPacket(150000))},
         {QStringLiteral("xmp-150000.webp"), pictureWithXmp("webp", xmpPacket(150000))},
         {QStringLiteral("xmp-150000.tiff"), pictureWithXmp("tiff", xmpPacket(150000))},
