@@ -1,6 +1,6 @@
 // One subject cutout of a 12-megapixel photograph, end to end, with the real network on 2 threads.
 #include "engines/VisionEngine.h"
-#include "model/ImageFile.h"
+#include "io/ImageFile.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>

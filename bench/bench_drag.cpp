@@ -1,6 +1,6 @@
 // A slider drag in the window on a 12-megapixel image: the time of each step, from the slider's move
 // through the model's rebuild to the views' refresh, with keying, trim, padding and a background on.
-#include "model/ImageFile.h"
+#include "io/ImageFile.h"
 #include "ui/ContentView.h"
 #include "ui/MainWindow.h"
 #include "ui/SettingsSidebar.h"

@@ -3,8 +3,8 @@
 #include "engines/CollageSplitter.h"
 #include "engines/CropEngine.h"
 #include "engines/StickerEngine.h"
+#include "io/ImageFile.h"
 #include "model/CropModel.h"
-#include "model/ImageFile.h"
 
 #include <QCoreApplication>
 #include <QTemporaryDir>

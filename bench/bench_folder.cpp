@@ -1,8 +1,8 @@
 // Opening a folder of many 12-megapixel photographs: how much memory each item holds, and how long
 // the open takes. Usage: bench_folder [COUNT=300] [FOLDER]; without a folder, COUNT photographs are
 // made once in ~/.cache/cutlark/folder-COUNT (distinct JPEGs of 4000×3000).
+#include "io/ImageFile.h"
 #include "model/CropModel.h"
-#include "model/ImageFile.h"
 
 #include <QCoreApplication>
 #include <QDir>

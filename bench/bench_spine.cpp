@@ -1,7 +1,7 @@
 // Opening an image into an item, what an item holds, and a rebuild at default settings.
 #include "engines/CropEngine.h"
+#include "io/ImageFile.h"
 #include "model/CropModel.h"
-#include "model/ImageFile.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -111,7 +111,7 @@ BENCHMARK(BM_ModelOpenEight)->Unit(benchmark::kMillisecond)->UseRealTime()->Iter
 void BM_RecomputeDefaults(benchmark::State& state) {
     CropModel model;
     model.open({fixture().jpeg});
-    const qint64 source = model.active()->buffer.cgImage().cacheKey();
+    const qint64 source = model.active()->buffer.image().cacheKey();
     for (auto _ : state) {
         model.recomputeActive();
         benchmark::DoNotOptimize(model.processedImage().cacheKey());

@@ -1,7 +1,7 @@
 // The vectorizer: a silhouette trace of a 4000×3000 drawing and a colour trace of a 2000×2000
 // illustration, one thread; the helpers bench/peers.sh uses to compare with potrace; and
 // --curves DIR, bench/curves.sh's comparison of smooth curves with potrace on text and icons.
-#include "model/ImageFile.h"
+#include "io/ImageFile.h"
 #include "vectorize/VectorizeEngine.h"
 
 #include <QCoreApplication>

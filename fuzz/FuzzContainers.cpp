@@ -1,8 +1,8 @@
 // The walks over file structure that run before any decoder: the PNG chunk list and the HEIF boxes
 // that give a grid's canvas. Whatever the bytes, they end, and what the PNG walk keeps is a PNG that
 // walks clean and is never bigger than what came in.
-#include "model/ImageCodecs.h"
-#include "model/PngChunks.h"
+#include "io/ImageCodecs.h"
+#include "io/PngChunks.h"
 
 #include <QBuffer>
 

@@ -1,6 +1,6 @@
 // Decoding arbitrary bytes through the same code the app uses, then building the item's buffer.
 #include "engines/CropEngine.h"
-#include "model/ImageFile.h"
+#include "io/ImageFile.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -4,8 +4,8 @@
 
 #include "TestSupport.h"
 
+#include "io/ImageFile.h"
 #include "model/CropModel.h"
-#include "model/ImageFile.h"
 #include "support/NativePath.h"
 
 #include <QDir>
@@ -142,13 +142,13 @@ TEST_F(BadInputTest, OddEntriesInAnOpenedFolder) {
 
     model.open({path(QStringLiteral("f"))});
     ASSERT_EQ(model.items().size(), 1u);
-    EXPECT_EQ(QFileInfo(model.items().front().url).fileName(), QStringLiteral("good.png"));
+    EXPECT_EQ(QFileInfo(model.items().front().path).fileName(), QStringLiteral("good.png"));
     EXPECT_EQ(model.errorMessage(), QStringLiteral("4 files couldn’t be opened."))
         << "the empty file, the two links that lead nowhere, and the folder named like a picture";
 
     // A folder named like an image, opened on its own, is a folder: its images open.
     model.open({path(QStringLiteral("f/folder.jpg"))});
-    EXPECT_EQ(QFileInfo(model.active()->url).fileName(), QStringLiteral("inside.png"));
+    EXPECT_EQ(QFileInfo(model.active()->path).fileName(), QStringLiteral("inside.png"));
     // The loop, opened on its own, is the same folder again, and nothing goes round in circles.
     model.open({path(QStringLiteral("f/loop"))});
     EXPECT_EQ(model.items().size(), 3u);
@@ -168,11 +168,11 @@ TEST_F(BadInputTest, AFolderOfTenThousandEntries) {
     model.open({path(QStringLiteral("many"))});
     ASSERT_EQ(model.items().size(), 2000u);
     EXPECT_FALSE(model.errorMessage());
-    EXPECT_EQ(QFileInfo(model.items()[0].url).fileName(), QStringLiteral("img0.png"));
-    EXPECT_EQ(QFileInfo(model.items()[1].url).fileName(), QStringLiteral("img5.png"));
-    EXPECT_EQ(QFileInfo(model.items()[2].url).fileName(), QStringLiteral("img10.png"))
+    EXPECT_EQ(QFileInfo(model.items()[0].path).fileName(), QStringLiteral("img0.png"));
+    EXPECT_EQ(QFileInfo(model.items()[1].path).fileName(), QStringLiteral("img5.png"));
+    EXPECT_EQ(QFileInfo(model.items()[2].path).fileName(), QStringLiteral("img10.png"))
         << "numbers in name order";
-    EXPECT_EQ(QFileInfo(model.items().back().url).fileName(), QStringLiteral("img9995.png"));
+    EXPECT_EQ(QFileInfo(model.items().back().path).fileName(), QStringLiteral("img9995.png"));
 }
 
 TEST_F(BadInputTest, OddNamesOpenAndSaveUnderTheirOwnName) {
@@ -197,10 +197,10 @@ TEST_F(BadInputTest, OddNamesOpenAndSaveUnderTheirOwnName) {
     EXPECT_FALSE(model.errorMessage());
     int latin1 = 0;
     for (const auto& item : model.items()) {
-        if (NativePath::toBytes(item.url) == latin1Name)
+        if (NativePath::toBytes(item.path) == latin1Name)
             ++latin1;
         else
-            EXPECT_TRUE(names.contains(QFileInfo(item.url).fileName())) << qPrintable(item.url);
+            EXPECT_TRUE(names.contains(QFileInfo(item.path).fileName())) << qPrintable(item.path);
     }
     EXPECT_EQ(latin1, 1);
 
@@ -211,7 +211,7 @@ TEST_F(BadInputTest, OddNamesOpenAndSaveUnderTheirOwnName) {
         model.saveOverOriginal();
     EXPECT_FALSE(model.errorMessage());
     for (const auto& item : model.items())
-        EXPECT_TRUE(item.saved) << item.url.toStdString();
+        EXPECT_TRUE(item.saved) << item.path.toStdString();
     EXPECT_EQ(NativePath::children(m_dir.path()).size(), names.size() + 1) << "no temporary file left";
     QFile raw;
     ASSERT_TRUE(
@@ -236,12 +236,12 @@ TEST_F(BadInputTest, FilesThatChangeBetweenOpenAndSave) {
     ASSERT_TRUE(QFile::remove(replaced));
     ASSERT_TRUE(QDir(m_dir.path()).mkdir(QStringLiteral("replaced.png")));
     ASSERT_TRUE(writeBytes(replaced + QStringLiteral("/keep.txt"), "mine"));
-    ASSERT_EQ(QFileInfo(model.active()->url).fileName(), QStringLiteral("replaced.png"));
+    ASSERT_EQ(QFileInfo(model.active()->path).fileName(), QStringLiteral("replaced.png"));
     model.saveOverOriginal();
     EXPECT_EQ(model.errorMessage(), QStringLiteral("Couldn’t write to “replaced.png”."));
     EXPECT_EQ(readBytes(replaced + QStringLiteral("/keep.txt")), QByteArray("mine"));
     EXPECT_FALSE(model.items().front().saved);
-    EXPECT_EQ(QFileInfo(model.active()->url).fileName(), QStringLiteral("replaced.png")) << "no advance";
+    EXPECT_EQ(QFileInfo(model.active()->path).fileName(), QStringLiteral("replaced.png")) << "no advance";
 
     // Gone: the edited image is written where it was, since the item still holds every pixel.
     ASSERT_TRUE(QFile::remove(vanished));

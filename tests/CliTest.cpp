@@ -1,7 +1,7 @@
 #include "TestSupport.h"
 
-#include "model/ImageCodecs.h"
-#include "model/ImageFile.h"
+#include "io/ImageCodecs.h"
+#include "io/ImageFile.h"
 #include "support/AvailableCores.h"
 
 #include <QBuffer>

@@ -1,8 +1,8 @@
 #include "TestSupport.h"
 
 #include "engines/CollageSplitter.h"
+#include "io/ImageFile.h"
 #include "model/CropModel.h"
-#include "model/ImageFile.h"
 #include "support/AtomicFile.h"
 
 #include <QFileInfo>
@@ -222,7 +222,7 @@ TEST_F(SplitTest, PiecesAreWrittenNamedOpenedAndTheCollageLeaves) {
         << "the largest piece, down to the middle of its gutter";
     ASSERT_EQ(model.items().size(), 3u);
     for (const auto& item : model.items())
-        EXPECT_NE(item.url, collage);
+        EXPECT_NE(item.path, collage);
     EXPECT_TRUE(QFileInfo::exists(collage)) << "the collage's file is not touched";
     EXPECT_EQ(model.noticeMessage(), QStringLiteral("Split into 3 images."));
     EXPECT_TRUE(model.collageRects().isEmpty());

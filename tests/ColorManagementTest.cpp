@@ -3,9 +3,9 @@
 #include "HostileFiles.h"
 #include "TestSupport.h"
 
+#include "io/ImageCodecs.h"
+#include "io/ImageFile.h"
 #include "model/CropModel.h"
-#include "model/ImageCodecs.h"
-#include "model/ImageFile.h"
 
 #include <QBuffer>
 #include <QColorSpace>

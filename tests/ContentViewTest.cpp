@@ -213,7 +213,7 @@ TEST_F(WindowTest, DropsOfFilesAndOfImageData) {
     QApplication::sendEvent(view, &imageDrop);
     ASSERT_EQ(model->items().size(), 3u)
         << model->errorMessage().value_or(QString()).toStdString() << " image " << picture.hasImage();
-    EXPECT_TRUE(model->items().back().url.contains(QStringLiteral("/CutlarkDrops-")));
+    EXPECT_TRUE(model->items().back().path.contains(QStringLiteral("/CutlarkDrops-")));
     EXPECT_EQ(model->items().back().buffer.width(), 30);
 
     QMimeData nothing;
@@ -278,7 +278,7 @@ TEST(Inbox, FilesWaitForTheWindowAndLaterOnesOpenAtOnce) {
     QTest::qWait(0);
     QCoreApplication::processEvents();
     ASSERT_EQ(window.content()->model().items().size(), 2u);
-    EXPECT_TRUE(window.content()->model().items()[0].url.endsWith(QStringLiteral("a.png")))
+    EXPECT_TRUE(window.content()->model().items()[0].path.endsWith(QStringLiteral("a.png")))
         << "in name order";
     EXPECT_TRUE(FileOpenInbox::instance().pending().isEmpty());
 
@@ -332,7 +332,7 @@ TEST(Drops, ImageDataLandsInAPrivateFolderThatGoesWithTheWindow) {
         QDropEvent drop(QPointF(10, 10), Qt::CopyAction, &picture, Qt::LeftButton, Qt::NoModifier);
         QApplication::sendEvent(view, &drop);
         ASSERT_EQ(view->model().items().size(), 1u);
-        const QString file = view->model().items().front().url;
+        const QString file = view->model().items().front().path;
         folder = QFileInfo(file).absolutePath();
         EXPECT_TRUE(PrivateDir::isPrivate(folder)) << qPrintable(folder);
         EXPECT_EQ(QFileInfo(file).permissions() & (QFileDevice::ReadOther | QFileDevice::ReadGroup), 0);

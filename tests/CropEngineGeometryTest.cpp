@@ -148,7 +148,7 @@ TEST(Buffer, PremultipliedSrgbIsSharedOtherFormsAreConverted) {
     EXPECT_EQ(p[3], 128);
     for (int i = 4; i < 8; ++i)
         EXPECT_EQ(p[i], 0);
-    EXPECT_EQ(b->cgImage().cacheKey(), straight.cacheKey()) << "the image itself is kept as it was";
+    EXPECT_EQ(b->image().cacheKey(), straight.cacheKey()) << "the image itself is kept as it was";
 
     // Another colour space is brought into sRGB.
     QImage p3 = solid(2, 2, QColor(0, 255, 0));

@@ -252,7 +252,7 @@ TEST(Stacking, AbuttingColoursLeaveNoGapAndKeepTheirOrder) {
         EXPECT_EQ(stacked->layers[i].b, apart->layers[i].b);
     }
     EXPECT_EQ(stacked->layers.first().contours.size(), 1);
-    const QRectF bottom = VE::cgPath(stacked->layers.first().contours).boundingRect();
+    const QRectF bottom = VE::painterPath(stacked->layers.first().contours).boundingRect();
     EXPECT_EQ(bottom, QRectF(0, 0, 240, 160));
     EXPECT_EQ(stacked->layers.last().contours, apart->layers.last().contours) << "the top layer is as it was";
     // With curves as well.
@@ -280,8 +280,9 @@ TEST(Stacking, ALayerRunsOnlyABandUnderTheLayersAboveItAndTheBottomOneUnderAll) 
     const auto t = VE::traceColor(art, params);
     ASSERT_TRUE(t);
     ASSERT_EQ(t->layers.size(), 3);
-    const QPainterPath bottom = VE::cgPath(t->layers[0].contours), teal = VE::cgPath(t->layers[1].contours),
-                       purple = VE::cgPath(t->layers[2].contours);
+    const QPainterPath bottom = VE::painterPath(t->layers[0].contours),
+                       teal = VE::painterPath(t->layers[1].contours),
+                       purple = VE::painterPath(t->layers[2].contours);
     EXPECT_EQ(bottom.boundingRect(), QRectF(0, 0, 240, 160));
     EXPECT_TRUE(bottom.contains(QPointF(120, 80)) && bottom.contains(QPointF(20, 20)));
     EXPECT_TRUE(teal.contains(QPointF(60, 50)));

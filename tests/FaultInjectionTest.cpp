@@ -130,7 +130,7 @@ protected:
     QueueState queue() const {
         QueueState state;
         for (const auto& item : model.items()) {
-            state.urls.push_back(item.url);
+            state.urls.push_back(item.path);
             state.saved.push_back(item.saved);
         }
         state.active = model.activeID();

@@ -2,12 +2,12 @@
 #include "HostileFiles.h"
 #include "TestSupport.h"
 
+#include "io/ImageCodecs.h"
+#include "io/ImageFile.h"
+#include "io/ImageMetadata.h"
+#include "io/MetadataBlocks.h"
+#include "io/PngChunks.h"
 #include "model/CropModel.h"
-#include "model/ImageCodecs.h"
-#include "model/ImageFile.h"
-#include "model/ImageMetadata.h"
-#include "model/MetadataBlocks.h"
-#include "model/PngChunks.h"
 #include "support/MemoryBudget.h"
 
 #include <QBuffer>

@@ -5,7 +5,7 @@
 #include "HostileFiles.h"
 #include "TestSupport.h"
 
-#include "model/ImageFile.h"
+#include "io/ImageFile.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,8 +1,8 @@
 #include "TestSupport.h"
 
 #include "engines/CropEngine.h"
-#include "model/ImageCodecs.h"
-#include "model/ImageFile.h"
+#include "io/ImageCodecs.h"
+#include "io/ImageFile.h"
 #include "support/AtomicFile.h"
 
 #include <QBuffer>

@@ -1,6 +1,6 @@
 #include "KnownMaskScenes.h"
 
-#include "model/ImageFile.h"
+#include "io/ImageFile.h"
 
 #include <QPainter>
 #include <QPainterPath>

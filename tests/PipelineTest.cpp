@@ -1,7 +1,7 @@
 #include "TestSupport.h"
 
+#include "io/ImageFile.h"
 #include "model/CropModel.h"
-#include "model/ImageFile.h"
 
 #include <gtest/gtest.h>
 
@@ -24,7 +24,7 @@ protected:
 
 TEST_F(PipelineTest, DefaultsGiveTheSourceImageItself) {
     openOne(coordinates(64, 48));
-    EXPECT_EQ(model.processedImage().cacheKey(), model.active()->buffer.cgImage().cacheKey());
+    EXPECT_EQ(model.processedImage().cacheKey(), model.active()->buffer.image().cacheKey());
     EXPECT_FALSE(model.willTrim());
     EXPECT_EQ(model.activeContentRect(), QRectF(0, 0, 64, 48));
     EXPECT_EQ(model.preResizeSize(), QSizeF(64, 48));
@@ -270,7 +270,7 @@ TEST_F(PipelineTest, AResizeAloneStartsFromThePictureBeforeItAndAnythingElseRebu
     // the final settings makes.
     const auto freshResult = [&] {
         CropModel fresh;
-        fresh.open({model.active()->url});
+        fresh.open({model.active()->path});
         fresh.applySettings(model.snapshotCurrentSettings());
         return fresh.processedImage();
     };
@@ -320,7 +320,7 @@ TEST_F(PipelineTest, ADeferredResizeWaitsForItsSwitchAndThumbnailsCanBeLeftOut) 
 
     CropModel bare;
     bare.setMakesThumbnails(false);
-    bare.open({model.active()->url});
+    bare.open({model.active()->path});
     ASSERT_TRUE(bare.active());
     EXPECT_TRUE(bare.active()->thumbnail.isNull());
 }

@@ -4,8 +4,8 @@
 
 #include "TestSupport.h"
 
+#include "io/ImageFile.h"
 #include "model/CropModel.h"
-#include "model/ImageFile.h"
 #include "support/MemoryBudget.h"
 
 #include <QCoreApplication>
@@ -47,7 +47,7 @@ protected:
     QStringList decodedNames() const {
         QStringList names;
         for (const auto& item : model.items())
-            if (item.decoded()) names << QFileInfo(item.url).fileName();
+            if (item.decoded()) names << QFileInfo(item.path).fileName();
         return names;
     }
     QTemporaryDir m_dir;
@@ -92,7 +92,7 @@ TEST_F(QueueMemoryTest, ItemsAwayFromTheActiveOneKeepTheirBytesAndComeBackExactl
     ASSERT_TRUE(waitUntil([&] { return at(4).decoded() && at(6).decoded(); })) << "its neighbours soon after";
     EXPECT_EQ(decodedNames(),
               (QStringList{QStringLiteral("p4.png"), QStringLiteral("p5.jpg"), QStringLiteral("p6.png")}));
-    EXPECT_EQ(pixelsOf(at(4).buffer.cgImage()), originals[4]) << "its file is gone; its bytes aren't";
+    EXPECT_EQ(pixelsOf(at(4).buffer.image()), originals[4]) << "its file is gone; its bytes aren't";
 
     // The sideways photograph comes back upright, with its type.
     model.select(at(3).id);
@@ -114,9 +114,9 @@ TEST_F(QueueMemoryTest, ItemsAwayFromTheActiveOneKeepTheirBytesAndComeBackExactl
     ASSERT_TRUE(waitUntil([&] { return at(1).decoded(); }));
     for (const auto& item : model.items())
         if (item.id == saved) EXPECT_FALSE(item.decoded()) << "far from the active item again";
-    QFile::remove(savedAt->url);
+    QFile::remove(savedAt->path);
     model.select(saved);
-    EXPECT_EQ(pixelsOf(model.active()->buffer.cgImage()), written);
+    EXPECT_EQ(pixelsOf(model.active()->buffer.image()), written);
     EXPECT_TRUE(model.active()->saved);
     EXPECT_EQ(model.active()->type, QStringLiteral("image/png"));
 }

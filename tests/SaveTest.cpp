@@ -1,7 +1,7 @@
 #include "TestSupport.h"
 
+#include "io/ImageFile.h"
 #include "model/CropModel.h"
-#include "model/ImageFile.h"
 #include "support/AtomicFile.h"
 
 #include <QFileInfo>
@@ -65,7 +65,7 @@ TEST_F(SaveTest, TransparencyInAJpegGoesToAPngBesideIt) {
                                 ImageFile::kInteractivePngEffort));
     EXPECT_EQ(readBytes(source), before) << "the JPEG stays on disk";
     const auto& item = model.items().front();
-    EXPECT_EQ(item.url, written);
+    EXPECT_EQ(item.path, written);
     EXPECT_EQ(item.type, QStringLiteral("image/png"));
     EXPECT_TRUE(item.saved);
     EXPECT_TRUE(model.allSaved());
@@ -78,7 +78,7 @@ TEST_F(SaveTest, AnOpaqueBackgroundKeepsTheJpeg) {
     model.setBackgroundEnabled(true);
     const QImage result = model.processedImage();
     model.saveOverOriginal();
-    EXPECT_EQ(model.items().front().url, source);
+    EXPECT_EQ(model.items().front().path, source);
     EXPECT_EQ(model.items().front().type, QStringLiteral("image/jpeg"));
     EXPECT_EQ(ImageFile::load(source)->type, QStringLiteral("image/jpeg"));
     EXPECT_EQ(readBytes(source), ImageFile::encode(result, QStringLiteral("image/jpeg"))) << "quality 0.92";
@@ -152,7 +152,7 @@ TEST_F(SaveTest, SaveAsNewWritesWhereThePanelSaysAndLeavesTheSourceAlone) {
     EXPECT_EQ(model.saveConfirmation(), QStringLiteral("elsewhere.png"));
     EXPECT_EQ(ImageFile::load(target)->image.size(), QSize(10, 20));
     EXPECT_EQ(readBytes(source), before);
-    EXPECT_EQ(model.items().front().url, source);
+    EXPECT_EQ(model.items().front().path, source);
     EXPECT_TRUE(model.items().front().saved);
 }
 

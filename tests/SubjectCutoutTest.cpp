@@ -4,8 +4,8 @@
 #include "engines/CropEngine.h"
 #include "engines/Decontamination.h"
 #include "engines/VisionEngine.h"
+#include "io/ImageFile.h"
 #include "model/CropModel.h"
-#include "model/ImageFile.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -152,7 +152,7 @@ TEST_F(CutoutTest, ANetworkThatCantBeLoadedIsNamedRatherThanFindingNoSubject) {
 
 TEST_F(CutoutTest, WhileComputingTheImageStaysUnkeyedThenTheCutoutArrives) {
     const auto ids = openTwo();
-    const QImage source = model.active()->buffer.cgImage();
+    const QImage source = model.active()->buffer.image();
     model.setKeyWhiteEnabled(true); // picks subject: the edges aren't white
     ASSERT_EQ(model.bgRemovalMode(), BGRemovalMode::subject);
     EXPECT_TRUE(model.isDetectingSubject());
@@ -218,8 +218,7 @@ TEST_F(CutoutTest, NothingFoundIsFinalUntilInvalidated) {
     model.setKeyWhiteEnabled(true);
     ASSERT_TRUE(waitUntil([&] { return !model.isDetectingSubject(); }));
     EXPECT_TRUE(model.subjectNotFound());
-    EXPECT_EQ(model.processedImage().cacheKey(), model.active()->buffer.cgImage().cacheKey())
-        << "left unkeyed";
+    EXPECT_EQ(model.processedImage().cacheKey(), model.active()->buffer.image().cacheKey()) << "left unkeyed";
     model.select(ids[1]);
     model.select(ids[0]);
     model.setBgRemovalMode(BGRemovalMode::white);

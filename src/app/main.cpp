@@ -1,5 +1,5 @@
 #include "app/SingleInstance.h"
-#include "model/ImageFile.h"
+#include "io/ImageFile.h"
 #include "support/HugePages.h"
 #include "support/NativePath.h"
 #include "ui/ContentView.h"

@@ -1,6 +1,6 @@
 #include "cli/CliOptions.h"
 
-#include "model/ImageFile.h"
+#include "io/ImageFile.h"
 #include "model/Settings.h"
 
 #include <QCommandLineParser>

@@ -4,9 +4,9 @@
 
 #include "engines/CollageSplitter.h"
 #include "engines/VisionEngine.h"
+#include "io/ImageFile.h"
+#include "io/ImageMetadata.h"
 #include "model/CropModel.h"
-#include "model/ImageFile.h"
-#include "model/ImageMetadata.h"
 #include "support/AtomicFile.h"
 #include "support/AvailableCores.h"
 #include "support/MemoryBudget.h"
@@ -278,7 +278,7 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
         choice = {options.format, false};
     }
     const QString type = ImageFile::writableType(choice.type);
-    const QString sourcePath = item->url;
+    const QString sourcePath = item->path;
     // Another extension than the source's when the type was chosen or forced.
     const QString otherExtension = !options.format.isEmpty() ? ImageFile::preferredExtension(options.format)
                                    : choice.forcedPng        ? QStringLiteral("png")
@@ -780,7 +780,7 @@ int CliRunner::runSplit(const CliOptions& options) {
             } else {
                 QJsonArray pieces;
                 for (const auto& item : model.items())
-                    pieces.append(item.url);
+                    pieces.append(item.path);
                 json.insert(QStringLiteral("pieces"), pieces);
                 if (model.noticeMessage()) json.insert(QStringLiteral("notice"), *model.noticeMessage());
             }

@@ -178,7 +178,7 @@ QImage cropNormalized(const QImage& image, const QRectF& rect) {
 std::optional<QImage> crop(const Buffer& buffer, const QRectF& rect) {
     if (std::trunc(rect.width()) == double(buffer.width()) &&
         std::trunc(rect.height()) == double(buffer.height()))
-        return buffer.cgImage();
+        return buffer.image();
     if (!std::isfinite(rect.x()) || !std::isfinite(rect.y()) || !std::isfinite(rect.width()) ||
         !std::isfinite(rect.height()))
         return std::nullopt;
@@ -188,7 +188,7 @@ std::optional<QImage> crop(const Buffer& buffer, const QRectF& rect) {
     const double x1 = std::min(double(buffer.width()), std::ceil(rect.right()));
     const double y1 = std::min(double(buffer.height()), std::ceil(rect.bottom()));
     if (x1 <= x0 || y1 <= y0) return std::nullopt;
-    const QImage out = subImage(buffer.cgImage(), QRect(int(x0), int(y0), int(x1 - x0), int(y1 - y0)));
+    const QImage out = subImage(buffer.image(), QRect(int(x0), int(y0), int(x1 - x0), int(y1 - y0)));
     if (out.isNull()) return std::nullopt;
     return out;
 }

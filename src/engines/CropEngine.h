@@ -23,7 +23,7 @@ public:
     /// No pixels: width and height 0 (an item whose pixels were let go of).
     Buffer() = default;
 
-    const QImage& cgImage() const { return m_image; }
+    const QImage& image() const { return m_image; }
     qint64 width() const { return m_width; }
     qint64 height() const { return m_height; }
     /// width × height × 4 bytes, R, G, B, A premultiplied.
@@ -31,7 +31,7 @@ public:
     /// The pixels as an image (shares `pixels`): `Format_RGBA8888_Premultiplied`, or `Format_RGBX8888`
     /// for an opaque source, which has the same bytes.
     const QImage& pixelImage() const { return m_store; }
-    /// True when `cgImage` and `pixels` are one and the same store.
+    /// True when `image` and `pixels` are one and the same store.
     bool sharesStore() const { return m_store.constBits() == m_image.constBits(); }
 
 private:

@@ -2,7 +2,7 @@
 
 #include "engines/CollageSplitter.h"
 #include "engines/VisionEngine.h"
-#include "support/HandOff.h"
+#include "support/OffThread.h"
 
 #include <QCoreApplication>
 #include <QPointer>
@@ -290,8 +290,8 @@ QImage CropModel::cropSourceImage() const {
     const Item* item = active();
     if (!item) return QImage();
     const auto turned =
-        CropEngine::oriented(item->buffer.cgImage(), m_settings.quarterTurns, m_settings.mirrored);
-    return turned ? *turned : item->buffer.cgImage();
+        CropEngine::oriented(item->buffer.image(), m_settings.quarterTurns, m_settings.mirrored);
+    return turned ? *turned : item->buffer.image();
 }
 
 QString CropModel::revealKey() const {
@@ -457,38 +457,27 @@ void CropModel::ensureVisionCutout() {
     setVisionComputing(computing);
 
     // The unturned, uncropped source: a turn or a mirror later needs no new computation.
-    const QImage source = item->buffer.cgImage();
+    const QImage source = item->buffer.image();
     if (m_synchronousWork) {
         finishCutout(id, cutoutSafely(m_cutoutService.compute, source));
         return;
     }
-    // Computed on the thread pool; the result comes back to this model's thread by a queued call,
-    // and is dropped if the model is gone by then. A running computation is never cancelled. The
-    // task is owned by one thread at a time: the worker lets go of the source and the service
-    // before it hands the task back.
+    // Computed on the thread pool; the result comes back to this model's thread, and is dropped if
+    // the model is gone by then. A running computation is never cancelled.
     struct Task {
-        QPointer<CropModel> self;
         QUuid id;
         QImage source;
         std::function<std::optional<QImage>(const QImage&)> compute;
         std::optional<QImage> cutout;
     };
-    auto task = std::make_unique<Task>(Task{this, id, source, m_cutoutService.compute, std::nullopt});
-    // The first capture of each closure receives and the last passes on, whenever Qt moves it.
-    (void)QtConcurrent::run(QThreadPool::globalInstance(),
-                            [in = HandOff(), task = std::move(task), out = HandOff()]() mutable {
-                                const auto turn = HandOff::received();
-                                task->cutout = cutoutSafely(task->compute, task->source);
-                                task->compute = nullptr;
-                                task->source = QImage();
-                                QMetaObject::invokeMethod(
-                                    QCoreApplication::instance(),
-                                    [in = HandOff(), task = std::move(task), out = HandOff()] {
-                                        const auto turn = HandOff::received();
-                                        if (task->self) task->self->finishCutout(task->id, task->cutout);
-                                    },
-                                    Qt::QueuedConnection);
-                            });
+    runOffThread(
+        this, std::make_unique<Task>(Task{id, source, m_cutoutService.compute, std::nullopt}),
+        [](Task& task) {
+            task.cutout = cutoutSafely(task.compute, task.source);
+            task.compute = nullptr;
+            task.source = QImage();
+        },
+        [](CropModel& self, Task& task) { self.finishCutout(task.id, task.cutout); });
 }
 
 void CropModel::finishCutout(const QUuid& id, const std::optional<QImage>& cutout) {

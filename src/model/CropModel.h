@@ -1,7 +1,7 @@
 #pragma once
 
 #include "engines/CropEngine.h"
-#include "model/ImageFile.h"
+#include "io/ImageFile.h"
 #include "model/Panels.h"
 #include "model/Settings.h"
 #include "model/VectorSettings.h"
@@ -33,7 +33,7 @@ public:
     /// One queued image.
     struct Item {
         QUuid id;                  ///< identity, the item's key in the queue and the cutout cache
-        QString url;               ///< the file; changes when a save had to change the extension
+        QString path;              ///< the file; changes when a save had to change the extension
         QString type;              ///< the MIME type the file was read as; changes with `url`
         CropEngine::Buffer buffer; ///< the upright source and its pixels
         bool saved = false;        ///< set by a successful save, never cleared

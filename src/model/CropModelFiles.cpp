@@ -1,11 +1,11 @@
 // Bringing images in and writing results out.
 #include "model/CropModel.h"
 
-#include "model/ImageFile.h"
+#include "io/ImageFile.h"
 #include "support/AtomicFile.h"
-#include "support/HandOff.h"
 #include "support/NativePath.h"
 #include "support/NaturalOrder.h"
+#include "support/OffThread.h"
 #include "support/OrderedWork.h"
 #include "support/RegularFile.h"
 
@@ -132,7 +132,7 @@ bool CropModel::decodeAll(std::vector<DecodedFile>& candidates) {
                 }
                 d.refusal = ImageFile::lastRefusal();
                 if (d.loaded) d.buffer = CropEngine::Buffer::make(d.loaded->image);
-                if (d.buffer && thumbnails) d.thumbnail = thumbnailOf(d.buffer->cgImage());
+                if (d.buffer && thumbnails) d.thumbnail = thumbnailOf(d.buffer->image());
                 if (d.buffer && !d.encoded.isEmpty() && i > kDecodedNeighbours) {
                     d.buffer = CropEngine::Buffer();
                     d.loaded->image = QImage();
@@ -254,11 +254,11 @@ QString CropModel::proposedNewFileName(const Item& item) const {
     if (choice.forcedPng) {
         extension = QStringLiteral("png");
     } else {
-        extension = extensionOf(item.url);
+        extension = extensionOf(item.path);
         if (extension.isEmpty()) extension = ImageFile::preferredExtension(choice.type);
         if (extension.isEmpty()) extension = QStringLiteral("png");
     }
-    return fileName(withoutExtension(item.url)) + QStringLiteral("-out.") + extension;
+    return fileName(withoutExtension(item.path)) + QStringLiteral("-out.") + extension;
 }
 
 void CropModel::saveOverOriginal() {
@@ -270,7 +270,7 @@ void CropModel::saveOverOriginal() {
     const QUuid id = item->id;
     const SaveChoice choice = saveTypeChoice(*item);
     // When PNG is forced the old file stays on disk: only the new name is written.
-    const QString target = choice.forcedPng ? withExtension(item->url, QStringLiteral("png")) : item->url;
+    const QString target = choice.forcedPng ? withExtension(item->path, QStringLiteral("png")) : item->path;
     const QByteArray bytes = ImageFile::encode(m_processedImage, choice.type, item->storage,
                                                ImageFile::interactiveQuality(choice.type));
     if (bytes.isEmpty() || !AtomicFile::write(target, bytes)) {
@@ -286,11 +286,11 @@ void CropModel::saveOverOriginal() {
                 saved->memory = loaded->hold;
                 saved->storage = loaded->storage;
                 if (!saved->encoded.isEmpty()) saved->encoded = bytes;
-                if (m_makesThumbnails) saved->thumbnail = thumbnailOf(buffer->cgImage());
+                if (m_makesThumbnails) saved->thumbnail = thumbnailOf(buffer->image());
                 invalidateVision(id);
             }
         }
-        saved->url = target;
+        saved->path = target;
         saved->type = choice.type;
         saved->saved = true;
         itemsChanged();
@@ -310,7 +310,7 @@ void CropModel::saveAsNewFile() {
     const SaveChoice choice = saveTypeChoice(*item);
     const QString proposed = proposedNewFileName(*item);
     if (!m_panels) return;
-    const auto chosen = m_panels->saveFile(folderOf(item->url), proposed, choice.type);
+    const auto chosen = m_panels->saveFile(folderOf(item->path), proposed, choice.type);
     if (!chosen || chosen->isEmpty()) return;
     if (!ImageFile::save(m_processedImage, *chosen, choice.type, item->storage,
                          ImageFile::interactiveQuality(choice.type))) {
@@ -329,13 +329,13 @@ void CropModel::saveAsNewFile() {
 void CropModel::splitCollage() {
     const Item* item = active();
     if (!item || m_collageRects.size() < 2 || !m_panels) return;
-    const auto folder = m_panels->chooseFolder(folderOf(item->url), tr("Split Here"),
+    const auto folder = m_panels->chooseFolder(folderOf(item->path), tr("Split Here"),
                                                tr("Choose a folder for the split images."));
     if (!folder || folder->isEmpty()) return;
 
     const QUuid id = item->id;
-    const QString base = fileName(withoutExtension(item->url));
-    QString extension = extensionOf(item->url);
+    const QString base = fileName(withoutExtension(item->path));
+    QString extension = extensionOf(item->path);
     if (extension.isEmpty()) extension = ImageFile::preferredExtension(item->type);
     if (extension.isEmpty()) extension = QStringLiteral("png");
     const QDir dir(*folder);
@@ -345,7 +345,7 @@ void CropModel::splitCollage() {
     for (qsizetype i = 0; i < m_collageRects.size(); ++i) {
         const QRectF& r = m_collageRects[i];
         const QImage piece = CropEngine::subImage(
-            item->buffer.cgImage(), QRect(int(r.x()), int(r.y()), int(r.width()), int(r.height())));
+            item->buffer.image(), QRect(int(r.x()), int(r.y()), int(r.width()), int(r.height())));
         if (piece.isNull()) continue; // the position goes on counting
         const QString stem = base + QLatin1Char('-') + QString::number(i + 1);
         QString target = dir.filePath(stem + QLatin1Char('.') + extension);
@@ -444,37 +444,28 @@ void CropModel::prefetchPixels(const Item& item) {
         return;
     }
     m_prefetching.insert(item.id);
-    // Decoded on the thread pool from a shared copy of the bytes; handed back to this model's thread
-    // by a queued call, and dropped if the model is gone by then.
+    // Decoded on the thread pool from a shared copy of the bytes; handed back to this model's thread,
+    // and dropped if the model is gone by then.
     struct Task {
-        QPointer<CropModel> self;
         QUuid id;
         QByteArray encoded;
         ImageFile::LoadOptions options;
         std::optional<ImageFile::Loaded> loaded;
         std::optional<CropEngine::Buffer> buffer;
     };
-    auto task =
-        std::make_unique<Task>(Task{this, item.id, item.encoded, m_loadOptions, std::nullopt, std::nullopt});
-    (void)QtConcurrent::run(
-        QThreadPool::globalInstance(), [in = HandOff(), task = std::move(task), out = HandOff()]() mutable {
-            const auto turn = HandOff::received();
+    runOffThread(
+        this, std::make_unique<Task>(Task{item.id, item.encoded, m_loadOptions, std::nullopt, std::nullopt}),
+        [](Task& task) {
             try {
-                task->loaded = ImageFile::loadFromData(task->encoded, task->options);
-                if (task->loaded) task->buffer = CropEngine::Buffer::make(task->loaded->image);
+                task.loaded = ImageFile::loadFromData(task.encoded, task.options);
+                if (task.loaded) task.buffer = CropEngine::Buffer::make(task.loaded->image);
             } catch (const std::exception&) {
-                task->loaded.reset();
-                task->buffer.reset();
+                task.loaded.reset();
+                task.buffer.reset();
             }
-            QMetaObject::invokeMethod(
-                QCoreApplication::instance(),
-                [in = HandOff(), task = std::move(task), out = HandOff()] {
-                    const auto turn = HandOff::received();
-                    if (task->self)
-                        task->self->finishPrefetch(task->id, task->encoded, std::move(task->loaded),
-                                                   std::move(task->buffer));
-                },
-                Qt::QueuedConnection);
+        },
+        [](CropModel& self, Task& task) {
+            self.finishPrefetch(task.id, task.encoded, std::move(task.loaded), std::move(task.buffer));
         });
 }
 

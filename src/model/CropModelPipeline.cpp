@@ -68,7 +68,7 @@ void CropModel::recomputeActive() {
 QImage CropModel::buildBeforeResize(const Item& item) {
     const Settings& s = m_settings;
     // 1. Start from the upright source.
-    QImage work = item.buffer.cgImage();
+    QImage work = item.buffer.image();
 
     // 2. Orientation, always.
     if (auto turned = attempt([&] { return CropEngine::oriented(work, s.quarterTurns, s.mirrored); }))
@@ -163,7 +163,7 @@ QImage CropModel::buildProcessed(const Item& item) {
     // before the resize is taken as it is.
     PreResize key;
     key.item = item.id;
-    key.source = item.buffer.cgImage().cacheKey();
+    key.source = item.buffer.image().cacheKey();
     if (s.keyWhiteEnabled && s.bgRemovalMode == BGRemovalMode::subject) {
         const auto cached = m_visionCache.constFind(item.id);
         if (cached != m_visionCache.constEnd()) key.cutout = cached->cacheKey();

@@ -1,7 +1,7 @@
 // The vector worker: one background loop with a one-slot request flag, so that any number of
 // requests made during a trace fold into one further trace.
 #include "model/CropModel.h"
-#include "support/HandOff.h"
+#include "support/OffThread.h"
 
 #include "model/Clipboard.h"
 #include "support/AtomicFile.h"
@@ -85,27 +85,18 @@ void CropModel::runVectorPass() {
     // worker lets go of everything it shares with the model (the picture, the tracer) before it
     // hands the record back, so nothing of it is touched on two threads at once.
     struct Task {
-        QPointer<CropModel> self;
         VectorJob job;
         VectorTracer tracer;
         VectorResult result;
     };
-    auto task = std::make_unique<Task>(Task{this, job, m_vectorTracer, {}});
-    // The first capture of each closure receives and the last passes on, whenever Qt moves it.
-    (void)QtConcurrent::run(QThreadPool::globalInstance(),
-                            [in = HandOff(), task = std::move(task), out = HandOff()]() mutable {
-                                const auto turn = HandOff::received();
-                                task->result = traceSafely(task->tracer, task->job);
-                                task->tracer = nullptr;
-                                task->job.image = QImage();
-                                QMetaObject::invokeMethod(
-                                    QCoreApplication::instance(),
-                                    [in = HandOff(), task = std::move(task), out = HandOff()] {
-                                        const auto turn = HandOff::received();
-                                        if (task->self) task->self->finishVectorPass(task->job, task->result);
-                                    },
-                                    Qt::QueuedConnection);
-                            });
+    runOffThread(
+        this, std::make_unique<Task>(Task{job, m_vectorTracer, {}}),
+        [](Task& task) {
+            task.result = traceSafely(task.tracer, task.job);
+            task.tracer = nullptr;
+            task.job.image = QImage();
+        },
+        [](CropModel& self, Task& task) { self.finishVectorPass(task.job, task.result); });
 }
 
 void CropModel::finishVectorPass(const VectorJob& job, const VectorResult& result) {
@@ -159,7 +150,7 @@ void CropModel::exportSVG() {
         setErrorMessage(tr("Nothing to vectorize."));
         return;
     }
-    writeVector(text->toUtf8(), item->url, QStringLiteral("svg"), QStringLiteral("image/svg+xml"));
+    writeVector(text->toUtf8(), item->path, QStringLiteral("svg"), QStringLiteral("image/svg+xml"));
 }
 
 QString CropModel::proposedDocumentName(const QString& sourcePath, const QString& extension) {

@@ -1,6 +1,6 @@
 #include "model/Settings.h"
 
-#include "model/ImageFile.h"
+#include "io/ImageFile.h"
 
 #include <QJsonValue>
 

@@ -8,7 +8,7 @@
 #include "ui/Transition.h"
 #include "ui/Widgets.h"
 
-#include "model/ImageFile.h"
+#include "io/ImageFile.h"
 #include "support/PrivateDir.h"
 
 #include <QApplication>
@@ -259,7 +259,7 @@ void ContentView::drainInbox() {
 
 QString ContentView::nameText() const {
     const auto* item = const_cast<CropModel&>(m_model).active();
-    return item ? QFileInfo(item->url).fileName() : QString();
+    return item ? QFileInfo(item->path).fileName() : QString();
 }
 
 QString ContentView::dimsText() const {
@@ -282,7 +282,7 @@ void ContentView::refresh() {
     m_region->setCurrentIndex(item ? 1 : 0);
     if (item) {
         m_name->setText(nameText());
-        m_name->setToolTip(item->url);
+        m_name->setToolTip(item->path);
         const auto position = m_model.activePosition();
         m_badge->setVisible(several && position.has_value());
         if (position) m_badge->setText(tr("%1 of %2").arg(*position).arg(qint64(m_model.items().size())));

@@ -1,6 +1,6 @@
 #include "ui/QtPanels.h"
 
-#include "model/ImageFile.h"
+#include "io/ImageFile.h"
 
 #include <QCoreApplication>
 #include <QDir>

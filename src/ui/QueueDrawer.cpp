@@ -194,15 +194,15 @@ void QueueDrawer::rebuild() {
     QHash<QPair<QUuid, qint64>, QIcon> kept;
     for (const auto& item : m_model->items()) {
         // The item's own thumbnail: its pixels may have been let go of.
-        const QImage source = item.thumbnail.isNull() ? item.buffer.cgImage() : item.thumbnail;
+        const QImage source = item.thumbnail.isNull() ? item.buffer.image() : item.thumbnail;
         const QPair<QUuid, qint64> key(item.id, source.cacheKey());
         const auto cached = m_thumbnails.constFind(key);
         const QIcon icon = cached != m_thumbnails.constEnd() ? *cached : thumbnail(source);
         kept.insert(key, icon);
-        auto* row = new QListWidgetItem(icon, QFileInfo(item.url).fileName(), m_list);
+        auto* row = new QListWidgetItem(icon, QFileInfo(item.path).fileName(), m_list);
         row->setData(Qt::UserRole, item.id.toString());
         row->setData(kSavedRole, item.saved);
-        row->setToolTip(item.url);
+        row->setToolTip(item.path);
     }
     m_thumbnails = std::move(kept); // removed items and replaced sources drop out
     m_count->setText(countText());

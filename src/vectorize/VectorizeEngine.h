@@ -87,8 +87,8 @@ QString svg(const VectorTrace& trace, VectorizeStyle style, double strokeWidth);
 QString colorSVG(const VectorColorTrace& trace);
 
 /// All contours as closed subpaths of one path, even-odd filled.
-QPainterPath cgPath(const QList<Contour>& contours);
-QPainterPath cgPath(const QList<CurvedContour>& curves);
+QPainterPath painterPath(const QList<Contour>& contours);
+QPainterPath painterPath(const QList<CurvedContour>& curves);
 
 /// The trace drawn in the fixed preview grey on a transparent bitmap of its size; null when a side
 /// is below 1.

@@ -204,7 +204,7 @@ QString colorSVG(const VectorColorTrace& trace) {
     return out + QStringLiteral("</svg>");
 }
 
-QPainterPath cgPath(const QList<Contour>& contours) {
+QPainterPath painterPath(const QList<Contour>& contours) {
     QPainterPath path;
     path.setFillRule(Qt::OddEvenFill);
     for (const Contour& c : contours) {
@@ -217,7 +217,7 @@ QPainterPath cgPath(const QList<Contour>& contours) {
     return path;
 }
 
-QPainterPath cgPath(const QList<CurvedContour>& curves) {
+QPainterPath painterPath(const QList<CurvedContour>& curves) {
     QPainterPath path;
     path.setFillRule(Qt::OddEvenFill);
     for (const CurvedContour& c : curves) {
@@ -239,7 +239,8 @@ QImage preview(const VectorTrace& trace, VectorizeStyle style, double strokeWidt
     if (image.isNull()) return image;
     QPainter painter(&image);
     painter.setRenderHint(QPainter::Antialiasing, true);
-    const QPainterPath path = trace.curves.isEmpty() ? cgPath(trace.contours) : cgPath(trace.curves);
+    const QPainterPath path =
+        trace.curves.isEmpty() ? painterPath(trace.contours) : painterPath(trace.curves);
     if (style == VectorizeStyle::outline) {
         QPen pen(previewGrey());
         pen.setWidthF(strokeWidth);
@@ -258,7 +259,7 @@ QImage colorPreview(const VectorColorTrace& trace) {
     QPainter painter(&image);
     painter.setRenderHint(QPainter::Antialiasing, true);
     for (const VectorColorLayer& layer : trace.layers)
-        painter.fillPath(layer.curves.isEmpty() ? cgPath(layer.contours) : cgPath(layer.curves),
+        painter.fillPath(layer.curves.isEmpty() ? painterPath(layer.contours) : painterPath(layer.curves),
                          QColor::fromRgbF(float(layer.r), float(layer.g), float(layer.b), 1.0f));
     painter.end();
     return image;

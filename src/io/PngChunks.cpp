@@ -1,6 +1,6 @@
-#include "model/PngChunks.h"
+#include "io/PngChunks.h"
 
-#include "model/ImageCodecs.h"
+#include "io/ImageCodecs.h"
 
 #include <QIODevice>
 

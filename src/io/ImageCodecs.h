@@ -1,6 +1,6 @@
 #pragma once
 
-#include "model/ImageFile.h"
+#include "io/ImageFile.h"
 #include "support/MemoryBudget.h"
 
 #include <QByteArray>
@@ -22,6 +22,11 @@ namespace cutlark::ImageCodecs {
 /// the accounts itself, or absent when the picture must be refused. Sizes whose 4-byte pixels
 /// overflow what an image can address are refused before anything else.
 std::optional<MemoryBudget::Hold> admit(qint64 width, qint64 height, const ImageFile::LoadOptions& options);
+
+/// The MIME type for a format name of Qt's readers, when it is one of the accepted types; every
+/// other decoder Qt carries (SVG, TGA, XPM, …) is refused even when a file's name claims an
+/// accepted type.
+QString typeForReaderFormat(const QByteArray& format);
 
 /// A decoded picture with its share of the budget.
 std::optional<ImageFile::Loaded> finish(QImage image, const QString& type, MemoryBudget::Hold hold);

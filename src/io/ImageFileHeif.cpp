@@ -1,5 +1,5 @@
 // HEIC and HEIF through libheif.
-#include "model/ImageCodecs.h"
+#include "io/ImageCodecs.h"
 
 #include "engines/PixelOps.h"
 #include "support/GrowingBuffer.h"

@@ -1,6 +1,6 @@
 // JPEG through libjpeg-turbo: decoding straight into a pooled RGBX store, and encoding straight from
 // 32-bit pixels.
-#include "model/ImageCodecs.h"
+#include "io/ImageCodecs.h"
 
 #include "engines/CropEngine.h"
 #include "engines/PixelOps.h"

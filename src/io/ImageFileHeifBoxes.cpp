@@ -1,6 +1,6 @@
 // The boxes of a HEIF file that say what its items are, how they derive from each other and how
 // big a derived image will be: read within bounds before libheif sees the file.
-#include "model/ImageCodecs.h"
+#include "io/ImageCodecs.h"
 
 #include <algorithm>
 #include <climits>

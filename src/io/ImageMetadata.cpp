@@ -1,6 +1,6 @@
-#include "model/ImageMetadata.h"
+#include "io/ImageMetadata.h"
 
-#include "model/MetadataBlocks.h"
+#include "io/MetadataBlocks.h"
 #include "support/RegularFile.h"
 
 #include <QFile>

@@ -1,6 +1,6 @@
 // GIF writing: Qt reads GIF but can't write it. The palette comes from libimagequant (pngquant's
 // engine), the file from giflib.
-#include "model/ImageCodecs.h"
+#include "io/ImageCodecs.h"
 #include "support/GrowingBuffer.h"
 
 #include <QByteArray>

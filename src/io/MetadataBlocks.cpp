@@ -1,7 +1,7 @@
-#include "model/MetadataBlocks.h"
+#include "io/MetadataBlocks.h"
 
-#include "model/ImageCodecs.h"
-#include "model/PngChunks.h"
+#include "io/ImageCodecs.h"
+#include "io/PngChunks.h"
 
 #include <QIODevice>
 

@@ -5,7 +5,7 @@
 #include <QSize>
 #include <QString>
 
-#include "model/ImageMetadata.h"
+#include "io/ImageMetadata.h"
 #include <QStringList>
 
 #include <memory>
