@@ -113,13 +113,13 @@ BENCHMARK(BM_KeyOutWhiteInternal)->Unit(benchmark::kMillisecond);
 
 void BM_Pad(benchmark::State& state) {
     for (auto _ : state)
-        benchmark::DoNotOptimize(CropEngine::pad(whiteSheet(), 40, 40, 40, 40));
+        benchmark::DoNotOptimize(CropEngine::pad(whiteSheet(), {40, 40, 40, 40}));
 }
 BENCHMARK(BM_Pad)->Unit(benchmark::kMillisecond);
 
 void BM_ColorBackground(benchmark::State& state) {
     for (auto _ : state)
-        benchmark::DoNotOptimize(CropEngine::fillColorBackground(clearSheet(), 1, 0.5, 0.25, 1));
+        benchmark::DoNotOptimize(CropEngine::fillColorBackground(clearSheet(), {1, 0.5, 0.25, 1}));
 }
 BENCHMARK(BM_ColorBackground)->Unit(benchmark::kMillisecond);
 
@@ -127,8 +127,8 @@ BENCHMARK(BM_ColorBackground)->Unit(benchmark::kMillisecond);
 void BM_GradientBackground(benchmark::State& state) {
     const double angle = double(state.range(0));
     for (auto _ : state)
-        benchmark::DoNotOptimize(CropEngine::fillGradientBackground(clearSheet(), 0.53, 0.81, 0.98, 1, 0.15,
-                                                                    0.39, 0.78, 1, angle));
+        benchmark::DoNotOptimize(CropEngine::fillGradientBackground(
+            clearSheet(), {{0.53, 0.81, 0.98, 1}, {0.15, 0.39, 0.78, 1}, angle}));
 }
 BENCHMARK(BM_GradientBackground)->Arg(90)->Arg(30)->Unit(benchmark::kMillisecond);
 

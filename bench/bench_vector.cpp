@@ -28,6 +28,13 @@ using namespace cutlark;
 
 namespace {
 
+// A silhouette trace's parameters with curves fitted.
+TraceParams curvesOn() {
+    TraceParams params;
+    params.curves = true;
+    return params;
+}
+
 QImage drawing() {
     QImage image(4000, 3000, QImage::Format_RGBA8888_Premultiplied);
     image.fill(Qt::white);
@@ -78,14 +85,14 @@ QImage illustration() {
 void BM_Trace(benchmark::State& state) {
     static const QImage image = drawing();
     for (auto _ : state)
-        benchmark::DoNotOptimize(VectorizeEngine::trace(image, 0));
+        benchmark::DoNotOptimize(VectorizeEngine::trace(image));
 }
 BENCHMARK(BM_Trace)->Unit(benchmark::kMillisecond);
 
 void BM_TraceCurves(benchmark::State& state) {
     static const QImage image = drawing();
     for (auto _ : state)
-        benchmark::DoNotOptimize(VectorizeEngine::trace(image, 0, true));
+        benchmark::DoNotOptimize(VectorizeEngine::trace(image, curvesOn()));
 }
 BENCHMARK(BM_TraceCurves)->Unit(benchmark::kMillisecond);
 
@@ -298,7 +305,7 @@ int curvesAgainstPotrace(const QString& dir) {
             QByteArray ours;
             const Timing ms = timed(
                 [&] {
-                    const auto t = VectorizeEngine::trace(picture, 0, curves);
+                    const auto t = VectorizeEngine::trace(picture, TraceParams{.curves = curves});
                     ours = VectorizeEngine::svg(t.trace, VectorizeStyle::silhouette, 1).toUtf8();
                 },
                 21);
@@ -407,7 +414,7 @@ int main(int argc, char** argv) {
         const QImage image = drawing();
         image.save(dir + QStringLiteral("/drawing.png"));
         image.convertToFormat(QImage::Format_Mono).save(dir + QStringLiteral("/drawing.pbm"), "PBM");
-        const auto outcome = VectorizeEngine::trace(image, 0);
+        const auto outcome = VectorizeEngine::trace(image);
         QFile svg(dir + QStringLiteral("/ours.svg"));
         if (!svg.open(QIODevice::WriteOnly)) return 1;
         svg.write(VectorizeEngine::svg(outcome.trace, VectorizeStyle::silhouette, 1).toUtf8());

@@ -29,7 +29,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         (void)VectorizeEngine::colorSVG(*colour);
         (void)VectorizeEngine::colorPreview(*colour);
     }
-    const VectorTraceOutcome outcome = VectorizeEngine::trace(image, tolerance, curves);
+    TraceParams silhouette;
+    silhouette.smoothing = tolerance;
+    silhouette.curves = curves;
+    const VectorTraceOutcome outcome = VectorizeEngine::trace(image, silhouette);
     if (outcome.kind == VectorTraceOutcome::Kind::traced) {
         (void)VectorizeEngine::svg(outcome.trace, VectorizeStyle::outline, tolerance);
         (void)VectorizeEngine::preview(outcome.trace, VectorizeStyle::silhouette, 1);

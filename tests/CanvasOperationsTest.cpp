@@ -59,9 +59,9 @@ Margins marginsOf(const QImage& image) {
 
 TEST(Pad, NothingToAddIsTheImageItself) {
     const QImage image = coordinates(10, 6);
-    EXPECT_EQ(CropEngine::pad(image, 0, 0, 0, 0)->cacheKey(), image.cacheKey());
-    EXPECT_EQ(CropEngine::pad(image, -3, 0, -1, 0)->cacheKey(), image.cacheKey());
-    const auto right = CropEngine::pad(image, -3, 2, 0, 0);
+    EXPECT_EQ(CropEngine::pad(image, {0, 0, 0, 0})->cacheKey(), image.cacheKey());
+    EXPECT_EQ(CropEngine::pad(image, {-3, 0, -1, 0})->cacheKey(), image.cacheKey());
+    const auto right = CropEngine::pad(image, {-3, 2, 0, 0});
     ASSERT_TRUE(right);
     EXPECT_EQ(right->size(), QSize(12, 6));
     EXPECT_EQ(at(*right, 0, 0), (Px{0, 0, 7, 255}));
@@ -70,7 +70,7 @@ TEST(Pad, NothingToAddIsTheImageItself) {
 
 TEST(Pad, TheImageLandsAtLeftTopWithClearMargins) {
     const QImage image = coordinates(10, 6);
-    const auto padded = CropEngine::pad(image, 1, 2, 3, 4);
+    const auto padded = CropEngine::pad(image, {1, 2, 3, 4});
     ASSERT_TRUE(padded);
     ASSERT_EQ(padded->size(), QSize(16, 10));
     EXPECT_EQ(at(*padded, 4, 1), (Px{0, 0, 7, 255}));
@@ -83,9 +83,9 @@ TEST(Pad, TheImageLandsAtLeftTopWithClearMargins) {
 
 TEST(Pad, AbsurdAmountsFailInsteadOfAllocating) {
     const QImage image = coordinates(4, 4);
-    EXPECT_FALSE(CropEngine::pad(image, 0, 0, 0, qint64(1) << 40));
-    EXPECT_FALSE(CropEngine::pad(image, 200000, 200000, 200000, 200000));
-    EXPECT_FALSE(CropEngine::pad(image, std::numeric_limits<qint64>::max(), 0, 0, 0));
+    EXPECT_FALSE(CropEngine::pad(image, {0, 0, 0, qint64(1) << 40}));
+    EXPECT_FALSE(CropEngine::pad(image, {200000, 200000, 200000, 200000}));
+    EXPECT_FALSE(CropEngine::pad(image, {std::numeric_limits<qint64>::max(), 0, 0, 0}));
 }
 
 TEST(ColorBackground, FillsBehindTheImage) {
@@ -93,7 +93,7 @@ TEST(ColorBackground, FillsBehindTheImage) {
     uchar* p = image.scanLine(0);
     p[4] = 10, p[5] = 20, p[6] = 30, p[7] = 255;  // opaque: untouched
     p[8] = 128, p[9] = 0, p[10] = 0, p[11] = 128; // half red over blue
-    const auto filled = CropEngine::fillColorBackground(image, 0, 0, 1, 1);
+    const auto filled = CropEngine::fillColorBackground(image, {0, 0, 1, 1});
     ASSERT_TRUE(filled);
     EXPECT_EQ(at(*filled, 0, 0), (Px{0, 0, 255, 255}));
     EXPECT_EQ(at(*filled, 1, 0), (Px{10, 20, 30, 255}));
@@ -101,20 +101,20 @@ TEST(ColorBackground, FillsBehindTheImage) {
 
     // A half-transparent colour is stored premultiplied; a colour of alpha 0 leaves the transparency.
     EXPECT_TRUE(
-        near(at(*CropEngine::fillColorBackground(image, 1, 1, 1, 0.5), 0, 0), Px{128, 128, 128, 128}));
-    const auto none = CropEngine::fillColorBackground(image, 1, 0, 0, 0);
+        near(at(*CropEngine::fillColorBackground(image, {1, 1, 1, 0.5}), 0, 0), Px{128, 128, 128, 128}));
+    const auto none = CropEngine::fillColorBackground(image, {1, 0, 0, 0});
     EXPECT_EQ(at(*none, 0, 0), (Px{0, 0, 0, 0}));
     EXPECT_EQ(at(*none, 2, 0), (Px{128, 0, 0, 128}));
 
     // Out-of-range components are taken at their limits.
-    EXPECT_EQ(at(*CropEngine::fillColorBackground(image, 2, -1, 0.5, 7), 0, 0), (Px{255, 0, 128, 255}));
+    EXPECT_EQ(at(*CropEngine::fillColorBackground(image, {2, -1, 0.5, 7}), 0, 0), (Px{255, 0, 128, 255}));
 }
 
 TEST(ColorBackground, AnOpaqueImageHidesItEntirely) {
     const QImage opaque = coordinates(5, 5).convertToFormat(QImage::Format_RGBX8888);
-    EXPECT_EQ(CropEngine::fillColorBackground(opaque, 1, 0, 0, 1)->cacheKey(), opaque.cacheKey());
+    EXPECT_EQ(CropEngine::fillColorBackground(opaque, {1, 0, 0, 1})->cacheKey(), opaque.cacheKey());
     const QImage premultipliedOpaque = coordinates(5, 5);
-    const auto filled = CropEngine::fillColorBackground(premultipliedOpaque, 1, 0, 0, 1);
+    const auto filled = CropEngine::fillColorBackground(premultipliedOpaque, {1, 0, 0, 1});
     for (int y = 0; y < 5; ++y)
         EXPECT_EQ(std::memcmp(filled->constScanLine(y), premultipliedOpaque.constScanLine(y), 20), 0);
 }
@@ -140,14 +140,14 @@ TEST(ColorBackground, PaddingUnderAColourInOnePassIsPaddingThenTheColour) {
     for (const QImage* image : std::array<const QImage*, 3>{&translucent, &opaque, &empty})
         for (const auto& m : margins)
             for (const auto& c : colours) {
-                const auto padded = CropEngine::pad(*image, m.top, m.right, m.bottom, m.left);
-                const auto onePass = CropEngine::padOverColor(*image, m.top, m.right, m.bottom, m.left, c[0],
-                                                              c[1], c[2], c[3]);
+                const auto padded = CropEngine::pad(*image, {m.top, m.right, m.bottom, m.left});
+                const auto onePass = CropEngine::padOverColor(*image, {m.top, m.right, m.bottom, m.left},
+                                                              {c[0], c[1], c[2], c[3]});
                 if (!padded) { // nothing to pad: both fail alike
                     EXPECT_FALSE(onePass);
                     continue;
                 }
-                const auto twoPasses = CropEngine::fillColorBackground(*padded, c[0], c[1], c[2], c[3]);
+                const auto twoPasses = CropEngine::fillColorBackground(*padded, {c[0], c[1], c[2], c[3]});
                 ASSERT_TRUE(twoPasses && onePass);
                 ASSERT_EQ(onePass->size(), twoPasses->size());
                 ASSERT_EQ(onePass->format(), twoPasses->format());
@@ -158,14 +158,14 @@ TEST(ColorBackground, PaddingUnderAColourInOnePassIsPaddingThenTheColour) {
                         << "row " << y << " of " << image->width() << "x" << image->height() << " padded "
                         << m.top << "," << m.right << "," << m.bottom << "," << m.left;
             }
-    EXPECT_FALSE(CropEngine::padOverColor(opaque, 0, 0, 0, qint64(1) << 40, 1, 1, 1, 1));
+    EXPECT_FALSE(CropEngine::padOverColor(opaque, {0, 0, 0, qint64(1) << 40}, {1, 1, 1, 1}));
 }
 
 TEST(GradientBackground, EndpointsFollowTheAngleClockwiseOnScreen) {
     const QImage image = clear(200, 100);
     const Px red{255, 0, 0, 255}, blue{0, 0, 255, 255};
     auto gradient = [&](double angle) {
-        return *CropEngine::fillGradientBackground(image, 1, 0, 0, 1, 0, 0, 1, 1, angle);
+        return *CropEngine::fillGradientBackground(image, {{1, 0, 0, 1}, {0, 0, 1, 1}, angle});
     };
     // 0°: from (0, 50) to (200, 50), left to right.
     const QImage zero = gradient(0);
@@ -194,12 +194,12 @@ TEST(GradientBackground, EndpointsFollowTheAngleClockwiseOnScreen) {
 }
 
 TEST(GradientBackground, WorksOnASinglePixelAndUnderOpaqueImages) {
-    const auto one = CropEngine::fillGradientBackground(clear(1, 1), 1, 0, 0, 1, 0, 0, 1, 1, 0);
+    const auto one = CropEngine::fillGradientBackground(clear(1, 1), {{1, 0, 0, 1}, {0, 0, 1, 1}, 0});
     ASSERT_TRUE(one);
     EXPECT_EQ(one->size(), QSize(1, 1));
     EXPECT_TRUE(near(at(*one, 0, 0), Px{128, 0, 127, 255}, 2));
     const QImage opaque = coordinates(4, 4).convertToFormat(QImage::Format_RGBX8888);
-    EXPECT_EQ(CropEngine::fillGradientBackground(opaque, 1, 0, 0, 1, 0, 0, 1, 1, 0)->cacheKey(),
+    EXPECT_EQ(CropEngine::fillGradientBackground(opaque, {{1, 0, 0, 1}, {0, 0, 1, 1}, 0})->cacheKey(),
               opaque.cacheKey());
 }
 

@@ -19,6 +19,13 @@ namespace VE = VectorizeEngine;
 
 namespace {
 
+// A silhouette trace's parameters with curves fitted.
+TraceParams curvesOn() {
+    TraceParams params;
+    params.curves = true;
+    return params;
+}
+
 // Black shapes drawn with antialiasing on a white picture.
 QImage drawn(QSize size, const std::function<void(QPainter&)>& draw) {
     QImage image = solid(size.width(), size.height(), Qt::white);
@@ -50,7 +57,7 @@ std::vector<QPointF> sampled(const CurvedContour& c, int perSegment = 50) {
 
 TEST(Curves, ACircleIsAFewCurvesOnTheTrueCircle) {
     const QImage disc = drawn(QSize(160, 160), [](QPainter& p) { p.drawEllipse(QPointF(80, 80), 50, 50); });
-    const VectorTraceOutcome t = VE::trace(disc, 0, true);
+    const VectorTraceOutcome t = VE::trace(disc, curvesOn());
     ASSERT_EQ(t.kind, VectorTraceOutcome::Kind::traced);
     ASSERT_EQ(t.trace.curves.size(), 1);
     const CurvedContour& c = t.trace.curves.first();
@@ -64,8 +71,8 @@ TEST(Curves, ACircleIsAFewCurvesOnTheTrueCircle) {
     for (const CurveSegment& s : c.segments)
         EXPECT_TRUE(s.cubic);
     // The polygon is still there, as before.
-    EXPECT_EQ(t.trace.contours, VE::trace(disc, 0).trace.contours);
-    EXPECT_TRUE(VE::trace(disc, 0).trace.curves.isEmpty());
+    EXPECT_EQ(t.trace.contours, VE::trace(disc).trace.contours);
+    EXPECT_TRUE(VE::trace(disc).trace.curves.isEmpty());
 }
 
 TEST(Curves, ASquareKeepsItsFourCornersAndStraightSides) {
@@ -76,7 +83,7 @@ TEST(Curves, ASquareKeepsItsFourCornersAndStraightSides) {
             p.rotate(turn);
             p.drawRect(QRectF(-50, -50, 100, 100));
         });
-        const VectorTraceOutcome t = VE::trace(square, 0, true);
+        const VectorTraceOutcome t = VE::trace(square, curvesOn());
         ASSERT_EQ(t.trace.curves.size(), 1);
         const CurvedContour& c = t.trace.curves.first();
         ASSERT_EQ(c.segments.size(), 4);
@@ -105,7 +112,7 @@ TEST(Curves, AnSCurveFollowsItsSineWithinAQuarterPixel) {
         shape << QPointF(280, 200) << QPointF(20, 200);
         p.drawPolygon(shape);
     });
-    const VectorTraceOutcome t = VE::trace(band, 0, true);
+    const VectorTraceOutcome t = VE::trace(band, curvesOn());
     ASSERT_EQ(t.trace.curves.size(), 1);
     const CurvedContour& c = t.trace.curves.first();
     double worst = 0;
@@ -183,7 +190,7 @@ TEST(Curves, AnSvgRendererDrawsTheCompactDocumentAsThePreviewDrawsTheCurves) {
         for (int i = 0; i < 5; ++i)
             p.drawEllipse(QPointF(150 + 9 * i, 150), 2.5 + 0.4 * i, 2.5 + 0.4 * i);
     });
-    const VectorTraceOutcome t = VE::trace(art, 0, true);
+    const VectorTraceOutcome t = VE::trace(art, curvesOn());
     ASSERT_EQ(t.kind, VectorTraceOutcome::Kind::traced);
     ASSERT_GE(t.trace.curves.size(), 8);
     const QImage back = renderedSvg(VE::svg(t.trace, VectorizeStyle::silhouette, 1), art.size());

@@ -79,7 +79,7 @@ TEST(BinaryMask, BusynessOfCheckerboards) {
         for (int x = 0; x < 64; ++x)
             fine.setPixelColor(x, y, ((x + y) & 1) ? Qt::black : Qt::white);
     EXPECT_NEAR(VE::binaryMask(fine)->busyness, 2.0 * 63 * 64 / (64 * 64), 1e-9);
-    EXPECT_EQ(VE::trace(fine, 0).kind, VectorTraceOutcome::Kind::tooDetailed);
+    EXPECT_EQ(VE::trace(fine).kind, VectorTraceOutcome::Kind::tooDetailed);
 
     auto checker = [](int cell) {
         QImage image(1000, 1000, QImage::Format_RGBA8888_Premultiplied);
@@ -89,8 +89,8 @@ TEST(BinaryMask, BusynessOfCheckerboards) {
         return image;
     };
     EXPECT_NEAR(VE::binaryMask(checker(40))->busyness, 0.048, 0.001);
-    EXPECT_EQ(VE::trace(checker(40), 0).kind, VectorTraceOutcome::Kind::traced);
-    EXPECT_EQ(VE::trace(checker(20), 0).kind, VectorTraceOutcome::Kind::tooDetailed);
+    EXPECT_EQ(VE::trace(checker(40)).kind, VectorTraceOutcome::Kind::traced);
+    EXPECT_EQ(VE::trace(checker(20)).kind, VectorTraceOutcome::Kind::tooDetailed);
 }
 
 TEST(BinaryMask, BusynessOfExactlyPointZeroSixPasses) {
@@ -100,23 +100,23 @@ TEST(BinaryMask, BusynessOfExactlyPointZeroSixPasses) {
         fillRect(stripes, QRect(s * 14, 0, 14, 100), Qt::black);
     const auto m = VE::binaryMask(stripes);
     EXPECT_DOUBLE_EQ(m->busyness, 0.06);
-    EXPECT_EQ(VE::trace(stripes, 0).kind, VectorTraceOutcome::Kind::traced);
+    EXPECT_EQ(VE::trace(stripes).kind, VectorTraceOutcome::Kind::traced);
     fillRect(stripes, QRect(0, 0, 7, 100), Qt::black); // one more boundary
-    EXPECT_EQ(VE::trace(stripes, 0).kind, VectorTraceOutcome::Kind::tooDetailed);
+    EXPECT_EQ(VE::trace(stripes).kind, VectorTraceOutcome::Kind::tooDetailed);
 }
 
 // --- the trace ---
 
 TEST(Trace, WhitePageHasNoShape) {
-    EXPECT_EQ(VE::trace(white(300, 200), 0).kind, VectorTraceOutcome::Kind::noShape);
-    EXPECT_EQ(VE::trace(clear(300, 200), 0).kind, VectorTraceOutcome::Kind::noShape);
-    EXPECT_EQ(VE::trace(QImage(), 0).kind, VectorTraceOutcome::Kind::noShape);
+    EXPECT_EQ(VE::trace(white(300, 200)).kind, VectorTraceOutcome::Kind::noShape);
+    EXPECT_EQ(VE::trace(clear(300, 200)).kind, VectorTraceOutcome::Kind::noShape);
+    EXPECT_EQ(VE::trace(QImage()).kind, VectorTraceOutcome::Kind::noShape);
 }
 
 TEST(Trace, ABlackSquareOnWhiteRunsRoundTheSquare) {
     QImage page = white(300, 200);
     fillRect(page, QRect(50, 40, 100, 80), Qt::black);
-    const auto outcome = VE::trace(page, 0);
+    const auto outcome = VE::trace(page);
     ASSERT_EQ(outcome.kind, VectorTraceOutcome::Kind::traced);
     ASSERT_EQ(outcome.trace.contours.size(), 1);
     EXPECT_EQ(outcome.trace.size, QSizeF(300, 200));
@@ -131,14 +131,14 @@ TEST(Trace, ABlackSquareOnWhiteRunsRoundTheSquare) {
 TEST(Trace, AlphaModeTracesWhiteOnTransparentAndOnePixelFlipsTheMode) {
     QImage sheet = clear(200, 200);
     fillRect(sheet, QRect(60, 60, 80, 80), Qt::white);
-    const auto a = VE::trace(sheet, 0);
+    const auto a = VE::trace(sheet);
     ASSERT_EQ(a.kind, VectorTraceOutcome::Kind::traced);
     EXPECT_NEAR(boundsOf(a.trace.contours.first()).width(), 80, 1.2);
 
     QImage drawing = white(200, 200);
     fillRect(drawing, QRect(60, 60, 80, 80), Qt::black);
     drawing.setPixelColor(0, 0, QColor(255, 255, 255, 200)); // one pixel below 250
-    const auto b = VE::trace(drawing, 0);
+    const auto b = VE::trace(drawing);
     ASSERT_EQ(b.kind, VectorTraceOutcome::Kind::traced);
     EXPECT_GT(boundsOf(b.trace.contours.first()).width(), 195)
         << "everything else is foreground: a page-sized shape";
@@ -148,7 +148,7 @@ TEST(Trace, TheAreaFloorKeepsTwentyByTwentyAndDropsNineteen) {
     QImage page = white(1000, 1000);
     fillRect(page, QRect(100, 100, 20, 20), Qt::black);
     fillRect(page, QRect(500, 500, 19, 19), Qt::black);
-    const auto outcome = VE::trace(page, 0);
+    const auto outcome = VE::trace(page);
     ASSERT_EQ(outcome.kind, VectorTraceOutcome::Kind::traced);
     ASSERT_EQ(outcome.trace.contours.size(), 1);
     EXPECT_NEAR(boundsOf(outcome.trace.contours.first()).left(), 100, 0.6);
@@ -165,7 +165,7 @@ TEST(Trace, ADonutGivesOutlineAndHole) {
         p.setBrush(Qt::white);
         p.drawEllipse(QPointF(200, 200), 60, 60);
     }
-    const auto outcome = VE::trace(page, 0);
+    const auto outcome = VE::trace(page);
     ASSERT_EQ(outcome.kind, VectorTraceOutcome::Kind::traced);
     ASSERT_EQ(outcome.trace.contours.size(), 2);
     QList<double> widths;
@@ -179,7 +179,7 @@ TEST(Trace, ADonutGivesOutlineAndHole) {
 TEST(Trace, CoordinatesAreInSourcePixels) {
     QImage page = white(4000, 2000);
     fillRect(page, QRect(2000, 500, 2000, 1000), Qt::black); // reaches the right edge
-    const auto outcome = VE::trace(page, 0);
+    const auto outcome = VE::trace(page);
     ASSERT_EQ(outcome.kind, VectorTraceOutcome::Kind::traced);
     const QRectF b = boundsOf(outcome.trace.contours.first());
     EXPECT_NEAR(b.right(), 4000, 3) << "though the mask is 1400 × 700";
@@ -418,7 +418,7 @@ TEST(Quality, SilhouetteOfALargeDrawingCoversItsPixels) {
         curve.cubicTo(QPointF(900, 1500), QPointF(1300, 2900), QPointF(1800, 2600));
         p.drawPath(curve);
     }
-    const auto outcome = VE::trace(drawing, 0);
+    const auto outcome = VE::trace(drawing);
     ASSERT_EQ(outcome.kind, VectorTraceOutcome::Kind::traced);
     const QImage back = renderedSvg(VE::svg(outcome.trace, VectorizeStyle::silhouette, 1), drawing.size());
     const double iou = intersectionOverUnion(

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "engines/ColorComponents.h"
+
 #include <QImage>
 #include <QRectF>
 #include <QSizeF>
@@ -86,17 +88,28 @@ std::optional<QImage> keyOutWhite(const QImage& image, double threshold, bool in
 
 // --- Canvas operations ---
 
+/// Margins in pixels on each side of a picture.
+struct Insets {
+    qint64 top = 0, right = 0, bottom = 0, left = 0;
+    bool operator==(const Insets&) const = default;
+};
+
+/// A two-stop linear gradient through a picture's centre, at `angleDegrees` clockwise on screen.
+struct Gradient {
+    RGBA start;
+    RGBA end;
+    double angleDegrees = 90;
+};
+
 /// Transparent margins around the image; negative amounts count as 0. The image itself for none.
-std::optional<QImage> pad(const QImage& image, qint64 top, qint64 right, qint64 bottom, qint64 left);
+std::optional<QImage> pad(const QImage& image, const Insets& margins);
 /// The image over a solid colour (sRGB components 0…1).
-std::optional<QImage> fillColorBackground(const QImage& image, double r, double g, double b, double a);
+std::optional<QImage> fillColorBackground(const QImage& image, const RGBA& colour);
 /// `pad` and then `fillColorBackground` in one pass, the same pixels: the margins take the colour, the
 /// image is laid over it. No margin: `fillColorBackground` alone.
-std::optional<QImage> padOverColor(const QImage& image, qint64 top, qint64 right, qint64 bottom, qint64 left,
-                                   double r, double g, double b, double a);
-/// The image over a two-stop linear gradient through its centre at `angleDegrees` (clockwise on screen).
-std::optional<QImage> fillGradientBackground(const QImage& image, double r0, double g0, double b0, double a0,
-                                             double r1, double g1, double b1, double a1, double angleDegrees);
+std::optional<QImage> padOverColor(const QImage& image, const Insets& margins, const RGBA& colour);
+/// The image over the gradient.
+std::optional<QImage> fillGradientBackground(const QImage& image, const Gradient& gradient);
 /// The image over `background`, scaled to cover and centred.
 std::optional<QImage> fillImageBackground(const QImage& image, const QImage& background);
 /// The image unscaled and centred on a canvas of the target size (rounded, at least 1).

@@ -165,11 +165,9 @@ void place(const QImage& src, QImage& dst, qint64 dx, qint64 dy) {
 
 } // namespace
 
-std::optional<QImage> pad(const QImage& image, qint64 top, qint64 right, qint64 bottom, qint64 left) {
-    top = std::max<qint64>(top, 0);
-    right = std::max<qint64>(right, 0);
-    bottom = std::max<qint64>(bottom, 0);
-    left = std::max<qint64>(left, 0);
+std::optional<QImage> pad(const QImage& image, const Insets& margins) {
+    const qint64 top = std::max<qint64>(margins.top, 0), right = std::max<qint64>(margins.right, 0);
+    const qint64 bottom = std::max<qint64>(margins.bottom, 0), left = std::max<qint64>(margins.left, 0);
     if (top == 0 && right == 0 && bottom == 0 && left == 0) return image;
     const qint64 limit = qint64(INT_MAX);
     if (left > limit || right > limit || top > limit || bottom > limit) return std::nullopt;
@@ -182,7 +180,7 @@ std::optional<QImage> pad(const QImage& image, qint64 top, qint64 right, qint64 
     return out;
 }
 
-std::optional<QImage> fillColorBackground(const QImage& image, double r, double g, double b, double a) {
+std::optional<QImage> fillColorBackground(const QImage& image, const RGBA& colour) {
     if (image.width() < 1 || image.height() < 1) return image;
     const QImage src = rgbaPixels(image);
     if (src.isNull()) return std::nullopt;
@@ -190,28 +188,25 @@ std::optional<QImage> fillColorBackground(const QImage& image, double r, double 
     if (!src.hasAlphaChannel()) return image;
     QImage out = newCanvas(src.width(), src.height());
     if (out.isNull()) return std::nullopt;
-    overColor(src, out, packedColor(r, g, b, a));
+    overColor(src, out, packedColor(colour.r, colour.g, colour.b, colour.a));
     return out;
 }
 
-std::optional<QImage> padOverColor(const QImage& image, qint64 top, qint64 right, qint64 bottom, qint64 left,
-                                   double r, double g, double b, double a) {
-    top = std::max<qint64>(top, 0);
-    right = std::max<qint64>(right, 0);
-    bottom = std::max<qint64>(bottom, 0);
-    left = std::max<qint64>(left, 0);
-    if (top == 0 && right == 0 && bottom == 0 && left == 0) return fillColorBackground(image, r, g, b, a);
+std::optional<QImage> padOverColor(const QImage& image, const Insets& margins, const RGBA& colour) {
+    const qint64 top = std::max<qint64>(margins.top, 0), right = std::max<qint64>(margins.right, 0);
+    const qint64 bottom = std::max<qint64>(margins.bottom, 0), left = std::max<qint64>(margins.left, 0);
+    if (top == 0 && right == 0 && bottom == 0 && left == 0) return fillColorBackground(image, colour);
     const qint64 limit = qint64(INT_MAX);
     if (left > limit || right > limit || top > limit || bottom > limit) return std::nullopt;
     if (image.width() < 1 || image.height() < 1) {
-        const auto padded = pad(image, top, right, bottom, left);
-        return padded ? fillColorBackground(*padded, r, g, b, a) : padded;
+        const auto padded = pad(image, {top, right, bottom, left});
+        return padded ? fillColorBackground(*padded, colour) : padded;
     }
     const QImage src = rgbaPixels(image);
     if (src.isNull()) return std::nullopt;
     QImage out = newCanvas(src.width() + left + right, src.height() + top + bottom);
     if (out.isNull()) return std::nullopt;
-    const uint32_t color = packedColor(r, g, b, a);
+    const uint32_t color = packedColor(colour.r, colour.g, colour.b, colour.a);
     // The margins are the colour as compositing over a cleared pixel gives it.
     const uint32_t clear = 0;
     uint32_t margin = 0;
@@ -231,9 +226,10 @@ std::optional<QImage> padOverColor(const QImage& image, qint64 top, qint64 right
     return out;
 }
 
-std::optional<QImage> fillGradientBackground(const QImage& image, double r0, double g0, double b0, double a0,
-                                             double r1, double g1, double b1, double a1,
-                                             double angleDegrees) {
+std::optional<QImage> fillGradientBackground(const QImage& image, const Gradient& gradient) {
+    const double r0 = gradient.start.r, g0 = gradient.start.g, b0 = gradient.start.b, a0 = gradient.start.a;
+    const double r1 = gradient.end.r, g1 = gradient.end.g, b1 = gradient.end.b, a1 = gradient.end.a;
+    const double angleDegrees = gradient.angleDegrees;
     const int W = image.width(), H = image.height();
     if (W < 1 || H < 1 || !std::isfinite(angleDegrees)) return image;
     const QImage src = rgbaPixels(image);

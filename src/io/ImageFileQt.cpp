@@ -6,8 +6,8 @@
 #include "io/PngChunks.h"
 
 #include <QColorSpace>
-#include <QIODevice>
 #include <QImageReader>
+#include <QIODevice>
 
 #include <algorithm>
 #include <climits>
@@ -191,7 +191,8 @@ std::optional<Loaded> decodeWithQt(QIODevice* device, const LoadOptions& options
     // Refuse from the header, before the decoder allocates anything. An animated WebP is drawn on a
     // canvas of its own size, which Qt's reader allocates as soon as it is asked for the size.
     std::optional<MemoryBudget::Hold> hold;
-    const std::optional<QSize> canvas = type == QStringLiteral("image/webp") ? webpCanvas(*device) : std::nullopt;
+    const std::optional<QSize> canvas =
+        type == QStringLiteral("image/webp") ? webpCanvas(*device) : std::nullopt;
     if (canvas && !(hold = admit(canvas->width(), canvas->height(), options))) return std::nullopt;
     const QSize size = reader.size();
     if (!size.isValid()) return std::nullopt;
@@ -217,6 +218,5 @@ std::optional<Loaded> decodeWithQt(QIODevice* device, const LoadOptions& options
     if (loaded && webp) loaded->storage = *webp;
     return loaded;
 }
-
 
 } // namespace cutlark::ImageCodecs

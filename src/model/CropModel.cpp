@@ -5,6 +5,7 @@
 #include "support/OffThread.h"
 
 #include <QCoreApplication>
+#include <QMetaEnum>
 #include <QPointer>
 #include <QtConcurrent/QtConcurrentRun>
 #include <QThreadPool>
@@ -73,10 +74,16 @@ bool CropModel::writeSetting(const QString& name, const Settings& from) {
     return false;
 }
 
-// The change hooks, all in one place. To rebuild is `recomputeActive()`, to retrace `updateVector()`.
+// The change hooks, all in one place, one case for every field (the compiler names a field left
+// out). A setting rebuilds when it can change the picture: the switches it needs are on (the
+// table's switch column, followed up) and, for some, its mode is the one chosen. To rebuild is
+// `recomputeActive()`, to retrace `updateVector()`.
 void CropModel::runHook(Field field, bool wasOn) {
     const Settings& s = m_settings;
+    const QString name = QString::fromLatin1(QMetaEnum::fromType<Field>().valueToKey(int(field)));
+    const auto live = [&](bool mode = true) { return mode && s.offSwitch(name).isEmpty(); };
     switch (field) {
+    // The switches themselves, and what always shows: turning, mirroring.
     case Field::quarterTurns:
     case Field::mirrored:
     case Field::manualCropEnabled:
@@ -87,6 +94,10 @@ void CropModel::runHook(Field field, bool wasOn) {
     case Field::vectorizeEnabled:
         recomputeActive();
         break;
+    case Field::keyWhiteEnabled:
+        if (!wasOn && s.keyWhiteEnabled) autoPickRemovalMode();
+        recomputeActive();
+        break;
     case Field::bgRemovalMode:
         // Subject mode chosen with removal still off: the network loads now, so the cutout that the
         // switch will start doesn't wait for it. With removal on, the cutout itself loads it.
@@ -95,22 +106,21 @@ void CropModel::runHook(Field field, bool wasOn) {
             m_cutoutService.prepare();
         recomputeActive();
         break;
-    case Field::manualCropRect:
-        if (s.manualCropEnabled) recomputeActive();
-        break;
-    case Field::threshold:
-        if (s.trimEnabled) recomputeActive();
-        break;
-    case Field::keyWhiteEnabled:
-        if (!wasOn && s.keyWhiteEnabled) autoPickRemovalMode();
+    case Field::resizeEnabled:
+        if (!wasOn && s.resizeEnabled) seedResizePixels();
         recomputeActive();
+        break;
+    // Settings that count only under their switches.
+    case Field::manualCropRect:
+    case Field::threshold:
+    case Field::strokeWidth:
+    case Field::backgroundKind:
+    case Field::resizeCanvas:
+        if (live()) recomputeActive();
         break;
     case Field::keyThreshold:
     case Field::keyInternal:
-        if (s.keyWhiteEnabled && s.bgRemovalMode == BGRemovalMode::white) recomputeActive();
-        break;
-    case Field::strokeWidth:
-        if (s.stickerEnabled) recomputeActive();
+        if (live(s.bgRemovalMode == BGRemovalMode::white)) recomputeActive();
         break;
     case Field::paddingUniform:
         if (wasOn && !s.paddingUniform) {
@@ -121,66 +131,75 @@ void CropModel::runHook(Field field, bool wasOn) {
             setPadBottom(amount);
             setPadLeft(amount);
         }
-        if (m_settings.paddingEnabled) recomputeActive();
+        if (live()) recomputeActive();
         break;
     case Field::padAmount:
-        if (s.paddingEnabled && s.paddingUniform) recomputeActive();
+        if (live(s.paddingUniform)) recomputeActive();
         break;
     case Field::padTop:
     case Field::padRight:
     case Field::padBottom:
     case Field::padLeft:
-        if (s.paddingEnabled && !s.paddingUniform) recomputeActive();
-        break;
-    case Field::backgroundKind:
-        if (s.backgroundEnabled) recomputeActive();
+        if (live(!s.paddingUniform)) recomputeActive();
         break;
     case Field::backgroundColor:
-        if (s.backgroundEnabled && s.backgroundKind == BackgroundKind::color) recomputeActive();
+        if (live(s.backgroundKind == BackgroundKind::color)) recomputeActive();
         break;
     case Field::gradientStart:
     case Field::gradientEnd:
     case Field::gradientAngle:
-        if (s.backgroundEnabled && s.backgroundKind == BackgroundKind::gradient) recomputeActive();
+        if (live(s.backgroundKind == BackgroundKind::gradient)) recomputeActive();
         break;
-    case Field::resizeEnabled:
-        if (!wasOn && s.resizeEnabled) seedResizePixels();
-        recomputeActive();
-        break;
+    // The resize's two sizes follow each other while the aspect is locked.
     case Field::resizeWidth:
         if (m_linkingResizeFields) break;
         if (s.resizeLockAspect) linkResizeHeightToWidth();
-        if (m_settings.resizeEnabled) recomputeActive();
+        if (live()) recomputeActive();
         break;
     case Field::resizeHeight:
         if (m_linkingResizeFields) break;
         if (s.resizeLockAspect) linkResizeWidthToHeight();
-        if (m_settings.resizeEnabled) recomputeActive();
+        if (live()) recomputeActive();
         break;
     case Field::resizeLockAspect:
         if (s.resizeLockAspect) linkResizeHeightToWidth();
-        if (m_settings.resizeEnabled) recomputeActive();
+        if (live()) recomputeActive();
         break;
-    case Field::resizeCanvas:
-        if (s.resizeEnabled) recomputeActive();
-        break;
-    case Field::vectorFullColor:
+    // The trace's settings retrace; the picture stays.
     case Field::vectorizeStyle:
+    case Field::vectorFullColor:
     case Field::vectorCurves:
-        if (s.vectorizeEnabled) updateVector();
-        break;
-    case Field::vectorStrokeWidth:
-        if (s.vectorizeEnabled && s.vectorizeStyle == VectorizeStyle::outline) updateVector();
-        break;
     case Field::vectorTolerance:
     case Field::vectorMinFeature:
     case Field::vectorDenoise:
     case Field::vectorCleanup:
     case Field::vectorStacked:
-        if (s.vectorizeEnabled && s.vectorFullColor) updateVector();
+        if (live()) updateVector();
         break;
-    default:
-        // backgroundImage and backgroundImageURL have no hook; nor do the non-setting fields.
+    case Field::vectorStrokeWidth:
+        if (live(s.vectorizeStyle == VectorizeStyle::outline)) updateVector();
+        break;
+    // The background picture and its file are written together by `chooseBackgroundImage` and
+    // `clearBackgroundImage`, which rebuild once both are in place.
+    case Field::backgroundImage:
+    case Field::backgroundImageURL:
+        break;
+    // Not settings: the model writes them itself, never through a hook.
+    case Field::items:
+    case Field::activeID:
+    case Field::syncSettingsAcrossQueue:
+    case Field::activeContentRect:
+    case Field::processedImage:
+    case Field::errorMessage:
+    case Field::saveConfirmation:
+    case Field::noticeMessage:
+    case Field::collageRects:
+    case Field::visionComputing:
+    case Field::vectorTrace:
+    case Field::vectorColorTrace:
+    case Field::vectorPreview:
+    case Field::isVectorizing:
+    case Field::vectorTooDetailed:
         break;
     }
 }

@@ -86,9 +86,7 @@ public:
     };
     Q_ENUM(Field)
 
-    struct Insets {
-        qint64 top = 0, right = 0, bottom = 0, left = 0;
-    };
+    using Insets = CropEngine::Insets;
 
     explicit CropModel(QObject* parent = nullptr);
     ~CropModel() override;

@@ -115,16 +115,13 @@ QImage CropModel::buildBeforeResize(const Item& item) {
     if (s.paddingEnabled && s.backgroundEnabled && s.backgroundKind == BackgroundKind::color) {
         const Insets p = paddingInsets();
         const RGBA c = componentsOrWhite(s.backgroundColor);
-        if (auto filled = attempt([&] {
-                return CropEngine::padOverColor(work, p.top, p.right, p.bottom, p.left, c.r, c.g, c.b, c.a);
-            }))
-            return *filled;
+        if (auto filled = attempt([&] { return CropEngine::padOverColor(work, p, c); })) return *filled;
     }
 
     // 6. Padding: transparent margins.
     if (s.paddingEnabled) {
         const Insets p = paddingInsets();
-        if (auto padded = attempt([&] { return CropEngine::pad(work, p.top, p.right, p.bottom, p.left); }))
+        if (auto padded = attempt([&] { return CropEngine::pad(work, p); }))
             work = *padded;
         else if (p.top > 0 || p.right > 0 || p.bottom > 0 || p.left > 0)
             m_failedStages << QStringLiteral("the padding");
@@ -136,13 +133,12 @@ QImage CropModel::buildBeforeResize(const Item& item) {
             switch (s.backgroundKind) {
             case BackgroundKind::color: {
                 const RGBA c = componentsOrWhite(s.backgroundColor);
-                return CropEngine::fillColorBackground(work, c.r, c.g, c.b, c.a);
+                return CropEngine::fillColorBackground(work, c);
             }
             case BackgroundKind::gradient: {
-                const RGBA a = componentsOrWhite(s.gradientStart);
-                const RGBA b = componentsOrWhite(s.gradientEnd);
-                return CropEngine::fillGradientBackground(work, a.r, a.g, a.b, a.a, b.r, b.g, b.b, b.a,
-                                                          s.gradientAngle);
+                return CropEngine::fillGradientBackground(
+                    work,
+                    {componentsOrWhite(s.gradientStart), componentsOrWhite(s.gradientEnd), s.gradientAngle});
             }
             case BackgroundKind::image:
                 if (!s.backgroundImage.isNull())

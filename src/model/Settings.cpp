@@ -267,19 +267,43 @@ const SettingInfo* Settings::info(const QString& name) {
     return nullptr;
 }
 
+namespace {
+
+template <class T> bool asSwitch(const T&) {
+    return false;
+}
+bool asSwitch(bool on) {
+    return on;
+}
+
+// The value of the switch called `name`; false for a name that isn't a switch.
+bool switchValue(const Settings& s, const QString& name) {
+#define CUTLARK_SWITCH_VALUE(Type, field, ...)                                                               \
+    if (name == QLatin1String(#field)) return asSwitch(s.field);
+    CUTLARK_SETTINGS(CUTLARK_SWITCH_VALUE)
+#undef CUTLARK_SWITCH_VALUE
+    return false;
+}
+
+} // namespace
+
+QString Settings::offSwitch(const QString& name) const {
+    // Up the switches: a colour layer's setting needs full colour, which needs tracing.
+    for (const SettingInfo* row = info(name); row && *row->switchName;
+         row = info(QLatin1String(row->switchName))) {
+        const QString switchName = QLatin1String(row->switchName);
+        if (!switchValue(*this, switchName)) return switchName;
+    }
+    return QString();
+}
+
 QStringList Settings::idleNotices(const Settings& settings, const QStringList& names) {
-    const QJsonObject values = settings.toJson();
     QStringList notices;
     for (const QString& name : names) {
-        // Up the switches: a colour layer's setting needs full colour, which needs tracing.
-        for (const SettingInfo* row = info(name); row && *row->switchName;
-             row = info(QLatin1String(row->switchName))) {
-            const QString switchName = QLatin1String(row->switchName);
-            if (values.value(switchName).toBool()) continue;
-            const QString notice = QStringLiteral("%1 has no effect while %2 is false").arg(name, switchName);
-            if (!notices.contains(notice)) notices << notice;
-            break;
-        }
+        const QString off = info(name) ? settings.offSwitch(name) : QString();
+        if (off.isEmpty()) continue;
+        const QString notice = QStringLiteral("%1 has no effect while %2 is false").arg(name, off);
+        if (!notices.contains(notice)) notices << notice;
     }
     return notices;
 }

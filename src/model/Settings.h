@@ -111,6 +111,10 @@ struct Settings {
     /// Reads a JSON object of field names to values (strings, numbers or booleans) into `into`.
     static std::optional<QString> parseJsonInto(Settings& into, const QJsonObject& object);
 
+    /// The first switch the setting `name` needs that is off in these settings — its own (the
+    /// table's switch column), or the one that switch needs in turn — or empty when all are on.
+    QString offSwitch(const QString& name) const;
+
     /// For each of `names` that can have no effect in `settings` because a switch it needs is off
     /// (its own, or the one that switch needs in turn), a notice saying so: "resizeWidth has no
     /// effect while resizeEnabled is false". Unknown names and repeats are passed over.

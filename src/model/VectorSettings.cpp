@@ -46,7 +46,7 @@ VectorResult trace(const VectorJob& job) {
         if (result.colorTrace) result.preview = VectorizeEngine::colorPreview(*result.colorTrace);
         return result;
     }
-    const VectorTraceOutcome outcome = VectorizeEngine::trace(job.image, 0, job.params.curves);
+    const VectorTraceOutcome outcome = VectorizeEngine::trace(job.image, job.params);
     switch (outcome.kind) {
     case VectorTraceOutcome::Kind::traced:
         result.trace = outcome.trace;

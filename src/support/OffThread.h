@@ -5,8 +5,8 @@
 #include <QCoreApplication>
 #include <QMetaObject>
 #include <QPointer>
-#include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
+#include <QThreadPool>
 
 #include <memory>
 #include <utility>
@@ -21,19 +21,20 @@ template <class Owner, class Task, class Work, class Done>
 void runOffThread(Owner* owner, std::unique_ptr<Task> task, Work work, Done done) {
     QPointer<Owner> self(owner);
     // The first capture of each closure receives and the last passes on, whenever Qt moves it.
-    (void)QtConcurrent::run(QThreadPool::globalInstance(), [in = HandOff(), self, task = std::move(task),
-                                                            work = std::move(work), done = std::move(done),
-                                                            out = HandOff()]() mutable {
-        const auto turn = HandOff::received();
-        work(*task);
-        QMetaObject::invokeMethod(
-            QCoreApplication::instance(),
-            [in = HandOff(), self, task = std::move(task), done = std::move(done), out = HandOff()]() mutable {
-                const auto turn = HandOff::received();
-                if (self) done(*self, *task);
-            },
-            Qt::QueuedConnection);
-    });
+    (void)QtConcurrent::run(QThreadPool::globalInstance(),
+                            [in = HandOff(), self, task = std::move(task), work = std::move(work),
+                             done = std::move(done), out = HandOff()]() mutable {
+                                const auto turn = HandOff::received();
+                                work(*task);
+                                QMetaObject::invokeMethod(
+                                    QCoreApplication::instance(),
+                                    [in = HandOff(), self, task = std::move(task), done = std::move(done),
+                                     out = HandOff()]() mutable {
+                                        const auto turn = HandOff::received();
+                                        if (self) done(*self, *task);
+                                    },
+                                    Qt::QueuedConnection);
+                            });
 }
 
 } // namespace cutlark

@@ -6,8 +6,8 @@ namespace cutlark {
 /// How a silhouette trace is drawn: filled, or as a stroked outline.
 enum class VectorizeStyle { silhouette, outline };
 
-/// The parameters of a colour trace. `TraceParams{}` holds the defaults, which are what the window's
-/// settings give at their defaults.
+/// The parameters of a trace (a silhouette reads `smoothing` and `curves`). `TraceParams{}` holds the
+/// defaults, which are what the window's settings give at their defaults.
 struct TraceParams {
     /// How far colours may differ and still be one layer, 0…100; the region threshold runs 18…65.
     double tolerance = 45;
@@ -22,6 +22,8 @@ struct TraceParams {
     /// The bottom layer covers the whole picture and each other layer runs 3 pixels under the layers
     /// above it, so no backdrop shows between colours.
     bool stacked = false;
+    /// How much a silhouette's polygons are simplified, 0…100 (`VectorizeEngine::epsilonFor`).
+    double smoothing = 0;
 };
 
 } // namespace cutlark

@@ -319,7 +319,9 @@ Contour straighten(Contour c, double tol) {
     return c;
 }
 
-VectorTraceOutcome trace(const QImage& image, double smoothing, bool curves) {
+VectorTraceOutcome trace(const QImage& image, const TraceParams& params) {
+    const double smoothing = params.smoothing;
+    const bool curves = params.curves;
     VectorTraceOutcome outcome;
     const int W = image.width(), H = image.height();
     if (W < 1 || H < 1) return outcome;

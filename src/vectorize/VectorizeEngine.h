@@ -49,8 +49,9 @@ Contour straighten(Contour contour, double tol);
 double epsilonFor(double smoothing);
 
 /// The silhouette trace of `image`: `tooDetailed` when the mask's busyness exceeds 0.06, `noShape`
-/// when nothing can be traced. With `curves`, the trace carries its outlines fitted with curves too.
-VectorTraceOutcome trace(const QImage& image, double smoothing, bool curves = false);
+/// when nothing can be traced. With `params.curves`, the trace carries its outlines fitted with curves
+/// too; `params.smoothing` simplifies its polygons.
+VectorTraceOutcome trace(const QImage& image, const TraceParams& params = {});
 
 // --- colour ---
 
