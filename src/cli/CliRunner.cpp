@@ -7,6 +7,8 @@
 #include "io/ImageFile.h"
 #include "io/ImageMetadata.h"
 #include "model/CropModel.h"
+#include "model/Pipeline.h"
+#include "model/SavePlan.h"
 #include "support/AtomicFile.h"
 #include "support/AvailableCores.h"
 #include "support/MemoryBudget.h"
@@ -93,17 +95,6 @@ QString stemOf(const QString& path) {
 QString numberedName(const QString& stem, int number, const QString& extension) {
     return stem + QStringLiteral("-out") + (number > 1 ? QStringLiteral("-%1").arg(number) : QString()) +
            QLatin1Char('.') + extension;
-}
-
-/// Whether this run's settings can make a picture transparent, so that a type without alpha is
-/// written as PNG: keying, an outline, padding or a canvas, unless an opaque background covers
-/// them (a canvas may still grow past it).
-bool mayForcePng(const Settings& s) {
-    CropModel probe;
-    probe.applySettings(s);
-    const bool covered = s.backgroundEnabled && probe.backgroundIsOpaque();
-    return (s.resizeEnabled && s.resizeCanvas) ||
-           (!covered && (s.keyWhiteEnabled || s.stickerEnabled || s.paddingEnabled));
 }
 
 /// Numbers the results so that no two inputs of the run can write the same file, whatever type
@@ -267,7 +258,7 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
 
     const CropModel::Item* item = model.active();
     const QImage result = model.processedImage();
-    CropModel::SaveChoice choice = model.saveTypeChoice(*item);
+    SavePlan::Choice choice = model.saveTypeChoice(*item);
     if (!options.format.isEmpty()) {
         // Asked for by name: written so, or refused when it would lose the transparency.
         if (!ImageFile::supportsAlpha(options.format) && hasTransparency(result))
@@ -275,33 +266,21 @@ Outcome processOne(const Plan& plan, const RunContext& run) {
                 QStringLiteral("%1 can’t hold the result’s transparency; choose --format png or webp, "
                                "or lay a background")
                     .arg(ImageFile::preferredExtension(options.format)));
-        choice = {options.format, false};
+        choice = SavePlan::asked(options.format);
     }
     const QString type = ImageFile::writableType(choice.type);
     const QString sourcePath = item->path;
-    // Another extension than the source's when the type was chosen or forced.
-    const QString otherExtension = !options.format.isEmpty() ? ImageFile::preferredExtension(options.format)
-                                   : choice.forcedPng        ? QStringLiteral("png")
-                                                             : QString();
 
     QString target;
     if (options.inPlace) {
-        target = !otherExtension.isEmpty() &&
-                         ImageFile::typeForExtension(QFileInfo(sourcePath).suffix()) != options.format
-                     ? absolute(QFileInfo(sourcePath).path() + QLatin1Char('/') + stemOf(sourcePath) +
-                                QLatin1Char('.') + otherExtension)
-                     : absolute(sourcePath);
+        target = absolute(SavePlan::overOriginal(sourcePath, choice));
         if (target != absolute(sourcePath) && run.inputs.contains(target))
             return fail(
                 QStringLiteral(
                     "the result would be written as “%1”, which is another input; nothing was written")
                     .arg(QFileInfo(target).fileName()));
     } else {
-        const QString proposed = model.proposedNewFileName(*item);
-        target = QDir(plan.folder)
-                     .filePath(numberedName(stemOf(sourcePath), plan.number,
-                                            !options.format.isEmpty() ? otherExtension
-                                                                      : QFileInfo(proposed).suffix()));
+        target = QDir(plan.folder).filePath(SavePlan::newFileName(sourcePath, choice, plan.number));
     }
     outcome.json.insert(QStringLiteral("output"), target);
     // A result from before is not replaced unless asked; the file the input itself is, is.
@@ -832,7 +811,7 @@ int CliRunner::runProcess(const CliOptions& asked) {
     }
     // Results this run would write are never its inputs (a second run beside the first one's
     // results leaves them alone).
-    const bool forcePngPossible = mayForcePng(run.settings);
+    const bool forcePngPossible = Pipeline::mayProduceTransparency(run.settings);
     if (!options.inPlace) {
         const QSet<QString> results = plannedResults(planOutputs(inputs, options, forcePngPossible));
         QStringList kept;

@@ -3,6 +3,7 @@
 #include "engines/CropEngine.h"
 #include "io/ImageFile.h"
 #include "model/Panels.h"
+#include "model/SavePlan.h"
 #include "model/Settings.h"
 #include "model/VectorSettings.h"
 #include "vectorize/VectorTrace.h"
@@ -298,12 +299,9 @@ public:
 
     void saveOverOriginal();
     void saveAsNewFile();
-    /// The type a save of the active result writes, and whether transparency forced PNG.
-    struct SaveChoice {
-        QString type;
-        bool forcedPng = false;
-    };
-    SaveChoice saveTypeChoice(const Item& item) const;
+    /// The type a save of the active result writes by the save rules, and whether transparency
+    /// forced PNG.
+    SavePlan::Choice saveTypeChoice(const Item& item) const;
     /// The name `saveAsNewFile` proposes for the active item: stem, "-out.", extension.
     QString proposedNewFileName(const Item& item) const;
 
@@ -379,8 +377,6 @@ private:
     void writeVector(const QByteArray& bytes, const QString& sourcePath, const QString& extension,
                      const QString& type);
     QImage buildProcessed(const Item& item);
-    /// Stages 1 to 7: orientation, crop, background removal, outline or trim, padding, background.
-    QImage buildBeforeResize(const Item& item);
     void advanceToNextUnsaved(const QUuid& after);
     void runHook(Field field, bool wasOn);
     void notify(Field field) {

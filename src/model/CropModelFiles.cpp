@@ -42,10 +42,6 @@ QString withoutExtension(const QString& path) {
     return ext.isEmpty() ? path : path.left(path.size() - ext.size() - 1);
 }
 
-QString withExtension(const QString& path, const QString& extension) {
-    return withoutExtension(path) + QLatin1Char('.') + extension;
-}
-
 } // namespace
 
 bool CropModel::passesTypeTest(const QString& path) {
@@ -241,24 +237,12 @@ void CropModel::clearBackgroundImage() {
     if (m_settings.backgroundEnabled && m_settings.backgroundKind == BackgroundKind::image) recomputeActive();
 }
 
-CropModel::SaveChoice CropModel::saveTypeChoice(const Item& item) const {
-    // A result with transparency can't go into a type without alpha.
-    if (producesTransparency() && !ImageFile::supportsAlpha(item.type))
-        return {QStringLiteral("image/png"), true};
-    return {item.type, false};
+SavePlan::Choice CropModel::saveTypeChoice(const Item& item) const {
+    return SavePlan::byRules(item.type, producesTransparency());
 }
 
 QString CropModel::proposedNewFileName(const Item& item) const {
-    const SaveChoice choice = saveTypeChoice(item);
-    QString extension;
-    if (choice.forcedPng) {
-        extension = QStringLiteral("png");
-    } else {
-        extension = extensionOf(item.path);
-        if (extension.isEmpty()) extension = ImageFile::preferredExtension(choice.type);
-        if (extension.isEmpty()) extension = QStringLiteral("png");
-    }
-    return fileName(withoutExtension(item.path)) + QStringLiteral("-out.") + extension;
+    return SavePlan::newFileName(item.path, saveTypeChoice(item));
 }
 
 void CropModel::saveOverOriginal() {
@@ -268,9 +252,9 @@ void CropModel::saveOverOriginal() {
         return;
     }
     const QUuid id = item->id;
-    const SaveChoice choice = saveTypeChoice(*item);
+    const SavePlan::Choice choice = saveTypeChoice(*item);
     // When PNG is forced the old file stays on disk: only the new name is written.
-    const QString target = choice.forcedPng ? withExtension(item->path, QStringLiteral("png")) : item->path;
+    const QString target = SavePlan::overOriginal(item->path, choice);
     const QByteArray bytes = ImageFile::encode(m_processedImage, choice.type, item->storage,
                                                ImageFile::interactiveQuality(choice.type));
     if (bytes.isEmpty() || !AtomicFile::write(target, bytes)) {
@@ -307,8 +291,8 @@ void CropModel::saveAsNewFile() {
         return;
     }
     const QUuid id = item->id;
-    const SaveChoice choice = saveTypeChoice(*item);
-    const QString proposed = proposedNewFileName(*item);
+    const SavePlan::Choice choice = saveTypeChoice(*item);
+    const QString proposed = SavePlan::newFileName(item->path, choice);
     if (!m_panels) return;
     const auto chosen = m_panels->saveFile(folderOf(item->path), proposed, choice.type);
     if (!chosen || chosen->isEmpty()) return;
