@@ -2,6 +2,7 @@
 
 #include "engines/CropEngine.h"
 #include "io/ImageFile.h"
+#include "model/CutoutCache.h"
 #include "model/Panels.h"
 #include "model/SavePlan.h"
 #include "model/Settings.h"
@@ -215,13 +216,13 @@ public:
     bool writeSetting(const QString& name, const Settings& from);
 
     const QHash<QUuid, QImage>& visionCache() const {
-        return m_visionCache;
+        return m_cutouts.cutouts();
     }
     const QSet<QUuid>& visionAttempted() const {
-        return m_visionAttempted;
+        return m_cutouts.attemptedItems();
     }
     const QSet<QUuid>& visionComputing() const {
-        return m_visionComputing;
+        return m_cutouts.computingItems();
     }
     QSizeF preResizeSize() const {
         return m_preResizeSize;
@@ -396,7 +397,7 @@ private:
     void setSaveConfirmation(std::optional<QString> text);
     void setNoticeMessage(std::optional<QString> text);
     void setCollageRects(const QList<QRectF>& rects);
-    void setVisionComputing(const QSet<QUuid>& ids);
+
     void setVectorTrace(std::optional<VectorTrace> trace);
     void setVectorColorTrace(std::optional<VectorColorTrace> trace);
     void setVectorPreview(const QImage& image);
@@ -431,9 +432,7 @@ private:
     std::optional<QString> m_noticeMessage;
     QList<QRectF> m_collageRects;
     Settings m_settings;
-    QHash<QUuid, QImage> m_visionCache;
-    QSet<QUuid> m_visionAttempted;
-    QSet<QUuid> m_visionComputing;
+    CutoutCache m_cutouts;
     QSizeF m_preResizeSize{0, 0};
     /// The picture as it stood before the resize, and what it was made from: a rebuild that changes
     /// only the resize (a width typed, a slider dragged) starts from it.

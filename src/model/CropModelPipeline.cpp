@@ -45,8 +45,7 @@ QImage CropModel::buildProcessed(const Item& item) {
     key.source = item.buffer.image().cacheKey();
     QImage cutout;
     if (s.keyWhiteEnabled && s.bgRemovalMode == BGRemovalMode::subject) {
-        const auto cached = m_visionCache.constFind(item.id);
-        if (cached != m_visionCache.constEnd()) cutout = *cached;
+        cutout = m_cutouts.cutout(item.id);
         key.cutout = cutout.isNull() ? 0 : cutout.cacheKey();
     }
     key.settings = s;

@@ -59,7 +59,8 @@ Built beforeResize(const QImage& source, const Settings& s, const QImage& cutout
         if (s.bgRemovalMode == BGRemovalMode::subject) {
             // The cutout is of the whole source, so it replaces what the crop made.
             if (!cutout.isNull()) {
-                auto turned = attempt([&] { return CropEngine::oriented(cutout, s.quarterTurns, s.mirrored); });
+                auto turned =
+                    attempt([&] { return CropEngine::oriented(cutout, s.quarterTurns, s.mirrored); });
                 work = turned ? *turned : cutout;
             }
         } else if (auto keyed = attempt(
@@ -86,7 +87,8 @@ Built beforeResize(const QImage& source, const Settings& s, const QImage& cutout
     if (s.paddingEnabled && s.backgroundEnabled && s.backgroundKind == BackgroundKind::color) {
         const CropEngine::Insets p = paddingInsets(s);
         const RGBA c = componentsOrWhite(s.backgroundColor);
-        if (auto filled = attempt([&] { return CropEngine::padOverColor(work, p, c); })) return {*filled, failed};
+        if (auto filled = attempt([&] { return CropEngine::padOverColor(work, p, c); }))
+            return {*filled, failed};
     }
 
     // 6. Padding: transparent margins.
@@ -135,7 +137,8 @@ Built resized(Built built, const Settings& s) {
     if (sized)
         built.image = *sized;
     else if (QSize(qRound(target->width()), qRound(target->height())) != work.size())
-        built.failed << (s.resizeCanvas ? QStringLiteral("the canvas of %1 × %2") : QStringLiteral("the resize to %1 × %2"))
+        built.failed << (s.resizeCanvas ? QStringLiteral("the canvas of %1 × %2")
+                                        : QStringLiteral("the resize to %1 × %2"))
                             .arg(qRound(target->width()))
                             .arg(qRound(target->height()));
     return built;
@@ -186,7 +189,8 @@ bool producesTransparency(const Settings& s, const QSizeF& preResize) {
 
 bool mayProduceTransparency(const Settings& s) {
     const bool covered = s.backgroundEnabled && backgroundIsOpaque(s);
-    return (s.resizeEnabled && s.resizeCanvas) || (!covered && (s.keyWhiteEnabled || s.stickerEnabled || s.paddingEnabled));
+    return (s.resizeEnabled && s.resizeCanvas) ||
+           (!covered && (s.keyWhiteEnabled || s.stickerEnabled || s.paddingEnabled));
 }
 
 } // namespace cutlark::Pipeline

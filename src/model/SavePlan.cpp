@@ -19,7 +19,8 @@ QString withoutExtension(const QString& path) {
 
 Choice byRules(const QString& sourceType, bool transparent) {
     // A result with transparency can't go into a type without alpha.
-    if (transparent && !ImageFile::supportsAlpha(sourceType)) return {QStringLiteral("image/png"), true, false};
+    if (transparent && !ImageFile::supportsAlpha(sourceType))
+        return {QStringLiteral("image/png"), true, false};
     return {sourceType, false, false};
 }
 
