@@ -1,13 +1,14 @@
 #pragma once
 
+#include "cli/Shard.h"
+
 #include <QList>
 #include <QPair>
 #include <QString>
 #include <QStringList>
 
-#include "cli/Shard.h"
-
 #include <optional>
+#include <vector>
 
 namespace cutlark {
 
@@ -26,6 +27,7 @@ struct CliOptions {
     QString format;                      ///< --format: the results' MIME type; empty: the save rules
     int quality = -1;                    ///< --quality 1…100 for the lossy types; -1: the save rules
     bool strip = false;                  ///< --strip: results without the source's EXIF and XMP
+    bool metadataGiven = false;          ///< --strip or --keep-metadata was given
     Shard shard;                         ///< --shard K/N: this run's slice of the inputs
     QString manifestPath;                ///< --manifest FILE: one line per finished input
     QString resumePath;                  ///< --resume FILE: skip what it records as done
@@ -39,6 +41,10 @@ struct CliOptions {
     /// letter (`-j4`, `-oDIR`).
     static std::optional<QString> parse(const QStringList& arguments, CliOptions& out);
 
+    /// True when these options may cut out subjects: `bgRemovalMode=subject` set, or a preset (a
+    /// regular file) that sets it. Read from what `parse` made, never from the arguments again.
+    bool mayCutOutSubjects() const;
+
     /// The whole usage, or one command's help with its options and examples.
     static QString usage();
     static QString usage(Command command);
@@ -47,6 +53,21 @@ struct CliOptions {
     static QString version();
     /// Every setting of the table: type, range, unit, default, the switch it needs, meaning.
     static QString settingsHelp();
+
+    /// One command-line option, declared once: the parser, the usage of each command, the man
+    /// pages and the shell completion (both written from the usage) all come from these rows.
+    struct Option {
+        const char* name;        ///< the long name, without "--"
+        const char* shortName;   ///< one letter, or ""
+        const char* placeholder; ///< what its value is called in the usage ("N", "DIR"); "" for a switch
+        unsigned commands;       ///< the commands that take it (`commandBit`)
+        const char* help;        ///< its lines in the usage, "\n" between them
+        /// Reads the value (empty for a switch) into `out`; an error text when it isn't one.
+        std::optional<QString> (*read)(const QString& value, CliOptions& out);
+    };
+    /// The rows, in the order the usage lists them.
+    static const std::vector<Option>& options();
+    static unsigned commandBit(Command command);
 };
 
 } // namespace cutlark

@@ -525,7 +525,12 @@ int CliRunner::reportFailures(const QStringList& failures) {
 
 int CliRunner::run(const QStringList& arguments) {
     CliOptions options;
-    if (auto error = CliOptions::parse(arguments, options)) {
+    const std::optional<QString> error = CliOptions::parse(arguments, options);
+    return run(options, error);
+}
+
+int CliRunner::run(const CliOptions& options, const std::optional<QString>& error) {
+    if (error) {
         // One line: what is wrong and where to read more.
         std::fprintf(m_err, "cutlark-cli: %s; %s\n", qPrintable(*error),
                      qPrintable(CliOptions::seeHelp(options.command)));

@@ -16,6 +16,8 @@ public:
 
     /// Runs the command; the process exit code (0 all done, 1 some input failed, 2 bad usage).
     int run(const QStringList& arguments);
+    /// The same for options already read, or the error reading them gave.
+    int run(const CliOptions& options, const std::optional<QString>& error);
 
 private:
     int runSettings();

@@ -5,8 +5,8 @@
 #include "engines/VisionEngine.h"
 #include "support/OffThread.h"
 
-#include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
+#include <QThreadPool>
 
 #include <exception>
 #include <functional>

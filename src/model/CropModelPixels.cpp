@@ -26,7 +26,6 @@
 
 namespace cutlark {
 
-
 QImage CropModel::thumbnailOf(const QImage& image) {
     if (image.isNull()) return QImage();
     if (image.width() <= kThumbnailSide && image.height() <= kThumbnailSide) return image;
