@@ -21,7 +21,9 @@ QString optionLines(CliOptions::Command command) {
         form += QStringLiteral("--") + QLatin1String(o.name);
         if (*o.placeholder) form += QLatin1Char(' ') + QLatin1String(o.placeholder);
         const QStringList lines = QString::fromUtf8(o.help).split(QLatin1Char('\n'));
-        text += QStringLiteral("  %1").arg(form, -19) + (form.size() > 19 ? QStringLiteral("\n") + QString(22, QLatin1Char(' ')) : QStringLiteral(" "));
+        text +=
+            QStringLiteral("  %1").arg(form, -19) +
+            (form.size() > 19 ? QStringLiteral("\n") + QString(22, QLatin1Char(' ')) : QStringLiteral(" "));
         text += lines.join(QStringLiteral("\n") + QString(22, QLatin1Char(' '))) + QLatin1Char('\n');
     }
     return text;
@@ -56,9 +58,10 @@ QString CliOptions::version() {
 QString CliOptions::usage(Command command) {
     switch (command) {
     case Command::process:
-        return QStringLiteral("Usage: cutlark-cli process [OPTION]... INPUT...\n"
-                              "Runs each image through the settings' pipeline and writes the result, printing one JSON\n"
-                              "object per input.\n\n") +
+        return QStringLiteral(
+                   "Usage: cutlark-cli process [OPTION]... INPUT...\n"
+                   "Runs each image through the settings' pipeline and writes the result, printing one JSON\n"
+                   "object per input.\n\n") +
                optionLines(command) +
                QStringLiteral(
                    "\n"
@@ -70,12 +73,14 @@ QString CliOptions::usage(Command command) {
                    "  cutlark-cli process --preset sticker.json -o out/ -j4 *.png\n"
                    "  cutlark-cli process --preset look.json -o out/ --shard \"$SLURM_ARRAY_TASK_ID/16\" \\\n"
                    "      --resume \"done-$SLURM_ARRAY_TASK_ID.jsonl\" photos/\n"
-                   "  curl -s https://example.com/logo.png | cutlark-cli process --set trimEnabled=true - --stdout "
+                   "  curl -s https://example.com/logo.png | cutlark-cli process --set trimEnabled=true - "
+                   "--stdout "
                    "> logo.png\n");
     case Command::trace:
-        return QStringLiteral("Usage: cutlark-cli trace [OPTION]... -o OUT.svg INPUT\n"
-                              "Runs the image through the pipeline, then the trace the settings choose (silhouette,\n"
-                              "outline or full colour), and writes its SVG.\n\n") +
+        return QStringLiteral(
+                   "Usage: cutlark-cli trace [OPTION]... -o OUT.svg INPUT\n"
+                   "Runs the image through the pipeline, then the trace the settings choose (silhouette,\n"
+                   "outline or full colour), and writes its SVG.\n\n") +
                optionLines(command) +
                QStringLiteral("\n"
                               "INPUT \"-\" reads the image from standard input.\n"
@@ -84,9 +89,10 @@ QString CliOptions::usage(Command command) {
                               "  cutlark-cli trace --set vectorFullColor=true -o logo.svg logo.png\n"
                               "  cutlark-cli trace --stdout - < logo.png > logo.svg\n");
     case Command::split:
-        return QStringLiteral("Usage: cutlark-cli split [-o DIR] INPUT...\n"
-                              "Writes each picture of a collage to a file of its own, from the untouched source, and\n"
-                              "prints their paths as JSON.\n\n") +
+        return QStringLiteral(
+                   "Usage: cutlark-cli split [-o DIR] INPUT...\n"
+                   "Writes each picture of a collage to a file of its own, from the untouched source, and\n"
+                   "prints their paths as JSON.\n\n") +
                optionLines(command) +
                QStringLiteral("\n"
                               "Example:\n"

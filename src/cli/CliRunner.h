@@ -1,18 +1,26 @@
 #pragma once
 
+#include "cli/CliJob.h"
 #include "cli/CliOptions.h"
+#include "cli/CliTerminal.h"
+#include "cli/OutputPlan.h"
 #include "model/Settings.h"
 
 #include <QJsonObject>
 
 #include <cstdio>
+#include <optional>
+#include <vector>
 
 namespace cutlark {
+
+class Manifest;
+class StandardInput;
 
 /// The headless front end: each command drives the same `CropModel` code as the window.
 class CliRunner {
 public:
-    CliRunner(FILE* out, FILE* err) : m_out(out), m_err(err) {}
+    CliRunner(FILE* out, FILE* err) : m_terminal(out, err), m_out(out), m_err(err) {}
 
     /// Runs the command; the process exit code (0 all done, 1 some input failed, 2 bad usage).
     int run(const QStringList& arguments);
@@ -33,23 +41,24 @@ private:
     /// (a preset is a whole snapshot, idle settings and all, and isn't warned about); the
     /// warnings, for the JSON.
     QStringList warnIdle(const Settings& settings, const QStringList& given);
-    class ScratchFolder;
-    /// Replaces the input "-" with a private copy of standard input (`copy`); an exit code when
-    /// standard input can't be had.
-    std::optional<int> takeStandardInput(QStringList& inputs, ScratchFolder& scratch, QString& copy);
-    /// One JSON line to standard output, or to `to`.
-    void print(const QJsonObject& object, FILE* to = nullptr);
-    /// The bar on standard error, when it is a terminal: done of total.
-    void progress(qsizetype done, qsizetype total);
-    /// Takes the bar away so that a line printed next starts clean.
-    void clearProgress();
-    /// Ends the bar's line, once every line of the run is printed.
-    void endProgress();
-    int reportFailures(const QStringList& failures);
 
+    // The steps of `process`.
+    /// The inputs of the run, less the results it would write itself; an exit code when none remain.
+    std::optional<int> processInputs(CliJob::RunContext& run, QStringList& inputs,
+                                     QHash<QString, QString>& keys);
+    /// The plans this run works on: its slice, less what the manifest it resumes records as done
+    /// (said on standard output); an exit code when the manifest can't be read or written.
+    std::optional<int> chooseWork(const CliJob::RunContext& run, const std::vector<OutputPlan::Plan>& plans,
+                                  const QHash<QString, QString>& keys, std::vector<size_t>& chosen,
+                                  std::optional<Manifest>& manifest);
+    /// The outcome of one plan printed (its result sent to standard output with --stdout) and
+    /// recorded in the manifest; failures are added to `failures`.
+    void finish(CliJob::Outcome outcome, const QString& path, const CliJob::RunContext& run,
+                const StandardInput& stdinput, std::optional<Manifest>& manifest, QStringList& failures);
+
+    CliTerminal m_terminal;
     FILE* m_out;
     FILE* m_err;
-    bool m_barShown = false;
 };
 
 } // namespace cutlark

@@ -37,9 +37,13 @@ QString extension(const QString& sourcePath, const Choice& choice) {
 }
 
 QString newFileName(const QString& sourcePath, const Choice& choice, int number) {
+    return numberedName(sourcePath, number, extension(sourcePath, choice));
+}
+
+QString numberedName(const QString& sourcePath, int number, const QString& extension) {
     const QString stem = QFileInfo(withoutExtension(sourcePath)).fileName();
     return stem + QStringLiteral("-out") + (number > 1 ? QStringLiteral("-%1").arg(number) : QString()) +
-           QLatin1Char('.') + extension(sourcePath, choice);
+           QLatin1Char('.') + extension;
 }
 
 QString overOriginal(const QString& sourcePath, const Choice& choice) {

@@ -27,6 +27,8 @@ QString extension(const QString& sourcePath, const Choice& choice);
 /// The file name (no folder) of a new result: "<stem>-out.<ext>", or "<stem>-out-<number>.<ext>"
 /// from 2 on. The stem is the source's name less its last extension.
 QString newFileName(const QString& sourcePath, const Choice& choice, int number = 1);
+/// The same name with the extension given.
+QString numberedName(const QString& sourcePath, int number, const QString& extension);
 
 /// The file a save over the original writes: the source itself, unless PNG was forced or another
 /// type asked for, which go beside it under the same stem with their own extension.

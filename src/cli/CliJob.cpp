@@ -1,0 +1,273 @@
+#include "cli/CliJob.h"
+
+#include "engines/CropEngine.h"
+#include "engines/VisionEngine.h"
+#include "io/ImageFile.h"
+#include "io/ImageMetadata.h"
+#include "model/CropModel.h"
+#include "model/SavePlan.h"
+#include "support/AtomicFile.h"
+#include "support/MemoryBudget.h"
+#include "support/NativePath.h"
+#include "support/RegularFile.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QMimeDatabase>
+
+#include <system_error>
+
+namespace cutlark::CliJob {
+
+namespace {
+
+QJsonArray rectJson(const QRectF& r) {
+    return QJsonArray{r.x(), r.y(), r.width(), r.height()};
+}
+
+/// True when some pixel of `image` isn't fully opaque.
+bool hasTransparency(const QImage& image) {
+    if (!image.hasAlphaChannel()) return false;
+    const QImage argb =
+        image.format() == QImage::Format_ARGB32 || image.format() == QImage::Format_ARGB32_Premultiplied
+            ? image
+            : image.convertToFormat(QImage::Format_ARGB32_Premultiplied);
+    for (int y = 0; y < argb.height(); ++y) {
+        const QRgb* p = reinterpret_cast<const QRgb*>(argb.constScanLine(y));
+        for (int x = 0; x < argb.width(); ++x)
+            if (qAlpha(p[x]) != 255) return true;
+    }
+    return false;
+}
+
+// The model with the input opened and the run's settings applied: the settings, then the sizes
+// given by name written again as a person would type them (so that a locked aspect follows the
+// image as it stands before the resize), each build stopping before the resize; then the resize
+// once, for the size that stands at the end. False (with `outcome` failed) when it can't open.
+bool openAndBuild(CropModel& model, const QString& input, const RunContext& run, Outcome& outcome) {
+    // The picture and its work take their share of memory before anything is decoded; a job whose
+    // picture doesn't fit beside the others' waits for them, one that can never fit is refused.
+    std::optional<MemoryBudget::Hold> memory;
+    if (const auto size = ImageFile::probeSize(input)) {
+        const qint64 bytes = qint64(size->width()) * size->height() * 4;
+        memory = MemoryBudget::waitHold(bytes * (1 + MemoryBudget::kWorkFactor));
+        if (!memory) {
+            outcome.failed = true;
+            outcome.json.insert(QStringLiteral("error"),
+                                QCoreApplication::translate("cutlark::CropModel", "1 file couldn’t be opened."));
+            return false;
+        }
+    }
+    model.setSynchronousWork(true); // no event loop here: cutouts and traces run inside the call
+    model.setDetectsCollages(false);
+    model.setMakesThumbnails(false);
+    if (memory) model.setLoadOptions(ImageFile::LoadOptions{false});
+    model.open({input});
+    if (model.items().empty()) {
+        failOpening(outcome, input, model);
+        return false;
+    }
+    model.setDefersResize(true);
+    model.applySettings(run.settings);
+    for (const QString& name : run.sizeWrites)
+        model.writeSetting(name, run.settings);
+    model.setDefersResize(false);
+    model.writeSetting(QStringLiteral("resizeEnabled"), run.settings);
+    return true;
+}
+
+// The result's file: over the input (or beside it, when its type changes) with --in-place, else
+// where the plan says. An error text when the in-place result would land on another input.
+std::optional<QString> targetOf(const OutputPlan::Plan& plan, const RunContext& run, const QString& sourcePath,
+                                const SavePlan::Choice& choice, QString& target) {
+    if (!run.options.inPlace) {
+        target = QDir(plan.folder).filePath(SavePlan::newFileName(sourcePath, choice, plan.number));
+        return std::nullopt;
+    }
+    target = NativePath::absolute(SavePlan::overOriginal(sourcePath, choice));
+    if (target != NativePath::absolute(sourcePath) && run.inputs.contains(target))
+        return QStringLiteral("the result would be written as “%1”, which is another input; nothing was written")
+            .arg(QFileInfo(target).fileName());
+    return std::nullopt;
+}
+
+// Writes `bytes` to `target`, on a thread of its own when a slot is free, so that the worker's core
+// computes the next image while the disk confirms this one; the line is printed once the file is there.
+void startWriting(Outcome& outcome, const RunContext& run, const QString& target, const QByteArray& bytes) {
+    const auto write = [target, bytes]() -> std::optional<QString> {
+        if (AtomicFile::write(target, bytes)) return std::nullopt;
+        return AtomicFile::lastError();
+    };
+    if (run.writeSlots) {
+        run.writeSlots->acquire();
+        try {
+            outcome.writing = std::async(std::launch::async, [write, writeSlots = run.writeSlots] {
+                                  const auto why = write();
+                                  writeSlots->release();
+                                  return why;
+                              }).share();
+        } catch (const std::system_error&) { // no thread to be had: written here
+            run.writeSlots->release();
+        }
+    }
+    if (!outcome.writing.valid()) {
+        std::promise<std::optional<QString>> done;
+        done.set_value(write());
+        outcome.writing = done.get_future().share();
+    }
+}
+
+// What the result's line says besides its file: idle settings, the model's notice, stages that
+// couldn't be done, metadata left out, a runtime that was refused.
+QStringList noticesOf(const CropModel& model, const RunContext& run, const QImage& result,
+                      const QStringList& leftOut) {
+    QStringList notices = run.idle;
+    if (model.noticeMessage()) notices << *model.noticeMessage();
+    if (!model.failedStages().isEmpty())
+        notices << QStringLiteral("%1 couldn’t be done (not enough memory); written at %2 × %3")
+                       .arg(model.failedStages().join(QStringLiteral(" and ")))
+                       .arg(result.width())
+                       .arg(result.height());
+    if (!leftOut.isEmpty())
+        notices << QStringLiteral("the input’s %1 left out: more than a result carries")
+                       .arg(leftOut.join(QStringLiteral(", ")));
+    // A damaged runtime only slows the cutout down (OpenCV ran it); said once per result.
+    if (model.wantsVision() && !VisionEngine::runtimeProblem().isEmpty() &&
+        !notices.contains(VisionEngine::runtimeProblem()))
+        notices << VisionEngine::runtimeProblem();
+    return notices;
+}
+
+} // namespace
+
+Outcome process(const OutputPlan::Plan& plan, const RunContext& run) {
+    const CliOptions& options = run.options;
+    Outcome outcome;
+    outcome.json.insert(QStringLiteral("input"), plan.input);
+    const auto fail = [&](const QString& error) {
+        outcome.failed = true;
+        outcome.json.insert(QStringLiteral("error"), error);
+        return outcome;
+    };
+    CropModel model;
+    if (!openAndBuild(model, plan.input, run, outcome)) return outcome;
+    // Missing, damaged or refused: said as such, not as a picture without a subject.
+    if (model.wantsVision() && (!model.subjectModeOffered() || !VisionEngine::problem().isEmpty()))
+        return fail(QStringLiteral("subject mode can’t run: ") + VisionEngine::problem());
+
+    const CropModel::Item* item = model.active();
+    const QImage result = model.processedImage();
+    SavePlan::Choice choice = model.saveTypeChoice(*item);
+    if (!options.format.isEmpty()) {
+        // Asked for by name: written so, or refused when it would lose the transparency.
+        if (!ImageFile::supportsAlpha(options.format) && hasTransparency(result))
+            return fail(QStringLiteral("%1 can’t hold the result’s transparency; choose --format png or webp, "
+                                       "or lay a background")
+                            .arg(ImageFile::preferredExtension(options.format)));
+        choice = SavePlan::asked(options.format);
+    }
+    const QString type = ImageFile::writableType(choice.type);
+    const QString sourcePath = item->path;
+    QString target;
+    if (auto error = targetOf(plan, run, sourcePath, choice, target)) return fail(*error);
+    outcome.json.insert(QStringLiteral("output"), target);
+    // A result from before is not replaced unless asked; the file the input itself is, is.
+    if (!options.overwrite && target != NativePath::absolute(sourcePath) && NativePath::exists(target)) {
+        outcome.json.insert(QStringLiteral("skipped"), QStringLiteral("exists"));
+        return outcome;
+    }
+
+    // Written here rather than through the model's save actions: the same save rules (type, quality
+    // as the source stored it), plus the source's metadata, and nothing is rebuilt once the file is out.
+    const bool carry = !options.strip && ImageMetadata::canCarry(type);
+    QStringList leftOut; // metadata too large to carry, named in the notice
+    const ImageMetadata::Blocks blocks = carry && ImageMetadata::carriedByEncoder(type)
+                                             ? ImageMetadata::forResult(sourcePath, result.size(), &leftOut)
+                                             : ImageMetadata::Blocks{};
+    QByteArray bytes = ImageFile::encode(result, choice.type, item->storage, options.quality, blocks);
+    if (!bytes.isEmpty() && carry) bytes = ImageMetadata::carryOver(sourcePath, bytes, type, result.size(), &leftOut);
+    const QString cantWrite = QStringLiteral("Couldn’t write to “%1”.").arg(QFileInfo(target).fileName());
+    if (bytes.isEmpty()) return fail(cantWrite);
+    outcome.whenWriteFails = outcome.json;
+    outcome.whenWriteFails.insert(QStringLiteral("error"), cantWrite);
+    startWriting(outcome, run, target, bytes);
+    outcome.json.insert(QStringLiteral("width"), result.width());
+    outcome.json.insert(QStringLiteral("height"), result.height());
+    outcome.json.insert(QStringLiteral("type"), type);
+    const QStringList notices = noticesOf(model, run, result, leftOut);
+    if (!notices.isEmpty()) outcome.json.insert(QStringLiteral("notice"), notices.join(QStringLiteral("; ")));
+    if (model.subjectNotFound()) outcome.json.insert(QStringLiteral("subjectNotFound"), true);
+    return outcome;
+}
+
+Outcome info(const QString& input) {
+    Outcome outcome;
+    outcome.json.insert(QStringLiteral("input"), input);
+    CropModel model;
+    model.open({input});
+    const CropModel::Item* item = model.active();
+    if (!item) {
+        failOpening(outcome, input, model);
+        return outcome;
+    }
+    outcome.json.insert(QStringLiteral("width"), double(item->buffer.width()));
+    outcome.json.insert(QStringLiteral("height"), double(item->buffer.height()));
+    outcome.json.insert(QStringLiteral("type"), item->type);
+    const Settings defaults;
+    const auto content = CropEngine::contentRect(item->buffer, defaults.threshold);
+    outcome.json.insert(QStringLiteral("contentRect"),
+                        content ? QJsonValue(rectJson(*content)) : QJsonValue());
+    outcome.json.insert(
+        QStringLiteral("mostlyWhite"),
+        CropEngine::backgroundIsMostlyWhite(item->buffer, CropEngine::kMostlyWhiteEdgeFraction));
+    QJsonArray pieces;
+    for (const QRectF& r : model.collageRects())
+        pieces.append(rectJson(r));
+    outcome.json.insert(QStringLiteral("collageRects"), pieces);
+    return outcome;
+}
+
+QString whyNotOpened(const QString& path) {
+    if (!NativePath::exists(path)) return QStringLiteral("no such file");
+    if (NativePath::isFolder(path)) return QStringLiteral("a folder with no image cutlark opens");
+    const QString kind = RegularFile::otherKind(path);
+    if (!kind.isEmpty()) return QStringLiteral("not a regular file (%1); only files are opened").arg(kind);
+    RegularFile regular;
+    if (!regular.open(path)) {
+        QFile plain(path);
+        return QStringLiteral("can’t be read: %1")
+            .arg(plain.open(QIODevice::ReadOnly) ? QStringLiteral("unknown error") : plain.errorString());
+    }
+    if (regular.file().size() == 0) return QStringLiteral("an empty file");
+    const QMimeType content = QMimeDatabase().mimeTypeForData(&regular.file());
+    for (const QString& type : ImageFile::acceptedTypes())
+        if (ImageFile::conforms(content.name(), type)) return QString();
+    return QStringLiteral("not an image type cutlark opens (%1)").arg(content.name());
+}
+
+void failOpening(Outcome& outcome, const QString& input, const CropModel& model) {
+    outcome.failed = true;
+    outcome.json.insert(QStringLiteral("error"), model.errorMessage().value_or(QStringLiteral("can’t open")));
+    const QString reason = model.openRefusal().isEmpty() ? whyNotOpened(input) : model.openRefusal();
+    if (!reason.isEmpty()) outcome.json.insert(QStringLiteral("reason"), reason);
+}
+
+QString failureLine(const QString& input, const QJsonObject& json) {
+    const QString reason = json.value(QStringLiteral("reason")).toString();
+    return input + QStringLiteral(": ") +
+           (reason.isEmpty() ? json.value(QStringLiteral("error")).toString() : reason);
+}
+
+QString settingsHash(const RunContext& run) {
+    QByteArray text = QJsonDocument(run.settings.toJson()).toJson(QJsonDocument::Compact);
+    text += run.sizeWrites.join(QLatin1Char(',')).toUtf8();
+    // The type and quality asked for change the bytes as much as a setting does.
+    text += QStringLiteral("|%1|%2").arg(run.options.format).arg(run.options.quality).toUtf8();
+    if (run.options.strip) text += "|strip"; // appended only when asked, so earlier manifests still match
+    return QString::number(Shard::hash(text), 16).rightJustified(16, QLatin1Char('0'));
+}
+
+} // namespace cutlark::CliJob
