@@ -56,8 +56,9 @@ bool openAndBuild(CropModel& model, const QString& input, const RunContext& run,
         memory = MemoryBudget::waitHold(bytes * (1 + MemoryBudget::kWorkFactor));
         if (!memory) {
             outcome.failed = true;
-            outcome.json.insert(QStringLiteral("error"),
-                                QCoreApplication::translate("cutlark::CropModel", "1 file couldn’t be opened."));
+            outcome.json.insert(
+                QStringLiteral("error"),
+                QCoreApplication::translate("cutlark::CropModel", "1 file couldn’t be opened."));
             return false;
         }
     }
@@ -81,15 +82,16 @@ bool openAndBuild(CropModel& model, const QString& input, const RunContext& run,
 
 // The result's file: over the input (or beside it, when its type changes) with --in-place, else
 // where the plan says. An error text when the in-place result would land on another input.
-std::optional<QString> targetOf(const OutputPlan::Plan& plan, const RunContext& run, const QString& sourcePath,
-                                const SavePlan::Choice& choice, QString& target) {
+std::optional<QString> targetOf(const OutputPlan::Plan& plan, const RunContext& run,
+                                const QString& sourcePath, const SavePlan::Choice& choice, QString& target) {
     if (!run.options.inPlace) {
         target = QDir(plan.folder).filePath(SavePlan::newFileName(sourcePath, choice, plan.number));
         return std::nullopt;
     }
     target = NativePath::absolute(SavePlan::overOriginal(sourcePath, choice));
     if (target != NativePath::absolute(sourcePath) && run.inputs.contains(target))
-        return QStringLiteral("the result would be written as “%1”, which is another input; nothing was written")
+        return QStringLiteral(
+                   "the result would be written as “%1”, which is another input; nothing was written")
             .arg(QFileInfo(target).fileName());
     return std::nullopt;
 }
@@ -164,9 +166,10 @@ Outcome process(const OutputPlan::Plan& plan, const RunContext& run) {
     if (!options.format.isEmpty()) {
         // Asked for by name: written so, or refused when it would lose the transparency.
         if (!ImageFile::supportsAlpha(options.format) && hasTransparency(result))
-            return fail(QStringLiteral("%1 can’t hold the result’s transparency; choose --format png or webp, "
-                                       "or lay a background")
-                            .arg(ImageFile::preferredExtension(options.format)));
+            return fail(
+                QStringLiteral("%1 can’t hold the result’s transparency; choose --format png or webp, "
+                               "or lay a background")
+                    .arg(ImageFile::preferredExtension(options.format)));
         choice = SavePlan::asked(options.format);
     }
     const QString type = ImageFile::writableType(choice.type);
@@ -188,7 +191,8 @@ Outcome process(const OutputPlan::Plan& plan, const RunContext& run) {
                                              ? ImageMetadata::forResult(sourcePath, result.size(), &leftOut)
                                              : ImageMetadata::Blocks{};
     QByteArray bytes = ImageFile::encode(result, choice.type, item->storage, options.quality, blocks);
-    if (!bytes.isEmpty() && carry) bytes = ImageMetadata::carryOver(sourcePath, bytes, type, result.size(), &leftOut);
+    if (!bytes.isEmpty() && carry)
+        bytes = ImageMetadata::carryOver(sourcePath, bytes, type, result.size(), &leftOut);
     const QString cantWrite = QStringLiteral("Couldn’t write to “%1”.").arg(QFileInfo(target).fileName());
     if (bytes.isEmpty()) return fail(cantWrite);
     outcome.whenWriteFails = outcome.json;

@@ -17,7 +17,8 @@ std::vector<Plan> plan(const QStringList& inputs, const CliOptions& options, boo
         p.input = input;
         p.folder = NativePath::absolute(
             options.outputDir.isEmpty() ? QFileInfo(NativePath::absolute(input)).path() : options.outputDir);
-        QString own = options.format.isEmpty() ? QFileInfo(input).suffix() : ImageFile::preferredExtension(options.format);
+        QString own = options.format.isEmpty() ? QFileInfo(input).suffix()
+                                               : ImageFile::preferredExtension(options.format);
         if (own.isEmpty()) own = QStringLiteral("png");
         p.extensions = {own};
         if (options.format.isEmpty() && transparencyPossible &&

@@ -132,26 +132,24 @@ void majorityFilter(std::vector<int>& labels, int w, int h, int labelCount, int 
     }
 }
 
-std::optional<VectorColorTrace> traceColor(const QImage& image, const TraceParams& params) {
-    const double tolerance = params.tolerance, minFeatureFrac = params.minFeatureFrac;
-    const int denoisePasses = params.denoisePasses, cleanupPasses = params.cleanupPasses;
-    const int W = image.width(), H = image.height();
-    if (W < 1 || H < 1) return std::nullopt;
-    const QImage denoised = edgePreservingSimplify(image, denoisePasses).value_or(image);
-    const QImage raster = rasterRGBA(denoised, 1000);
-    if (raster.isNull()) return std::nullopt;
+namespace {
+
+// The picture's regions, grown against their seed colour, never against a neighbour or the running
+// mean, so a smooth gradient breaks into bands instead of flooding the picture. Absent for a noisy
+// picture (more regions than a tenth of its pixels), refused before any palette work.
+struct Regions {
+    std::vector<int> regionOf; ///< per pixel, -1 for what is too transparent
+    std::vector<Region> list;
+};
+
+std::optional<Regions> growRegions(const QImage& raster, int regionLimit) {
     const int w = raster.width(), h = raster.height();
     const qsizetype n = qsizetype(w) * h;
     const uint32_t* px = reinterpret_cast<const uint32_t*>(raster.constBits());
-
-    const int T = colorThreshold(tolerance);
-    const int regionLimit = T * T;
-    const int paletteLimit = (T + 13) * (T + 13);
-
-    // Grow regions against their seed colour, never against a neighbour or the running mean, so a
-    // smooth gradient breaks into bands instead of flooding the picture.
-    std::vector<int> regionOf(size_t(n), -1);
-    std::vector<Region> regions;
+    Regions out;
+    out.regionOf.assign(size_t(n), -1);
+    std::vector<int>& regionOf = out.regionOf;
+    std::vector<Region>& regions = out.list;
     std::vector<int> stack;
     auto colorAt = [&](qsizetype i) { return Rgb{int(red(px[i])), int(green(px[i])), int(blue(px[i]))}; };
     auto opaqueEnough = [&](qsizetype i) { return alpha(px[i]) >= 128; };
@@ -180,22 +178,32 @@ std::optional<VectorColorTrace> traceColor(const QImage& image, const TraceParam
             if (y > 0) visit(i - w);
             if (y < h - 1) visit(i + w);
         }
-        // A noisy picture is refused here, before any palette work.
         if (qsizetype(regions.size()) > n / 10) return std::nullopt;
     }
     if (regions.empty()) return std::nullopt;
-
     for (Region& r : regions) {
         const qint64 c = std::max<qint64>(r.count, 1);
         r.mean = Rgb{int(r.sum[0] / c), int(r.sum[1] / c), int(r.sum[2] / c)};
     }
+    return out;
+}
+
+// The palette the regions make, largest first: each region joins the closest entry within the
+// limit, or founds one with its mean; then rare colours dissolve into the nearest survivor, judged
+// by each region's own mean. `finalEntry` is each region's entry, `kept` the surviving entries.
+struct Palette {
+    std::vector<PaletteEntry> entries;
+    std::vector<int> finalEntry;
+    std::vector<int> kept;
+};
+
+Palette paletteOf(const std::vector<Region>& regions, int paletteLimit, qint64 minCount) {
     std::vector<int> order(regions.size());
     std::iota(order.begin(), order.end(), 0);
     std::stable_sort(order.begin(), order.end(),
                      [&](int a, int b) { return regions[size_t(a)].count > regions[size_t(b)].count; });
-
-    // The palette: each region joins the closest entry within the limit, or founds one with its mean.
-    std::vector<PaletteEntry> palette;
+    Palette out;
+    std::vector<PaletteEntry>& palette = out.entries;
     std::vector<int> entryOf(regions.size(), -1);
     for (int r : order) {
         const Region& region = regions[size_t(r)];
@@ -211,36 +219,28 @@ std::optional<VectorColorTrace> traceColor(const QImage& image, const TraceParam
         palette[size_t(best)].count += region.count;
         entryOf[size_t(r)] = best;
     }
-
-    // Rare colours dissolve into the nearest survivor, judged by each region's own mean.
-    const auto minCount = qint64(minFeatureFrac * double(n));
-    std::vector<int> kept;
     for (size_t e = 0; e < palette.size(); ++e)
-        if (palette[e].count >= minCount) kept.push_back(int(e));
-    if (kept.empty()) kept.push_back(0);
-    std::vector<int> finalEntry(regions.size());
+        if (palette[e].count >= minCount) out.kept.push_back(int(e));
+    if (out.kept.empty()) out.kept.push_back(0);
+    out.finalEntry.resize(regions.size());
     for (size_t r = 0; r < regions.size(); ++r) {
         const int e = entryOf[r];
         if (palette[size_t(e)].count >= minCount) {
-            finalEntry[r] = e;
+            out.finalEntry[r] = e;
             continue;
         }
-        int best = kept.front(), bestDistance = distance2(regions[r].mean, palette[size_t(best)].color);
-        for (size_t k = 1; k < kept.size(); ++k) {
-            const int d = distance2(regions[r].mean, palette[size_t(kept[k])].color);
-            if (d < bestDistance) best = kept[k], bestDistance = d;
+        int best = out.kept.front(), bestDistance = distance2(regions[r].mean, palette[size_t(best)].color);
+        for (size_t k = 1; k < out.kept.size(); ++k) {
+            const int d = distance2(regions[r].mean, palette[size_t(out.kept[k])].color);
+            if (d < bestDistance) best = out.kept[k], bestDistance = d;
         }
-        finalEntry[r] = best;
+        out.finalEntry[r] = best;
     }
-    std::vector<int> labels(size_t(n), -1);
-    for (qsizetype i = 0; i < n; ++i)
-        if (regionOf[size_t(i)] >= 0) labels[size_t(i)] = finalEntry[size_t(regionOf[size_t(i)])];
-    regionOf.clear();
-    regionOf.shrink_to_fit();
+    return out;
+}
 
-    if (cleanupPasses >= 1) majorityFilter(labels, w, h, int(palette.size()), cleanupPasses);
-
-    // Too busy for flat colour: transitions over the label map, −1 counting like any label.
+// Too busy for flat colour: transitions over the label map, −1 counting like any label.
+bool tooBusy(const std::vector<int>& labels, int w, int h) {
     qint64 changes = 0;
     for (int y = 0; y < h; ++y)
         for (int x = 1; x < w; ++x)
@@ -250,64 +250,97 @@ std::optional<VectorColorTrace> traceColor(const QImage& image, const TraceParam
         for (int x = 0; x < w; ++x)
             changes +=
                 labels[size_t(y) * size_t(w) + size_t(x)] != labels[size_t(y - 1) * size_t(w) + size_t(x)];
-    if (double(changes) / double(n) > 0.12) return std::nullopt;
+    return double(changes) / double(qint64(w) * h) > 0.12;
+}
+
+// Stacked, the bottom layer covers the whole picture and every other layer also runs `kStackBand`
+// pixels under the layers drawn above it: shared borders are painted twice, by the layer below and
+// the one above, so no backdrop shows through between them, and where an upper layer's outline falls
+// short of its pixels, what shows is the colour really beside it. (A layer running under *all* the
+// layers above showed, in such slivers, whichever layer lay just below in the stack, often a colour
+// from elsewhere in the picture: on two posterised photographs 1 % of the pixels worse.)
+constexpr int kStackBand = 3;
+
+// The mask of the layer at `level` (0 where it paints): its own pixels, or stacked, its pixels and
+// everything above it within the band of its own. False when it has no pixels.
+bool layerMask(QImage& mask, const std::vector<int>& labels, const std::vector<int>& levelOf, int entry,
+               int level, bool stacked) {
+    const int w = mask.width(), h = mask.height();
+    bool any = false;
+    for (int y = 0; y < h; ++y) {
+        uchar* m = mask.scanLine(y);
+        const int* l = labels.data() + size_t(y) * size_t(w);
+        for (int x = 0; x < w; ++x) {
+            const bool mine = stacked ? l[x] >= 0 && levelOf[size_t(l[x])] >= level : l[x] == entry;
+            m[x] = mine ? 0 : 255;
+            any |= mine;
+        }
+    }
+    if (!any || !stacked || level == 0) return any;
+    static const cv::Mat bandKernel =
+        cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * kStackBand + 1, 2 * kStackBand + 1));
+    cv::Mat own(h, w, CV_8U), near;
+    for (int y = 0; y < h; ++y) {
+        const int* l = labels.data() + size_t(y) * size_t(w);
+        uchar* o = own.ptr<uchar>(y);
+        for (int x = 0; x < w; ++x)
+            o[x] = l[x] == entry ? 255 : 0;
+    }
+    cv::dilate(own, near, bandKernel);
+    for (int y = 0; y < h; ++y) {
+        uchar* m = mask.scanLine(y);
+        const uchar* g = near.ptr<uchar>(y);
+        for (int x = 0; x < w; ++x)
+            m[x] = g[x] ? m[x] : 255;
+    }
+    return true;
+}
+
+} // namespace
+
+std::optional<VectorColorTrace> traceColor(const QImage& image, const TraceParams& params) {
+    const int W = image.width(), H = image.height();
+    if (W < 1 || H < 1) return std::nullopt;
+    const QImage denoised = edgePreservingSimplify(image, params.denoisePasses).value_or(image);
+    const QImage raster = rasterRGBA(denoised, 1000);
+    if (raster.isNull()) return std::nullopt;
+    const int w = raster.width(), h = raster.height();
+    const qsizetype n = qsizetype(w) * h;
+    const int T = colorThreshold(params.tolerance);
+    auto regions = growRegions(raster, T * T);
+    if (!regions) return std::nullopt;
+    Palette palette =
+        paletteOf(regions->list, (T + 13) * (T + 13), qint64(params.minFeatureFrac * double(n)));
+    std::vector<int> labels(size_t(n), -1);
+    for (qsizetype i = 0; i < n; ++i)
+        if (regions->regionOf[size_t(i)] >= 0)
+            labels[size_t(i)] = palette.finalEntry[size_t(regions->regionOf[size_t(i)])];
+    regions.reset();
+    if (params.cleanupPasses >= 1)
+        majorityFilter(labels, w, h, int(palette.entries.size()), params.cleanupPasses);
+    if (tooBusy(labels, w, h)) return std::nullopt;
 
     // The largest colour at the bottom.
-    std::stable_sort(kept.begin(), kept.end(),
-                     [&](int a, int b) { return palette[size_t(a)].count > palette[size_t(b)].count; });
-
+    std::vector<int>& kept = palette.kept;
+    std::stable_sort(kept.begin(), kept.end(), [&](int a, int b) {
+        return palette.entries[size_t(a)].count > palette.entries[size_t(b)].count;
+    });
+    std::vector<int> levelOf(palette.entries.size(), -1);
+    for (size_t k = 0; k < kept.size(); ++k)
+        levelOf[size_t(kept[k])] = int(k);
     VectorColorTrace result;
     result.size = QSizeF(W, H);
     QImage mask(w, h, QImage::Format_Grayscale8);
     if (mask.isNull()) return std::nullopt;
-    // Stacked, the bottom layer covers the whole picture and every other layer also runs
-    // `kStackBand` pixels under the layers drawn above it: shared borders are painted twice, by the
-    // layer below and the one above, so no backdrop shows through between them, and where an upper
-    // layer's outline falls short of its pixels, what shows is the colour really beside it. (A layer
-    // running under *all* the layers above showed, in such slivers, whichever layer lay just below in
-    // the stack, often a colour from elsewhere in the picture: on two posterised photographs 1 % of
-    // the pixels worse.)
-    constexpr int kStackBand = 3;
-    const cv::Mat bandKernel =
-        cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * kStackBand + 1, 2 * kStackBand + 1));
-    cv::Mat own, near;
-    std::vector<int> levelOf(palette.size(), -1);
-    for (size_t k = 0; k < kept.size(); ++k)
-        levelOf[size_t(kept[k])] = int(k);
     for (size_t level = 0; level < kept.size(); ++level) {
         const int entry = kept[level];
-        bool any = false;
-        for (int y = 0; y < h; ++y) {
-            uchar* m = mask.scanLine(y);
-            const int* l = labels.data() + size_t(y) * size_t(w);
-            for (int x = 0; x < w; ++x) {
-                const bool mine =
-                    params.stacked ? l[x] >= 0 && levelOf[size_t(l[x])] >= int(level) : l[x] == entry;
-                m[x] = mine ? 0 : 255;
-                any |= mine;
-            }
-        }
-        if (!any) continue; // an entry left without pixels traces to nothing
-        if (params.stacked && level > 0) {
-            own.create(h, w, CV_8U);
-            for (int y = 0; y < h; ++y) {
-                const int* l = labels.data() + size_t(y) * size_t(w);
-                uchar* o = own.ptr<uchar>(y);
-                for (int x = 0; x < w; ++x)
-                    o[x] = l[x] == entry ? 255 : 0;
-            }
-            cv::dilate(own, near, bandKernel);
-            for (int y = 0; y < h; ++y) {
-                uchar* m = mask.scanLine(y);
-                const uchar* g = near.ptr<uchar>(y);
-                for (int x = 0; x < w; ++x)
-                    m[x] = g[x] ? m[x] : 255;
-            }
-        }
+        // An entry left without pixels traces to nothing.
+        if (!layerMask(mask, labels, levelOf, entry, int(level), params.stacked)) continue;
         QList<CurvedContour> fitted;
-        QList<Contour> found = contours(mask, W, H, 0, minFeatureFrac, params.curves ? &fitted : nullptr);
+        QList<Contour> found =
+            contours(mask, W, H, 0, params.minFeatureFrac, params.curves ? &fitted : nullptr);
         if (found.isEmpty()) continue;
-        const Rgb& c = palette[size_t(entry)].color;
+        const Rgb& c = palette.entries[size_t(entry)].color;
         result.layers.append(
             VectorColorLayer{c.r / 255.0, c.g / 255.0, c.b / 255.0, std::move(found), std::move(fitted)});
     }
