@@ -879,79 +879,7 @@ TEST_F(CliTest, SplitWritesThePiecesAndInfoListsThem) {
     EXPECT_EQ(broken.exitCode, 1) << "an input that can't be read is a failure";
 }
 
-TEST_F(CliTest, VersionHelpAndOptionFormsAsLinuxToolsHaveThem) {
-    for (const char* v : {"--version", "-V", "version"}) {
-        const CliRun run = cli({QLatin1String(v)});
-        EXPECT_EQ(run.exitCode, 0) << v;
-        EXPECT_EQ(run.out, QByteArray("cutlark-cli " CUTLARK_VERSION "\n")) << v;
-        EXPECT_EQ(run.err, QString()) << v;
-    }
-    // Commands without options say nothing on standard error about options they don't have.
-    EXPECT_EQ(cli({QStringLiteral("settings")}).err, QString());
-    EXPECT_FALSE(cli({QStringLiteral("info"), QStringLiteral("nosuch.png")})
-                     .err.contains(QStringLiteral("QCommandLine")));
-    // Every command has its help, on standard output, whatever else is on the line.
-    for (const char* command : {"process", "trace", "split", "info", "settings"}) {
-        const CliRun run =
-            cli({QLatin1String(command), QStringLiteral("--help"), QStringLiteral("--nosuch")});
-        EXPECT_EQ(run.exitCode, 0) << command;
-        EXPECT_TRUE(run.out.startsWith("Usage: cutlark-cli " + QByteArray(command))) << run.out.toStdString();
-    }
-    EXPECT_TRUE(cli({QStringLiteral("process"), QStringLiteral("-h")}).out.contains("--jobs"));
-    EXPECT_TRUE(cli({QStringLiteral("--help")}).out.contains("cutlark-cli trace"));
-
-    // A usage error is one line: the problem, then where to read more.
-    const CliRun typo = cli({QStringLiteral("process"), QStringLiteral("--jbos"), QStringLiteral("x.png")});
-    EXPECT_EQ(typo.exitCode, 2);
-    EXPECT_EQ(typo.err,
-              QStringLiteral("cutlark-cli: unknown option “--jbos”; see cutlark-cli process --help\n"));
-    EXPECT_EQ(cli({QStringLiteral("frobnicate")}).err,
-              QStringLiteral("cutlark-cli: unknown command “frobnicate”; see cutlark-cli --help\n"));
-    EXPECT_EQ(cli({QStringLiteral("process"), QStringLiteral("--in-place=yes"), QStringLiteral("x.png")}).err,
-              QStringLiteral("cutlark-cli: --in-place takes no value; see cutlark-cli process --help\n"));
-
-    // --name=value, -j4 and -oDIR mean what the spaced forms mean: the same results, byte for byte.
-    const QString a = savePng(m_dir, QStringLiteral("a.png"), coordinates(40, 30));
-    const CliRun spaced = cli({QStringLiteral("process"), QStringLiteral("--set"),
-                               QStringLiteral("paddingEnabled=true"), QStringLiteral("--jobs"),
-                               QStringLiteral("2"), QStringLiteral("-o"), path(QStringLiteral("spaced")), a});
-    const CliRun joined =
-        cli({QStringLiteral("process"), QStringLiteral("--set=paddingEnabled=true"), QStringLiteral("-j2"),
-             QStringLiteral("-o") + path(QStringLiteral("joined")), a});
-    const CliRun equals =
-        cli({QStringLiteral("process"), QStringLiteral("--set=paddingEnabled=true"),
-             QStringLiteral("--jobs=2"), QStringLiteral("--output=") + path(QStringLiteral("equals")), a});
-    for (const CliRun* run : {&spaced, &joined, &equals})
-        EXPECT_EQ(run->exitCode, 0) << run->err.toStdString();
-    const QByteArray reference = readBytes(path(QStringLiteral("spaced/a-out.png")));
-    EXPECT_FALSE(reference.isEmpty());
-    EXPECT_EQ(readBytes(path(QStringLiteral("joined/a-out.png"))), reference);
-    EXPECT_EQ(readBytes(path(QStringLiteral("equals/a-out.png"))), reference);
-    EXPECT_EQ(cli({QStringLiteral("process"), QStringLiteral("-j0"), a}).exitCode, 2);
-}
-
-TEST_F(CliTest, SettingsHelpComesFromTheTableAndIdleSettingsAreWarnedAbout) {
-    // Every setting, with its default as `settings` prints it, its range and the switch it needs.
-    const CliRun help = cli({QStringLiteral("help"), QStringLiteral("settings")});
-    ASSERT_EQ(help.exitCode, 0);
-    EXPECT_EQ(cli({QStringLiteral("settings"), QStringLiteral("--help")}).out, help.out);
-    const QJsonObject defaults = QJsonDocument::fromJson(cli({QStringLiteral("settings")}).out).object();
-    ASSERT_EQ(defaults.size(), 42);
-    for (const QString& name : defaults.keys())
-        EXPECT_TRUE(help.out.contains("\n  " + name.toUtf8() + ' ')) << name.toStdString();
-    EXPECT_TRUE(help.out.contains("  strokeWidth          number 0…40 px, default 14; needs stickerEnabled\n"
-                                  "      width of the sticker outline\n"))
-        << help.out.toStdString();
-    EXPECT_TRUE(
-        help.out.contains("  bgRemovalMode        white|subject, default \"white\"; needs keyWhiteEnabled"));
-    EXPECT_TRUE(help.out.contains("  mirrored             bool, default false\n"));
-    EXPECT_TRUE(help.out.contains("  vectorStacked        bool, default false; needs vectorFullColor\n"));
-    EXPECT_EQ(cli({QStringLiteral("help"), QStringLiteral("process")}).out,
-              cli({QStringLiteral("process"), QStringLiteral("--help")}).out);
-    const CliRun nothing = cli({QStringLiteral("help"), QStringLiteral("setings")});
-    EXPECT_EQ(nothing.exitCode, 2);
-    EXPECT_EQ(nothing.err.count(QLatin1Char('\n')), 1) << nothing.err.toStdString();
-
+TEST_F(CliTest, IdleSettingsAreWarnedAboutAndNoted) {
     // A setting whose switch is off: a warning, and the same words as the result's notice; the
     // result is still written. Switched on, or a switch itself, says nothing.
     const QString a = savePng(m_dir, QStringLiteral("a.png"), coordinates(40, 30));
@@ -983,43 +911,6 @@ TEST_F(CliTest, SettingsHelpComesFromTheTableAndIdleSettingsAreWarnedAbout) {
     EXPECT_EQ(
         trace.err,
         QStringLiteral("cutlark-cli: warning: vectorCleanup has no effect while vectorFullColor is false\n"));
-}
-
-TEST(AvailableCores, FollowsTheAffinityMask) {
-    cpu_set_t before;
-    ASSERT_EQ(sched_getaffinity(0, sizeof before, &before), 0);
-    const int all = AvailableCores::count();
-    EXPECT_GE(all, 1);
-    EXPECT_LE(all, CPU_COUNT(&before));
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu)
-        if (CPU_ISSET(cpu, &before)) {
-            CPU_SET(cpu, &one);
-            break;
-        }
-    ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
-    EXPECT_EQ(AvailableCores::count(), 1);
-    ASSERT_EQ(sched_setaffinity(0, sizeof before, &before), 0);
-    EXPECT_EQ(AvailableCores::count(), all);
-}
-
-TEST_F(CliTest, BadUsageExitsWithTwo) {
-    EXPECT_EQ(cli({}).exitCode, 2);
-    EXPECT_EQ(cli({QStringLiteral("frobnicate")}).exitCode, 2);
-    EXPECT_EQ(cli({QStringLiteral("process")}).exitCode, 2);
-    const QString a = savePng(m_dir, QStringLiteral("a.png"), coordinates(4, 4));
-    const CliRun badSet =
-        cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("threshold=lots"), a});
-    EXPECT_EQ(badSet.exitCode, 2);
-    EXPECT_TRUE(badSet.err.contains(QStringLiteral("threshold")));
-    EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("a-out.png")))) << "nothing is done on bad usage";
-    EXPECT_EQ(
-        cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("nosuch=1"), a}).exitCode, 2);
-    EXPECT_EQ(
-        cli({QStringLiteral("process"), QStringLiteral("--in-place"), QStringLiteral("-o"), m_dir.path(), a})
-            .exitCode,
-        2);
 }
 
 namespace {
@@ -1139,16 +1030,6 @@ TEST_F(CliTest, SubjectModeWithoutTheNetworkFailsAndSaysHowToGetIt) {
         run.lines[0].value(QStringLiteral("error")).toString().contains(QStringLiteral("scripts/setup.sh")))
         << qPrintable(run.err);
     EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("photo-out.png"))));
-}
-
-TEST_F(CliTest, NumbersOutsideTheirRangeAreRefusedBeforeAnyWork) {
-    const QString a = savePng(m_dir, QStringLiteral("a.png"), coordinates(40, 30));
-    const CliRun run =
-        cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("strokeWidth=500"), a});
-    EXPECT_EQ(run.exitCode, 2);
-    EXPECT_TRUE(run.err.contains(QStringLiteral("strokeWidth = 500 is outside 0 to 40 px")))
-        << qPrintable(run.err);
-    EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("a-out.png"))));
 }
 
 TEST_F(CliTest, RunningOutOfMemoryNeverEndsTheProcessWithASignal) {

@@ -112,8 +112,11 @@ TEST_F(QueueMemoryTest, ItemsAwayFromTheActiveOneKeepTheirBytesAndComeBackExactl
     const QUuid saved = savedAt->id;
     model.select(at(0).id);
     ASSERT_TRUE(waitUntil([&] { return at(1).decoded(); }));
-    for (const auto& item : model.items())
-        if (item.id == saved) EXPECT_FALSE(item.decoded()) << "far from the active item again";
+    for (const auto& item : model.items()) {
+        if (item.id == saved) {
+            EXPECT_FALSE(item.decoded()) << "far from the active item again";
+        }
+    }
     QFile::remove(savedAt->path);
     model.select(saved);
     EXPECT_EQ(pixelsOf(model.active()->buffer.image()), written);

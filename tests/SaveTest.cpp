@@ -134,6 +134,8 @@ TEST_F(SaveTest, AFileWithoutExtensionGetsTheTypesOwn) {
                          false,
                          {},
                          nullptr,
+                         {},
+                         {},
                          {}};
     EXPECT_EQ(model.proposedNewFileName(item),
               QStringLiteral("Scan-out.") + ImageFile::preferredExtension(item.type));

@@ -2,45 +2,46 @@
 
 #include <QJsonObject>
 
+#include <QJsonObject>
+#include <QSet>
+
 #include <gtest/gtest.h>
 
 using namespace cutlark;
 
-TEST(Settings, DefaultsAreTheTable) {
-    const Settings s;
-    EXPECT_EQ(Settings::names().size(), 42);
-    EXPECT_EQ(Settings::names().first(), QStringLiteral("quarterTurns"));
-    EXPECT_EQ(Settings::names()[21], QStringLiteral("backgroundColor"));
-    EXPECT_EQ(Settings::names()[39], QStringLiteral("vectorCleanup"));
-    EXPECT_EQ(Settings::names().last(), QStringLiteral("vectorStacked"));
-    EXPECT_FALSE(s.vectorCurves);
-    EXPECT_FALSE(s.vectorStacked);
-
-    EXPECT_EQ(s.quarterTurns, 0);
-    EXPECT_EQ(s.manualCropRect, QRectF(0, 0, 1, 1));
-    EXPECT_EQ(s.threshold, 25);
-    EXPECT_EQ(s.bgRemovalMode, BGRemovalMode::white);
-    EXPECT_EQ(s.keyThreshold, 30);
-    EXPECT_EQ(s.strokeWidth, 14);
-    EXPECT_TRUE(s.paddingUniform);
-    EXPECT_EQ(s.padAmount, 40);
-    EXPECT_EQ(s.padLeft, 40);
-    EXPECT_EQ(s.backgroundKind, BackgroundKind::color);
-    EXPECT_EQ(s.backgroundColor, QColor(Qt::white));
-    EXPECT_NEAR(s.gradientStart.redF(), 0.53, 1e-4);
-    EXPECT_NEAR(s.gradientStart.greenF(), 0.81, 1e-4);
-    EXPECT_NEAR(s.gradientEnd.blueF(), 0.78, 1e-4);
-    EXPECT_EQ(s.gradientAngle, 90);
-    EXPECT_TRUE(s.backgroundImage.isNull());
-    EXPECT_TRUE(s.backgroundImageURL.isEmpty());
-    EXPECT_EQ(s.resizeWidth, 1024);
-    EXPECT_TRUE(s.resizeLockAspect);
-    EXPECT_EQ(s.vectorizeStyle, VectorizeStyle::silhouette);
-    EXPECT_EQ(s.vectorStrokeWidth, 3);
-    EXPECT_EQ(s.vectorTolerance, 45);
-    EXPECT_EQ(s.vectorDenoise, 2);
-    EXPECT_EQ(s.vectorCleanup, 3);
-    EXPECT_EQ(s, Settings());
+TEST(Settings, TheTableHoldsTogether) {
+    // What the table says of each row is what the rest of the program relies on: a default inside
+    // its range, a switch that is a setting of its own and a boolean, a name said once, and the
+    // defaults surviving the trip through a preset's JSON.
+    const Settings defaults;
+    const QJsonObject json = defaults.toJson();
+    QSet<QString> seen;
+    for (const SettingInfo& row : Settings::table()) {
+        const QString name = QLatin1String(row.name);
+        EXPECT_FALSE(seen.contains(name)) << row.name;
+        seen.insert(name);
+        // Turns are any whole number, taken modulo 4; every other number is held to its range.
+        if (row.isNumber() && name != QLatin1String("quarterTurns")) {
+            Settings scratch;
+            const double value = json.value(name).toDouble();
+            EXPECT_GE(value, row.minimum) << row.name;
+            EXPECT_LE(value, row.maximum) << row.name;
+            EXPECT_TRUE(Settings::parseInto(scratch, name, QString::number(row.maximum + 1)))
+                << row.name << ": past its range is refused";
+        }
+        if (*row.switchName) {
+            const SettingInfo* switchRow = Settings::info(QLatin1String(row.switchName));
+            ASSERT_NE(switchRow, nullptr) << row.name;
+            EXPECT_STREQ(switchRow->type, "bool") << row.name;
+            EXPECT_EQ(defaults.offSwitch(name), QLatin1String(row.switchName))
+                << row.name << ": every switch is off by default";
+        }
+    }
+    EXPECT_EQ(seen.size(), Settings::names().size());
+    Settings back;
+    back.backgroundColor = Qt::red; // something to be written over
+    ASSERT_FALSE(Settings::parseJsonInto(back, json));
+    EXPECT_EQ(back.toJson(), json) << "a preset of the defaults reads back as the defaults";
 }
 
 TEST(Settings, ParsesEveryKindOfValue) {

@@ -513,45 +513,25 @@ TEST_F(RealNetwork, OnnxRuntimeAndOpenCvGiveTheSameMask) {
     EXPECT_FALSE(VisionEngine::isEmptyMask(fast));
 }
 
-TEST_F(RealNetwork, ObjectsOfKnownShapeOverTexturesComeOutWhole) {
-    // Twelve objects over brick, gravel and grass, some hard (grey on grey, a ring's hole, thin
-    // spokes). The figures guard what was measured (bench/bench_masks prints them): mean IoU 0.891,
-    // the lowest 0.749 (the spokes), the old background left on at most 3.55 % (a ring's hole the
-    // network takes for the object), the interior 99.1 % opaque on average and 90 % at the least.
-    const std::vector<KnownMaskScene> scenes = knownMaskScenes();
-    ASSERT_EQ(scenes.size(), 12u);
-    double iou = 0, interior = 0;
-    for (const KnownMaskScene& s : scenes) {
-        const auto cut = VisionEngine::computeCutout(s.scene);
-        ASSERT_TRUE(cut) << s.name.toStdString();
-        const CutoutScore score = scoreCutout(s, *cut);
-        EXPECT_GE(score.iou, 0.72) << s.name.toStdString();
-        EXPECT_LE(score.residue, 0.04) << s.name.toStdString();
-        EXPECT_GE(score.interior, 0.88) << s.name.toStdString();
-        iou += score.iou;
-        interior += score.interior;
-    }
-    EXPECT_GE(iou / 12, 0.87);
-    EXPECT_GE(interior / 12, 0.97);
-}
-
-TEST_F(RealNetwork, SoftEdgesLoseTheOldBackgroundsColour) {
-    // Outlines softened as a photograph's are (a blur of sigma 2 px): the rim's colour error
-    // against the object's own colour, with and without cleaning, on the same masks. Measured mean
-    // 18.6 → 13.9; on the scenes whose mask is right (the cat, the rocket, the mug over grass) it
-    // falls by half and more.
+TEST(Decontamination, SoftEdgesOverKnownMasksLoseTheOldBackgroundsColour) {
+    // Outlines softened as a photograph's are (a blur of sigma 2 px), cut out along their true
+    // coverage: the rim's colour error against the object's own colour falls with the cleaning
+    // (measured 17.4 → 15.3 on average; three scenes of twelve get worse, the cleaning taking the
+    // colour of the texture's side), while alpha stays as it was. With the network's masks instead
+    // it falls by a quarter; bench_masks measures that.
     const std::vector<KnownMaskScene> scenes = knownMaskScenes(2.0);
-    ASSERT_EQ(scenes.size(), 12u);
+    ASSERT_EQ(scenes.size(), 12u) << "the set-up fetches the photographs";
     double plain = 0, cleaned = 0;
     for (const KnownMaskScene& s : scenes) {
-        const QImage mask = VisionEngine::shapeMask(VisionEngine::mask(s.scene));
-        const auto bare = VisionEngine::composite(s.scene, mask, false);
-        const auto clean = VisionEngine::composite(s.scene, mask, true);
+        const auto bare = VisionEngine::composite(s.scene, s.truth, false);
+        const auto clean = VisionEngine::composite(s.scene, s.truth, true);
         ASSERT_TRUE(bare && clean) << s.name.toStdString();
         const CutoutScore a = scoreCutout(s, *bare), b = scoreCutout(s, *clean);
         EXPECT_DOUBLE_EQ(a.iou, b.iou) << "cleaning leaves alpha alone";
         plain += a.edgeError;
         cleaned += b.edgeError;
     }
-    EXPECT_LT(cleaned, 0.8 * plain);
+    std::printf("rim colour error over true soft masks: %.1f plain, %.1f cleaned\n", plain / 12,
+                cleaned / 12);
+    EXPECT_LT(cleaned, 0.95 * plain);
 }

@@ -179,12 +179,20 @@ QByteArray animatedGif() {
     return QByteArray(bytes, sizeof(bytes) - 1);
 }
 
+namespace {
+// The next answer of a script, or none (a cancelled panel) when the script has run out.
+template <class T> std::optional<T> takeFront(std::deque<std::optional<T>>& answers) {
+    if (answers.empty()) return std::nullopt;
+    std::optional<T> answer;
+    answer.swap(answers.front());
+    answers.pop_front();
+    return answer;
+}
+} // namespace
+
 std::optional<QStringList> ScriptedPanels::openImages(bool) {
     ++openCalls;
-    if (openAnswers.empty()) return std::nullopt;
-    auto answer = openAnswers.front();
-    openAnswers.pop_front();
-    return answer;
+    return takeFront(openAnswers);
 }
 
 std::optional<QString> ScriptedPanels::saveFile(const QString&, const QString& proposedName,
@@ -192,18 +200,12 @@ std::optional<QString> ScriptedPanels::saveFile(const QString&, const QString& p
     ++saveCalls;
     proposedNames << proposedName;
     saveTypes << type;
-    if (saveAnswers.empty()) return std::nullopt;
-    auto answer = saveAnswers.front();
-    saveAnswers.pop_front();
-    return answer;
+    return takeFront(saveAnswers);
 }
 
 std::optional<QString> ScriptedPanels::chooseFolder(const QString&, const QString&, const QString&) {
     ++folderCalls;
-    if (folderAnswers.empty()) return std::nullopt;
-    auto answer = folderAnswers.front();
-    folderAnswers.pop_front();
-    return answer;
+    return takeFront(folderAnswers);
 }
 
 ChangeCounter::ChangeCounter(CropModel& model) {

@@ -35,10 +35,11 @@ struct GatedTracer {
             }
             if (!open) gate.acquire();
             Result r;
-            const VectorTrace square{{{{1, 1}, {5, 1}, {5, 5}, {1, 5}}},
-                                     QSizeF(job.image.width(), job.image.height())};
+            const VectorTrace square{
+                {{{1, 1}, {5, 1}, {5, 5}, {1, 5}}}, QSizeF(job.image.width(), job.image.height()), {}};
             if (job.fullColor)
-                r.colorTrace = VectorColorTrace{{VectorColorLayer{1, 0, 0, square.contours}}, square.size};
+                r.colorTrace =
+                    VectorColorTrace{{VectorColorLayer{1, 0, 0, square.contours, {}}}, square.size};
             else
                 r.trace = square;
             r.preview = solid(job.image.width(), job.image.height(), Qt::red);

@@ -212,7 +212,7 @@ TEST(Straighten, EpsilonFromSmoothing) {
 // --- SVG and previews ---
 
 TEST(Svg, SilhouetteDocumentByteForByte) {
-    const VectorTrace t{{{{2, 2}, {8, 2}, {8, 8}, {2, 8}}}, QSizeF(10, 10)};
+    const VectorTrace t{{{{2, 2}, {8, 2}, {8, 8}, {2, 8}}}, QSizeF(10, 10), {}};
     EXPECT_EQ(
         VE::svg(t, VectorizeStyle::silhouette, 3),
         QStringLiteral(
@@ -228,7 +228,7 @@ TEST(Svg, SilhouetteDocumentByteForByte) {
             "<path fill=\"none\" stroke=\"#111111\" stroke-width=\"3.0\" stroke-linejoin=\"round\" "
             "d=\"M2.0 2.0L8.0 2.0L8.0 8.0L2.0 8.0Z\"/>\n"
             "</svg>"));
-    const VectorTrace odd{{}, QSizeF(640.9, 480.2)};
+    const VectorTrace odd{{}, QSizeF(640.9, 480.2), {}};
     EXPECT_TRUE(VE::svg(odd, VectorizeStyle::silhouette, 1)
                     .contains(QStringLiteral("width=\"640\" height=\"480\" viewBox=\"0 0 640 480\"")));
     EXPECT_TRUE(VE::svg(odd, VectorizeStyle::silhouette, 1).contains(QStringLiteral(" d=\"\"/>")))
@@ -245,8 +245,8 @@ TEST(Svg, PathDataOfTwoTriangles) {
 
 TEST(Svg, ColourDocumentByteForByte) {
     const Contour square = {{2, 2}, {8, 2}, {8, 8}, {2, 8}};
-    VectorColorTrace t{{VectorColorLayer{1.0, 0.0, 0.0, {square}}, VectorColorLayer{1.0, 0.5, 0.0, {square}},
-                        VectorColorLayer{0, 0, 0, {}}},
+    VectorColorTrace t{{VectorColorLayer{1.0, 0.0, 0.0, {square}, {}},
+                        VectorColorLayer{1.0, 0.5, 0.0, {square}, {}}, VectorColorLayer{0, 0, 0, {}, {}}},
                        QSizeF(10, 10)};
     EXPECT_EQ(
         VE::colorSVG(t),
@@ -266,7 +266,7 @@ TEST(Svg, ColourDocumentByteForByte) {
 TEST(Svg, PreviewsFillEvenOddInTheFixedGrey) {
     const Contour outer = {{10, 10}, {90, 10}, {90, 90}, {10, 90}};
     const Contour hole = {{40, 40}, {60, 40}, {60, 60}, {40, 60}};
-    const VectorTrace t{{outer, hole}, QSizeF(100, 100)};
+    const VectorTrace t{{outer, hole}, QSizeF(100, 100), {}};
     const QImage filled = VE::preview(t, VectorizeStyle::silhouette, 2);
     ASSERT_EQ(filled.size(), QSize(100, 100));
     EXPECT_EQ(filled.pixel(20, 20), QColor::fromRgbF(0.1f, 0.11f, 0.13f).rgba());
@@ -276,10 +276,11 @@ TEST(Svg, PreviewsFillEvenOddInTheFixedGrey) {
     EXPECT_EQ(qAlpha(stroked.pixel(20, 20)), 0);
     EXPECT_EQ(qAlpha(stroked.pixel(10, 50)), 255);
     EXPECT_EQ(qAlpha(stroked.pixel(40, 50)), 255) << "the hole is stroked like any contour";
-    EXPECT_TRUE(VE::preview(VectorTrace{{outer}, QSizeF(0.5, 100)}, VectorizeStyle::silhouette, 1).isNull());
+    EXPECT_TRUE(
+        VE::preview(VectorTrace{{outer}, QSizeF(0.5, 100), {}}, VectorizeStyle::silhouette, 1).isNull());
 
-    const VectorColorTrace colours{{VectorColorLayer{1, 0, 0, {outer}}, VectorColorLayer{0, 0, 1, {hole}}},
-                                   QSizeF(100, 100)};
+    const VectorColorTrace colours{
+        {VectorColorLayer{1, 0, 0, {outer}, {}}, VectorColorLayer{0, 0, 1, {hole}, {}}}, QSizeF(100, 100)};
     const QImage both = VE::colorPreview(colours);
     EXPECT_EQ(both.pixel(20, 20), qRgb(255, 0, 0));
     EXPECT_EQ(both.pixel(50, 50), qRgb(0, 0, 255)) << "a later layer covers an earlier one";

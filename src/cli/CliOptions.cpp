@@ -197,7 +197,8 @@ QString parseFailure(const QCommandLineParser& parser, const QString& command,
     const QString error = parser.errorText();
     for (const CliOptions::Option* o : rows) {
         if (!*o->placeholder) continue;
-        for (const QString& n : {QLatin1String(o->shortName), QLatin1String(o->name)}) {
+        for (const char* letters : {o->shortName, o->name}) {
+            const QString n = QString::fromLatin1(letters);
             const QString given = (n.size() == 1 ? QStringLiteral("-") : QStringLiteral("--")) + n;
             CliOptions ignored;
             if (!n.isEmpty() && error.contains(QLatin1Char('\'') + given + QLatin1Char('\'')))

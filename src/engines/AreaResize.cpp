@@ -211,9 +211,14 @@ void shrink(const uint8_t* src, int sw, int sh, size_t srcStride, uint8_t* dst, 
             size_t dstStride, Lanes lanes) {
     const Taps xs = tapsAlong(sw, dw, true), ys = tapsAlong(sh, dh, false);
     const __m128 norm = _mm_set1_ps(float(double(dw) * dh / (double(sw) * sh)));
+    // GCC warns that a container drops __m128's alignment attribute from the template argument; the
+    // allocator (aligned new, since C++17) aligns each element to 16 bytes all the same.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wignored-attributes"
     std::vector<__m128> column(static_cast<size_t>(sw)); // one output row's sums, source columns apart
     const auto width = size_t(xs.width);
     std::vector<__m128> weights(xs.weight.size()); // each weight in all four lanes, ready to multiply
+#pragma GCC diagnostic pop
     for (size_t i = 0; i < weights.size(); ++i)
         weights[i] = _mm_set1_ps(xs.weight[i]);
     const RowSummer summer = lanes == Lanes::widest ? rowSummer() : sumRows;

@@ -111,7 +111,7 @@ private:
                 m_pieces.push_back(Piece{i - 1, i, t1, t2, false, {}, true});
             return;
         }
-        Piece piece{first, last, t1, t2};
+        Piece piece{first, last, t1, t2, false, {}, false};
         int split = (first + last) / 2;
         if (fitsOne(piece, &split)) {
             m_pieces.push_back(piece);
@@ -138,7 +138,7 @@ private:
                 ++i;
                 continue;
             }
-            Piece joined{a.first, b.last, a.t1, b.t2};
+            Piece joined{a.first, b.last, a.t1, b.t2, false, {}, false};
             budget -= (long long)(joined.last - joined.first + 1) * (kRounds + 2);
             if (fitsOne(joined, nullptr)) {
                 m_pieces[i] = joined;
