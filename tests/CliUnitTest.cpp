@@ -61,32 +61,35 @@ CliOptions parsed(const QStringList& arguments) {
 
 TEST(CliOptions, TheFormsLinuxToolsHaveMeanTheSame) {
     // --name=value, -j4 and -oDIR read as the spaced forms do; "--" ends the options; "-" is an input.
-    const CliOptions spaced = parsed({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("paddingEnabled=true"),
-                                      QStringLiteral("--jobs"), QStringLiteral("2"), QStringLiteral("-o"),
-                                      QStringLiteral("out"), QStringLiteral("a.png")});
+    const CliOptions spaced =
+        parsed({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("paddingEnabled=true"),
+                QStringLiteral("--jobs"), QStringLiteral("2"), QStringLiteral("-o"), QStringLiteral("out"),
+                QStringLiteral("a.png")});
     for (const QStringList& other :
-         {QStringList{QStringLiteral("process"), QStringLiteral("--set=paddingEnabled=true"), QStringLiteral("-j2"),
-                      QStringLiteral("-oout"), QStringLiteral("a.png")},
-          QStringList{QStringLiteral("process"), QStringLiteral("a.png"), QStringLiteral("--set=paddingEnabled=true"),
-                      QStringLiteral("--jobs=2"), QStringLiteral("--output=out")}}) {
+         {QStringList{QStringLiteral("process"), QStringLiteral("--set=paddingEnabled=true"),
+                      QStringLiteral("-j2"), QStringLiteral("-oout"), QStringLiteral("a.png")},
+          QStringList{QStringLiteral("process"), QStringLiteral("a.png"),
+                      QStringLiteral("--set=paddingEnabled=true"), QStringLiteral("--jobs=2"),
+                      QStringLiteral("--output=out")}}) {
         const CliOptions o = parsed(other);
         EXPECT_EQ(o.sets, spaced.sets);
         EXPECT_EQ(o.jobs, 2);
         EXPECT_EQ(o.outputDir, QStringLiteral("out"));
         EXPECT_EQ(o.inputs, QStringList{QStringLiteral("a.png")});
     }
-    const CliOptions dashed = parsed({QStringLiteral("process"), QStringLiteral("--stdout"), QStringLiteral("--"),
-                                      QStringLiteral("-")});
+    const CliOptions dashed = parsed(
+        {QStringLiteral("process"), QStringLiteral("--stdout"), QStringLiteral("--"), QStringLiteral("-")});
     EXPECT_EQ(dashed.inputs, QStringList{QStringLiteral("-")});
-    EXPECT_TRUE(parsed({QStringLiteral("trace"), QStringLiteral("-o"), QStringLiteral("-"), QStringLiteral("a.png")})
-                    .toStdout)
+    EXPECT_TRUE(
+        parsed({QStringLiteral("trace"), QStringLiteral("-o"), QStringLiteral("-"), QStringLiteral("a.png")})
+            .toStdout)
         << "-o - is standard output";
     // The later of --strip and --keep-metadata wins.
-    EXPECT_FALSE(parsed({QStringLiteral("process"), QStringLiteral("--strip"), QStringLiteral("--keep-metadata"),
-                         QStringLiteral("a.png")})
+    EXPECT_FALSE(parsed({QStringLiteral("process"), QStringLiteral("--strip"),
+                         QStringLiteral("--keep-metadata"), QStringLiteral("a.png")})
                      .strip);
-    EXPECT_TRUE(parsed({QStringLiteral("process"), QStringLiteral("--keep-metadata"), QStringLiteral("--strip"),
-                        QStringLiteral("a.png")})
+    EXPECT_TRUE(parsed({QStringLiteral("process"), QStringLiteral("--keep-metadata"),
+                        QStringLiteral("--strip"), QStringLiteral("a.png")})
                     .strip);
 }
 
@@ -97,15 +100,20 @@ TEST(CliOptions, EachCommandsHelpListsEveryOptionOfTheTableItTakes) {
         for (const CliOptions::Option& o : CliOptions::options()) {
             bool takes = false; // by this row, or another of the same name (-o is a folder or a file)
             for (const CliOptions::Option& same : CliOptions::options())
-                takes = takes || (qstrcmp(same.name, o.name) == 0 && (same.commands & CliOptions::commandBit(command)));
-            const QString form = QStringLiteral("  ") + (*o.shortName ? QStringLiteral("-%1, ").arg(QLatin1String(o.shortName)) : QString()) +
-                                 QStringLiteral("--") + QLatin1String(o.name);
-            EXPECT_EQ(help.contains(form), takes) << o.name << " in " << qPrintable(help.section(QLatin1Char('\n'), 0, 0));
+                takes = takes || (qstrcmp(same.name, o.name) == 0 &&
+                                  (same.commands & CliOptions::commandBit(command)));
+            const QString form =
+                QStringLiteral("  ") +
+                (*o.shortName ? QStringLiteral("-%1, ").arg(QLatin1String(o.shortName)) : QString()) +
+                QStringLiteral("--") + QLatin1String(o.name);
+            EXPECT_EQ(help.contains(form), takes)
+                << o.name << " in " << qPrintable(help.section(QLatin1Char('\n'), 0, 0));
         }
     }
     // The help goes to standard output and wins over anything else on the line.
     for (const char* command : {"process", "trace", "split", "info", "settings"}) {
-        const InProcess run = runCli({QLatin1String(command), QStringLiteral("--help"), QStringLiteral("--nosuch")});
+        const InProcess run =
+            runCli({QLatin1String(command), QStringLiteral("--help"), QStringLiteral("--nosuch")});
         EXPECT_EQ(run.exitCode, 0) << command;
         EXPECT_TRUE(run.out.startsWith("Usage: cutlark-cli " + QByteArray(command))) << run.out.constData();
     }
@@ -128,7 +136,8 @@ TEST(CliOptions, SettingsHelpComesFromTheTable) {
         EXPECT_TRUE(help.out.contains("\n  " + name.toUtf8() + ' ')) << name.toStdString();
     EXPECT_TRUE(help.out.contains("  strokeWidth          number 0…40 px, default 14; needs stickerEnabled\n"
                                   "      width of the sticker outline\n"));
-    EXPECT_TRUE(help.out.contains("  bgRemovalMode        white|subject, default \"white\"; needs keyWhiteEnabled"));
+    EXPECT_TRUE(
+        help.out.contains("  bgRemovalMode        white|subject, default \"white\"; needs keyWhiteEnabled"));
     EXPECT_TRUE(help.out.contains("  vectorStacked        bool, default false; needs vectorFullColor\n"));
 }
 
@@ -138,12 +147,17 @@ TEST(CliOptions, AUsageErrorIsOneLineExitTwoAndNothingDone) {
     const QString process = QStringLiteral("see cutlark-cli process --help\n");
     const QList<QPair<QStringList, QString>> cases = {
         {{}, QStringLiteral("no command given; see cutlark-cli --help\n")},
-        {{QStringLiteral("frobnicate")}, QStringLiteral("unknown command “frobnicate”; see cutlark-cli --help\n")},
+        {{QStringLiteral("frobnicate")},
+         QStringLiteral("unknown command “frobnicate”; see cutlark-cli --help\n")},
         {{QStringLiteral("process")}, QStringLiteral("no input given; ") + process},
-        {{QStringLiteral("process"), QStringLiteral("--jbos"), a}, QStringLiteral("unknown option “--jbos”; ") + process},
-        {{QStringLiteral("process"), QStringLiteral("--in-place=yes"), a}, QStringLiteral("--in-place takes no value; ") + process},
-        {{QStringLiteral("process"), QStringLiteral("-j0"), a}, QStringLiteral("--jobs needs a number from 1 to 256; ") + process},
-        {{QStringLiteral("process"), QStringLiteral("-j")}, QStringLiteral("--jobs needs a number from 1 to 256; ") + process},
+        {{QStringLiteral("process"), QStringLiteral("--jbos"), a},
+         QStringLiteral("unknown option “--jbos”; ") + process},
+        {{QStringLiteral("process"), QStringLiteral("--in-place=yes"), a},
+         QStringLiteral("--in-place takes no value; ") + process},
+        {{QStringLiteral("process"), QStringLiteral("-j0"), a},
+         QStringLiteral("--jobs needs a number from 1 to 256; ") + process},
+        {{QStringLiteral("process"), QStringLiteral("-j")},
+         QStringLiteral("--jobs needs a number from 1 to 256; ") + process},
         {{QStringLiteral("process"), QStringLiteral("--quality"), QStringLiteral("101"), a},
          QStringLiteral("--quality needs a number from 1 to 100; ") + process},
         {{QStringLiteral("process"), QStringLiteral("--in-place"), QStringLiteral("-o"), dir.path(), a},
@@ -159,8 +173,9 @@ TEST(CliOptions, AUsageErrorIsOneLineExitTwoAndNothingDone) {
         {{QStringLiteral("settings"), QStringLiteral("--foo")},
          QStringLiteral("settings takes no option “--foo”; see cutlark-cli --help\n")},
         {{QStringLiteral("help"), QStringLiteral("setings")},
-         QStringLiteral("no help on “setings”: the commands are process, trace, split, info and settings; see "
-                        "cutlark-cli --help\n")},
+         QStringLiteral(
+             "no help on “setings”: the commands are process, trace, split, info and settings; see "
+             "cutlark-cli --help\n")},
     };
     for (const auto& [arguments, message] : cases) {
         const InProcess run = runCli(arguments);
@@ -169,13 +184,15 @@ TEST(CliOptions, AUsageErrorIsOneLineExitTwoAndNothingDone) {
         EXPECT_TRUE(run.err.endsWith(message)) << qPrintable(run.err);
         EXPECT_EQ(run.err.count(QLatin1Char('\n')), 1) << qPrintable(run.err);
     }
-    EXPECT_FALSE(QFileInfo::exists(dir.filePath(QStringLiteral("a-out.png")))) << "nothing is done on bad usage";
+    EXPECT_FALSE(QFileInfo::exists(dir.filePath(QStringLiteral("a-out.png"))))
+        << "nothing is done on bad usage";
 }
 
 TEST(CliOptions, OnlyARunThatMayCutOutSubjectsAsksForHugePages) {
     QTemporaryDir dir;
     EXPECT_FALSE(parsed({QStringLiteral("process"), QStringLiteral("a.png")}).mayCutOutSubjects());
-    EXPECT_TRUE(parsed({QStringLiteral("process"), QStringLiteral("--set=bgRemovalMode=subject"), QStringLiteral("a.png")})
+    EXPECT_TRUE(parsed({QStringLiteral("process"), QStringLiteral("--set=bgRemovalMode=subject"),
+                        QStringLiteral("a.png")})
                     .mayCutOutSubjects());
     EXPECT_FALSE(parsed({QStringLiteral("info"), QStringLiteral("a.png")}).mayCutOutSubjects());
     const QString preset = dir.filePath(QStringLiteral("p.json"));
@@ -184,8 +201,9 @@ TEST(CliOptions, OnlyARunThatMayCutOutSubjectsAsksForHugePages) {
                         QStringLiteral("x.svg"), QStringLiteral("a.png")})
                     .mayCutOutSubjects());
     writeBytes(preset, R"({"comment": "subject to change", "bgRemovalMode": "white"})");
-    EXPECT_FALSE(parsed({QStringLiteral("process"), QStringLiteral("--preset"), preset, QStringLiteral("a.png")})
-                     .mayCutOutSubjects())
+    EXPECT_FALSE(
+        parsed({QStringLiteral("process"), QStringLiteral("--preset"), preset, QStringLiteral("a.png")})
+            .mayCutOutSubjects())
         << "the preset read as settings, not searched for a word";
 }
 
@@ -197,8 +215,8 @@ TEST(CliInputs, FoldersExpandInNameOrderAndAFileCountsOnce) {
         savePng(dir, QLatin1String(name), coordinates(4, 4));
     const QString shots = dir.filePath(QStringLiteral("shots"));
     const QString lone = dir.filePath(QStringLiteral("lone.png"));
-    const QList<CliInputs::Input> inputs =
-        CliInputs::expand({shots, lone, dir.path() + QStringLiteral("/./lone.png"), shots + QStringLiteral("/img2.png")});
+    const QList<CliInputs::Input> inputs = CliInputs::expand(
+        {shots, lone, dir.path() + QStringLiteral("/./lone.png"), shots + QStringLiteral("/img2.png")});
     QStringList names, keys;
     for (const CliInputs::Input& input : inputs) {
         names << QFileInfo(input.path).fileName();
@@ -206,7 +224,8 @@ TEST(CliInputs, FoldersExpandInNameOrderAndAFileCountsOnce) {
     }
     EXPECT_EQ(names, (QStringList{"img1.png", "img2.png", "img10.png", "lone.png"}))
         << "numbers as numbers, subfolders and other files left out, repeats once";
-    EXPECT_EQ(keys, (QStringList{"img1.png", "img2.png", "img10.png", lone})) << "below the folder named, or as given";
+    EXPECT_EQ(keys, (QStringList{"img1.png", "img2.png", "img10.png", lone}))
+        << "below the folder named, or as given";
     EXPECT_EQ(CliInputs::expand({lone, lone}, false).size(), 2) << "info and split take each as named";
 }
 
@@ -214,9 +233,10 @@ TEST(OutputPlan, TwoInputsNeverShareAResultWhateverTypeEachTakes) {
     CliOptions options;
     options.outputDir = QStringLiteral("/results");
     // The same stem from two folders into one, and a JPEG that may become a PNG beside a PNG.
-    const std::vector<OutputPlan::Plan> plans = OutputPlan::plan(
-        {QStringLiteral("/a/item.png"), QStringLiteral("/b/item.png"), QStringLiteral("/c/shot.jpg"), QStringLiteral("/c/shot.png")},
-        options, true);
+    const std::vector<OutputPlan::Plan> plans =
+        OutputPlan::plan({QStringLiteral("/a/item.png"), QStringLiteral("/b/item.png"),
+                          QStringLiteral("/c/shot.jpg"), QStringLiteral("/c/shot.png")},
+                         options, true);
     ASSERT_EQ(plans.size(), 4u);
     EXPECT_EQ(plans[0].number, 1);
     EXPECT_EQ(plans[1].number, 2) << "the later one gets a free name";
@@ -226,11 +246,14 @@ TEST(OutputPlan, TwoInputsNeverShareAResultWhateverTypeEachTakes) {
               (QSet<QString>{"/results/item-out.png", "/results/item-out-2.png", "/results/shot-out.jpg",
                              "/results/shot-out.png", "/results/shot-out-2.png"}));
     // Without transparency possible, or with a format asked for, one extension each.
-    EXPECT_EQ(OutputPlan::plan({QStringLiteral("/c/shot.jpg")}, options, false)[0].extensions, QStringList{"jpg"});
+    EXPECT_EQ(OutputPlan::plan({QStringLiteral("/c/shot.jpg")}, options, false)[0].extensions,
+              QStringList{"jpg"});
     options.format = QStringLiteral("image/webp");
-    EXPECT_EQ(OutputPlan::plan({QStringLiteral("/c/shot.jpg")}, options, true)[0].extensions, QStringList{"webp"});
+    EXPECT_EQ(OutputPlan::plan({QStringLiteral("/c/shot.jpg")}, options, true)[0].extensions,
+              QStringList{"webp"});
     // Without -o, beside each input.
-    EXPECT_EQ(OutputPlan::plan({QStringLiteral("/c/shot.jpg")}, CliOptions(), false)[0].folder, QStringLiteral("/c"));
+    EXPECT_EQ(OutputPlan::plan({QStringLiteral("/c/shot.jpg")}, CliOptions(), false)[0].folder,
+              QStringLiteral("/c"));
 }
 
 TEST(AvailableCores, FollowsTheAffinityMask) {

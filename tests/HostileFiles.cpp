@@ -465,17 +465,23 @@ QByteArray riffChunk(const char* fourcc, const QByteArray& data) {
 }
 } // namespace
 
-QByteArray animatedWebp(QSize canvas, QSize frame) {
-    // One lossless frame, as Qt's writer makes it, taken out of its simple file.
-    QImage picture(frame, QImage::Format_ARGB32);
-    picture.fill(qRgba(200, 40, 30, 255));
+namespace {
+// The VP8L chunk of a lossless WebP of one colour, as Qt's writer makes it, taken out of its file.
+QByteArray losslessChunk(QSize size, QRgb colour) {
+    QImage picture(size, QImage::Format_ARGB32);
+    picture.fill(colour);
     QByteArray simple;
     QBuffer out(&simple);
     out.open(QIODevice::WriteOnly);
     QImageWriter writer(&out, "webp");
     writer.setQuality(100);
     if (!writer.write(picture) || simple.mid(12, 4) != "VP8L") throw std::runtime_error("webp");
-    const QByteArray vp8l = simple.mid(12);
+    return simple.mid(12);
+}
+} // namespace
+
+QByteArray animatedWebp(QSize canvas, QSize frame) {
+    const QByteArray vp8l = losslessChunk(frame, qRgba(200, 40, 30, 255));
     QByteArray vp8x;
     vp8x.append(char(0x02)); // animation
     vp8x.append(3, '\0');
@@ -611,21 +617,13 @@ QByteArray tiffWithXmp(const QByteArray& xmp) {
 }
 
 QByteArray webpWithXmp(const QByteArray& xmp) {
-    QImage picture(4, 4, QImage::Format_ARGB32);
-    picture.fill(qRgba(16, 128, 240, 255));
-    QByteArray simple;
-    QBuffer out(&simple);
-    out.open(QIODevice::WriteOnly);
-    QImageWriter writer(&out, "webp");
-    writer.setQuality(100);
-    if (!writer.write(picture) || simple.mid(12, 4) != "VP8L") throw std::runtime_error("webp");
     QByteArray vp8x;
     vp8x.append(char(0x04)); // XMP
     vp8x.append(3, '\0');
     le24(vp8x, 3);
     le24(vp8x, 3);
-    const QByteArray body =
-        QByteArray("WEBP") + riffChunk("VP8X", vp8x) + simple.mid(12) + riffChunk("XMP ", xmp);
+    const QByteArray body = QByteArray("WEBP") + riffChunk("VP8X", vp8x) +
+                            losslessChunk(QSize(4, 4), qRgba(16, 128, 240, 255)) + riffChunk("XMP ", xmp);
     QByteArray file("RIFF");
     le32(file, quint32(body.size()));
     return file + body;

@@ -379,6 +379,10 @@ private:
                      const QString& type);
     QImage buildProcessed(const Item& item);
     void advanceToNextUnsaved(const QUuid& after);
+    /// The active item when there is a result to save, else null with "Nothing to save." said.
+    const Item* itemToSave();
+    /// A save of `id` has written `written`: said, and the queue moves on.
+    void finishSave(const QUuid& id, const QString& written);
     void runHook(Field field, bool wasOn);
     void notify(Field field) {
         emit changed(field);

@@ -25,20 +25,10 @@
 
 namespace cutlark {
 
-namespace {
-
-QString fileName(const QString& path) {
-    return QFileInfo(path).fileName();
-}
-
-QString extensionOf(const QString& path) {
-    return QFileInfo(path).suffix();
-}
-
-} // namespace
+namespace {} // namespace
 
 bool CropModel::passesTypeTest(const QString& path) {
-    const QString type = ImageFile::typeForExtension(extensionOf(path));
+    const QString type = ImageFile::typeForExtension(QFileInfo(path).suffix());
     if (type.isEmpty()) return false;
     // A camera's raw file is TIFF to the MIME database, but not to a user: it is never opened (Qt
     // would decode its small preview) and so never written over.
@@ -157,7 +147,7 @@ void CropModel::openNow(const QStringList& paths) {
     captureSettingsBeforeSwitch(); // the item being left keeps its settings, whatever comes of this
     QStringList list = expandingFolders(paths);
     std::stable_sort(list.begin(), list.end(), [](const QString& a, const QString& b) {
-        return NaturalOrder::compare(fileName(a), fileName(b)) < 0;
+        return NaturalOrder::compare(QFileInfo(a).fileName(), QFileInfo(b).fileName()) < 0;
     });
 
     std::vector<DecodedFile> candidates;
@@ -176,7 +166,7 @@ void CropModel::openNow(const QStringList& paths) {
         if (!d.loaded || !d.buffer) {
             ++skipped;
             if (m_openRefusal.isEmpty() && !d.refusal.isEmpty())
-                m_openRefusal = QStringLiteral("“%1” %2").arg(fileName(d.path), d.refusal);
+                m_openRefusal = QStringLiteral("“%1” %2").arg(QFileInfo(d.path).fileName(), d.refusal);
             continue;
         }
         fresh.push_back(Item{QUuid::createUuid(), NativePath::absolute(d.path), d.loaded->type, *d.buffer,

@@ -27,20 +27,12 @@ namespace cutlark {
 
 namespace {
 
-QString fileName(const QString& path) {
-    return QFileInfo(path).fileName();
-}
-
-QString extensionOf(const QString& path) {
-    return QFileInfo(path).suffix();
-}
-
 QString folderOf(const QString& path) {
     return QFileInfo(NativePath::absolute(path)).path();
 }
 
 QString withoutExtension(const QString& path) {
-    const QString ext = extensionOf(path);
+    const QString ext = QFileInfo(path).suffix();
     return ext.isEmpty() ? path : path.left(path.size() - ext.size() - 1);
 }
 
@@ -54,12 +46,21 @@ QString CropModel::proposedNewFileName(const Item& item) const {
     return SavePlan::newFileName(item.path, saveTypeChoice(item));
 }
 
-void CropModel::saveOverOriginal() {
+const CropModel::Item* CropModel::itemToSave() {
     const Item* item = active();
-    if (!item || m_processedImage.isNull()) {
-        setErrorMessage(tr("Nothing to save."));
-        return;
-    }
+    if (!item || m_processedImage.isNull()) setErrorMessage(tr("Nothing to save."));
+    return item && !m_processedImage.isNull() ? item : nullptr;
+}
+
+void CropModel::finishSave(const QUuid& id, const QString& written) {
+    setSaveConfirmation(QFileInfo(written).fileName());
+    setErrorMessage(std::nullopt);
+    advanceToNextUnsaved(id);
+}
+
+void CropModel::saveOverOriginal() {
+    const Item* item = itemToSave();
+    if (!item) return;
     const QUuid id = item->id;
     const SavePlan::Choice choice = saveTypeChoice(*item);
     // When PNG is forced the old file stays on disk: only the new name is written.
@@ -67,7 +68,7 @@ void CropModel::saveOverOriginal() {
     const QByteArray bytes = ImageFile::encode(m_processedImage, choice.type, item->storage,
                                                ImageFile::interactiveQuality(choice.type));
     if (bytes.isEmpty() || !AtomicFile::write(target, bytes)) {
-        setErrorMessage(tr("Couldn’t write to “%1”.").arg(fileName(target)));
+        setErrorMessage(tr("Couldn’t write to “%1”.").arg(QFileInfo(target).fileName()));
         return;
     }
     if (Item* saved = findItem(id)) {
@@ -88,17 +89,12 @@ void CropModel::saveOverOriginal() {
         saved->saved = true;
         itemsChanged();
     }
-    setSaveConfirmation(fileName(target));
-    setErrorMessage(std::nullopt);
-    advanceToNextUnsaved(id);
+    finishSave(id, target);
 }
 
 void CropModel::saveAsNewFile() {
-    const Item* item = active();
-    if (!item || m_processedImage.isNull()) {
-        setErrorMessage(tr("Nothing to save."));
-        return;
-    }
+    const Item* item = itemToSave();
+    if (!item) return;
     const QUuid id = item->id;
     const SavePlan::Choice choice = saveTypeChoice(*item);
     const QString proposed = SavePlan::newFileName(item->path, choice);
@@ -107,16 +103,14 @@ void CropModel::saveAsNewFile() {
     if (!chosen || chosen->isEmpty()) return;
     if (!ImageFile::save(m_processedImage, *chosen, choice.type, item->storage,
                          ImageFile::interactiveQuality(choice.type))) {
-        setErrorMessage(tr("Couldn’t write to “%1”.").arg(fileName(*chosen)));
+        setErrorMessage(tr("Couldn’t write to “%1”.").arg(QFileInfo(*chosen).fileName()));
         return;
     }
     if (Item* saved = findItem(id)) {
         saved->saved = true;
         itemsChanged();
     }
-    setSaveConfirmation(fileName(*chosen));
-    setErrorMessage(std::nullopt);
-    advanceToNextUnsaved(id);
+    finishSave(id, *chosen);
 }
 
 void CropModel::splitCollage() {
@@ -127,8 +121,8 @@ void CropModel::splitCollage() {
     if (!folder || folder->isEmpty()) return;
 
     const QUuid id = item->id;
-    const QString base = fileName(withoutExtension(item->path));
-    QString extension = extensionOf(item->path);
+    const QString base = QFileInfo(withoutExtension(item->path)).fileName();
+    QString extension = QFileInfo(item->path).suffix();
     if (extension.isEmpty()) extension = ImageFile::preferredExtension(item->type);
     if (extension.isEmpty()) extension = QStringLiteral("png");
     const QDir dir(*folder);
