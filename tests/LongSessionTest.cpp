@@ -120,5 +120,7 @@ TEST(LongSession, TwoHundredItemsComeAndGoWithoutTheHeapGrowing) {
     // Each round handles ~10 MB of pixels; a leak of any of it would show many times over.
     EXPECT_LT(double(atEnd), double(afterFirstRound) + 2.0 * 1024 * 1024)
         << "heap after the first round " << afterFirstRound << " B, after the last " << atEnd << " B";
+#else
+    (void)afterFirstRound; // AddressSanitizer's own heap makes the figure meaningless; its leak check stands in
 #endif
 }
