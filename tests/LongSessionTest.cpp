@@ -121,6 +121,7 @@ TEST(LongSession, TwoHundredItemsComeAndGoWithoutTheHeapGrowing) {
     EXPECT_LT(double(atEnd), double(afterFirstRound) + 2.0 * 1024 * 1024)
         << "heap after the first round " << afterFirstRound << " B, after the last " << atEnd << " B";
 #else
-    (void)afterFirstRound; // AddressSanitizer's own heap makes the figure meaningless; its leak check stands in
+    // AddressSanitizer's own heap makes the figure meaningless; its leak check stands in.
+    (void)afterFirstRound;
 #endif
 }
