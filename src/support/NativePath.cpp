@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include <cstdlib>
 
 namespace cutlark::NativePath {
@@ -114,6 +116,17 @@ bool isFolder(const QString& path) {
     return !path.isEmpty() && ::stat(toBytes(path).constData(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+bool makeFolders(const QString& path) {
+    const QByteArray bytes = toBytes(absolute(path));
+    for (qsizetype at = 1; at <= bytes.size(); ++at) {
+        if (at < bytes.size() && bytes[at] != '/') continue;
+        const QByteArray part = bytes.left(at);
+        if (::mkdir(part.constData(), 0777) != 0 && errno != EEXIST) return false;
+    }
+    struct stat st {};
+    return ::stat(bytes.constData(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
 QString canonical(const QString& path) {
     char* resolved = ::realpath(toBytes(path).constData(), nullptr);
     if (!resolved) return QString();
@@ -130,6 +143,29 @@ QStringList children(const QString& path) {
     while (const dirent* entry = ::readdir(dir)) {
         if (entry->d_name[0] == '.') continue; // ".", ".." and hidden files
         out << prefix + fromBytes(QByteArray(entry->d_name));
+    }
+    ::closedir(dir);
+    return out;
+}
+
+QList<Entry> entries(const QString& path) {
+    QList<Entry> out;
+    const QByteArray folder = toBytes(path);
+    DIR* dir = ::opendir(folder.constData());
+    if (!dir) return out;
+    const QString prefix = path.endsWith(QLatin1Char('/')) ? path : path + QLatin1Char('/');
+    while (const dirent* entry = ::readdir(dir)) {
+        if (entry->d_name[0] == '.') continue;
+        Entry e{prefix + fromBytes(QByteArray(entry->d_name)), entry->d_type == DT_DIR,
+                entry->d_type == DT_LNK};
+        if (entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN) {
+            const QByteArray full = folder + '/' + entry->d_name;
+            struct stat st {};
+            e.folder = ::stat(full.constData(), &st) == 0 && S_ISDIR(st.st_mode);
+            if (entry->d_type == DT_UNKNOWN)
+                e.link = ::lstat(full.constData(), &st) == 0 && S_ISLNK(st.st_mode);
+        }
+        out << e;
     }
     ::closedir(dir);
     return out;

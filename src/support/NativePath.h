@@ -28,11 +28,25 @@ QString absolute(const QString& path);
 bool exists(const QString& path);
 bool isFolder(const QString& path);
 
+/// Makes the folder `path` and the folders above it that are missing (mode 0777 less the umask);
+/// false when it can't, or something not a folder stands in the way.
+bool makeFolders(const QString& path);
+
 /// The path with links and "." and ".." resolved, as `realpath` gives it; empty when it doesn't exist.
 QString canonical(const QString& path);
 
 /// The entries of the folder `path` (not "." and "..", nor hidden ones), as full paths in the order
 /// the system lists them; empty when it can't be listed.
 QStringList children(const QString& path);
+
+/// One entry of a folder: its full path, whether it is a folder itself (links followed), and
+/// whether it is a link.
+struct Entry {
+    QString path;
+    bool folder = false;
+    bool link = false;
+};
+/// The same entries with what each is, read from the listing where the file system says it.
+QList<Entry> entries(const QString& path);
 
 } // namespace cutlark::NativePath

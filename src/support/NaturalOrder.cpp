@@ -31,12 +31,8 @@ int compareDigitRuns(const QString& a, qsizetype& i, const QString& b, qsizetype
     return 0;
 }
 
-} // namespace
-
-int compare(const QString& a, const QString& b) {
-    // As the user's language orders names ("été" before "f", case aside), numbers by their value;
-    // where that finds no difference, the folded code units and the number of leading zeros decide.
-    // Names that differ only in case rank equal, and keep their order.
+// As the user's language orders names ("été" before "f", case aside), numbers by their value.
+const QCollator& collator() {
     thread_local const QCollator collator = [] {
         QLocale locale;
         // The bare C locale orders by code unit; a person in it still reads "é" as an "e".
@@ -46,8 +42,25 @@ int compare(const QString& a, const QString& b) {
         c.setCaseSensitivity(Qt::CaseInsensitive);
         return c;
     }();
-    if (const int c = collator.compare(a, b)) return c < 0 ? -1 : 1;
+    return collator;
+}
+
+} // namespace
+
+int compare(const QString& a, const QString& b) {
+    // Where the language's order finds no difference, the folded code units and the number of
+    // leading zeros decide. Names that differ only in case rank equal, and keep their order.
+    if (const int c = collator().compare(a, b)) return c < 0 ? -1 : 1;
     return codeUnitCompare(a, b);
+}
+
+Key key(const QString& name) {
+    return Key{collator().sortKey(name), name};
+}
+
+int compare(const Key& a, const Key& b) {
+    if (const int c = a.collation.compare(b.collation)) return c < 0 ? -1 : 1;
+    return codeUnitCompare(a.name, b.name);
 }
 
 int codeUnitCompare(const QString& a, const QString& b) {
