@@ -8,6 +8,8 @@
 #include "cli/CliRunner.h"
 #include "cli/OutputPlan.h"
 #include "support/AvailableCores.h"
+#include "support/DidYouMean.h"
+#include "support/NativePath.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -94,8 +96,14 @@ TEST(CliOptions, TheFormsLinuxToolsHaveMeanTheSame) {
 }
 
 TEST(CliOptions, EachCommandsHelpListsEveryOptionOfTheTableItTakes) {
-    for (CliOptions::Command command : {CliOptions::Command::process, CliOptions::Command::trace,
-                                        CliOptions::Command::split, CliOptions::Command::info}) {
+    // The top-level help names every option, with the commands that take it.
+    const QString all = CliOptions::usage();
+    for (const CliOptions::Option& o : CliOptions::options())
+        EXPECT_TRUE(all.contains(QStringLiteral("--") + QLatin1String(o.name) + QLatin1Char(' '))) << o.name;
+    EXPECT_TRUE(all.contains(QStringLiteral("  --shard K/N "))) << qPrintable(all);
+    for (CliOptions::Command command :
+         {CliOptions::Command::process, CliOptions::Command::trace, CliOptions::Command::split,
+          CliOptions::Command::info, CliOptions::Command::manifest}) {
         const QString help = CliOptions::usage(command);
         for (const CliOptions::Option& o : CliOptions::options()) {
             bool takes = false; // by this row, or another of the same name (-o is a folder or a file)
@@ -111,7 +119,7 @@ TEST(CliOptions, EachCommandsHelpListsEveryOptionOfTheTableItTakes) {
         }
     }
     // The help goes to standard output and wins over anything else on the line.
-    for (const char* command : {"process", "trace", "split", "info", "settings"}) {
+    for (const char* command : {"process", "trace", "split", "info", "manifest", "settings"}) {
         const InProcess run =
             runCli({QLatin1String(command), QStringLiteral("--help"), QStringLiteral("--nosuch")});
         EXPECT_EQ(run.exitCode, 0) << command;
@@ -144,14 +152,30 @@ TEST(CliOptions, SettingsHelpComesFromTheTable) {
 TEST(CliOptions, AUsageErrorIsOneLineExitTwoAndNothingDone) {
     QTemporaryDir dir;
     const QString a = savePng(dir, QStringLiteral("a.png"), coordinates(4, 4));
+    const QString a2 = savePng(dir, QStringLiteral("a2.png"), coordinates(4, 4));
     const QString process = QStringLiteral("see cutlark-cli process --help\n");
     const QList<QPair<QStringList, QString>> cases = {
         {{}, QStringLiteral("no command given; see cutlark-cli --help\n")},
         {{QStringLiteral("frobnicate")},
          QStringLiteral("unknown command “frobnicate”; see cutlark-cli --help\n")},
+        {{QStringLiteral("proces"), a},
+         QStringLiteral("unknown command “proces” (did you mean “process”?); see cutlark-cli --help\n")},
+        {{QStringLiteral("manifest")}, QStringLiteral("no input given; see cutlark-cli manifest --help\n")},
         {{QStringLiteral("process")}, QStringLiteral("no input given; ") + process},
         {{QStringLiteral("process"), QStringLiteral("--jbos"), a},
-         QStringLiteral("unknown option “--jbos”; ") + process},
+         QStringLiteral("unknown option “--jbos” (did you mean “--jobs”?); ") + process},
+        {{QStringLiteral("process"), QStringLiteral("--recursve"), a},
+         QStringLiteral("unknown option “--recursve” (did you mean “--recursive”?); ") + process},
+        {{QStringLiteral("process"), QStringLiteral("--frobnicate"), a},
+         QStringLiteral("unknown option “--frobnicate”; ") + process},
+        {{QStringLiteral("process"), QStringLiteral("-o"), dir.filePath(QStringLiteral("one.png")), a, a2},
+         QStringLiteral("-o %1 names a file, and 2 inputs were given; give -o a folder for many; ")
+                 .arg(dir.filePath(QStringLiteral("one.png"))) +
+             process},
+        {{QStringLiteral("trace"), QStringLiteral("--stdout"), a, a2},
+         QStringLiteral("trace --stdout takes one input; see cutlark-cli trace --help\n")},
+        {{QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("trimEnabeld=true"), a},
+         QStringLiteral("--set: unknown setting “trimEnabeld” (did you mean “trimEnabled”?)\n")},
         {{QStringLiteral("process"), QStringLiteral("--in-place=yes"), a},
          QStringLiteral("--in-place takes no value; ") + process},
         {{QStringLiteral("process"), QStringLiteral("-j0"), a},
@@ -174,8 +198,8 @@ TEST(CliOptions, AUsageErrorIsOneLineExitTwoAndNothingDone) {
          QStringLiteral("settings takes no option “--foo”; see cutlark-cli --help\n")},
         {{QStringLiteral("help"), QStringLiteral("setings")},
          QStringLiteral(
-             "no help on “setings”: the commands are process, trace, split, info and settings; see "
-             "cutlark-cli --help\n")},
+             "no help on “setings”: the commands are process, trace, split, info, manifest, settings (did "
+             "you mean “settings”?); see cutlark-cli --help\n")},
     };
     for (const auto& [arguments, message] : cases) {
         const InProcess run = runCli(arguments);
@@ -186,6 +210,7 @@ TEST(CliOptions, AUsageErrorIsOneLineExitTwoAndNothingDone) {
     }
     EXPECT_FALSE(QFileInfo::exists(dir.filePath(QStringLiteral("a-out.png"))))
         << "nothing is done on bad usage";
+    EXPECT_FALSE(QFileInfo::exists(dir.filePath(QStringLiteral("one.png"))));
 }
 
 TEST(CliOptions, OnlyARunThatMayCutOutSubjectsAsksForHugePages) {
@@ -207,53 +232,143 @@ TEST(CliOptions, OnlyARunThatMayCutOutSubjectsAsksForHugePages) {
         << "the preset read as settings, not searched for a word";
 }
 
-TEST(CliInputs, FoldersExpandInNameOrderAndAFileCountsOnce) {
+TEST(CliInputs, FoldersExpandInNameOrderKeepTheirPlaceAndAFileCountsOnce) {
     QTemporaryDir dir;
-    QDir(dir.path()).mkpath(QStringLiteral("shots/deeper"));
-    for (const char* name : {"shots/img10.png", "shots/img2.png", "shots/img1.png", "shots/notes.txt",
-                             "shots/deeper/img0.png", "lone.png"})
+    QDir(dir.path()).mkpath(QStringLiteral("shots/deeper/deepest"));
+    QDir(dir.path()).mkpath(QStringLiteral("shots/empty"));
+    QDir(dir.path()).mkpath(QStringLiteral("nothing"));
+    for (const char* name :
+         {"shots/img10.png", "shots/img2.png", "shots/img1.png", "shots/notes.txt", "shots/deeper/img0.png",
+          "shots/deeper/deepest/a.png", "lone.png", "nothing/readme.txt"})
         savePng(dir, QLatin1String(name), coordinates(4, 4));
     const QString shots = dir.filePath(QStringLiteral("shots"));
     const QString lone = dir.filePath(QStringLiteral("lone.png"));
-    const QList<CliInputs::Input> inputs = CliInputs::expand(
-        {shots, lone, dir.path() + QStringLiteral("/./lone.png"), shots + QStringLiteral("/img2.png")});
-    QStringList names, keys;
-    for (const CliInputs::Input& input : inputs) {
-        names << QFileInfo(input.path).fileName();
-        keys << input.sliceKey;
-    }
-    EXPECT_EQ(names, (QStringList{"img1.png", "img2.png", "img10.png", "lone.png"}))
-        << "numbers as numbers, subfolders and other files left out, repeats once";
-    EXPECT_EQ(keys, (QStringList{"img1.png", "img2.png", "img10.png", lone}))
-        << "below the folder named, or as given";
-    EXPECT_EQ(CliInputs::expand({lone, lone}, false).size(), 2) << "info and split take each as named";
+    const QString nothing = dir.filePath(QStringLiteral("nothing"));
+    const auto fields = [](const QList<CliInputs::Input>& inputs, QString CliInputs::Input::*field) {
+        QStringList out;
+        for (const CliInputs::Input& input : inputs)
+            out << input.*field;
+        return out;
+    };
+    CliInputs::Report report;
+    const QList<CliInputs::Input> flat =
+        CliInputs::expand({shots, lone, dir.path() + QStringLiteral("/./lone.png"),
+                           shots + QStringLiteral("/img2.png"), nothing},
+                          false, true, &report);
+    EXPECT_EQ(fields(flat, &CliInputs::Input::sliceKey),
+              (QStringList{"img1.png", "img2.png", "img10.png", lone}))
+        << "numbers as numbers, subfolders and other files left out, repeats once; keys below the folder "
+           "named";
+    EXPECT_EQ(fields(flat, &CliInputs::Input::place), (QStringList{"shots", "shots", "shots", ""}))
+        << "a folder's pictures keep its name below -o, a file named directly goes straight in";
+    EXPECT_EQ(report.emptyFolders, QStringList{nothing});
+    ASSERT_EQ(report.skippedSubfolders.size(), 1);
+    EXPECT_EQ(report.skippedSubfolders[0], (QPair<QString, int>{shots, 2}));
+
+    CliInputs::Report deep;
+    const QList<CliInputs::Input> tree = CliInputs::expand({shots}, true, true, &deep);
+    EXPECT_EQ(fields(tree, &CliInputs::Input::sliceKey),
+              (QStringList{"img1.png", "img2.png", "img10.png", "deeper/img0.png", "deeper/deepest/a.png"}))
+        << "a folder's own pictures first, then each subfolder's in name order";
+    EXPECT_EQ(fields(tree, &CliInputs::Input::place),
+              (QStringList{"shots", "shots", "shots", "shots/deeper", "shots/deeper/deepest"}));
+    EXPECT_TRUE(deep.emptyFolders.isEmpty() && deep.skippedSubfolders.isEmpty());
+    // "." keeps no name of its own: its pictures go straight below -o.
+    EXPECT_EQ(CliInputs::expand({shots + QStringLiteral("/.")}).first().place, QString());
+    EXPECT_EQ(CliInputs::expand({lone, lone}, false, false).size(), 2) << "info and split take each as named";
 }
 
-TEST(OutputPlan, TwoInputsNeverShareAResultWhateverTypeEachTakes) {
+TEST(CliInputs, ListsReadLinesOrNulSeparatedNamesAsBytes) {
+    QTemporaryDir dir;
+    const QString list = dir.filePath(QStringLiteral("list"));
+    writeBytes(list, QByteArray("a.png\r\n\nwith space.png\nlast.png"));
+    QStringList names;
+    ASSERT_FALSE(CliInputs::readList(list, false, names));
+    EXPECT_EQ(names, (QStringList{"a.png", "with space.png", "last.png"})) << "empty lines and CRs left out";
+    names.clear();
+    writeBytes(list, QByteArray("new\nline.png\0caf\xe9.png\0", 21));
+    ASSERT_FALSE(CliInputs::readList(list, true, names));
+    ASSERT_EQ(names.size(), 2);
+    EXPECT_EQ(names[0], QStringLiteral("new\nline.png"));
+    EXPECT_EQ(NativePath::toBytes(names[1]), QByteArray("caf\xe9.png")) << "a Latin-1 name keeps its bytes";
+    const auto error = CliInputs::readList(dir.filePath(QStringLiteral("missing")), false, names);
+    ASSERT_TRUE(error);
+    EXPECT_TRUE(error->contains(QStringLiteral("missing"))) << qPrintable(*error);
+}
+
+TEST(OutputPlan, AResultsNameDependsOnItsOwnInputAlone) {
     CliOptions options;
     options.outputDir = QStringLiteral("/results");
-    // The same stem from two folders into one, and a JPEG that may become a PNG beside a PNG.
-    const std::vector<OutputPlan::Plan> plans =
-        OutputPlan::plan({QStringLiteral("/a/item.png"), QStringLiteral("/b/item.png"),
-                          QStringLiteral("/c/shot.jpg"), QStringLiteral("/c/shot.png")},
+    const auto input = [](const char* path, const char* place) {
+        return CliInputs::Input{QLatin1String(path), QString(), QLatin1String(place), QString()};
+    };
+    // The same name in two folders named keeps apart below -o, each in its folder's place.
+    const QList<CliInputs::Input> two = {input("/x/a/img3.jpg", "a"), input("/x/b/img3.jpg", "b")};
+    const std::vector<OutputPlan::Plan> plans = OutputPlan::plan(two, options, false);
+    ASSERT_EQ(plans.size(), 2u);
+    EXPECT_EQ(plans[0].folder, QStringLiteral("/results/a"));
+    EXPECT_EQ(plans[1].folder, QStringLiteral("/results/b"));
+    EXPECT_TRUE(plans[0].clashesWith.isEmpty() && plans[1].clashesWith.isEmpty());
+    // A photo added later changes nothing about the others' names.
+    const std::vector<OutputPlan::Plan> more =
+        OutputPlan::plan(two + QList{input("/x/a/img2.jpg", "a")}, options, false);
+    EXPECT_EQ(OutputPlan::results({more[0], more[1]}), OutputPlan::results(plans));
+
+    // Two files named directly that would share a result are both refused, each naming the other;
+    // a JPEG that may become a PNG clashes with the PNG of the same stem.
+    const std::vector<OutputPlan::Plan> clash =
+        OutputPlan::plan({input("/a/item.png", ""), input("/b/item.png", ""), input("/c/shot.jpg", ""),
+                          input("/c/shot.png", ""), input("/c/other.png", "")},
                          options, true);
-    ASSERT_EQ(plans.size(), 4u);
-    EXPECT_EQ(plans[0].number, 1);
-    EXPECT_EQ(plans[1].number, 2) << "the later one gets a free name";
-    EXPECT_EQ(plans[2].extensions, (QStringList{"jpg", "png"}));
-    EXPECT_EQ(plans[3].number, 2) << "shot-out.png is spoken for by the JPEG's possible PNG";
-    EXPECT_EQ(OutputPlan::results(plans),
-              (QSet<QString>{"/results/item-out.png", "/results/item-out-2.png", "/results/shot-out.jpg",
-                             "/results/shot-out.png", "/results/shot-out-2.png"}));
+    EXPECT_EQ(clash[0].clashesWith, QStringLiteral("/b/item.png"));
+    EXPECT_EQ(clash[1].clashesWith, QStringLiteral("/a/item.png"));
+    EXPECT_EQ(clash[2].extensions, (QStringList{"jpg", "png"}));
+    EXPECT_EQ(clash[3].clashesWith, QStringLiteral("/c/shot.jpg"));
+    EXPECT_TRUE(clash[4].clashesWith.isEmpty());
+    EXPECT_EQ(OutputPlan::results(clash), (QSet<QString>{"/results/item-out.png", "/results/shot-out.jpg",
+                                                         "/results/shot-out.png", "/results/other-out.png"}));
     // Without transparency possible, or with a format asked for, one extension each.
-    EXPECT_EQ(OutputPlan::plan({QStringLiteral("/c/shot.jpg")}, options, false)[0].extensions,
-              QStringList{"jpg"});
+    EXPECT_EQ(OutputPlan::plan({input("/c/shot.jpg", "")}, options, false)[0].extensions, QStringList{"jpg"});
     options.format = QStringLiteral("image/webp");
-    EXPECT_EQ(OutputPlan::plan({QStringLiteral("/c/shot.jpg")}, options, true)[0].extensions,
-              QStringList{"webp"});
-    // Without -o, beside each input.
-    EXPECT_EQ(OutputPlan::plan({QStringLiteral("/c/shot.jpg")}, CliOptions(), false)[0].folder,
+    EXPECT_EQ(OutputPlan::plan({input("/c/shot.jpg", "")}, options, true)[0].extensions, QStringList{"webp"});
+    // Without -o, beside each input, whatever its place.
+    EXPECT_EQ(OutputPlan::plan({input("/c/shot.jpg", "c")}, CliOptions(), false)[0].folder,
               QStringLiteral("/c"));
+    // -o with an image type's name and one input: that file.
+    options = CliOptions();
+    options.outputDir = QStringLiteral("/out/result.png");
+    EXPECT_EQ(OutputPlan::plan({input("/c/shot.jpg", "")}, options, false)[0].file,
+              QStringLiteral("/out/result.png"));
+    EXPECT_TRUE(OutputPlan::namesFile(QStringLiteral("/out/result.WEBP")));
+    EXPECT_FALSE(OutputPlan::namesFile(QStringLiteral("/out/results")));
+    EXPECT_FALSE(OutputPlan::namesFile(QStringLiteral("/out/results.txt")));
+}
+
+TEST(CliTerminal, TheBarSaysTheRateAndTheTimeLeftOnceASecondHasPassed) {
+    EXPECT_EQ(CliTerminal::barText(0, 10, 0), QByteArray("[                              ] 0/10"));
+    EXPECT_EQ(CliTerminal::barText(5, 10, 900), QByteArray("[###############               ] 5/10"))
+        << "no rate over the first instant";
+    EXPECT_EQ(CliTerminal::barText(5, 10, 2000),
+              QByteArray("[###############               ] 5/10  2.5 images/s  2 s left"));
+    EXPECT_EQ(CliTerminal::barText(150, 10000, 10000),
+              QByteArray("[                              ] 150/10000  15 images/s  10:57 left"));
+    EXPECT_EQ(CliTerminal::barText(10, 100000, 5000),
+              QByteArray("[                              ] 10/100000  2.0 images/s  13:53:15 left"));
+    EXPECT_EQ(CliTerminal::barText(10, 10, 4000),
+              QByteArray("[##############################] 10/10  2.5 images/s  0 s left"));
+}
+
+TEST(DidYouMean, ASlipIsNamedAnotherWordIsNot) {
+    const QStringList words = {"process", "trace", "split", "info", "settings", "paddingEnabled", "padding"};
+    EXPECT_EQ(DidYouMean::closest(QStringLiteral("proces"), words), QStringLiteral("process"));
+    EXPECT_EQ(DidYouMean::closest(QStringLiteral("trcae"), words), QStringLiteral("trace"))
+        << "a swap is one slip";
+    EXPECT_EQ(DidYouMean::closest(QStringLiteral("PaddingEnabeld"), words), QStringLiteral("paddingEnabled"));
+    EXPECT_EQ(DidYouMean::closest(QStringLiteral("padding"), words), QStringLiteral("padding"));
+    EXPECT_TRUE(DidYouMean::closest(QStringLiteral("frobnicate"), words).isEmpty());
+    EXPECT_TRUE(DidYouMean::closest(QStringLiteral("tx"), words).isEmpty())
+        << "two letters of five aren't a slip";
+    EXPECT_TRUE(DidYouMean::closest(QString(200, QLatin1Char('a')), words).isEmpty());
 }
 
 TEST(AvailableCores, FollowsTheAffinityMask) {

@@ -1,9 +1,10 @@
 // The command line against what a careless or hostile user can hand it: pipes and devices named
 // like pictures, names that aren't UTF-8, files it must not write over, broken manifests, pictures
-// far larger than their files, work that can't be done. Each case runs the real program, since
+// far larger than their files, too little memory, a missing or damaged network, work that can't be
+// done. Each case runs the real program, since
 // what is checked is what a person at a terminal sees: the exit code, the JSON and the files.
+#include "CliProgram.h"
 #include "HostileFiles.h"
-#include "TestSupport.h"
 
 #include "io/ImageFile.h"
 
@@ -11,6 +12,8 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
+#include <QPainter>
+#include <QStandardPaths>
 
 #include <gtest/gtest.h>
 
@@ -23,16 +26,9 @@ using namespace cutlark::test;
 
 namespace {
 
-ProgramRun cli(const QStringList& arguments, const QByteArray& input = QByteArray()) {
-    return runProgram(QStringLiteral(CUTLARK_CLI_PATH), arguments, QProcessEnvironment::systemEnvironment(),
-                      input, 60000);
-}
-
-class HostileRunTest : public ::testing::Test {
+class HostileRunTest : public CliFixture {
 protected:
-    QString path(const QString& name) const { return m_dir.filePath(name); }
     QByteArray nativePath(const char* name) const { return QFile::encodeName(m_dir.path()) + '/' + name; }
-    QTemporaryDir m_dir;
 };
 
 } // namespace
@@ -59,7 +55,9 @@ TEST_F(HostileRunTest, PipesAndDevicesNamedLikePicturesAreNamedNotWaitedOn) {
         }
         EXPECT_TRUE(named);
     }
-    EXPECT_TRUE(QFileInfo::exists(path(QStringLiteral("out/real-out.png")))) << "the real picture is done";
+    EXPECT_TRUE(
+        QFileInfo::exists(path(QStringLiteral("out/%1/real-out.png").arg(QDir(m_dir.path()).dirName()))))
+        << "the real picture is done";
 }
 
 TEST_F(HostileRunTest, NamesThatArentUtf8AreProcessedUnderTheirOwnBytes) {
@@ -183,10 +181,115 @@ TEST_F(HostileRunTest, WhatCantBeDoneOrOpenedIsSaidWithWhatToDo) {
     EXPECT_EQ(cli({QStringLiteral("info"), QStringLiteral("--max-megapixels=0"), bomb}).exitCode, 2);
 
     // Standard input that isn't a picture is refused before the rest of it is read.
-    run = cli({QStringLiteral("process"), QStringLiteral("--stdout"), QStringLiteral("-")},
-              QByteArray(8 << 20, '\0'));
+    run = piped({QStringLiteral("process"), QStringLiteral("--stdout"), QStringLiteral("-")},
+                QByteArray(8 << 20, '\0'));
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_EQ(run.err.trimmed(),
               QStringLiteral("cutlark-cli: -: not an image type cutlark opens (application/octet-stream)"));
     EXPECT_TRUE(run.out.isEmpty());
+}
+
+TEST_F(HostileRunTest, SubjectModeWithoutTheNetworkFailsAndSaysHowToGetIt) {
+    QTemporaryDir emptyCache;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("XDG_CACHE_HOME"), emptyCache.path());
+    const QString photo = savePng(m_dir, QStringLiteral("photo.png"), coordinates(40, 30));
+    const CliRun run =
+        cli({QStringLiteral("process"), QStringLiteral("--set"), QStringLiteral("keyWhiteEnabled=true"),
+             QStringLiteral("--set"), QStringLiteral("bgRemovalMode=subject"), photo},
+            environment);
+    EXPECT_EQ(run.exitCode, 1);
+    ASSERT_EQ(run.lines.size(), 1);
+    EXPECT_TRUE(
+        run.lines[0].value(QStringLiteral("error")).toString().contains(QStringLiteral("scripts/setup.sh")))
+        << qPrintable(run.err);
+    EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("photo-out.png"))));
+}
+
+TEST_F(HostileRunTest, RunningOutOfMemoryNeverEndsTheProcessWithASignal) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer's run-time needs terabytes of address space: no limit can be set";
+#endif
+    // A photo-sized sticker under address-space limits from too small to enough: each run refuses
+    // the picture, skips a stage or writes it, and always ends by itself with 0 or 1.
+    QImage sheet = solid(3000, 2000, Qt::white);
+    QPainter(&sheet).fillRect(1000, 600, 1000, 800, Qt::red);
+    const QString big = savePng(m_dir, QStringLiteral("big.png"), sheet);
+    for (qint64 megabytes : {300, 450, 600, 800}) {
+        const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--overwrite"),
+                                QStringLiteral("--set"), QStringLiteral("stickerEnabled=true"),
+                                QStringLiteral("--set"), QStringLiteral("strokeWidth=40"),
+                                QStringLiteral("--set"), QStringLiteral("keyWhiteEnabled=true"), big},
+                               QProcessEnvironment::systemEnvironment(), megabytes << 20);
+        EXPECT_TRUE(run.exitCode == 0 || run.exitCode == 1)
+            << megabytes << " MB: " << run.exitCode << " " << qPrintable(run.err);
+    }
+    // The GIF and HEIF writers gather their output in callbacks from C: a refused allocation there
+    // is the library's own error, not an exception thrown through its frames (which aborts).
+    for (const char* format : {"gif", "heic"}) {
+        for (qint64 megabytes : {200, 260, 330}) {
+            const CliRun run = cli({QStringLiteral("process"), QStringLiteral("--overwrite"),
+                                    QStringLiteral("--format"), QLatin1String(format), big},
+                                   QProcessEnvironment::systemEnvironment(), megabytes << 20);
+            EXPECT_TRUE(run.exitCode == 0 || run.exitCode == 1)
+                << format << " at " << megabytes << " MB: " << run.exitCode << " " << qPrintable(run.err);
+        }
+    }
+}
+
+TEST_F(HostileRunTest, ADamagedNetworkOrRuntimeInTheCacheIsNamedNeverCrashedOn) {
+    const QString cache = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation);
+    const QString network = cache + QStringLiteral("/cutlark/isnet-medium-fp32.onnx");
+    const QString runtime = cache + QStringLiteral("/cutlark/libonnxruntime.so.1");
+    ASSERT_TRUE(QFileInfo::exists(network) && QFileInfo::exists(runtime)) << "the set-up fetches both";
+    QTemporaryDir other;
+    ASSERT_TRUE(QDir(other.path()).mkpath(QStringLiteral("cutlark")));
+    const QString ownNetwork = other.filePath(QStringLiteral("cutlark/isnet-medium-fp32.onnx"));
+    const QString ownRuntime = other.filePath(QStringLiteral("cutlark/libonnxruntime.so.1"));
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("XDG_CACHE_HOME"), other.path());
+    const QString photo = savePng(m_dir, QStringLiteral("photo.png"), coordinates(64, 48));
+    const QStringList subject = {QStringLiteral("process"),
+                                 QStringLiteral("--overwrite"),
+                                 QStringLiteral("--set"),
+                                 QStringLiteral("keyWhiteEnabled=true"),
+                                 QStringLiteral("--set"),
+                                 QStringLiteral("bgRemovalMode=subject"),
+                                 photo};
+
+    // A runtime cut short (it made the loader fault): the network runs without it, and says why.
+    ASSERT_TRUE(QFile::link(network, ownNetwork));
+    QFile whole(runtime);
+    ASSERT_TRUE(whole.open(QIODevice::ReadOnly));
+    writeBytes(ownRuntime, whole.read(1 << 20));
+    CliRun run = cli(subject, environment);
+    EXPECT_EQ(run.exitCode, 0) << qPrintable(run.err);
+    ASSERT_EQ(run.lines.size(), 1);
+    EXPECT_TRUE(QFileInfo::exists(path(QStringLiteral("photo-out.png"))));
+#if !defined(__SANITIZE_THREAD__) // ThreadSanitizer's builds never load ONNX Runtime
+    EXPECT_EQ(run.lines[0].value(QStringLiteral("notice")).toString(),
+              QStringLiteral("“%1” is damaged (it isn’t the file Cutlark fetched); delete it and run "
+                             "scripts/setup.sh (or ./run.sh) to fetch it")
+                  .arg(ownRuntime));
+#endif
+
+    // Random bytes for the runtime (they smashed the loader's stack) and a network cut short (it
+    // read as "not installed"): the network's file is named, nothing is written, nothing crashes.
+    QByteArray noise(300000, Qt::Uninitialized);
+    for (qsizetype i = 0; i < noise.size(); ++i)
+        noise[i] = char((i * 2654435761u) >> 13);
+    writeBytes(ownRuntime, noise);
+    ASSERT_TRUE(QFile::remove(ownNetwork));
+    QFile fullNetwork(network);
+    ASSERT_TRUE(fullNetwork.open(QIODevice::ReadOnly));
+    writeBytes(ownNetwork, fullNetwork.read(2 << 20));
+    ASSERT_TRUE(QFile::remove(path(QStringLiteral("photo-out.png"))));
+    run = cli(subject, environment);
+    EXPECT_EQ(run.exitCode, 1) << qPrintable(run.err);
+    ASSERT_EQ(run.lines.size(), 1);
+    EXPECT_EQ(run.lines[0].value(QStringLiteral("error")).toString(),
+              QStringLiteral("subject mode can’t run: “%1” is damaged (it isn’t the file Cutlark fetched); "
+                             "delete it and run scripts/setup.sh (or ./run.sh) to fetch it")
+                  .arg(ownNetwork));
+    EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("photo-out.png"))));
 }

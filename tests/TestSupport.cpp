@@ -10,6 +10,7 @@
 
 #include <QBuffer>
 #include <QFile>
+#include <QFileInfo>
 #include <QImageWriter>
 #include <QtEndian>
 #include <QThreadPool>
@@ -69,6 +70,7 @@ void put(QImage& image, int x, int y, uchar r, uchar g, uchar b, uchar a) {
 }
 
 bool writeImage(const QImage& image, const QString& path, const char* format, int quality) {
+    QDir().mkpath(QFileInfo(path).path()); // "shoot/day 2/b.png" makes its folders
     QImageWriter writer(path, format);
     if (quality >= 0) writer.setQuality(quality);
     return writer.write(image);

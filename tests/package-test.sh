@@ -33,13 +33,23 @@ appstreamcli validate --no-net "$root/share/metainfo/io.github.cutlark.Cutlark.m
     fail "the metainfo doesn't validate"
 [ -f "$root/share/doc/cutlark/LICENSE" ] || fail "no LICENSE"
 
-# What the completion offers after "cutlark-cli process --set resiz".
+# What the completion offers after "cutlark-cli process --set resiz", "cutlark-cli pro",
+# "--format w", "--set backgroundIm" (not the picture, which --set refuses) and "--set trimEnabled=t"
+# (which bash splits at "=").
 offered="$(bash -c '
     source "$1"
-    COMP_WORDS=(cutlark-cli process --set resiz); COMP_CWORD=3
-    _cutlark_cli; echo "${COMPREPLY[*]}"
-    COMP_WORDS=(cutlark-cli pro); COMP_CWORD=1
-    _cutlark_cli; echo "${COMPREPLY[*]}"' _ "$root/share/bash-completion/completions/cutlark-cli")"
+    offer() { COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); COMP_LINE="$line"; COMP_POINT=${#line}; _cutlark_cli; echo "${COMPREPLY[*]}"; }
+    line="cutlark-cli process --set resiz" offer cutlark-cli process --set resiz
+    line="cutlark-cli pro" offer cutlark-cli pro
+    line="cutlark-cli process --format w" offer cutlark-cli process --format w
+    line="cutlark-cli process --set backgroundIm" offer cutlark-cli process --set backgroundIm
+    line="cutlark-cli process --set trimEnabled=t" offer cutlark-cli process --set trimEnabled = t
+    line="cutlark-cli process --set bgRemovalMode=" offer cutlark-cli process --set bgRemovalMode =
+    ' _ "$root/share/bash-completion/completions/cutlark-cli")"
 [ "$offered" = "resizeEnabled= resizeWidth= resizeHeight= resizeLockAspect= resizeCanvas=
-process" ] || fail "completion offered: $offered"
+process
+webp
+backgroundImageURL=
+true
+white subject" ] || fail "completion offered: $offered"
 echo "package test: $(basename "$deb") ok"

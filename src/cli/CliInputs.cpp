@@ -13,6 +13,7 @@
 #include <QSet>
 
 #include <algorithm>
+#include <vector>
 
 namespace cutlark {
 
@@ -21,52 +22,104 @@ namespace {
 // More than any picture cutlark opens is stored in.
 constexpr qint64 kMaxStandardInput = qint64(1) << 30;
 
-/// Inputs as opening sees them: folders become their images, in name order within each folder.
-QStringList expandInputs(const QStringList& inputs) {
-    QStringList out;
-    for (const QString& input : inputs) {
-        QStringList expanded = CropModel::expandingFolders({input});
-        if (NativePath::isFolder(input)) {
-            std::stable_sort(expanded.begin(), expanded.end(), [](const QString& a, const QString& b) {
-                return NaturalOrder::compare(QFileInfo(a).fileName(), QFileInfo(b).fileName()) < 0;
-            });
-        }
-        out << expanded;
-    }
-    return out;
+// The entries in name order, each name's key worked out once.
+void sortByName(QList<NativePath::Entry>& entries) {
+    std::vector<std::pair<NaturalOrder::Key, NativePath::Entry>> keyed;
+    keyed.reserve(size_t(entries.size()));
+    for (NativePath::Entry& e : entries)
+        keyed.emplace_back(NaturalOrder::key(e.path.section(QLatin1Char('/'), -1)), std::move(e));
+    std::stable_sort(keyed.begin(), keyed.end(), [](const auto& a, const auto& b) {
+        return NaturalOrder::compare(a.first, b.first) < 0;
+    });
+    for (size_t i = 0; i < keyed.size(); ++i)
+        entries[qsizetype(i)] = std::move(keyed[i].second);
 }
 
-/// Each input with its key for slicing: its path relative to the folder it was found in as given
-/// on the command line, or the path as given for a file named directly.
-QList<QPair<QString, QString>> expandInputsKeyed(const QStringList& given) {
-    QList<QPair<QString, QString>> out;
-    for (const QString& argument : given) {
-        const bool folder = NativePath::isFolder(argument);
-        for (const QString& path : expandInputs({argument}))
-            out.append({path, folder ? QDir(argument).relativeFilePath(path) : QDir::cleanPath(argument)});
+// A folder named on the command line, expanded: its pictures in name order, then (recursively)
+// those of its subfolders in name order. `below` is the path below the folder named; `visited`
+// keeps a link back up from looping.
+void expandFolder(const QString& folder, const QString& below, const QString& topName, bool recursive,
+                  QSet<QString>& visited, QList<CliInputs::Input>& out, int& subfolders) {
+    const QString real = NativePath::canonical(folder);
+    if (visited.contains(real)) return;
+    visited.insert(real);
+    QList<NativePath::Entry> entries = NativePath::entries(folder);
+    sortByName(entries);
+    const QString place =
+        below.isEmpty() ? topName : (topName.isEmpty() ? below : topName + QLatin1Char('/') + below);
+    for (const NativePath::Entry& e : entries) {
+        if (e.folder || !CropModel::passesTypeTest(e.path)) continue;
+        const QString name = e.path.section(QLatin1Char('/'), -1);
+        out.append({e.path, below.isEmpty() ? name : below + QLatin1Char('/') + name, place,
+                    e.link || real.isEmpty() ? QString() : real + QLatin1Char('/') + name});
     }
-    return out;
+    for (const NativePath::Entry& e : entries) {
+        if (!e.folder) continue;
+        if (!recursive) {
+            ++subfolders;
+            continue;
+        }
+        const QString name = QFileInfo(e.path).fileName();
+        expandFolder(e.path, below.isEmpty() ? name : below + QLatin1Char('/') + name, topName, true, visited,
+                     out, subfolders);
+    }
+}
+
+// The name a folder named on the command line keeps below -o DIR: its last name, as `cp -r` gives
+// it; none for ".", ".." or "shots/." (the folder's contents, as `cp -r shots/. out` copies them).
+QString placeName(const QString& argument) {
+    QString trimmed = argument;
+    while (trimmed.size() > 1 && trimmed.endsWith(QLatin1Char('/')))
+        trimmed.chop(1);
+    const QString last = trimmed.section(QLatin1Char('/'), -1);
+    if (last == QLatin1String(".") || last == QLatin1String("..") || last.isEmpty()) return {};
+    return QFileInfo(QDir::cleanPath(argument)).fileName();
 }
 
 } // namespace
 
 namespace CliInputs {
 
-QList<Input> expand(const QStringList& given, bool onceEach) {
-    QList<Input> out;
-    QSet<QString> seen;
-    for (const auto& [path, key] : expandInputsKeyed(given)) {
-        if (!onceEach) {
-            out.append({path, key});
+QList<Input> expand(const QStringList& given, bool recursive, bool onceEach, Report* report) {
+    QList<Input> expanded;
+    for (const QString& argument : given) {
+        if (!NativePath::isFolder(argument)) {
+            expanded.append({argument, QDir::cleanPath(argument), QString(), QString()});
             continue;
         }
-        const QString real = NativePath::canonical(path);
-        const QString same = !real.isEmpty() ? real : NativePath::absolute(path);
+        QSet<QString> visited;
+        int subfolders = 0;
+        const qsizetype before = expanded.size();
+        expandFolder(argument, QString(), placeName(argument), recursive, visited, expanded, subfolders);
+        if (report && expanded.size() == before) report->emptyFolders << argument;
+        if (report && subfolders > 0) report->skippedSubfolders.append({argument, subfolders});
+    }
+    if (!onceEach) return expanded;
+    // The same file named twice (a.png, ./a.png, a folder holding it) is one input.
+    QList<Input> out;
+    QSet<QString> seen;
+    for (const Input& input : expanded) {
+        const QString real = !input.real.isEmpty() ? input.real : NativePath::canonical(input.path);
+        const QString same = !real.isEmpty() ? real : NativePath::absolute(input.path);
         if (seen.contains(same)) continue;
         seen.insert(same);
-        out.append({path, key});
+        out.append(input);
     }
     return out;
+}
+
+std::optional<QString> readList(const QString& from, bool nulSeparated, QStringList& names) {
+    QFile file;
+    if (from != QLatin1String("-")) file.setFileName(from);
+    const bool opened =
+        from == QLatin1String("-") ? file.open(stdin, QIODevice::ReadOnly) : file.open(QIODevice::ReadOnly);
+    if (!opened) return QStringLiteral("can’t read the list %1: %2").arg(from, file.errorString());
+    const QByteArray text = file.readAll();
+    for (QByteArray name : text.split(nulSeparated ? '\0' : '\n')) {
+        if (!nulSeparated && name.endsWith('\r')) name.chop(1);
+        if (!name.isEmpty()) names << NativePath::fromBytes(name);
+    }
+    return std::nullopt;
 }
 
 QStringList paths(const QList<Input>& inputs) {

@@ -10,20 +10,41 @@
 namespace cutlark {
 
 /// The inputs of a run as the command line names them: folders become their images, in name order
-/// within each folder, as opening takes them; the same file named twice is one input.
+/// within each folder (with `recursive`, their subfolders' too), as opening takes them; the same
+/// file named twice is one input.
 namespace CliInputs {
 
 struct Input {
     QString path;     ///< as expanded from the arguments
     QString sliceKey; ///< for --shard: the path below the folder named, or the path as given
+    /// Where the result goes below -o DIR: the folder named (its last name) and the path below it,
+    /// as `cp -r` would place it ("photos/2024"); empty for a file named directly.
+    QString place;
+    /// The file's own path, links resolved, where the listing gave it cheaply; else empty. Tells
+    /// a file named twice apart without a `realpath` for each of 100 000 pictures.
+    QString real;
 };
 
-/// Each argument expanded: a folder into its images, a file as it is; with `onceEach`, repeats of
-/// a file (a.png, ./a.png, a folder holding it) left out after the first.
-QList<Input> expand(const QStringList& given, bool onceEach = true);
+/// What the expansion found besides pictures, to be said: folders named that hold no picture,
+/// subfolders left out for want of -r.
+struct Report {
+    QStringList emptyFolders;
+    QList<QPair<QString, int>> skippedSubfolders; ///< a folder named, and how many folders it holds
+};
+
+/// Each argument expanded: a folder into its images (recursively with `recursive`), a file as it
+/// is; with `onceEach`, repeats of a file (a.png, ./a.png, a folder holding it) left out after the
+/// first.
+QList<Input> expand(const QStringList& given, bool recursive = false, bool onceEach = true,
+                    Report* report = nullptr);
 
 /// The paths alone, in order.
 QStringList paths(const QList<Input>& inputs);
+
+/// The names a --files-from list holds: one a line (or, with `nulSeparated`, between NUL bytes),
+/// as bytes, so that any name survives; empty lines left out. `from` is a file or "-" for standard
+/// input. An error text when it can't be read.
+std::optional<QString> readList(const QString& from, bool nulSeparated, QStringList& names);
 
 } // namespace CliInputs
 

@@ -80,12 +80,17 @@ bool openAndBuild(CropModel& model, const QString& input, const RunContext& run,
     return true;
 }
 
-// The result's file: over the input (or beside it, when its type changes) with --in-place, else
-// where the plan says. An error text when the in-place result would land on another input.
+// The result's file: over the input (or beside it, when its type changes) with --in-place, the one
+// file -o names, or "<stem>-out.<ext>" where the plan puts it. An error text when the in-place
+// result would land on another input.
 std::optional<QString> targetOf(const OutputPlan::Plan& plan, const RunContext& run,
                                 const QString& sourcePath, const SavePlan::Choice& choice, QString& target) {
+    if (!plan.file.isEmpty()) {
+        target = plan.file;
+        return std::nullopt;
+    }
     if (!run.options.inPlace) {
-        target = QDir(plan.folder).filePath(SavePlan::newFileName(sourcePath, choice, plan.number));
+        target = QDir(plan.folder).filePath(SavePlan::newFileName(sourcePath, choice));
         return std::nullopt;
     }
     target = NativePath::absolute(SavePlan::overOriginal(sourcePath, choice));
@@ -93,6 +98,24 @@ std::optional<QString> targetOf(const OutputPlan::Plan& plan, const RunContext& 
         return QStringLiteral(
                    "the result would be written as “%1”, which is another input; nothing was written")
             .arg(QFileInfo(target).fileName());
+    return std::nullopt;
+}
+
+// The type the result is written as: the save rules, or the type asked for by --format or by the
+// name -o gives; an error text when that type can't hold the result's transparency.
+std::optional<QString> typeOf(const CropModel& model, const OutputPlan::Plan& plan, const CliOptions& options,
+                              SavePlan::Choice& choice) {
+    choice = model.saveTypeChoice(*model.active());
+    QString asked = options.format;
+    if (asked.isEmpty() && !plan.file.isEmpty())
+        asked = ImageFile::typeForExtension(QFileInfo(plan.file).suffix());
+    if (asked.isEmpty()) return std::nullopt;
+    // Asked for by name: written so, or refused when it would lose the transparency.
+    if (!ImageFile::supportsAlpha(asked) && hasTransparency(model.processedImage()))
+        return QStringLiteral("%1 can’t hold the result’s transparency; choose --format png or webp, or lay "
+                              "a background")
+            .arg(ImageFile::preferredExtension(asked));
+    choice = SavePlan::asked(asked);
     return std::nullopt;
 }
 
@@ -154,6 +177,10 @@ Outcome process(const OutputPlan::Plan& plan, const RunContext& run) {
         outcome.json.insert(QStringLiteral("error"), error);
         return outcome;
     };
+    if (!plan.clashesWith.isEmpty())
+        return fail(QStringLiteral("its result would take the name of “%1”’s; rename one of them (nothing "
+                                   "was written for either)")
+                        .arg(plan.clashesWith));
     CropModel model;
     if (!openAndBuild(model, plan.input, run, outcome)) return outcome;
     // Missing, damaged or refused: said as such, not as a picture without a subject.
@@ -162,23 +189,18 @@ Outcome process(const OutputPlan::Plan& plan, const RunContext& run) {
 
     const CropModel::Item* item = model.active();
     const QImage result = model.processedImage();
-    SavePlan::Choice choice = model.saveTypeChoice(*item);
-    if (!options.format.isEmpty()) {
-        // Asked for by name: written so, or refused when it would lose the transparency.
-        if (!ImageFile::supportsAlpha(options.format) && hasTransparency(result))
-            return fail(
-                QStringLiteral("%1 can’t hold the result’s transparency; choose --format png or webp, "
-                               "or lay a background")
-                    .arg(ImageFile::preferredExtension(options.format)));
-        choice = SavePlan::asked(options.format);
-    }
+    SavePlan::Choice choice;
+    if (auto error = typeOf(model, plan, options, choice)) return fail(*error);
     const QString type = ImageFile::writableType(choice.type);
     const QString sourcePath = item->path;
     QString target;
     if (auto error = targetOf(plan, run, sourcePath, choice, target)) return fail(*error);
     outcome.json.insert(QStringLiteral("output"), target);
-    // A result from before is not replaced unless asked; the file the input itself is, is.
-    if (!options.overwrite && target != NativePath::absolute(sourcePath) && NativePath::exists(target)) {
+    // A result from before is not replaced unless asked; the file the input itself is, is. A
+    // resumed run replaces what its manifest doesn't record as done: the file may be another
+    // run's, with other settings.
+    const bool replace = options.overwrite || !options.resumePath.isEmpty();
+    if (!replace && target != NativePath::absolute(sourcePath) && NativePath::exists(target)) {
         outcome.json.insert(QStringLiteral("skipped"), QStringLiteral("exists"));
         return outcome;
     }
@@ -197,6 +219,8 @@ Outcome process(const OutputPlan::Plan& plan, const RunContext& run) {
     if (bytes.isEmpty()) return fail(cantWrite);
     outcome.whenWriteFails = outcome.json;
     outcome.whenWriteFails.insert(QStringLiteral("error"), cantWrite);
+    // The input's place below -o DIR is made as it is needed.
+    if (!NativePath::makeFolders(QFileInfo(target).path())) return fail(cantWrite);
     startWriting(outcome, run, target, bytes);
     outcome.json.insert(QStringLiteral("width"), result.width());
     outcome.json.insert(QStringLiteral("height"), result.height());
@@ -204,6 +228,56 @@ Outcome process(const OutputPlan::Plan& plan, const RunContext& run) {
     const QStringList notices = noticesOf(model, run, result, leftOut);
     if (!notices.isEmpty()) outcome.json.insert(QStringLiteral("notice"), notices.join(QStringLiteral("; ")));
     if (model.subjectNotFound()) outcome.json.insert(QStringLiteral("subjectNotFound"), true);
+    return outcome;
+}
+
+Outcome trace(const QString& input, const QString& target, bool named, const RunContext& run,
+              FILE* toStdout) {
+    Outcome outcome;
+    outcome.json.insert(QStringLiteral("input"), input);
+    outcome.json.insert(QStringLiteral("output"), toStdout ? QStringLiteral("-") : target);
+    const auto fail = [&](const QString& error) {
+        outcome.failed = true;
+        outcome.json.insert(QStringLiteral("error"), error);
+        return outcome;
+    };
+    // Never over an input, and over an existing file only when asked; checked before any work.
+    if (!toStdout) {
+        const QString existing = NativePath::canonical(target);
+        if (!existing.isEmpty() && existing == NativePath::canonical(input))
+            return fail(QStringLiteral("“%1” is the input itself; nothing was written").arg(target));
+        if (!existing.isEmpty() && !run.options.overwrite) {
+            // A file named by -o is refused; an SVG from an earlier run is left, as process leaves its
+            // results.
+            if (named)
+                return fail(QStringLiteral(
+                                "“%1” exists already (give --overwrite to replace it); nothing was written")
+                                .arg(target));
+            outcome.json.insert(QStringLiteral("skipped"), QStringLiteral("exists"));
+            return outcome;
+        }
+    }
+    CropModel model;
+    if (!openAndBuild(model, input, run, outcome)) return outcome;
+    const auto svg = model.currentSVG();
+    if (!svg) return fail(model.vectorStatusText().value_or(QStringLiteral("No output.")));
+    const QByteArray bytes = svg->toUtf8();
+    if (toStdout) {
+        if (std::fwrite(bytes.constData(), 1, size_t(bytes.size()), toStdout) != size_t(bytes.size()) ||
+            std::fflush(toStdout) != 0)
+            return fail(QStringLiteral("couldn’t write the SVG to standard output"));
+    } else if (!NativePath::makeFolders(QFileInfo(target).path()) || !AtomicFile::write(target, bytes)) {
+        return fail(QStringLiteral("can’t write %1: %2").arg(target, AtomicFile::lastError()));
+    }
+    outcome.json.insert(QStringLiteral("width"), model.processedImage().width());
+    outcome.json.insert(QStringLiteral("height"), model.processedImage().height());
+    outcome.json.insert(QStringLiteral("type"), QStringLiteral("image/svg+xml"));
+    if (model.vectorFullColor() && model.vectorColorTrace())
+        outcome.json.insert(QStringLiteral("layers"), int(model.vectorColorTrace()->layers.size()));
+    else if (model.vectorTrace())
+        outcome.json.insert(QStringLiteral("contours"), int(model.vectorTrace()->contours.size()));
+    if (!run.idle.isEmpty())
+        outcome.json.insert(QStringLiteral("notice"), run.idle.join(QStringLiteral("; ")));
     return outcome;
 }
 
@@ -259,10 +333,13 @@ void failOpening(Outcome& outcome, const QString& input, const CropModel& model)
     if (!reason.isEmpty()) outcome.json.insert(QStringLiteral("reason"), reason);
 }
 
-QString failureLine(const QString& input, const QJsonObject& json) {
+QString failureReason(const QJsonObject& json) {
     const QString reason = json.value(QStringLiteral("reason")).toString();
-    return input + QStringLiteral(": ") +
-           (reason.isEmpty() ? json.value(QStringLiteral("error")).toString() : reason);
+    return reason.isEmpty() ? json.value(QStringLiteral("error")).toString() : reason;
+}
+
+QString failureLine(const QString& input, const QJsonObject& json) {
+    return input + QStringLiteral(": ") + failureReason(json);
 }
 
 QString settingsHash(const RunContext& run) {

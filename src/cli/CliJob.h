@@ -8,6 +8,8 @@
 #include <QSet>
 #include <QStringList>
 
+#include <cstdio>
+
 #include <future>
 #include <memory>
 #include <optional>
@@ -43,8 +45,26 @@ struct Outcome {
     QJsonObject whenWriteFails;
 };
 
+/// How many results a run wrote, left as they were (existing), or failed.
+struct Tally {
+    int written = 0, skipped = 0, failed = 0;
+    void count(const Outcome& o) {
+        if (o.failed)
+            ++failed;
+        else if (o.json.contains(QStringLiteral("skipped")))
+            ++skipped;
+        else
+            ++written;
+    }
+};
+
 /// `process` for one input: opened, built with the run's settings, written where the plan says.
 Outcome process(const OutputPlan::Plan& plan, const RunContext& run);
+
+/// `trace` for one input: opened, built with the run's settings and traced; the SVG written to
+/// `target`, or to `toStdout` when given. Never over the input; over an existing file only with
+/// --overwrite (else a target `named` by -o fails, a planned one is skipped as existing).
+Outcome trace(const QString& input, const QString& target, bool named, const RunContext& run, FILE* toStdout);
 
 /// `info` for one input: size, type, the artwork's box, whether the edges are white, collages.
 Outcome info(const QString& input);
@@ -55,6 +75,9 @@ void failOpening(Outcome& outcome, const QString& input, const CropModel& model)
 /// Why `path` didn't open, in a person's words, when something plainer than a damaged picture is
 /// the cause; empty otherwise.
 QString whyNotOpened(const QString& path);
+
+/// Why an input failed, in a person's words: the reason when there is one, else the error.
+QString failureReason(const QJsonObject& json);
 
 /// "input: why", for the failures named at the end of a run.
 QString failureLine(const QString& input, const QJsonObject& json);

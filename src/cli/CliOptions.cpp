@@ -2,6 +2,7 @@
 
 #include "io/ImageFile.h"
 #include "model/Settings.h"
+#include "support/DidYouMean.h"
 #include "support/RegularFile.h"
 
 #include <QCommandLineParser>
@@ -16,7 +17,14 @@ namespace {
 
 using Command = CliOptions::Command;
 
-constexpr unsigned kProcess = 1, kTrace = 2, kSplit = 4, kInfo = 8;
+constexpr unsigned kProcess = 1, kTrace = 2, kSplit = 4, kInfo = 8, kManifest = 16;
+constexpr unsigned kReaders = kProcess | kTrace | kSplit | kInfo; // the commands that read pictures
+
+// A switch's reader: sets the field.
+template <bool CliOptions::*field> std::optional<QString> turnOn(const QString&, CliOptions& out) {
+    out.*field = true;
+    return std::nullopt;
+}
 
 std::optional<int> integer(const QString& text, int lo, int hi) {
     bool ok = false;
@@ -104,67 +112,85 @@ const std::vector<CliOptions::Option> kOptions = {
      [](const QString& v, CliOptions& o) { return fileValue(v, o.presetPath, "preset"); }},
     {"output", "o", "DIR", kProcess | kSplit,
      "write into DIR (made when missing) instead of beside each input", readOutput},
-    {"output", "o", "FILE", kTrace, "the SVG to write (its folder is made when missing)", readOutput},
+    {"output", "o", "DIR", kTrace,
+     "write into DIR (made when missing) instead of beside each input; with\n"
+     "one input, a name ending in .svg is the file to write",
+     readOutput},
+    {"recursive", "r", "", kReaders,
+     "go into the folders named and all their subfolders; below -o DIR each\n"
+     "result keeps its place, as cp -r keeps it",
+     turnOn<&CliOptions::recursive>},
+    {"files-from", "", "FILE", kReaders,
+     "more inputs from FILE, one a line (- for standard input); for lists\ntoo long for the command line",
+     [](const QString& v, CliOptions& o) { return fileValue(v, o.filesFrom, "files-from"); }},
+    {"null", "0", "", kReaders, "the names of --files-from end in NUL bytes (find -print0), not line feeds",
+     turnOn<&CliOptions::nulSeparated>},
     {"in-place", "", "", kProcess,
      "write over each input (a result with transparency in a JPEG or BMP\ngoes to a PNG beside it)",
-     [](const QString&, CliOptions& o) -> std::optional<QString> {
-         o.inPlace = true;
-         return std::nullopt;
-     }},
-    {"overwrite", "", "", kProcess | kTrace, "replace results that exist already (never an input itself)",
-     [](const QString&, CliOptions& o) -> std::optional<QString> {
-         o.overwrite = true;
-         return std::nullopt;
-     }},
+     turnOn<&CliOptions::inPlace>},
+    {"overwrite", "", "", kProcess | kTrace | kSplit,
+     "replace results that exist already (never an input itself)", turnOn<&CliOptions::overwrite>},
     {"format", "", "TYPE", kProcess,
-     "write png, jpeg, webp, tiff, heic, gif or bmp (default: the input's\nown type, PNG when a result with "
-     "transparency can't be kept in it)",
+     "write png, jpeg, webp, tiff, heic, gif or bmp (default: the input's\n"
+     "own type, PNG when a result with transparency can't be kept in it)",
      readFormat},
     {"quality", "", "N", kProcess,
-     "1 to 100: for jpeg, webp and heic the quality (default: JPEG 92, WebP\nas the source was stored, HEIC "
-     "92); for png the compression effort,\nzlib's level N × 9 / 100 rounded up (default: level 6, as 60 "
-     "gives)",
+     "1 to 100: for jpeg, webp and heic the quality (default: JPEG 92, WebP\n"
+     "as the source was stored, HEIC 92); for png the compression effort,\n"
+     "zlib's level N × 9 / 100 rounded up (default: level 6, as 60 gives)",
      readQuality},
     {"keep-metadata", "", "", kProcess,
-     "carry each input's EXIF and XMP over to its result, orientation set\nto upright and sizes to the "
-     "result's (the default; JPEG, PNG, WebP,\nTIFF and HEIC results hold them, GIF and BMP results don't)",
+     "carry each input's EXIF and XMP over to its result, orientation set\n"
+     "to upright and sizes to the result's (the default; JPEG, PNG, WebP,\n"
+     "TIFF and HEIC results hold them, GIF and BMP results don't)",
      readKeepMetadata},
     {"strip", "", "", kProcess, "write results without the input's EXIF and XMP", readStrip},
     {"stdout", "", "", kProcess | kTrace,
      "write the one result to standard output (the JSON then goes to\nstandard error); also -o -",
-     [](const QString&, CliOptions& o) -> std::optional<QString> {
-         o.toStdout = true;
-         return std::nullopt;
-     }},
+     turnOn<&CliOptions::toStdout>},
     {"jobs", "j", "N", kProcess, "images at once (default: the cores this process may use)", readJobs},
     {"shard", "", "K/N", kProcess,
-     "only the K-th of N slices of the inputs (K from 0), the same slices\non every machine: by a hash of "
-     "each "
-     "input's path relative to the\nfolder given (or as given, for a file)",
+     "only the K-th of N slices of the inputs (K from 0), the same slices\n"
+     "on every machine: by a hash of each input's path relative to the\n"
+     "folder given (or as given, for a file)",
      readShard},
     {"manifest", "", "FILE", kProcess, "append one JSON line per finished input, once its result is on disk",
      [](const QString& v, CliOptions& o) { return fileValue(v, o.manifestPath, "manifest"); }},
     {"resume", "", "FILE", kProcess,
-     "skip the inputs FILE records as done with the same settings, and go on\nrecording there (unless "
-     "--manifest names another file)",
+     "skip the inputs FILE records as done with the same settings, and go on\n"
+     "recording there (unless --manifest names another file)",
      [](const QString& v, CliOptions& o) { return fileValue(v, o.resumePath, "resume"); }},
-    {"max-megapixels", "", "N", kProcess | kTrace | kSplit | kInfo,
-     "open pictures of up to N megapixels whatever their file's size\n(without it: 40, or 20 pixels per byte "
-     "of the file, whichever is\nmore, so that a small file can't claim gigabytes)",
+    {"verbose", "v", "", kReaders,
+     "let the libraries underneath speak too (image readers' warnings such\n"
+     "as libpng's, kept off standard error without it)",
+     turnOn<&CliOptions::verbose>},
+    {"json", "", "", kManifest, "the summary as one JSON object", turnOn<&CliOptions::json>},
+    {"max-megapixels", "", "N", kReaders,
+     "open pictures of up to N megapixels whatever their file's size\n"
+     "(without it: 40, or 20 pixels per byte of the file, whichever is\n"
+     "more, so that a small file can't claim gigabytes)",
      readMaxMegapixels},
 };
 
 std::optional<Command> commandNamed(const QString& word) {
-    static const QList<QPair<QString, Command>> names = {
-        {QStringLiteral("settings"), Command::settings}, {QStringLiteral("info"), Command::info},
-        {QStringLiteral("process"), Command::process},   {QStringLiteral("trace"), Command::trace},
-        {QStringLiteral("split"), Command::split},       {QStringLiteral("help"), Command::help},
-        {QStringLiteral("--help"), Command::help},       {QStringLiteral("-h"), Command::help},
-        {QStringLiteral("version"), Command::version},   {QStringLiteral("--version"), Command::version},
-        {QStringLiteral("-V"), Command::version}};
-    for (const auto& [name, command] : names)
+    for (const auto& [name, command] : CliOptions::commandNames())
+        if (word == name) return command;
+    // The forms a person types for help and version, besides the commands' own names.
+    static const QList<QPair<QString, Command>> aliases = {{QStringLiteral("--help"), Command::help},
+                                                           {QStringLiteral("-h"), Command::help},
+                                                           {QStringLiteral("--version"), Command::version},
+                                                           {QStringLiteral("-V"), Command::version}};
+    for (const auto& [name, command] : aliases)
         if (word == name) return command;
     return std::nullopt;
+}
+
+// The commands' names; with `all` false only those that have a help of their own.
+QStringList commandWords(bool all = true) {
+    QStringList words;
+    for (const auto& [name, command] : CliOptions::commandNames())
+        if (all || (command != Command::help && command != Command::version)) words << name;
+    return words;
 }
 
 // The rows the command takes, each long name once.
@@ -192,7 +218,10 @@ QString parseFailure(const QCommandLineParser& parser, const QString& command,
         const QString name =
             (unknown.first().size() == 1 ? QStringLiteral("-") : QStringLiteral("--")) + unknown.first();
         if (rows.empty()) return QStringLiteral("%1 takes no option “%2”").arg(command, name);
-        return QStringLiteral("unknown option “%1”").arg(name);
+        QStringList known;
+        for (const CliOptions::Option* o : rows)
+            known << QStringLiteral("--") + QLatin1String(o->name);
+        return QStringLiteral("unknown option “%1”").arg(name) + DidYouMean::hint(name, known);
     }
     const QString error = parser.errorText();
     for (const CliOptions::Option* o : rows) {
@@ -243,27 +272,16 @@ std::optional<QString> checkCombinations(CliOptions& out) {
         out.outputDir.isEmpty())
         return QStringLiteral("the result of standard input (“-”) needs --stdout or -o DIR");
     if (out.command != Command::settings && out.command != Command::help && out.command != Command::version &&
-        out.inputs.isEmpty())
+        out.inputs.isEmpty() && out.filesFrom.isEmpty())
         return QStringLiteral("no input given");
     if (out.manifestPath.isEmpty()) out.manifestPath = out.resumePath; // a resumed run goes on recording
     if (out.toStdout && !out.manifestPath.isEmpty())
         return QStringLiteral("--manifest and --resume record files written, not --stdout");
-    if (out.command == Command::trace) {
-        if (out.inputs.size() != 1) return QStringLiteral("trace takes one input");
-        if (out.outputDir.isEmpty() && !out.toStdout)
-            return QStringLiteral("trace needs -o OUT.svg or --stdout");
-        out.svgPath = std::exchange(out.outputDir, QString()); // trace's -o names a file, not a folder
-    }
+    if (out.command == Command::trace && out.toStdout && out.inputs.size() != 1)
+        return QStringLiteral("trace --stdout takes one input");
+    if (out.filesFrom == QLatin1String("-") && out.inputs.contains(QStringLiteral("-")))
+        return QStringLiteral("standard input can’t be both the list and a picture");
     return std::nullopt;
-}
-
-// The names of the commands a row is for: "process and trace".
-QString commandsOf(unsigned bits) {
-    QStringList names;
-    for (const auto& [bit, name] :
-         {std::pair{kProcess, "process"}, {kTrace, "trace"}, {kSplit, "split"}, {kInfo, "info"}})
-        if (bits & bit) names << QLatin1String(name);
-    return names.join(QStringLiteral(" and "));
 }
 
 // An option of the table given to a command that doesn't take it, said with the commands it is for.
@@ -289,7 +307,7 @@ std::optional<QString> foreignOption(const QString& command, Command which, cons
                     .arg(command, a.section(QLatin1Char('='), 0, 0));
             return QStringLiteral("%1 is for %2, not %3")
                 .arg(letter.isEmpty() || a.startsWith(QLatin1String("--")) ? name : letter,
-                     commandsOf(o.commands), command);
+                     CliOptions::commandsTaking(o.commands, QStringLiteral(" and ")), command);
         }
     }
     return std::nullopt;
@@ -299,6 +317,22 @@ std::optional<QString> foreignOption(const QString& command, Command which, cons
 
 const std::vector<CliOptions::Option>& CliOptions::options() {
     return kOptions;
+}
+
+const QList<QPair<QString, CliOptions::Command>>& CliOptions::commandNames() {
+    static const QList<QPair<QString, Command>> names = {
+        {QStringLiteral("process"), Command::process},   {QStringLiteral("trace"), Command::trace},
+        {QStringLiteral("split"), Command::split},       {QStringLiteral("info"), Command::info},
+        {QStringLiteral("manifest"), Command::manifest}, {QStringLiteral("settings"), Command::settings},
+        {QStringLiteral("help"), Command::help},         {QStringLiteral("version"), Command::version}};
+    return names;
+}
+
+QString CliOptions::commandsTaking(unsigned bits, const QString& between) {
+    QStringList names;
+    for (const auto& [name, command] : commandNames())
+        if (bits & commandBit(command)) names << name;
+    return names.join(between);
 }
 
 unsigned CliOptions::commandBit(Command command) {
@@ -311,6 +345,8 @@ unsigned CliOptions::commandBit(Command command) {
         return kSplit;
     case Command::info:
         return kInfo;
+    case Command::manifest:
+        return kManifest;
     case Command::settings:
     case Command::help:
     case Command::version:
@@ -324,16 +360,18 @@ std::optional<QString> CliOptions::parse(const QStringList& arguments, CliOption
     if (arguments.isEmpty()) return QStringLiteral("no command given");
     const QString& command = arguments.first();
     const auto named = commandNamed(command);
-    if (!named) return QStringLiteral("unknown command “%1”").arg(command);
+    if (!named)
+        return QStringLiteral("unknown command “%1”").arg(command) +
+               DidYouMean::hint(command, commandWords());
     out.command = *named;
 
     // "help COMMAND" is that command's help; "--help" anywhere before "--" is the command's.
     if (out.command == Command::help && arguments.size() > 1) {
         const auto which = commandNamed(arguments[1]);
         if (!which || *which == Command::help || *which == Command::version)
-            return QStringLiteral(
-                       "no help on “%1”: the commands are process, trace, split, info and settings")
-                .arg(arguments[1]);
+            return QStringLiteral("no help on “%1”: the commands are %2")
+                       .arg(arguments[1], commandWords(false).join(QStringLiteral(", "))) +
+                   DidYouMean::hint(arguments[1], commandWords(false));
         out.command = *which;
         out.help = true;
         return std::nullopt;

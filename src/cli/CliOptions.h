@@ -14,13 +14,12 @@ namespace cutlark {
 
 /// What `cutlark-cli` was asked to do, as read from its arguments.
 struct CliOptions {
-    enum class Command { settings, info, process, trace, split, help, version };
+    enum class Command { settings, info, process, trace, split, manifest, help, version };
 
     Command command = Command::help;
     QList<QPair<QString, QString>> sets; ///< --set NAME=VALUE, in the order given
     QString presetPath;                  ///< --preset FILE.json
     QString outputDir;                   ///< -o DIR (process, split)
-    QString svgPath;                     ///< -o OUT.svg (trace)
     bool inPlace = false;                ///< --in-place
     bool overwrite = false;              ///< --overwrite: replace results that exist already
     bool toStdout = false;               ///< --stdout or -o -: the one result to standard output
@@ -33,6 +32,11 @@ struct CliOptions {
     QString resumePath;                  ///< --resume FILE: skip what it records as done
     int jobs = 0;                        ///< --jobs N; 0 until given: the cores this process may use
     double maxMegapixels = 0;            ///< --max-megapixels N: pictures that big open whatever their file
+    bool recursive = false;              ///< -r: folders' subfolders too, mirrored below -o
+    QString filesFrom;                   ///< --files-from FILE: more inputs, one a line ("-": standard input)
+    bool nulSeparated = false;           ///< -0: the list's names end in NUL bytes, not line feeds
+    bool verbose = false;                ///< --verbose: the libraries' own messages too
+    bool json = false;                   ///< --json (manifest): the summary as JSON
     bool help = false;                   ///< --help after a command: that command's help
     QStringList inputs;
 
@@ -68,6 +72,10 @@ struct CliOptions {
     /// The rows, in the order the usage lists them.
     static const std::vector<Option>& options();
     static unsigned commandBit(Command command);
+    /// The commands by name, in the order the usage lists them.
+    static const QList<QPair<QString, Command>>& commandNames();
+    /// The commands `bits` stands for, named: "process and trace".
+    static QString commandsTaking(unsigned bits, const QString& between);
 };
 
 } // namespace cutlark

@@ -12,6 +12,7 @@
 #include "support/OrderedWork.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
@@ -86,6 +87,8 @@ int CliRunner::run(const CliOptions& options, const std::optional<QString>& erro
         return runTrace(options);
     case CliOptions::Command::split:
         return runSplit(options);
+    case CliOptions::Command::manifest:
+        return runManifest(options);
     case CliOptions::Command::help:
         std::fputs(qPrintable(CliOptions::usage()), m_out);
         return 0;
@@ -108,19 +111,46 @@ int CliRunner::runSettings() {
     return 0;
 }
 
-int CliRunner::runInfo(const CliOptions& options) {
-    QStringList failures;
-    StandardInput stdinput;
+std::optional<int> CliRunner::gatherInputs(const CliOptions& options, StandardInput& stdinput, bool onceEach,
+                                           QList<CliInputs::Input>& inputs, QStringList& failures) {
     QStringList given = options.inputs;
+    if (!options.filesFrom.isEmpty()) {
+        QStringList listed;
+        if (auto error = CliInputs::readList(options.filesFrom, options.nulSeparated, listed)) {
+            std::fprintf(m_err, "cutlark-cli: %s\n", qPrintable(*error));
+            return 2;
+        }
+        given << listed;
+    }
     if (auto code = stdinput.take(given, m_err)) return *code;
-    const QStringList inputs = CliInputs::paths(CliInputs::expand(given, false));
-    if (inputs.isEmpty()) {
+    CliInputs::Report report;
+    inputs = CliInputs::expand(given, options.recursive, onceEach, &report);
+    // A folder named that holds no picture is said, as a failed input of its own.
+    for (const QString& folder : std::as_const(report.emptyFolders)) {
+        const QJsonObject json{
+            {QStringLiteral("input"), folder},
+            {QStringLiteral("error"), QStringLiteral("no picture cutlark opens in this folder")}};
+        m_terminal.print(json, options.toStdout ? m_err : m_out);
+        failures << CliJob::failureLine(folder, json);
+    }
+    for (const auto& [folder, count] : std::as_const(report.skippedSubfolders))
+        std::fprintf(m_err, "cutlark-cli: %s: %d %s left out; give -r to go into %s\n", qPrintable(folder),
+                     count, count == 1 ? "subfolder" : "subfolders", count == 1 ? "it" : "them");
+    if (inputs.isEmpty() && failures.isEmpty()) {
         std::fprintf(m_err, "cutlark-cli: No supported images found.\n");
         return 1;
     }
-    for (const QString& input : inputs) {
-        Outcome o = CliJob::info(input);
-        const QString shown = stdinput.shown(input);
+    return std::nullopt;
+}
+
+int CliRunner::runInfo(const CliOptions& options) {
+    QStringList failures;
+    StandardInput stdinput;
+    QList<CliInputs::Input> inputs;
+    if (auto code = gatherInputs(options, stdinput, false, inputs, failures)) return *code;
+    for (const CliInputs::Input& input : std::as_const(inputs)) {
+        Outcome o = CliJob::info(input.path);
+        const QString shown = stdinput.shown(input.path);
         o.json.insert(QStringLiteral("input"), shown);
         m_terminal.print(o.json);
         if (o.failed) failures << CliJob::failureLine(shown, o.json);
@@ -184,312 +214,173 @@ std::optional<int> CliRunner::readSettings(const CliOptions& options, Settings& 
 }
 
 int CliRunner::runTrace(const CliOptions& options) {
-    Settings settings;
-    QStringList sizeWrites, given;
-    if (auto code = readSettings(options, settings, sizeWrites, given)) return *code;
-    settings.vectorizeEnabled = true; // tracing is what was asked for
-    const QStringList idle = warnIdle(settings, given);
+    RunContext run;
+    QStringList given;
+    if (auto code = readSettings(options, run.settings, run.sizeWrites, given)) return *code;
+    run.settings.vectorizeEnabled = true; // tracing is what was asked for
+    run.idle = warnIdle(run.settings, given);
+    run.options = options;
     StandardInput stdinput;
-    QStringList inputs = options.inputs;
-    if (auto code = stdinput.take(inputs, m_err)) return *code;
-    const QString input = inputs.first();
-    const QString shownInput = stdinput.shown(input);
-    if (!options.toStdout) {
-        // Never over an input, and over an existing file only when asked; checked before any work.
-        const QString target = NativePath::canonical(options.svgPath);
-        if (!target.isEmpty() && (target == NativePath::canonical(input) || !options.overwrite)) {
-            const bool isInput = target == NativePath::canonical(input);
-            std::fprintf(m_err, "cutlark-cli: %s: “%s” %s; nothing was written\n", qPrintable(shownInput),
-                         qPrintable(options.svgPath),
-                         isInput ? "is the input itself" : "exists already (give --overwrite to replace it)");
-            return 1;
+    QList<CliInputs::Input> inputs;
+    QStringList failures;
+    if (auto code = gatherInputs(options, stdinput, true, inputs, failures)) return *code;
+    // -o names the one SVG to write (a name ending in .svg, or a file that is there), or a folder.
+    const QString output = options.outputDir;
+    const bool toFile =
+        !output.isEmpty() && !NativePath::isFolder(output) &&
+        (output.endsWith(QLatin1String(".svg"), Qt::CaseInsensitive) || NativePath::exists(output));
+    if ((toFile || options.toStdout) && inputs.size() != 1) {
+        std::fprintf(m_err, "cutlark-cli: %s takes one input, and %lld were given; %s\n",
+                     options.toStdout ? "--stdout" : "-o FILE.svg", static_cast<long long>(inputs.size()),
+                     qPrintable(CliOptions::seeHelp(options.command)));
+        return 2;
+    }
+    // Each input's SVG: beside it, at its place below -o DIR, or the one file -o names. Two that
+    // would share one are both refused, as process refuses them.
+    QStringList targets;
+    QHash<QString, qsizetype> first;
+    QHash<qsizetype, QString> clashes;
+    for (const CliInputs::Input& input : std::as_const(inputs)) {
+        const QString svgName = CropModel::proposedDocumentName(input.path, QStringLiteral("svg"));
+        targets << NativePath::absolute(
+            toFile             ? output
+            : output.isEmpty() ? QDir(QFileInfo(NativePath::absolute(input.path)).path()).filePath(svgName)
+                               : QDir(QDir(output).filePath(input.place)).filePath(svgName));
+        const QString key = targets.back().toLower();
+        if (const auto at = first.constFind(key); at != first.constEnd()) {
+            clashes.insert(*at, input.path);
+            clashes.insert(targets.size() - 1, inputs[*at].path);
+        } else {
+            first.insert(key, targets.size() - 1);
         }
     }
-    CropModel model;
-    model.setSynchronousWork(true);
-    model.setDetectsCollages(false);
-    model.setMakesThumbnails(false);
-    model.open({input});
-    if (model.items().empty()) {
-        const QString reason =
-            model.openRefusal().isEmpty() ? CliJob::whyNotOpened(input) : model.openRefusal();
-        std::fprintf(m_err, "cutlark-cli: %s: %s\n", qPrintable(shownInput),
-                     qPrintable(!reason.isEmpty()
-                                    ? reason
-                                    : model.errorMessage().value_or(QStringLiteral("can’t open"))));
-        return 1;
-    }
-    model.applySettings(settings);
-    for (const QString& name : sizeWrites)
-        model.writeSetting(name, settings);
-    const auto svg = model.currentSVG();
-    if (!svg) {
-        const QString status = model.vectorStatusText().value_or(QStringLiteral("No output."));
-        std::fprintf(m_err, "cutlark-cli: %s: %s\n", qPrintable(shownInput), qPrintable(status));
-        return 1;
-    }
-    if (options.toStdout) {
-        const QByteArray bytes = svg->toUtf8();
-        if (std::fwrite(bytes.constData(), 1, size_t(bytes.size()), m_out) != size_t(bytes.size()) ||
-            std::fflush(m_out) != 0) {
-            std::fprintf(m_err, "cutlark-cli: %s: couldn’t write the SVG to standard output\n",
-                         qPrintable(shownInput));
-            return 1;
+    QElapsedTimer started;
+    started.start();
+    CliJob::Tally tally;
+    for (qsizetype i = 0; i < inputs.size(); ++i) {
+        const QString& path = inputs[i].path;
+        Outcome o;
+        if (clashes.contains(i)) {
+            o.failed = true;
+            o.json = QJsonObject{{QStringLiteral("output"), targets[i]},
+                                 {QStringLiteral("error"),
+                                  QStringLiteral("its SVG would take the name of “%1”’s; "
+                                                 "rename one of them (nothing was written for either)")
+                                      .arg(clashes.value(i))}};
+        } else {
+            o = CliJob::trace(path, targets[i], toFile, run, options.toStdout ? m_out : nullptr);
         }
-    } else {
-        // A missing folder is made, as process -o makes its own.
-        const QString folder = QFileInfo(options.svgPath).absolutePath();
-        if (!NativePath::isFolder(folder) && !QDir().mkpath(folder)) {
-            std::fprintf(m_err, "cutlark-cli: can’t create the folder “%s”\n", qPrintable(folder));
-            return 2;
-        }
-        if (!AtomicFile::write(options.svgPath, svg->toUtf8())) {
-            std::fprintf(m_err, "cutlark-cli: %s: can’t write %s: %s\n", qPrintable(shownInput),
-                         qPrintable(options.svgPath), qPrintable(AtomicFile::lastError()));
-            return 1;
-        }
+        const QString shown = stdinput.shown(path);
+        o.json.insert(QStringLiteral("input"), shown);
+        m_terminal.print(o.json, options.toStdout ? m_err : m_out);
+        tally.count(o);
+        if (o.failed) failures << CliJob::failureLine(shown, o.json);
     }
-    QJsonObject json{{QStringLiteral("input"), shownInput},
-                     {QStringLiteral("output"), options.toStdout ? QStringLiteral("-") : options.svgPath},
-                     {QStringLiteral("width"), model.processedImage().width()},
-                     {QStringLiteral("height"), model.processedImage().height()},
-                     {QStringLiteral("type"), QStringLiteral("image/svg+xml")}};
-    if (model.vectorFullColor() && model.vectorColorTrace())
-        json.insert(QStringLiteral("layers"), int(model.vectorColorTrace()->layers.size()));
-    else if (model.vectorTrace())
-        json.insert(QStringLiteral("contours"), int(model.vectorTrace()->contours.size()));
-    if (!idle.isEmpty()) json.insert(QStringLiteral("notice"), idle.join(QStringLiteral("; ")));
-    m_terminal.print(json, options.toStdout ? m_err : m_out);
-    return 0;
+    // The failures named, then the run in one line: the last thing said.
+    const int code = m_terminal.reportFailures(failures);
+    if (!options.toStdout)
+        m_terminal.summary(tally.written, tally.skipped, int(failures.size()), inputs.size(),
+                           started.elapsed());
+    return code;
 }
 
 int CliRunner::runSplit(const CliOptions& options) {
-    if (!options.outputDir.isEmpty() && !NativePath::isFolder(options.outputDir) &&
-        !QDir().mkpath(options.outputDir)) {
+    if (!options.outputDir.isEmpty() && !NativePath::makeFolders(options.outputDir)) {
         std::fprintf(m_err, "cutlark-cli: can’t create the folder “%s”\n", qPrintable(options.outputDir));
         return 2;
     }
     QStringList failures, single;
-    for (const QString& input : CliInputs::paths(CliInputs::expand(options.inputs, false))) {
-        QJsonObject json{{QStringLiteral("input"), input}};
-        CropModel model;
-        CliPanels panels(options.outputDir);
-        model.setPanels(&panels);
-        model.open({input});
-        if (model.items().empty()) {
-            Outcome o;
-            CliJob::failOpening(o, input, model);
-            json = o.json;
-            failures << CliJob::failureLine(input, json);
-        } else if (model.collageRects().size() < 2) {
-            // Read and found whole: nothing to split, nothing failed.
-            json.insert(QStringLiteral("notice"), QStringLiteral("not a collage"));
-            json.insert(QStringLiteral("pieces"), QJsonArray());
-            single << input;
-        } else {
-            model.splitCollage();
-            if (model.errorMessage()) {
-                json.insert(QStringLiteral("error"), *model.errorMessage());
-                failures << CliJob::failureLine(input, json);
-            } else {
-                QJsonArray pieces;
-                for (const auto& item : model.items())
-                    pieces.append(item.path);
-                json.insert(QStringLiteral("pieces"), pieces);
-                if (model.noticeMessage()) json.insert(QStringLiteral("notice"), *model.noticeMessage());
-            }
-        }
+    StandardInput stdinput;
+    QList<CliInputs::Input> inputs;
+    if (auto code = gatherInputs(options, stdinput, false, inputs, failures)) return *code;
+    QElapsedTimer started;
+    started.start();
+    CliJob::Tally tally;
+    for (const CliInputs::Input& input : std::as_const(inputs)) {
+        const QString folder =
+            options.outputDir.isEmpty() ? QString() : QDir(options.outputDir).filePath(input.place);
+        QJsonObject json = splitOne(input.path, folder, options.overwrite);
+        const bool whole = json.value(QStringLiteral("notice")).toString() == QLatin1String("not a collage");
+        if (json.contains(QStringLiteral("error"))) failures << CliJob::failureLine(input.path, json);
+        if (whole) single << input.path;
         m_terminal.print(json);
+        // A picture found whole was left as it is: skipped, as a collage split before is.
+        if (whole) json.insert(QStringLiteral("skipped"), QStringLiteral("whole"));
+        tally.count(CliJob::Outcome{json, json.contains(QStringLiteral("error")), {}, {}});
     }
     if (!single.isEmpty())
         std::fprintf(m_err, "cutlark-cli: not collages, left as they are: %s\n",
                      qPrintable(single.join(QStringLiteral(", "))));
-    return m_terminal.reportFailures(failures);
+    const int code = m_terminal.reportFailures(failures);
+    m_terminal.summary(tally.written, tally.skipped, int(failures.size()), inputs.size(), started.elapsed());
+    return code;
 }
 
-int CliRunner::runProcess(const CliOptions& asked) {
-    CliOptions options = asked;
-    RunContext run;
-    QStringList given;
-    if (auto code = readSettings(options, run.settings, run.sizeWrites, given)) return *code;
-    run.idle = warnIdle(run.settings, given);
-    StandardInput stdinput;
-    if (auto code = stdinput.take(options.inputs, m_err)) return *code;
-    if (options.toStdout) {
-        // The result is written as any other, into the private folder, then sent on.
-        options.outputDir = stdinput.folder();
-        if (options.outputDir.isEmpty()) {
-            std::fprintf(m_err, "cutlark-cli: can’t make a private temporary folder\n");
-            return 1;
-        }
+QJsonObject CliRunner::splitOne(const QString& input, const QString& folder, bool overwrite) {
+    QJsonObject json{{QStringLiteral("input"), input}};
+    CropModel model;
+    CliPanels panels(folder);
+    model.setPanels(&panels);
+    model.setSplitReplaces(overwrite);
+    model.open({input});
+    if (model.items().empty()) {
+        Outcome o;
+        CliJob::failOpening(o, input, model);
+        return o.json;
     }
-    run.options = options;
-    if (!options.outputDir.isEmpty() && !NativePath::isFolder(options.outputDir) &&
-        !QDir().mkpath(options.outputDir)) {
-        std::fprintf(m_err, "cutlark-cli: can’t create the folder “%s”\n", qPrintable(options.outputDir));
-        return 2;
+    if (model.collageRects().size() < 2) {
+        // Read and found whole: nothing to split, nothing failed.
+        json.insert(QStringLiteral("notice"), QStringLiteral("not a collage"));
+        json.insert(QStringLiteral("pieces"), QJsonArray());
+        return json;
     }
-    QStringList inputs;
-    QHash<QString, QString> keys;
-    if (auto code = processInputs(run, inputs, keys)) return *code;
-    // Outputs are planned over every input, so that slices run apart name them as one run would.
-    const std::vector<OutputPlan::Plan> plans =
-        OutputPlan::plan(inputs, options, Pipeline::mayProduceTransparency(run.settings));
-    std::vector<size_t> chosen;
-    std::optional<Manifest> manifest;
-    if (auto code = chooseWork(run, plans, keys, chosen, manifest)) return *code;
-
-    // The network loads while the first input decodes. No warm-up run: here the first cutout is
-    // that run, and a blank one before it would only add its own second.
-    std::jthread loadNetwork;
-    if (run.settings.keyWhiteEnabled && run.settings.bgRemovalMode == BGRemovalMode::subject)
-        loadNetwork = std::jthread([] { VisionEngine::preload(false); });
-
-    // N workers take the inputs in turn, each with a model of its own, so at most N images are in
-    // memory at once; the results are printed in input order as soon as each is ready.
-    const qsizetype total = qsizetype(chosen.size());
-    const int jobs = options.jobs > 0 ? options.jobs : AvailableCores::count();
-    run.writeSlots = std::make_shared<std::counting_semaphore<>>(jobs);
-    OrderedWork<Outcome> work(int(total), jobs, [&plans, &run, &chosen](int i) {
-        const OutputPlan::Plan& plan = plans[chosen[size_t(i)]];
-        try {
-            return CliJob::process(plan, run);
-        } catch (const std::exception& e) {
-            // Out of memory, or a library's error, for this input alone: the others go on.
-            return Outcome{QJsonObject{{QStringLiteral("input"), plan.input},
-                                       {QStringLiteral("error"), QStringLiteral("couldn’t be processed: %1")
-                                                                     .arg(QString::fromLocal8Bit(e.what()))}},
-                           true,
-                           {},
-                           {}};
-        }
-    });
-    QStringList failures;
-    // The bar counts images finished in any order, redrawn while the next one in order is awaited.
-    m_terminal.progress(0, total);
-    for (qsizetype i = 0; i < total; ++i) {
-        std::optional<Outcome> next;
-        while (!(next = work.next(std::chrono::milliseconds(250))))
-            m_terminal.progress(work.finished(), total);
-        finish(std::move(*next), plans[chosen[size_t(i)]].input, run, stdinput, manifest, failures);
-        m_terminal.progress(std::max<qsizetype>(work.finished(), i + 1), total);
+    // Split before: its pieces stay as they are unless asked, as process leaves its results.
+    const CropModel::Item& item = *model.active();
+    const QDir into(folder.isEmpty() ? QFileInfo(NativePath::absolute(input)).path() : folder);
+    QJsonArray existing;
+    for (qsizetype i = 0; i < model.collageRects().size(); ++i) {
+        const QString piece = into.filePath(CropModel::splitPieceName(item, int(i + 1)));
+        if (NativePath::exists(piece)) existing.append(piece);
     }
-    // Only now: all may be finished while lines are still to print, each on a cleared line.
-    m_terminal.endProgress();
-    return m_terminal.reportFailures(failures);
+    if (!overwrite && !existing.isEmpty()) {
+        json.insert(QStringLiteral("skipped"), QStringLiteral("exists"));
+        json.insert(QStringLiteral("pieces"), existing);
+        return json;
+    }
+    if (!folder.isEmpty() && !NativePath::makeFolders(folder)) {
+        json.insert(QStringLiteral("error"), QStringLiteral("can’t create the folder “%1”").arg(folder));
+        return json;
+    }
+    model.splitCollage();
+    if (model.errorMessage()) {
+        json.insert(QStringLiteral("error"), *model.errorMessage());
+        return json;
+    }
+    QJsonArray pieces;
+    for (const auto& piece : model.items())
+        pieces.append(piece.path);
+    json.insert(QStringLiteral("pieces"), pieces);
+    if (model.noticeMessage()) json.insert(QStringLiteral("notice"), *model.noticeMessage());
+    return json;
 }
 
-std::optional<int> CliRunner::processInputs(RunContext& run, QStringList& inputs,
-                                            QHash<QString, QString>& keys) {
-    const CliOptions& options = run.options;
-    const QList<CliInputs::Input> expanded = CliInputs::expand(options.inputs);
-    // Results this run would write are never its inputs (a second run beside the first one's
-    // results leaves them alone).
-    const QSet<QString> results =
-        options.inPlace
-            ? QSet<QString>()
-            : OutputPlan::results(OutputPlan::plan(CliInputs::paths(expanded), options,
-                                                   Pipeline::mayProduceTransparency(run.settings)));
-    for (const CliInputs::Input& input : expanded) {
-        if (results.contains(NativePath::absolute(input.path))) {
-            std::fprintf(m_err, "cutlark-cli: %s: left out, a result of this run\n", qPrintable(input.path));
-            continue;
-        }
-        inputs << input.path;
-        keys.insert(input.path, input.sliceKey);
-    }
-    if (inputs.isEmpty()) {
-        std::fprintf(m_err, "cutlark-cli: No supported images found.\n");
-        return 1;
-    }
-    if (options.toStdout && inputs.size() != 1) {
-        std::fprintf(m_err, "cutlark-cli: --stdout takes one image, and %lld were given; %s\n",
-                     static_cast<long long>(inputs.size()), qPrintable(CliOptions::seeHelp(options.command)));
-        return 2;
-    }
-    for (const QString& input : std::as_const(inputs))
-        run.inputs.insert(NativePath::absolute(input));
-    return std::nullopt;
-}
-
-std::optional<int> CliRunner::chooseWork(const RunContext& run, const std::vector<OutputPlan::Plan>& plans,
-                                         const QHash<QString, QString>& keys, std::vector<size_t>& chosen,
-                                         std::optional<Manifest>& manifest) {
-    const CliOptions& options = run.options;
-    const QString hash = CliJob::settingsHash(run);
-    QSet<QString> done;
-    if (!options.resumePath.isEmpty()) {
+int CliRunner::runManifest(const CliOptions& options) {
+    Manifest::Summary summary;
+    for (const QString& file : options.inputs) {
         QString error;
-        done = Manifest::done(options.resumePath, hash, error);
+        Manifest::summarize(file, summary, error);
         if (!error.isEmpty()) {
-            std::fprintf(m_err, "cutlark-cli: can’t read %s: %s\n", qPrintable(options.resumePath),
-                         qPrintable(error));
+            std::fprintf(m_err, "cutlark-cli: can’t read %s: %s\n", qPrintable(file), qPrintable(error));
             return 2;
         }
     }
-    if (!options.manifestPath.isEmpty()) {
-        QString error;
-        manifest = Manifest::open(options.manifestPath, error);
-        if (!manifest) {
-            std::fprintf(m_err, "cutlark-cli: can’t write %s: %s\n", qPrintable(options.manifestPath),
-                         qPrintable(error));
-            return 2;
-        }
+    if (options.json) {
+        const QByteArray line = QJsonDocument(summary.toJson()).toJson(QJsonDocument::Compact);
+        std::fprintf(m_out, "%s\n", line.constData());
+    } else {
+        std::fputs(qPrintable(summary.text()), m_out);
     }
-    for (size_t i = 0; i < plans.size(); ++i) {
-        if (!options.shard.takes(keys.value(plans[i].input))) continue;
-        if (done.contains(NativePath::absolute(plans[i].input))) {
-            m_terminal.print(QJsonObject{{QStringLiteral("input"), plans[i].input},
-                                         {QStringLiteral("skipped"), QStringLiteral("done")}});
-            continue;
-        }
-        chosen.push_back(i);
-    }
-    return std::nullopt;
-}
-
-void CliRunner::finish(Outcome o, const QString& path, const RunContext& run, const StandardInput& stdinput,
-                       std::optional<Manifest>& manifest, QStringList& failures) {
-    const CliOptions& options = run.options;
-    if (o.writing.valid()) {
-        if (const auto why = o.writing.get()) {
-            o.failed = true;
-            o.json = o.whenWriteFails;
-            if (!why->isEmpty())
-                o.json.insert(QStringLiteral("reason"),
-                              QStringLiteral("can’t write %1: %2")
-                                  .arg(o.json.value(QStringLiteral("output")).toString(), *why));
-        }
-    }
-    const QString input = stdinput.shown(path);
-    if (input != path) o.json.insert(QStringLiteral("input"), input);
-    if (options.toStdout && !o.failed) {
-        QFile result(o.json.value(QStringLiteral("output")).toString());
-        const QByteArray bytes = result.open(QIODevice::ReadOnly) ? result.readAll() : QByteArray();
-        if (bytes.isEmpty() ||
-            std::fwrite(bytes.constData(), 1, size_t(bytes.size()), m_out) != size_t(bytes.size()) ||
-            std::fflush(m_out) != 0) {
-            o.failed = true;
-            o.json.insert(QStringLiteral("error"),
-                          QStringLiteral("couldn’t write the result to standard output"));
-        }
-        o.json.insert(QStringLiteral("output"), QStringLiteral("-"));
-    }
-    m_terminal.print(o.json, options.toStdout ? m_err : m_out);
-    if (o.failed) failures << CliJob::failureLine(input, o.json);
-    if (!manifest) return;
-    // Only once the result is on disk, its folder's entry included, is the input done.
-    const QString output = o.json.value(QStringLiteral("output")).toString();
-    const bool durable = !o.failed && Manifest::syncFolderOf(output);
-    QJsonObject line{{QStringLiteral("input"), NativePath::absolute(path)},
-                     {QStringLiteral("settings"), CliJob::settingsHash(run)},
-                     {QStringLiteral("status"), durable ? QStringLiteral("done") : QStringLiteral("failed")}};
-    if (durable) line.insert(QStringLiteral("output"), output);
-    if (o.failed) line.insert(QStringLiteral("error"), o.json.value(QStringLiteral("error")));
-    if (!manifest->append(line)) {
-        failures << QStringLiteral("%1: can’t record it in %2").arg(input, options.manifestPath);
-        manifest.reset(); // a manifest that can't be written is written no more
-    }
+    return summary.failed() > 0 ? 1 : 0;
 }
 
 } // namespace cutlark

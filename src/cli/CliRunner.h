@@ -1,5 +1,6 @@
 #pragma once
 
+#include "cli/CliInputs.h"
 #include "cli/CliJob.h"
 #include "cli/CliOptions.h"
 #include "cli/CliTerminal.h"
@@ -33,6 +34,15 @@ private:
     int runProcess(const CliOptions& options);
     int runTrace(const CliOptions& options);
     int runSplit(const CliOptions& options);
+    int runManifest(const CliOptions& options);
+    /// The inputs named, listed (--files-from) and piped ("-"), expanded; folders without a
+    /// picture are printed as failed inputs and added to `failures`. An exit code when nothing
+    /// can be worked on.
+    std::optional<int> gatherInputs(const CliOptions& options, StandardInput& stdinput, bool onceEach,
+                                    QList<CliInputs::Input>& inputs, QStringList& failures);
+    /// One collage split into pieces in `folder` (empty: beside it); its JSON line. Pieces from
+    /// before are left as they are unless `overwrite`.
+    QJsonObject splitOne(const QString& input, const QString& folder, bool overwrite);
     /// The settings of --preset and --set, the resize fields named (to be written again, in order)
     /// and every name given with --set.
     std::optional<int> readSettings(const CliOptions& options, Settings& settings, QStringList& sizeWrites,
@@ -43,18 +53,24 @@ private:
     QStringList warnIdle(const Settings& settings, const QStringList& given);
 
     // The steps of `process`.
-    /// The inputs of the run, less the results it would write itself; an exit code when none remain.
-    std::optional<int> processInputs(CliJob::RunContext& run, QStringList& inputs,
-                                     QHash<QString, QString>& keys);
+    /// Where results go made ready: --stdout's private folder, or -o's folder made (or, when -o
+    /// names a file, its folder, refused for more than one input); an exit code when it can't be.
+    std::optional<int> prepareOutput(CliOptions& options, StandardInput& stdinput, qsizetype inputCount);
+    /// The inputs of the run, less the results it would write itself, and their plans; an exit code
+    /// when none remain.
+    std::optional<int> processInputs(CliJob::RunContext& run, QList<CliInputs::Input>& inputs,
+                                     std::vector<OutputPlan::Plan>& plans);
     /// The plans this run works on: its slice, less what the manifest it resumes records as done
-    /// (said on standard output); an exit code when the manifest can't be read or written.
+    /// with the same settings (said on standard output, counted in `tally`); an exit code when a
+    /// manifest can't be read or written.
     std::optional<int> chooseWork(const CliJob::RunContext& run, const std::vector<OutputPlan::Plan>& plans,
-                                  const QHash<QString, QString>& keys, std::vector<size_t>& chosen,
-                                  std::optional<Manifest>& manifest);
+                                  const QList<CliInputs::Input>& inputs, std::vector<size_t>& chosen,
+                                  std::optional<Manifest>& manifest, CliJob::Tally& tally);
     /// The outcome of one plan printed (its result sent to standard output with --stdout) and
-    /// recorded in the manifest; failures are added to `failures`.
-    void finish(CliJob::Outcome outcome, const QString& path, const CliJob::RunContext& run,
-                const StandardInput& stdinput, std::optional<Manifest>& manifest, QStringList& failures);
+    /// recorded in the manifest; failures are added to `failures`. The outcome as it ended.
+    CliJob::Outcome finish(CliJob::Outcome outcome, const QString& path, const CliJob::RunContext& run,
+                           const StandardInput& stdinput, std::optional<Manifest>& manifest,
+                           QStringList& failures);
 
     CliTerminal m_terminal;
     FILE* m_out;

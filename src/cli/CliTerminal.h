@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QElapsedTimer>
 #include <QJsonObject>
 #include <QStringList>
 
@@ -19,12 +20,19 @@ public:
 
     /// One JSON line to standard output, or to `to`, on a line of its own (the bar gives way).
     void print(const QJsonObject& object, FILE* to = nullptr);
-    /// The bar, when standard error is a terminal: `done` of `total`.
+    /// The bar, when standard error is a terminal: `done` of `total`, how many a second since the
+    /// first call and the time left at that rate.
     void progress(qsizetype done, qsizetype total);
+    /// The bar's text: "[#####     ] 5/10  2.5 images/s  2 s left" (the rate and time left once a
+    /// second has passed).
+    static QByteArray barText(qsizetype done, qsizetype total, qint64 elapsedMs);
     /// Takes the bar away so that a line printed next starts clean.
     void clearProgress();
     /// Ends the bar's line, once every line of the run is printed.
     void endProgress();
+    /// The run in one line on standard error: results written, left as they were, failed, the time
+    /// taken and how many of the `worked` inputs went through a second.
+    void summary(int written, int skipped, int failed, qsizetype worked, qint64 elapsedMs);
     /// Names each failure on standard error; the exit code: 1 when there were any, else 0.
     int reportFailures(const QStringList& failures);
 
@@ -32,6 +40,7 @@ private:
     FILE* m_out;
     FILE* m_err;
     bool m_barShown = false;
+    QElapsedTimer m_started;
 };
 
 } // namespace cutlark

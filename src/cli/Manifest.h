@@ -1,6 +1,8 @@
 #pragma once
 
+#include <QHash>
 #include <QJsonObject>
+#include <QList>
 #include <QSet>
 #include <QString>
 
@@ -23,14 +25,31 @@ public:
     }
     ~Manifest();
 
-    /// Opens `path` for appending, made when missing; absent with `error` set when it can't be.
+    /// What the manifests of a run's slices say together: each input's last record decides.
+    struct Summary {
+        int manifests = 0;
+        QHash<QString, QJsonObject> last; ///< by input
+        QStringList order;                ///< inputs in the order first recorded
+        int count(const QString& status) const;
+        int failed() const { return count(QStringLiteral("failed")); }
+        /// {"manifests","inputs","done","skipped","failed","settings","failures":[{"input","error"}]}
+        QJsonObject toJson() const;
+        /// The same for a person: a line of counts, then one line per failed input.
+        QString text() const;
+    };
+
+    /// Opens `path` for appending, made (with its folder) when missing; absent with `error` set
+    /// when it can't be.
     static std::optional<Manifest> open(const QString& path, QString& error);
     /// Appends `line` and waits until it is on disk; false when it couldn't be written.
     bool append(const QJsonObject& line);
 
     /// The inputs `path` records as done with settings `settingsHash`; empty when the file is
     /// missing. `error` is set when it exists but can't be read.
-    static QSet<QString> done(const QString& path, const QString& settingsHash, QString& error);
+    /// Their records, by input.
+    static QHash<QString, QJsonObject> done(const QString& path, const QString& settingsHash, QString& error);
+    /// Adds what `path` records to `summary`; `error` is set when it can't be read.
+    static void summarize(const QString& path, Summary& summary, QString& error);
 
     /// Makes the folder holding `path` durable, so a rename into it survives a crash.
     static bool syncFolderOf(const QString& path);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "cli/CliInputs.h"
 #include "cli/CliOptions.h"
 
 #include <QSet>
@@ -8,23 +9,32 @@
 
 #include <vector>
 
-/// Where each input's result goes, worked out for the whole run before any work starts, so that
-/// no two inputs of the run can write the same file whatever type each result takes.
+/// Where each input's result goes. A result's name depends only on its own input and the run's
+/// options, never on which other inputs there are: "<stem>-out.<ext>" beside the input, or with
+/// -o DIR below DIR at the input's place (the folder it was found in, kept as `cp -r` keeps it), or
+/// the one file -o names. Two inputs whose results could land on one file are both refused.
 namespace cutlark::OutputPlan {
 
 struct Plan {
     QString input;          ///< as expanded from the arguments
     QString folder;         ///< where a new result goes (unused with --in-place), absolute
-    int number = 1;         ///< 1: <stem>-out.<ext>; n: <stem>-out-n.<ext>
     QStringList extensions; ///< every extension the result can end up with
+    QString file;           ///< the one result -o names, when it names a file; else empty
+    /// The other input whose result could land on the same file, when there is one: this one is
+    /// refused, naming it.
+    QString clashesWith;
 };
 
-/// The plans for `inputs` in order: within one folder and stem, each input takes the lowest number
-/// none of whose names is spoken for yet. `transparencyPossible`: a result may need PNG where its
-/// own type has no alpha.
-std::vector<Plan> plan(const QStringList& inputs, const CliOptions& options, bool transparencyPossible);
+/// The plans for `inputs`, in order. `transparencyPossible`: a result may need PNG where its own
+/// type has no alpha.
+std::vector<Plan> plan(const QList<CliInputs::Input>& inputs, const CliOptions& options,
+                       bool transparencyPossible);
 
 /// Every file the plans could write, absolute.
 QSet<QString> results(const std::vector<Plan>& plans);
+
+/// True when -o names a file rather than a folder: a name with an image type's extension that
+/// isn't a folder already.
+bool namesFile(const QString& output);
 
 } // namespace cutlark::OutputPlan

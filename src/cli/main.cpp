@@ -5,6 +5,20 @@
 
 #include <QCoreApplication>
 
+#include <cstdio>
+
+namespace {
+
+// What the libraries underneath say in passing (an image reader's "libpng warning: iCCP: known
+// incorrect sRGB profile") is no news about the run: said only with --verbose. A fatal message
+// still is.
+void quiet(QtMsgType type, const QMessageLogContext& context, const QString& message) {
+    if (type == QtFatalMsg)
+        std::fprintf(stderr, "cutlark-cli: %s\n", qPrintable(qFormatLogMessage(type, context, message)));
+}
+
+} // namespace
+
 int main(int argc, char** argv) {
     // The arguments as bytes: a file name that isn't UTF-8 stays the name of its file. Read once.
     const QStringList arguments = cutlark::NativePath::arguments(argc, argv).mid(1);
@@ -17,6 +31,7 @@ int main(int argc, char** argv) {
     // cut out subjects restarts.
     if (!error && !options.help && options.mayCutOutSubjects())
         cutlark::HugePages::restartWithHugePages(argv);
+    if (!options.verbose) qInstallMessageHandler(quiet);
     QCoreApplication app(argc, argv);
     cutlark::CliRunner runner(stdout, stderr);
     return runner.run(options, error);

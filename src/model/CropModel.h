@@ -295,6 +295,8 @@ public:
     /// Each folder replaced by its direct children of an accepted type (by name), in listing order;
     /// anything else passed on untested.
     static QStringList expandingFolders(const QStringList& paths);
+    /// True when the file name's extension names one of the accepted types. Never reads the file.
+    static bool passesTypeTest(const QString& path);
 
     // --- saving ---
 
@@ -311,6 +313,14 @@ public:
     /// Writes each piece of the active collage into a folder the user chooses, as base-p.ext, takes the
     /// collage out of the queue and opens the pieces.
     void splitCollage();
+    /// The name of the piece at 1-based `position` of `item`'s collage: "<stem>-<position>.<ext>",
+    /// or with `number` from 2 "<stem>-<position>-<number>.<ext>" (a name already taken).
+    static QString splitPieceName(const Item& item, int position, int number = 1);
+    /// Whether a split writes over pieces that exist already instead of taking the next free number
+    /// (off: the window never writes over a file unasked; the command line's --overwrite turns it on).
+    void setSplitReplaces(bool on) {
+        m_splitReplaces = on;
+    }
     bool hasVectorOutput() const;
     /// The preview when tracing is on and one exists, else the processed image.
     QImage vectorDisplayImage() const;
@@ -354,8 +364,6 @@ private:
     /// progress; false when the user cancelled, which stops the waiting at once (decodes already
     /// running finish on their own and are dropped).
     bool decodeAll(std::vector<DecodedFile>& candidates);
-    /// True when the file name's extension names one of the accepted types. Never reads the file.
-    static bool passesTypeTest(const QString& path);
     /// Makes `id` the active item: the item being left keeps its settings, the new one brings its
     /// own (unless they are synced), and the picture is rebuilt and looked at for a collage.
     void activate(std::optional<QUuid> id);
@@ -419,6 +427,7 @@ private:
     bool m_detectsCollages = true;
     bool m_makesThumbnails = true;
     bool m_defersResize = false;
+    bool m_splitReplaces = false;
     ImageFile::LoadOptions m_loadOptions;
     Decoder m_decoder;
     VectorTracer m_vectorTracer;

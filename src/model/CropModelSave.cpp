@@ -113,6 +113,16 @@ void CropModel::saveAsNewFile() {
     finishSave(id, *chosen);
 }
 
+QString CropModel::splitPieceName(const Item& item, int position, int number) {
+    const QString base = QFileInfo(withoutExtension(item.path)).fileName();
+    QString extension = QFileInfo(item.path).suffix();
+    if (extension.isEmpty()) extension = ImageFile::preferredExtension(item.type);
+    if (extension.isEmpty()) extension = QStringLiteral("png");
+    return base + QLatin1Char('-') + QString::number(position) +
+           (number > 1 ? QLatin1Char('-') + QString::number(number) : QString()) + QLatin1Char('.') +
+           extension;
+}
+
 void CropModel::splitCollage() {
     const Item* item = active();
     if (!item || m_collageRects.size() < 2 || !m_panels) return;
@@ -121,10 +131,6 @@ void CropModel::splitCollage() {
     if (!folder || folder->isEmpty()) return;
 
     const QUuid id = item->id;
-    const QString base = QFileInfo(withoutExtension(item->path)).fileName();
-    QString extension = QFileInfo(item->path).suffix();
-    if (extension.isEmpty()) extension = ImageFile::preferredExtension(item->type);
-    if (extension.isEmpty()) extension = QStringLiteral("png");
     const QDir dir(*folder);
 
     // Pieces of the untouched source, in the item's own format, largest first.
@@ -134,11 +140,11 @@ void CropModel::splitCollage() {
         const QImage piece = CropEngine::subImage(
             item->buffer.image(), QRect(int(r.x()), int(r.y()), int(r.width()), int(r.height())));
         if (piece.isNull()) continue; // the position goes on counting
-        const QString stem = base + QLatin1Char('-') + QString::number(i + 1);
-        QString target = dir.filePath(stem + QLatin1Char('.') + extension);
-        for (int n = 2; NativePath::exists(target); ++n)
-            target =
-                dir.filePath(stem + QLatin1Char('-') + QString::number(n) + QLatin1Char('.') + extension);
+        QString target = dir.filePath(splitPieceName(*item, int(i + 1)));
+        // An existing file is written over only when asked (the command line's --overwrite); else
+        // the piece takes the next free number.
+        for (int n = 2; !m_splitReplaces && NativePath::exists(target); ++n)
+            target = dir.filePath(splitPieceName(*item, int(i + 1), n));
         if (ImageFile::save(piece, target, item->type, item->storage,
                             ImageFile::interactiveQuality(item->type)))
             written << target;

@@ -1,6 +1,7 @@
 #include "model/Settings.h"
 
 #include "io/ImageFile.h"
+#include "support/DidYouMean.h"
 
 #include <QJsonValue>
 
@@ -323,13 +324,14 @@ std::optional<QString> Settings::parseInto(Settings& into, const QString& name, 
     if (name == QLatin1String("backgroundImage")) return pictureByItself();
     CUTLARK_SETTINGS(CUTLARK_PARSE)
 #undef CUTLARK_PARSE
-    return QStringLiteral("unknown setting “%1”").arg(name);
+    return QStringLiteral("unknown setting “%1”").arg(name) + DidYouMean::hint(name, names());
 }
 
 std::optional<QString> Settings::parseJsonInto(Settings& into, const QJsonObject& object) {
     // Table order, so that a preset reads the same whatever order its keys were written in.
     for (const QString& key : object.keys()) {
-        if (!names().contains(key)) return QStringLiteral("unknown setting “%1”").arg(key);
+        if (!names().contains(key))
+            return QStringLiteral("unknown setting “%1”").arg(key) + DidYouMean::hint(key, names());
     }
     for (const QString& name : names()) {
         if (!object.contains(name)) continue;
