@@ -1,5 +1,6 @@
 // Batches: where results go and what they are called, the ways inputs come in (folders, trees,
-// lists, standard input) and results go out, and what a run says while and after it works. Each case runs the real program.
+// lists, standard input) and results go out, and what a run says while and after it works. Each case runs the
+// real program.
 #include "CliProgram.h"
 #include "HostileBytes.h"
 
@@ -38,7 +39,8 @@ TEST_F(CliBatchTest, ProcessWritesNewFilesIntoTheOutputFolder) {
     EXPECT_TRUE(run.lines[0].value(QStringLiteral("input")).toString().endsWith(QStringLiteral("img2.png")))
         << "name order, numbers as numbers";
     const QString out = run.lines[1].value(QStringLiteral("output")).toString();
-    EXPECT_EQ(out, path(QStringLiteral("out/in/img10-out.png"))) << "the folder named keeps its place below -o";
+    EXPECT_EQ(out, path(QStringLiteral("out/in/img10-out.png")))
+        << "the folder named keeps its place below -o";
     EXPECT_EQ(run.lines[1].value(QStringLiteral("width")).toInt(), 20);
     EXPECT_EQ(run.lines[1].value(QStringLiteral("height")).toInt(), 40);
     EXPECT_EQ(run.lines[1].value(QStringLiteral("type")).toString(), QStringLiteral("image/png"));
@@ -157,7 +159,8 @@ TEST_F(CliBatchTest, OnATerminalTheBarStartsAtZeroAndGivesWayToEachLine) {
         QRegularExpression(QStringLiteral("\\] \\d+/3\\{")).match(QString::fromUtf8(screen)).hasMatch())
         << "a line never glued to the bar";
     // The finished bar stays on a line of its own, the summary under it.
-    EXPECT_TRUE(QRegularExpression(QStringLiteral("\\] 3/3[^\\r\\n]*\\r\\ncutlark-cli: 3 written, 0 skipped, 0 failed in "))
+    EXPECT_TRUE(QRegularExpression(
+                    QStringLiteral("\\] 3/3[^\\r\\n]*\\r\\ncutlark-cli: 3 written, 0 skipped, 0 failed in "))
                     .match(QString::fromUtf8(screen))
                     .hasMatch())
         << screen.toStdString();
@@ -230,14 +233,15 @@ TEST_F(CliBatchTest, RecursionMirrorsTheTreeAndSubfoldersLeftOutAreSaid) {
     const CliRun flat = cli({QStringLiteral("info"), shoot});
     EXPECT_EQ(flat.exitCode, 0);
     EXPECT_EQ(flat.lines.size(), 1);
-    EXPECT_EQ(flat.err, QStringLiteral("cutlark-cli: %1: 2 subfolders left out; give -r to go into them\n").arg(shoot));
+    EXPECT_EQ(flat.err,
+              QStringLiteral("cutlark-cli: %1: 2 subfolders left out; give -r to go into them\n").arg(shoot));
 
     const CliRun deep = cli({QStringLiteral("process"), QStringLiteral("-r"), QStringLiteral("-o"),
                              path(QStringLiteral("out")), shoot});
     ASSERT_EQ(deep.exitCode, 0) << qPrintable(deep.err);
-    EXPECT_EQ(field(deep, "output"),
-              (QStringList{path(QStringLiteral("out/shoot/a-out.png")), path(QStringLiteral("out/shoot/day 2/b-out.png")),
-                           path(QStringLiteral("out/shoot/day 2/late/c-out.png"))}));
+    EXPECT_EQ(field(deep, "output"), (QStringList{path(QStringLiteral("out/shoot/a-out.png")),
+                                                  path(QStringLiteral("out/shoot/day 2/b-out.png")),
+                                                  path(QStringLiteral("out/shoot/day 2/late/c-out.png"))}));
     for (const QString& output : field(deep, "output"))
         EXPECT_TRUE(QFileInfo::exists(output)) << qPrintable(output);
     // Beside each input without -o; results of a run before are no inputs.
@@ -257,6 +261,15 @@ TEST_F(CliBatchTest, RecursionMirrorsTheTreeAndSubfoldersLeftOutAreSaid) {
               QStringLiteral("no picture cutlark opens in this folder"));
     QString err = none.err;
     EXPECT_EQ(takeSummary(err), QStringLiteral("0 written, 1 skipped, 1 failed")) << qPrintable(none.err);
+    // Nothing but such folders: the failures, and still the run's one line at the end.
+    const CliRun only = cli({QStringLiteral("process"), empty, path(QStringLiteral("shoot/notes"))});
+    EXPECT_EQ(only.exitCode, 1);
+    EXPECT_EQ(only.lines.size(), 2);
+    err = only.err;
+    EXPECT_EQ(takeSummary(err), QStringLiteral("0 written, 0 skipped, 2 failed")) << qPrintable(only.err);
+    EXPECT_EQ(err, QStringLiteral("cutlark-cli: %1: no picture cutlark opens in this folder\n"
+                                  "cutlark-cli: %2: no picture cutlark opens in this folder\n")
+                       .arg(empty, path(QStringLiteral("shoot/notes"))));
 }
 
 TEST_F(CliBatchTest, ListsOfFilesComeByLineOrByNulFromAFileOrStandardInput) {
@@ -271,42 +284,52 @@ TEST_F(CliBatchTest, ListsOfFilesComeByLineOrByNulFromAFileOrStandardInput) {
     ASSERT_EQ(::write(fd, png.constData(), size_t(png.size())), png.size());
     ::close(fd);
 
-    writeBytes(path(QStringLiteral("list.txt")), (path(QStringLiteral("a.png")) + QStringLiteral("\n\n") +
-                                                  path(QStringLiteral("with space.png")) + QStringLiteral("\n"))
-                                                     .toUtf8());
-    const CliRun lines = cli({QStringLiteral("info"), QStringLiteral("--files-from"), path(QStringLiteral("list.txt"))});
+    writeBytes(path(QStringLiteral("list.txt")),
+               (path(QStringLiteral("a.png")) + QStringLiteral("\n\n") +
+                path(QStringLiteral("with space.png")) + QStringLiteral("\n"))
+                   .toUtf8());
+    const CliRun lines =
+        cli({QStringLiteral("info"), QStringLiteral("--files-from"), path(QStringLiteral("list.txt"))});
     ASSERT_EQ(lines.exitCode, 0) << qPrintable(lines.err);
-    EXPECT_EQ(field(lines, "input"), (QStringList{path(QStringLiteral("a.png")), path(QStringLiteral("with space.png"))}));
+    EXPECT_EQ(field(lines, "input"),
+              (QStringList{path(QStringLiteral("a.png")), path(QStringLiteral("with space.png"))}));
 
     const QByteArray nul = QFile::encodeName(path(QStringLiteral("two\nlines.png"))) + '\0' + latin1 + '\0';
-    const CliRun nuls = piped({QStringLiteral("process"), QStringLiteral("--files-from=-"), QStringLiteral("-0"),
-                               QStringLiteral("-o"), path(QStringLiteral("out"))},
+    const CliRun nuls = piped({QStringLiteral("process"), QStringLiteral("--files-from=-"),
+                               QStringLiteral("-0"), QStringLiteral("-o"), path(QStringLiteral("out"))},
                               nul);
     ASSERT_EQ(nuls.exitCode, 0) << qPrintable(nuls.err);
     ASSERT_EQ(nuls.lines.size(), 2);
     EXPECT_EQ(nuls.lines[0].value(QStringLiteral("width")).toInt(), 12);
     EXPECT_TRUE(nuls.out.contains("caf\\udce9.png")) << "printed escaped: " << nuls.out.constData();
-    EXPECT_EQ(::access((QFile::encodeName(path(QStringLiteral("out"))) + "/caf\xe9-out.png").constData(), F_OK), 0)
+    EXPECT_EQ(
+        ::access((QFile::encodeName(path(QStringLiteral("out"))) + "/caf\xe9-out.png").constData(), F_OK), 0)
         << "its result under the same bytes";
     // A listed name that isn't there fails alone; a list that can't be read is a usage error.
-    writeBytes(path(QStringLiteral("gone.txt")), "missing.png\n" + QFile::encodeName(path(QStringLiteral("a.png"))));
-    const CliRun gone = cli({QStringLiteral("info"), QStringLiteral("--files-from"), path(QStringLiteral("gone.txt"))});
+    writeBytes(path(QStringLiteral("gone.txt")),
+               "missing.png\n" + QFile::encodeName(path(QStringLiteral("a.png"))));
+    const CliRun gone =
+        cli({QStringLiteral("info"), QStringLiteral("--files-from"), path(QStringLiteral("gone.txt"))});
     EXPECT_EQ(gone.exitCode, 1);
     EXPECT_EQ(gone.lines.size(), 2);
-    const CliRun unreadable = cli({QStringLiteral("info"), QStringLiteral("--files-from"), path(QStringLiteral("nope.txt"))});
+    const CliRun unreadable =
+        cli({QStringLiteral("info"), QStringLiteral("--files-from"), path(QStringLiteral("nope.txt"))});
     EXPECT_EQ(unreadable.exitCode, 2);
 }
 
 TEST_F(CliBatchTest, OutputNamedAsAnImageIsThatFile) {
     const QString in = savePng(m_dir, QStringLiteral("in.png"), coordinates(30, 20));
-    const CliRun jpeg = cli({QStringLiteral("process"), QStringLiteral("-o"), path(QStringLiteral("made/result.jpg")), in});
+    const CliRun jpeg =
+        cli({QStringLiteral("process"), QStringLiteral("-o"), path(QStringLiteral("made/result.jpg")), in});
     ASSERT_EQ(jpeg.exitCode, 0) << qPrintable(jpeg.err);
-    EXPECT_EQ(jpeg.lines[0].value(QStringLiteral("output")).toString(), path(QStringLiteral("made/result.jpg")));
+    EXPECT_EQ(jpeg.lines[0].value(QStringLiteral("output")).toString(),
+              path(QStringLiteral("made/result.jpg")));
     EXPECT_EQ(ImageFile::load(path(QStringLiteral("made/result.jpg")))->type, QStringLiteral("image/jpeg"))
         << "its type from the extension";
     EXPECT_TRUE(QFileInfo(path(QStringLiteral("made/result.jpg"))).isFile());
     // --format wins over the extension; an existing file is left unless --overwrite.
-    EXPECT_EQ(field(cli({QStringLiteral("process"), QStringLiteral("-o"), path(QStringLiteral("made/result.jpg")), in}),
+    EXPECT_EQ(field(cli({QStringLiteral("process"), QStringLiteral("-o"),
+                         path(QStringLiteral("made/result.jpg")), in}),
                     "skipped"),
               QStringList{"exists"});
     const CliRun webp = cli({QStringLiteral("process"), QStringLiteral("--format=webp"), QStringLiteral("-o"),
@@ -326,13 +349,15 @@ TEST_F(CliBatchTest, TraceTakesManyInputsAndSaysEachOnesOutcome) {
     const QString a = savePng(m_dir, QStringLiteral("in/a.png"), shape);
     const QString blank = savePng(m_dir, QStringLiteral("in/blank.png"), solid(40, 40, Qt::white));
     const QString c = savePng(m_dir, QStringLiteral("in/c.png"), shape);
-    const CliRun run = cli({QStringLiteral("trace"), QStringLiteral("-o"), path(QStringLiteral("svg")), a, blank, c});
+    const CliRun run =
+        cli({QStringLiteral("trace"), QStringLiteral("-o"), path(QStringLiteral("svg")), a, blank, c});
     EXPECT_EQ(run.exitCode, 1);
     ASSERT_EQ(run.lines.size(), 3) << "one line per input, the failure too";
     EXPECT_EQ(field(run, "output"),
               (QStringList{path(QStringLiteral("svg/a.svg")), path(QStringLiteral("svg/blank.svg")),
                            path(QStringLiteral("svg/c.svg"))}));
-    EXPECT_TRUE(run.lines[1].value(QStringLiteral("error")).toString().startsWith(QStringLiteral("No clear shape")));
+    EXPECT_TRUE(
+        run.lines[1].value(QStringLiteral("error")).toString().startsWith(QStringLiteral("No clear shape")));
     EXPECT_TRUE(readBytes(path(QStringLiteral("svg/a.svg"))).contains("<svg"));
     EXPECT_TRUE(readBytes(path(QStringLiteral("svg/c.svg"))).contains("<svg"));
     EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("svg/blank.svg"))));
@@ -342,7 +367,8 @@ TEST_F(CliBatchTest, TraceTakesManyInputsAndSaysEachOnesOutcome) {
     ASSERT_EQ(QFile::remove(blank), true);
     EXPECT_EQ(cli({QStringLiteral("trace"), path(QStringLiteral("in"))}).exitCode, 0);
     EXPECT_TRUE(QFileInfo::exists(path(QStringLiteral("in/c.svg"))));
-    EXPECT_EQ(field(cli({QStringLiteral("trace"), path(QStringLiteral("in"))}), "skipped"), (QStringList{"exists", "exists"}));
+    EXPECT_EQ(field(cli({QStringLiteral("trace"), path(QStringLiteral("in"))}), "skipped"),
+              (QStringList{"exists", "exists"}));
 }
 
 TEST_F(CliBatchTest, SplitRunAgainLeavesItsPiecesAsTheyAre) {
@@ -352,14 +378,16 @@ TEST_F(CliBatchTest, SplitRunAgainLeavesItsPiecesAsTheyAre) {
     painter.fillRect(110, 10, 80, 80, Qt::black);
     painter.end();
     const QString in = savePng(m_dir, QStringLiteral("sheet.png"), collage);
-    const QStringList split = {QStringLiteral("split"), QStringLiteral("-o"), path(QStringLiteral("pieces")), in};
+    const QStringList split = {QStringLiteral("split"), QStringLiteral("-o"), path(QStringLiteral("pieces")),
+                               in};
     ASSERT_EQ(cli(split).exitCode, 0);
     const QStringList first = QDir(path(QStringLiteral("pieces"))).entryList(QDir::Files);
     EXPECT_EQ(first, (QStringList{"sheet-1.png", "sheet-2.png"}));
     const CliRun again = cli(split);
     EXPECT_EQ(again.exitCode, 0);
     EXPECT_EQ(again.lines[0].value(QStringLiteral("skipped")).toString(), QStringLiteral("exists"));
-    EXPECT_EQ(QDir(path(QStringLiteral("pieces"))).entryList(QDir::Files), first) << "no sheet-1-2.png beside them";
+    EXPECT_EQ(QDir(path(QStringLiteral("pieces"))).entryList(QDir::Files), first)
+        << "no sheet-1-2.png beside them";
     const CliRun replaced = cli(split + QStringList{QStringLiteral("--overwrite")});
     EXPECT_EQ(replaced.exitCode, 0) << qPrintable(replaced.err);
     EXPECT_EQ(replaced.lines[0].value(QStringLiteral("pieces")).toArray().size(), 2);
@@ -382,7 +410,8 @@ TEST_F(CliBatchTest, ImageReadersChatterOnlyWithVerbose) {
     chunk(png, "IDAT", zlibOf(rows));
     chunk(png, "IEND", QByteArray());
     writeBytes(path(QStringLiteral("odd.png")), png);
-    const CliRun quiet = cli({QStringLiteral("process"), QStringLiteral("-o"), path(QStringLiteral("q")), path(QStringLiteral("odd.png"))});
+    const CliRun quiet = cli({QStringLiteral("process"), QStringLiteral("-o"), path(QStringLiteral("q")),
+                              path(QStringLiteral("odd.png"))});
     ASSERT_EQ(quiet.exitCode, 0) << qPrintable(quiet.err);
     QString err = quiet.err;
     EXPECT_EQ(takeSummary(err), QStringLiteral("1 written, 0 skipped, 0 failed"));

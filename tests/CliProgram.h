@@ -42,8 +42,9 @@ inline CliRun piped(const QStringList& arguments, const QByteArray& input) {
 /// taken off the end of `err`; its counts ("3 written, 0 skipped, 1 failed"), or empty when the
 /// last line isn't one.
 inline QString takeSummary(QString& err) {
-    static const QRegularExpression line(QStringLiteral(
-        "cutlark-cli: (\\d+ written, \\d+ skipped, \\d+ failed) in \\d+\\.\\d s \\((\\d+(\\.\\d)?|–) images/s\\)\\n$"));
+    static const QRegularExpression line(
+        QStringLiteral("cutlark-cli: (\\d+ written, \\d+ skipped, \\d+ failed) in \\d+\\.\\d s "
+                       "\\((\\d+(\\.\\d)?|–) images/s\\)\\n$"));
     const QRegularExpressionMatch m = line.match(err);
     if (!m.hasMatch()) return {};
     err.truncate(m.capturedStart());
@@ -58,7 +59,8 @@ inline QMap<QString, QByteArray> pngResults(const QString& folder) {
     QDirIterator it(folder, QDir::Files, QDirIterator::Subdirectories);
     while (it.hasNext()) {
         const QFileInfo f = it.nextFileInfo();
-        if (f.suffix() == QLatin1String("png")) files.insert(QDir(folder).relativeFilePath(f.filePath()), readBytes(f.filePath()));
+        if (f.suffix() == QLatin1String("png"))
+            files.insert(QDir(folder).relativeFilePath(f.filePath()), readBytes(f.filePath()));
     }
     return files;
 }

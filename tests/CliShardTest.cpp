@@ -121,14 +121,15 @@ TEST_F(CliShardTest, APhotoAddedBeforeAResumeGetsAResultOfItsOwn) {
     savePng(m_dir, QStringLiteral("cat/a/img2.png"), solid(11, 10, Qt::red));
     savePng(m_dir, QStringLiteral("cat/b/img3.png"), solid(12, 10, Qt::blue));
     const QString manifest = path(QStringLiteral("m.jsonl"));
-    const QStringList run = {QStringLiteral("process"), QStringLiteral("--set=paddingEnabled=true"),
-                             QStringLiteral("--resume"), manifest, QStringLiteral("-o"), path(QStringLiteral("out")),
+    const QStringList run = {QStringLiteral("process"),     QStringLiteral("--set=paddingEnabled=true"),
+                             QStringLiteral("--resume"),    manifest,
+                             QStringLiteral("-o"),          path(QStringLiteral("out")),
                              path(QStringLiteral("cat/a")), path(QStringLiteral("cat/b"))};
     const CliRun first = cli(run);
     ASSERT_EQ(first.exitCode, 0) << qPrintable(first.err);
-    EXPECT_EQ(field(first, "output"),
-              (QStringList{path(QStringLiteral("out/a/img1-out.png")), path(QStringLiteral("out/a/img2-out.png")),
-                           path(QStringLiteral("out/b/img3-out.png"))}))
+    EXPECT_EQ(field(first, "output"), (QStringList{path(QStringLiteral("out/a/img1-out.png")),
+                                                   path(QStringLiteral("out/a/img2-out.png")),
+                                                   path(QStringLiteral("out/b/img3-out.png"))}))
         << "each folder named keeps its place below -o";
     const QByteArray b3 = readBytes(path(QStringLiteral("out/b/img3-out.png")));
 
@@ -137,8 +138,10 @@ TEST_F(CliShardTest, APhotoAddedBeforeAResumeGetsAResultOfItsOwn) {
     ASSERT_EQ(second.exitCode, 0) << qPrintable(second.err);
     // What the manifest records is said first, then the new photo's result.
     EXPECT_EQ(field(second, "skipped"), (QStringList{"done", "done", "done", ""}));
-    EXPECT_EQ(second.lines[3].value(QStringLiteral("input")).toString(), path(QStringLiteral("cat/a/img3.png")));
-    EXPECT_EQ(second.lines[3].value(QStringLiteral("output")).toString(), path(QStringLiteral("out/a/img3-out.png")));
+    EXPECT_EQ(second.lines[3].value(QStringLiteral("input")).toString(),
+              path(QStringLiteral("cat/a/img3.png")));
+    EXPECT_EQ(second.lines[3].value(QStringLiteral("output")).toString(),
+              path(QStringLiteral("out/a/img3-out.png")));
     EXPECT_EQ(ImageFile::load(path(QStringLiteral("out/a/img3-out.png")))->image.width(), 13 + 80);
     EXPECT_EQ(readBytes(path(QStringLiteral("out/b/img3-out.png"))), b3) << "b/img3's result untouched";
     // Every manifest line true: each done input has its own result, and it is there.
@@ -157,21 +160,30 @@ TEST_F(CliShardTest, APhotoAddedBeforeAResumeGetsAResultOfItsOwn) {
                              path(QStringLiteral("cat/a/img1.png"))});
     EXPECT_EQ(same.exitCode, 1);
     ASSERT_EQ(same.lines.size(), 3);
-    EXPECT_TRUE(same.lines[0].value(QStringLiteral("error")).toString().contains(path(QStringLiteral("cat/b/img3.png"))));
-    EXPECT_TRUE(same.lines[1].value(QStringLiteral("error")).toString().contains(path(QStringLiteral("cat/a/img3.png"))));
-    EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("flat/img3-out.png")))) << "nothing written for either";
+    EXPECT_TRUE(same.lines[0]
+                    .value(QStringLiteral("error"))
+                    .toString()
+                    .contains(path(QStringLiteral("cat/b/img3.png"))));
+    EXPECT_TRUE(same.lines[1]
+                    .value(QStringLiteral("error"))
+                    .toString()
+                    .contains(path(QStringLiteral("cat/a/img3.png"))));
+    EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("flat/img3-out.png"))))
+        << "nothing written for either";
     EXPECT_TRUE(QFileInfo::exists(path(QStringLiteral("flat/img1-out.png"))));
     // A JPEG whose result may become a PNG meets the PNG of the same stem only when transparency
     // is possible.
     writeImage(solid(20, 10, Qt::white), path(QStringLiteral("shot.jpg")), "jpeg");
     writeImage(solid(30, 10, Qt::white), path(QStringLiteral("shot.png")), "png");
-    const QStringList pair = {QStringLiteral("-o"), path(QStringLiteral("pair")), path(QStringLiteral("shot.jpg")),
-                              path(QStringLiteral("shot.png"))};
-    EXPECT_EQ(cli(QStringList{QStringLiteral("process"), QStringLiteral("--set=paddingEnabled=true")} + pair).exitCode, 1);
+    const QStringList pair = {QStringLiteral("-o"), path(QStringLiteral("pair")),
+                              path(QStringLiteral("shot.jpg")), path(QStringLiteral("shot.png"))};
+    EXPECT_EQ(cli(QStringList{QStringLiteral("process"), QStringLiteral("--set=paddingEnabled=true")} + pair)
+                  .exitCode,
+              1);
     const CliRun plain = cli(QStringList{QStringLiteral("process")} + pair);
     EXPECT_EQ(plain.exitCode, 0);
-    EXPECT_EQ(field(plain, "output"),
-              (QStringList{path(QStringLiteral("pair/shot-out.jpg")), path(QStringLiteral("pair/shot-out.png"))}));
+    EXPECT_EQ(field(plain, "output"), (QStringList{path(QStringLiteral("pair/shot-out.jpg")),
+                                                   path(QStringLiteral("pair/shot-out.png"))}));
 }
 
 TEST_F(CliShardTest, OnlyAResultThisRunWroteIsRecordedDone) {
@@ -204,7 +216,8 @@ TEST_F(CliShardTest, OnlyAResultThisRunWroteIsRecordedDone) {
     EXPECT_EQ(field(resized(16, {QStringLiteral("--resume"), manifest}), "skipped"),
               (QStringList{"done", "done", "done"}));
     // A resume into a folder that isn't there yet makes it (the recipes' manifests/{}.jsonl).
-    const CliRun fresh = resized(16, {QStringLiteral("--resume"), path(QStringLiteral("new/deeper/0.jsonl"))});
+    const CliRun fresh =
+        resized(16, {QStringLiteral("--resume"), path(QStringLiteral("new/deeper/0.jsonl"))});
     EXPECT_EQ(fresh.exitCode, 0) << qPrintable(fresh.err);
     EXPECT_EQ(manifestLines(path(QStringLiteral("new/deeper/0.jsonl"))).size(), 3);
 }
@@ -217,14 +230,16 @@ TEST_F(CliShardTest, ManifestSumsUpTheShardsManifests) {
     QStringList manifests;
     for (int k = 0; k < 3; ++k) {
         manifests << path(QStringLiteral("m/%1.jsonl").arg(k));
-        cli({QStringLiteral("process"), QStringLiteral("--shard"), QStringLiteral("%1/3").arg(k), QStringLiteral("--manifest"),
-             manifests.back(), QStringLiteral("-o"), path(QStringLiteral("out")), in});
+        cli({QStringLiteral("process"), QStringLiteral("--shard"), QStringLiteral("%1/3").arg(k),
+             QStringLiteral("--manifest"), manifests.back(), QStringLiteral("-o"),
+             path(QStringLiteral("out")), in});
     }
     const CliRun text = cli(QStringList{QStringLiteral("manifest")} + manifests);
     EXPECT_EQ(text.exitCode, 1) << "an input failed";
     const QList<QByteArray> said = text.out.split('\n');
     EXPECT_EQ(said[0], "3 manifests: 10 inputs, 9 done, 0 skipped, 1 failed");
-    EXPECT_TRUE(said[1].startsWith("failed: " + QFile::encodeName(path(QStringLiteral("in/broken.png"))) + ": "))
+    EXPECT_TRUE(
+        said[1].startsWith("failed: " + QFile::encodeName(path(QStringLiteral("in/broken.png"))) + ": "))
         << text.out.constData();
     const CliRun json = cli(QStringList{QStringLiteral("manifest"), QStringLiteral("--json")} + manifests);
     const QJsonObject sum = QJsonDocument::fromJson(json.out).object();
@@ -238,8 +253,9 @@ TEST_F(CliShardTest, ManifestSumsUpTheShardsManifests) {
     // Fixed and resumed: its last record decides.
     savePng(m_dir, QStringLiteral("in/broken.png"), coordinates(5, 5));
     for (int k = 0; k < 3; ++k)
-        cli({QStringLiteral("process"), QStringLiteral("--shard"), QStringLiteral("%1/3").arg(k), QStringLiteral("--resume"),
-             manifests[k], QStringLiteral("-o"), path(QStringLiteral("out")), in});
+        cli({QStringLiteral("process"), QStringLiteral("--shard"), QStringLiteral("%1/3").arg(k),
+             QStringLiteral("--resume"), manifests[k], QStringLiteral("-o"), path(QStringLiteral("out")),
+             in});
     const CliRun after = cli(QStringList{QStringLiteral("manifest")} + manifests);
     EXPECT_EQ(after.exitCode, 0);
     EXPECT_EQ(after.out, "3 manifests: 10 inputs, 10 done, 0 skipped, 0 failed\n");
@@ -269,7 +285,8 @@ TEST_F(CliShardTest, TheGnuParallelRecipeRunsAsPrinted) {
     ASSERT_FALSE(QStandardPaths::findExecutable(QStringLiteral("parallel")).isEmpty())
         << "GNU parallel is installed by scripts/setup.sh";
     const QString recipe = parallelRecipe();
-    ASSERT_TRUE(recipe.startsWith(QStringLiteral("parallel --joblog slices.log --resume-failed cutlark-cli process")))
+    ASSERT_TRUE(
+        recipe.startsWith(QStringLiteral("parallel --joblog slices.log --resume-failed cutlark-cli process")))
         << qPrintable(recipe);
     writeBytes(path(QStringLiteral("look.json")),
                R"({"keyWhiteEnabled": true, "trimEnabled": true, "stickerEnabled": true, "strokeWidth": 6})");
@@ -307,7 +324,8 @@ if [ "$shard" = "$LOST/32" ] && mkdir lost.once 2>/dev/null; then
 fi
 exec "$REAL" "$@"
 )"));
-    QFile::setPermissions(bin + QStringLiteral("/cutlark-cli"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    QFile::setPermissions(bin + QStringLiteral("/cutlark-cli"),
+                          QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("PATH"), bin + QLatin1Char(':') + env.value(QStringLiteral("PATH")));
     env.insert(QStringLiteral("REAL"), QStringLiteral(CUTLARK_CLI_PATH));
@@ -330,8 +348,9 @@ exec "$REAL" "$@"
     EXPECT_EQ(runRecipe(), 0) << "with the log gone every slice runs, and resumes";
 
     // Every photo has exactly one result, byte for byte what one process writes over the final folder.
-    const CliRun one = cli({QStringLiteral("process"), QStringLiteral("--preset"), path(QStringLiteral("look.json")),
-                            QStringLiteral("-o"), path(QStringLiteral("one")), path(QStringLiteral("photos"))});
+    const CliRun one =
+        cli({QStringLiteral("process"), QStringLiteral("--preset"), path(QStringLiteral("look.json")),
+             QStringLiteral("-o"), path(QStringLiteral("one")), path(QStringLiteral("photos"))});
     ASSERT_EQ(one.exitCode, 0) << qPrintable(one.err);
     const QMap<QString, QByteArray> expected = pngResults(path(QStringLiteral("one")));
     EXPECT_EQ(expected.size(), 72);

@@ -24,7 +24,8 @@ namespace cutlark {
 using CliJob::Outcome;
 using CliJob::RunContext;
 
-std::optional<int> CliRunner::prepareOutput(CliOptions& options, StandardInput& stdinput, qsizetype inputCount) {
+std::optional<int> CliRunner::prepareOutput(CliOptions& options, StandardInput& stdinput,
+                                            qsizetype inputCount) {
     if (options.toStdout) {
         // The result is written as any other, into the private folder, then sent on.
         options.outputDir = stdinput.folder();
@@ -65,7 +66,11 @@ int CliRunner::runProcess(const CliOptions& asked) {
     QList<CliInputs::Input> inputs;
     QStringList failures;
     if (auto code = gatherInputs(options, stdinput, true, inputs, failures)) return *code;
-    if (inputs.isEmpty()) return m_terminal.reportFailures(failures); // only folders without pictures
+    if (inputs.isEmpty()) { // only folders without pictures: still the run's one line at the end
+        const int code = m_terminal.reportFailures(failures);
+        if (!options.toStdout) m_terminal.summary(0, 0, int(failures.size()), 0, 0);
+        return code;
+    }
     if (auto code = prepareOutput(options, stdinput, inputs.size())) return *code;
     run.options = options;
     // Each plan depends on its own input and the options alone, so slices run apart (or before and
@@ -110,14 +115,16 @@ int CliRunner::runProcess(const CliOptions& asked) {
         std::optional<Outcome> next;
         while (!(next = work.next(std::chrono::milliseconds(250))))
             m_terminal.progress(work.finished(), total);
-        tally.count(finish(std::move(*next), plans[chosen[size_t(i)]].input, run, stdinput, manifest, failures));
+        tally.count(
+            finish(std::move(*next), plans[chosen[size_t(i)]].input, run, stdinput, manifest, failures));
         m_terminal.progress(std::max<qsizetype>(work.finished(), i + 1), total);
     }
     // Only now: all may be finished while lines are still to print, each on a cleared line.
     m_terminal.endProgress();
     // The failures named, then the run in one line: the last thing said.
     const int code = m_terminal.reportFailures(failures);
-    if (!options.toStdout) m_terminal.summary(tally.written, tally.skipped, int(failures.size()), total, started.elapsed());
+    if (!options.toStdout)
+        m_terminal.summary(tally.written, tally.skipped, int(failures.size()), total, started.elapsed());
     return code;
 }
 
@@ -178,7 +185,8 @@ std::optional<int> CliRunner::chooseWork(const RunContext& run, const std::vecto
         }
     }
     // A manifest other than the one resumed is told what was done before, so that it stands alone.
-    const bool carryOver = manifest && NativePath::absolute(options.manifestPath) != NativePath::absolute(options.resumePath);
+    const bool carryOver =
+        manifest && NativePath::absolute(options.manifestPath) != NativePath::absolute(options.resumePath);
     for (size_t i = 0; i < plans.size(); ++i) {
         if (!options.shard.takes(inputs[qsizetype(i)].sliceKey)) continue;
         const auto record = done.constFind(NativePath::absolute(plans[i].input));
@@ -197,8 +205,9 @@ std::optional<int> CliRunner::chooseWork(const RunContext& run, const std::vecto
     return std::nullopt;
 }
 
-Outcome CliRunner::finish(Outcome o, const QString& path, const RunContext& run, const StandardInput& stdinput,
-                          std::optional<Manifest>& manifest, QStringList& failures) {
+Outcome CliRunner::finish(Outcome o, const QString& path, const RunContext& run,
+                          const StandardInput& stdinput, std::optional<Manifest>& manifest,
+                          QStringList& failures) {
     const CliOptions& options = run.options;
     if (o.writing.valid()) {
         if (const auto why = o.writing.get()) {
@@ -219,7 +228,8 @@ Outcome CliRunner::finish(Outcome o, const QString& path, const RunContext& run,
             std::fwrite(bytes.constData(), 1, size_t(bytes.size()), m_out) != size_t(bytes.size()) ||
             std::fflush(m_out) != 0) {
             o.failed = true;
-            o.json.insert(QStringLiteral("error"), QStringLiteral("couldn’t write the result to standard output"));
+            o.json.insert(QStringLiteral("error"),
+                          QStringLiteral("couldn’t write the result to standard output"));
         }
         o.json.insert(QStringLiteral("output"), QStringLiteral("-"));
     }
@@ -231,12 +241,15 @@ Outcome CliRunner::finish(Outcome o, const QString& path, const RunContext& run,
     const QString output = o.json.value(QStringLiteral("output")).toString();
     const bool skipped = !o.failed && o.json.contains(QStringLiteral("skipped"));
     const bool durable = !o.failed && !skipped && Manifest::syncFolderOf(output);
-    const QString status = durable ? QStringLiteral("done") : skipped ? QStringLiteral("skipped") : QStringLiteral("failed");
+    const QString status = durable   ? QStringLiteral("done")
+                           : skipped ? QStringLiteral("skipped")
+                                     : QStringLiteral("failed");
     QJsonObject line{{QStringLiteral("input"), NativePath::absolute(path)},
                      {QStringLiteral("settings"), CliJob::settingsHash(run)},
                      {QStringLiteral("status"), status}};
     if (!o.failed) line.insert(QStringLiteral("output"), output);
-    if (o.failed) line.insert(QStringLiteral("error"), CliJob::failureReason(o.json));
+    if (o.failed)
+        line.insert(QStringLiteral("error"), CliJob::failureReason(o.json));
     else if (!skipped && !durable)
         line.insert(QStringLiteral("error"), QStringLiteral("its folder couldn’t be made durable"));
     if (!manifest->append(line)) {
