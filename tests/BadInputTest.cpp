@@ -208,7 +208,7 @@ TEST_F(BadInputTest, OddNamesOpenAndSaveUnderTheirOwnName) {
     model.setMirrored(true);
     model.setSyncSettingsAcrossQueue(true);
     for (qsizetype i = 0; i <= names.size(); ++i)
-        model.saveOverOriginal();
+        saveAndWait(model);
     EXPECT_FALSE(model.errorMessage());
     for (const auto& item : model.items())
         EXPECT_TRUE(item.saved) << item.path.toStdString();
@@ -237,7 +237,7 @@ TEST_F(BadInputTest, FilesThatChangeBetweenOpenAndSave) {
     ASSERT_TRUE(QDir(m_dir.path()).mkdir(QStringLiteral("replaced.png")));
     ASSERT_TRUE(writeBytes(replaced + QStringLiteral("/keep.txt"), "mine"));
     ASSERT_EQ(QFileInfo(model.active()->path).fileName(), QStringLiteral("replaced.png"));
-    model.saveOverOriginal();
+    saveAndWait(model);
     EXPECT_EQ(model.errorMessage(), QStringLiteral("Couldn’t write to “replaced.png”."));
     EXPECT_EQ(readBytes(replaced + QStringLiteral("/keep.txt")), QByteArray("mine"));
     EXPECT_FALSE(model.items().front().saved);
@@ -246,7 +246,7 @@ TEST_F(BadInputTest, FilesThatChangeBetweenOpenAndSave) {
     // Gone: the edited image is written where it was, since the item still holds every pixel.
     ASSERT_TRUE(QFile::remove(vanished));
     model.select(model.items().back().id);
-    model.saveOverOriginal();
+    saveAndWait(model);
     EXPECT_FALSE(model.errorMessage());
     const auto back = ImageFile::load(vanished);
     ASSERT_TRUE(back);
@@ -278,7 +278,7 @@ TEST_F(BadInputTest, ASaveRacingAnotherWriterLeavesOneWholeFile) {
     for (int i = 0; i < 20; ++i) {
         ours.insert(ImageFile::encode(model.processedImage(), QStringLiteral("image/png"),
                                       ImageFile::kUnknownSource, ImageFile::kInteractivePngEffort));
-        model.saveOverOriginal();
+        saveAndWait(model);
         EXPECT_FALSE(model.errorMessage());
     }
     stop = true;

@@ -95,9 +95,9 @@ TEST_F(WindowTest, StatusRowFirstMatchWins) {
     EXPECT_EQ(SettingsSidebar::statusText(*model, &warning), QStringLiteral("1 file couldn’t be opened."));
     EXPECT_TRUE(warning);
     model->select(model->items()[1].id);
-    model->saveOverOriginal();
+    saveAndWait(*model);
     EXPECT_EQ(SettingsSidebar::statusText(*model), QStringLiteral("Saved img2.png — next image ready."));
-    model->saveOverOriginal();
+    saveAndWait(*model);
     EXPECT_EQ(SettingsSidebar::statusText(*model), QStringLiteral("All 2 images saved."))
         << "before the saved lines";
     model->open({m_dir.filePath(QStringLiteral("missing.png"))});
@@ -108,13 +108,14 @@ TEST_F(WindowTest, StatusRowFirstMatchWins) {
 
     CropModel single;
     single.open({images(1).first()});
-    single.saveOverOriginal();
+    saveAndWait(single);
     EXPECT_EQ(SettingsSidebar::statusText(single), QStringLiteral("All 1 images saved."));
 }
 
 TEST_F(WindowTest, CtrlSFollowsTheVectorizeSwitch) {
     model->open(images(1));
     QTest::keyClick(&window, Qt::Key_S, Qt::ControlModifier);
+    waitUntil([&] { return !model->savingMessage(); });
     EXPECT_EQ(model->saveConfirmation(), QStringLiteral("img1.png")) << "Ctrl+S saved over the original";
     model->setVectorizeEnabled(true);
     EXPECT_EQ(view->sidebar()->primaryButton()->text(), QStringLiteral("Export SVG"));
@@ -140,7 +141,7 @@ TEST_F(WindowTest, ThumbnailsAreDrawnOnceAndFollowTheSource) {
     };
     const QList<qint64> before = keys();
     model->setMirrored(true);
-    model->saveOverOriginal(); // the first item's source is now the mirrored picture
+    saveAndWait(*model); // the first item's source is now the mirrored picture
     const QList<qint64> after = keys();
     ASSERT_EQ(after.size(), 3);
     EXPECT_NE(after[0], before[0]) << "a new source, a new thumbnail";
@@ -159,7 +160,7 @@ TEST_F(WindowTest, TheDrawerSelectionIsTheActiveItem) {
     model->select(model->items()[1].id);
     EXPECT_EQ(list->currentRow(), 1);
     model->select(model->items()[0].id);
-    model->saveOverOriginal();
+    saveAndWait(*model);
     EXPECT_EQ(view->queueDrawer()->countText(), QStringLiteral("1/3"));
     EXPECT_EQ(list->currentRow(), 1) << "the next unsaved image comes into the list's selection";
 }

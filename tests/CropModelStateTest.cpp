@@ -137,7 +137,7 @@ TEST_F(ModelTest, SelectingSwapsSettingsAndClearsTheStatus) {
     EXPECT_EQ(model.processedImage().size(), QSize(30, 40));
 
     // Selecting the active item is a no-op; another one clears the texts.
-    model.saveAsNewFile(); // no panels: a cancelled panel says nothing
+    saveAndWait(model, &CropModel::saveAsNewFile); // no panels: a cancelled panel says nothing
     model.remove(QUuid::createUuid());
     model.open({m_dir.filePath(QStringLiteral("missing.png"))});
     ASSERT_TRUE(model.errorMessage());

@@ -158,11 +158,11 @@ TEST_P(FaultInjectionTest, SavingOverTheOriginal) {
     const auto files = snapshot();
     const auto before = queue();
     const QImage shown = model.processedImage();
-    failing([&] { model.saveOverOriginal(); });
+    failing([&] { saveAndWait(model); });
     expectNothingLost(QStringLiteral("Couldn’t write to “photo.png”."), files, before);
     EXPECT_EQ(model.processedImage(), shown) << "the edit is still there to save again";
 
-    model.saveOverOriginal(); // and once the disk is back, the same save goes through
+    saveAndWait(model); // and once the disk is back, the same save goes through
     EXPECT_EQ(model.saveConfirmation(), QStringLiteral("photo.png"));
     EXPECT_NE(snapshot(), files);
 }
@@ -172,7 +172,7 @@ TEST_P(FaultInjectionTest, SavingAsANewFileOverAnExistingOne) {
     const auto files = snapshot();
     const auto before = queue();
     panels.saveAnswers.push_back(target);
-    failing([&] { model.saveAsNewFile(); });
+    failing([&] { saveAndWait(model, &CropModel::saveAsNewFile); });
     expectNothingLost(QStringLiteral("Couldn’t write to “chosen.png”."), files, before);
 }
 

@@ -101,7 +101,7 @@ TEST(LongSession, TwoHundredItemsComeAndGoWithoutTheHeapGrowing) {
             // … and every other one written out.
             if (i % 2 == 0) {
                 panels.saveAnswers.push_back(dir.filePath(QStringLiteral("out%1-%2.png").arg(round).arg(i)));
-                model.saveAsNewFile();
+                saveAndWait(model, &CropModel::saveAsNewFile);
                 ASSERT_FALSE(model.errorMessage()) << model.errorMessage()->toStdString();
             }
         }

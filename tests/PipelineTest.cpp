@@ -289,7 +289,7 @@ TEST_F(PipelineTest, AResizeAloneStartsFromThePictureBeforeItAndAnythingElseRebu
     const QImage beforeSave = model.processedImage();
     model.setResizeEnabled(false);
     const QImage unresized = model.processedImage();
-    model.saveOverOriginal();
+    saveAndWait(model);
     ASSERT_FALSE(model.errorMessage());
     ASSERT_TRUE(model.active());
     EXPECT_NE(model.processedImage().size(), unresized.size())

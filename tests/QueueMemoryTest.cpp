@@ -104,7 +104,7 @@ TEST_F(QueueMemoryTest, ItemsAwayFromTheActiveOneKeepTheirBytesAndComeBackExactl
     model.setPaddingEnabled(true);
     model.setPadAmount(4);
     const QImage written = pixelsOf(model.processedImage());
-    model.saveOverOriginal();
+    saveAndWait(model);
     ASSERT_FALSE(model.errorMessage()) << model.errorMessage()->toStdString();
     const auto savedAt =
         std::find_if(model.items().begin(), model.items().end(), [](const auto& item) { return item.saved; });

@@ -41,9 +41,9 @@ protected:
 } // namespace
 
 TEST_F(SaveTest, NothingToSave) {
-    model.saveOverOriginal();
+    saveAndWait(model);
     EXPECT_EQ(model.errorMessage(), QStringLiteral("Nothing to save."));
-    model.saveAsNewFile();
+    saveAndWait(model, &CropModel::saveAsNewFile);
     EXPECT_EQ(model.errorMessage(), QStringLiteral("Nothing to save."));
     EXPECT_EQ(panels.saveCalls, 0);
 }
@@ -54,7 +54,7 @@ TEST_F(SaveTest, TransparencyInAJpegGoesToAPngBesideIt) {
     model.open({source});
     model.setPaddingEnabled(true);
     const QImage result = model.processedImage();
-    model.saveOverOriginal();
+    saveAndWait(model);
     const QString written = m_dir.filePath(QStringLiteral("photo.png"));
     EXPECT_EQ(model.saveConfirmation(), QStringLiteral("photo.png"));
     EXPECT_FALSE(model.errorMessage());
@@ -77,7 +77,7 @@ TEST_F(SaveTest, AnOpaqueBackgroundKeepsTheJpeg) {
     model.setPaddingEnabled(true);
     model.setBackgroundEnabled(true);
     const QImage result = model.processedImage();
-    model.saveOverOriginal();
+    saveAndWait(model);
     EXPECT_EQ(model.items().front().path, source);
     EXPECT_EQ(model.items().front().type, QStringLiteral("image/jpeg"));
     EXPECT_EQ(ImageFile::load(source)->type, QStringLiteral("image/jpeg"));
@@ -108,7 +108,7 @@ TEST_F(SaveTest, ProposedNamesKeepTheExtensionAsWritten) {
     const QString upper = m_dir.filePath(QStringLiteral("Holiday.JPG"));
     writeImage(coordinates(8, 8), upper, "jpeg");
     model.open({upper});
-    model.saveAsNewFile(); // cancelled: nothing changes
+    saveAndWait(model, &CropModel::saveAsNewFile); // cancelled: nothing changes
     EXPECT_EQ(panels.proposedNames.last(), QStringLiteral("Holiday-out.JPG"));
     EXPECT_EQ(panels.saveTypes.last(), QStringLiteral("image/jpeg"));
     EXPECT_FALSE(model.items().front().saved);
@@ -116,7 +116,7 @@ TEST_F(SaveTest, ProposedNamesKeepTheExtensionAsWritten) {
     EXPECT_FALSE(model.errorMessage());
 
     model.setPaddingEnabled(true);
-    model.saveAsNewFile();
+    saveAndWait(model, &CropModel::saveAsNewFile);
     EXPECT_EQ(panels.proposedNames.last(), QStringLiteral("Holiday-out.png"));
     EXPECT_EQ(panels.saveTypes.last(), QStringLiteral("image/png"));
 }
@@ -150,7 +150,7 @@ TEST_F(SaveTest, SaveAsNewWritesWhereThePanelSaysAndLeavesTheSourceAlone) {
     model.setQuarterTurns(1);
     const QString target = m_dir.filePath(QStringLiteral("elsewhere.png"));
     panels.saveAnswers.push_back(target);
-    model.saveAsNewFile();
+    saveAndWait(model, &CropModel::saveAsNewFile);
     EXPECT_EQ(model.saveConfirmation(), QStringLiteral("elsewhere.png"));
     EXPECT_EQ(ImageFile::load(target)->image.size(), QSize(10, 20));
     EXPECT_EQ(readBytes(source), before);
@@ -166,18 +166,18 @@ TEST_F(SaveTest, TheQueueMovesOnToTheNextUnsavedItemWrappingAround) {
     const auto id = [&](int i) { return model.items()[size_t(i)].id; };
     // Item 4 saved first; then item 3 is saved and the search wraps to item 1.
     model.select(id(3));
-    model.saveOverOriginal();
+    saveAndWait(model);
     EXPECT_EQ(model.activeID(), id(0)) << "after the last item the search wraps to the first";
     model.select(id(2));
     model.setMirrored(true);
-    model.saveOverOriginal();
+    saveAndWait(model);
     EXPECT_EQ(model.activeID(), id(0));
     EXPECT_EQ(model.saveConfirmation(), QStringLiteral("3.png"))
         << "the confirmation names the file just written";
     EXPECT_TRUE(model.items()[2].settingsSnapshot.mirrored) << "the item left keeps its settings";
-    model.saveOverOriginal();
+    saveAndWait(model);
     EXPECT_EQ(model.activeID(), id(1));
-    model.saveOverOriginal();
+    saveAndWait(model);
     EXPECT_EQ(model.activeID(), id(1)) << "the last unsaved item stays active";
     EXPECT_TRUE(model.allSaved());
 }
@@ -186,7 +186,7 @@ TEST_F(SaveTest, SavingOverTheOriginalMakesTheWrittenPixelsTheSource) {
     const QString source = png(QStringLiteral("a.png"), 20, 10);
     model.open({source});
     model.setQuarterTurns(1);
-    model.saveOverOriginal();
+    saveAndWait(model);
     const auto& item = model.items().front();
     EXPECT_EQ(item.buffer.width(), 10);
     EXPECT_EQ(item.buffer.height(), 20);
@@ -203,7 +203,7 @@ TEST_F(SaveTest, FailedWritesReportAndLoseNothing) {
 
     AtomicFile::setFaultInjector(
         [](AtomicFile::Step step, const QString&) { return step != AtomicFile::Step::rename; });
-    model.saveOverOriginal();
+    saveAndWait(model);
     EXPECT_EQ(model.errorMessage(), QStringLiteral("Couldn’t write to “keep.png”."));
     EXPECT_EQ(readBytes(source), before);
     EXPECT_EQ(model.activeID(), active) << "no advance";
@@ -213,18 +213,18 @@ TEST_F(SaveTest, FailedWritesReportAndLoseNothing) {
 
     // Into a folder that doesn't exist, and over a path that is a folder.
     panels.saveAnswers.push_back(m_dir.filePath(QStringLiteral("missing/x.png")));
-    model.saveAsNewFile();
+    saveAndWait(model, &CropModel::saveAsNewFile);
     EXPECT_EQ(model.errorMessage(), QStringLiteral("Couldn’t write to “x.png”."));
     QDir(m_dir.path()).mkdir(QStringLiteral("taken.png"));
     panels.saveAnswers.push_back(m_dir.filePath(QStringLiteral("taken.png")));
-    model.saveAsNewFile();
+    saveAndWait(model, &CropModel::saveAsNewFile);
     EXPECT_EQ(model.errorMessage(), QStringLiteral("Couldn’t write to “taken.png”."));
     EXPECT_TRUE(QFileInfo(m_dir.filePath(QStringLiteral("taken.png"))).isDir());
     EXPECT_EQ(model.activeID(), active);
     EXPECT_EQ(model.items().size(), 2u);
 
     // And then a save goes through and clears the message.
-    model.saveOverOriginal();
+    saveAndWait(model);
     EXPECT_FALSE(model.errorMessage());
     EXPECT_EQ(model.saveConfirmation(), QStringLiteral("keep.png"));
 }
@@ -252,7 +252,7 @@ TEST_F(SaveTest, AWebPStaysLossyOrLosslessAsItCame) {
         ASSERT_EQ(chunk(readBytes(lossy)), "VP8 ");
         CropModel one;
         one.open({lossy});
-        one.saveOverOriginal();
+        saveAndWait(one);
         ASSERT_FALSE(one.errorMessage()) << one.errorMessage()->toStdString();
         const QByteArray after = readBytes(lossy);
         EXPECT_TRUE(after.contains("VP8 ") && !after.contains("VP8L")) << quality;
@@ -269,7 +269,7 @@ TEST_F(SaveTest, AWebPStaysLossyOrLosslessAsItCame) {
     ASSERT_EQ(chunk(readBytes(exact)), "VP8L");
     model.open({exact});
     model.setPaddingEnabled(true);
-    model.saveOverOriginal();
+    saveAndWait(model);
     const QByteArray written = readBytes(exact);
     EXPECT_TRUE(written.mid(12, 4) == "VP8L" || (written.mid(12, 4) == "VP8X" && written.contains("VP8L")));
     EXPECT_FALSE(written.contains("VP8 ")) << "no lossy data";
@@ -281,7 +281,7 @@ TEST_F(SaveTest, AWebPStaysLossyOrLosslessAsItCame) {
     CropModel keyed;
     keyed.open({cut});
     keyed.setPaddingEnabled(true);
-    keyed.saveOverOriginal();
+    saveAndWait(keyed);
     const QByteArray withAlpha = readBytes(cut);
     EXPECT_TRUE(withAlpha.contains("ALPH") && withAlpha.contains("VP8 "));
     const auto back = ImageFile::load(cut);

@@ -1,3 +1,4 @@
+#include "FakeCutouts.h"
 #include "KnownMaskScenes.h"
 #include "TestSupport.h"
 
@@ -25,33 +26,6 @@ using namespace cutlark;
 using namespace cutlark::test;
 
 namespace {
-
-// Spins the event loop until `done` holds or the time runs out.
-// A cutout service the test controls: each computation waits at the gate until released, and hands
-// back the source with its left half cleared (or nothing, when told so).
-struct FakeCutouts {
-    QSemaphore gate;
-    std::atomic<int> calls{0};
-    std::atomic<bool> findsNothing{false};
-    std::atomic<bool> open{false};
-    std::atomic<int> prepared{0};
-    QString problem; // what the service says is wrong with its network; set before use
-
-    CropModel::CutoutService service() {
-        return {[] { return true; },
-                [this](const QImage& source) -> std::optional<QImage> {
-                    ++calls;
-                    if (!open) gate.acquire();
-                    if (findsNothing) return std::nullopt;
-                    QImage cut = source.convertToFormat(QImage::Format_RGBA8888_Premultiplied);
-                    for (int y = 0; y < cut.height(); ++y)
-                        std::memset(cut.scanLine(y), 0, size_t(cut.width() / 2) * 4);
-                    return cut;
-                },
-                [this] { return problem; }, [this] { ++prepared; }};
-    }
-    void release(int n = 1) { gate.release(n); }
-};
 
 bool sameBytes(const QImage& a, const QImage& b) {
     if (a.size() != b.size()) return false;
@@ -235,7 +209,7 @@ TEST_F(CutoutTest, SavingOverTheOriginalComputesAFreshCutout) {
     const auto ids = openTwo();
     model.setKeyWhiteEnabled(true);
     ASSERT_TRUE(waitUntil([&] { return model.visionCache().contains(ids[0]); }));
-    model.saveOverOriginal(); // moves on to the second item
+    saveAndWait(model); // moves on to the second item
     EXPECT_FALSE(model.visionCache().contains(ids[0]));
     EXPECT_FALSE(model.visionAttempted().contains(ids[0]));
     model.select(ids[0]);

@@ -274,4 +274,9 @@ double intersectionOverUnion(int w, int h, const std::function<bool(int, int)>& 
     return either ? double(both) / double(either) : 1.0;
 }
 
+void saveAndWait(CropModel& model, void (CropModel::*action)()) {
+    (model.*action)();
+    waitUntil([&] { return !model.savingMessage(); }, 60000);
+}
+
 } // namespace cutlark::test

@@ -69,6 +69,10 @@ ProgramRun runProgram(const QString& program, const QStringList& arguments,
 /// Lets the event loop run until `done` holds; false when `milliseconds` pass first.
 bool waitUntil(const std::function<bool()>& done, int milliseconds = 120000);
 
+/// Asks `model` for a save and turns the event loop until it has ended, written or failed: saves wait
+/// for a cutout being made and write off the main thread.
+void saveAndWait(CropModel& model, void (CropModel::*action)() = &CropModel::saveOverOriginal);
+
 /// Intersection over union of two pixel sets of a w × h picture, each given by a test of (x, y).
 double intersectionOverUnion(int w, int h, const std::function<bool(int, int)>& first,
                              const std::function<bool(int, int)>& second);

@@ -177,6 +177,7 @@ TEST(WindowLayout, CtrlSSavesTheSizeJustTypedWithoutReturn) {
     QTest::keyClicks(width, QStringLiteral("200"));
     EXPECT_EQ(model.resizeWidth(), 100) << "nothing is written while typing";
     QTest::keyClick(&window, Qt::Key_S, Qt::ControlModifier);
+    waitUntil([&] { return !model.savingMessage(); });
     EXPECT_EQ(model.saveConfirmation(), QStringLiteral("photo.png"));
     const auto saved = ImageFile::load(path);
     ASSERT_TRUE(saved);
@@ -240,7 +241,7 @@ TEST(WindowLayout, QueueRowsCutNamesInTheMiddleAndMarkSavedOnesWithACheck) {
     EXPECT_EQ(queue->shownName(0), QStringLiteral("b.png"));
     EXPECT_FALSE(queue->showsSavedMark(1));
     model.select(model.items()[1].id);
-    model.saveOverOriginal();
+    saveAndWait(model);
     EXPECT_TRUE(queue->showsSavedMark(1));
     EXPECT_FALSE(queue->showsSavedMark(0));
     EXPECT_EQ(queue->list()->item(1)->text(), longName) << "the mark is drawn, not appended to the name";

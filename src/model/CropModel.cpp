@@ -40,8 +40,6 @@ CropModel::CropModel(QObject* parent)
                                        &CropModel::subjectNetworkProblem, &CropModel::prepareSubjectNetwork},
       m_vectorTracer(&VectorSettings::trace) {}
 
-CropModel::~CropModel() = default;
-
 // Each setter stores, notifies, then runs the field's hook — also for an unchanged value.
 #define CUTLARK_SETTER(Type, name, Name, def, ...)                                                           \
     void CropModel::set##Name(const Type& value) {                                                           \
@@ -183,6 +181,7 @@ void CropModel::runHook(Field field, bool wasOn) {
     case Field::errorMessage:
     case Field::saveConfirmation:
     case Field::noticeMessage:
+    case Field::saving:
     case Field::collageRects:
     case Field::visionComputing:
     case Field::vectorTrace:
@@ -204,6 +203,7 @@ void CropModel::setSyncSettingsAcrossQueue(bool on) {
 void CropModel::setActiveID(std::optional<QUuid> id) {
     m_activeID = id;
     notify(Field::activeID);
+    if (m_waitingSave && m_waitingSave->id != id) resumeWaitingSave(); // dropped: asked for another picture
 }
 
 void CropModel::setActiveContentRect(std::optional<QRectF> rect) {

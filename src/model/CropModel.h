@@ -75,6 +75,7 @@ public:
         errorMessage,
         saveConfirmation,
         noticeMessage,
+        saving,
         collageRects,
 #define CUTLARK_FIELD_ENUM(Type, name, Name, def, ...) name,
         CUTLARK_SETTINGS(CUTLARK_FIELD_ENUM)
@@ -198,6 +199,9 @@ public:
     std::optional<QString> noticeMessage() const {
         return m_noticeMessage;
     }
+    /// What a save asked for is doing while it hasn't ended: waiting for the subject cutout (or the
+    /// trace) of the picture it will write, or writing; absent when no save is under way.
+    std::optional<QString> savingMessage() const;
     const QList<QRectF>& collageRects() const {
         return m_collageRects;
     }
@@ -300,6 +304,9 @@ public:
 
     // --- saving ---
 
+    /// Saves run in two steps: a save asked for while the active picture's subject is being cut out
+    /// waits for the cutout, and the encoding and writing run off the main thread. The saved mark,
+    /// the confirmation and the queue's advance come when the file is really written.
     void saveOverOriginal();
     void saveAsNewFile();
     /// The type a save of the active result writes by the save rules, and whether transparency
@@ -389,8 +396,20 @@ private:
     void advanceToNextUnsaved(const QUuid& after);
     /// The active item when there is a result to save, else null with "Nothing to save." said.
     const Item* itemToSave();
-    /// A save of `id` has written `written`: said, and the queue moves on.
+    /// A save of `id` has written `written`: said, and the queue moves on when `id` is still active.
     void finishSave(const QUuid& id, const QString& written);
+    /// When the active picture isn't final yet (its subject being cut out, or for a trace being
+    /// traced), `action` is kept to run once it is, and true is returned.
+    bool waitsUntilFinal(void (CropModel::*action)(), bool needsTrace);
+    /// Runs the save that waits, once what it waits for has come (or drops it when its item is
+    /// no longer the active one).
+    void resumeWaitingSave();
+    /// The same from the event loop (at once in synchronous mode): never inside the work that ended.
+    void resumeWaitingSaveSoon();
+    struct SaveJob;
+    /// Encodes and writes `job` off the main thread (at once in synchronous mode), then `finishWrite`.
+    void startWrite(std::unique_ptr<SaveJob> job);
+    void finishWrite(SaveJob& job);
     void runHook(Field field, bool wasOn);
     void notify(Field field) {
         emit changed(field);
@@ -443,6 +462,14 @@ private:
     QStringList m_failedStages;
     std::optional<QString> m_saveConfirmation;
     std::optional<QString> m_noticeMessage;
+    struct WaitingSave {
+        QUuid id;
+        void (CropModel::*action)();
+        bool needsTrace = false;
+    };
+    std::optional<WaitingSave> m_waitingSave;
+    /// The items being written, with the names they are written under, in the order asked.
+    QList<std::pair<QUuid, QString>> m_writing;
     QList<QRectF> m_collageRects;
     Settings m_settings;
     CutoutCache m_cutouts;

@@ -115,6 +115,7 @@ void CropModel::finishCutout(const QUuid& id, const std::optional<QImage>& cutou
     const QString why = m_cutoutService.problem ? m_cutoutService.problem() : QString();
     if (!why.isEmpty() && !cutout) setErrorMessage(why);
     if (!why.isEmpty() && cutout) setNoticeMessage(why);
+    if (m_waitingSave) resumeWaitingSaveSoon();
 }
 
 } // namespace cutlark

@@ -46,71 +46,185 @@ QString CropModel::proposedNewFileName(const Item& item) const {
     return SavePlan::newFileName(item.path, saveTypeChoice(item));
 }
 
+// One save's work and what came of it, owned by one thread at a time.
+struct CropModel::SaveJob {
+    QUuid id;
+    QImage image; ///< what was shown when the save was asked for
+    QString target;
+    SavePlan::Choice choice;
+    ImageFile::Storage storage;
+    bool overOriginal = false; ///< the written pixels become the item's source
+    ImageFile::LoadOptions loadOptions;
+    bool thumbnail = false;
+    // Filled in by the worker:
+    bool written = false;
+    QByteArray bytes;
+    std::optional<ImageFile::Loaded> loaded;
+    std::optional<CropEngine::Buffer> buffer;
+    QImage thumbnailImage;
+};
+
+namespace {
+
+// Saves outlive nothing: a window that closes waits for the files being written, never for a cutout.
+QThreadPool& writePool() {
+    static QThreadPool pool;
+    return pool;
+}
+
+} // namespace
+
+CropModel::~CropModel() {
+    if (!m_writing.isEmpty()) writePool().waitForDone();
+}
+
 const CropModel::Item* CropModel::itemToSave() {
     const Item* item = active();
     if (!item || m_processedImage.isNull()) setErrorMessage(tr("Nothing to save."));
     return item && !m_processedImage.isNull() ? item : nullptr;
 }
 
+std::optional<QString> CropModel::savingMessage() const {
+    if (!m_writing.isEmpty()) return tr("Saving “%1”…").arg(QFileInfo(m_writing.back().second).fileName());
+    if (m_waitingSave)
+        return m_waitingSave->needsTrace ? tr("Waiting for the trace to save it…")
+                                         : tr("Waiting for the subject to be cut out to save it…");
+    return std::nullopt;
+}
+
+bool CropModel::waitsUntilFinal(void (CropModel::*action)(), bool needsTrace) {
+    if (!m_activeID || !(isDetectingSubject() || (needsTrace && m_isVectorizing))) return false;
+    // Pressed again while waiting, the one save stands: it writes once, what is shown at the end.
+    m_waitingSave = WaitingSave{*m_activeID, action, needsTrace};
+    notify(Field::saving);
+    return true;
+}
+
+void CropModel::resumeWaitingSave() {
+    if (!m_waitingSave) return;
+    if (!m_activeID || *m_activeID != m_waitingSave->id) {
+        // Another picture is shown now: the save was asked for the one that was, so it is dropped.
+        m_waitingSave.reset();
+        notify(Field::saving);
+        return;
+    }
+    if (isDetectingSubject() || (m_waitingSave->needsTrace && m_isVectorizing)) return;
+    const auto action = m_waitingSave->action;
+    m_waitingSave.reset();
+    notify(Field::saving);
+    (this->*action)();
+}
+
+void CropModel::resumeWaitingSaveSoon() {
+    if (m_synchronousWork || !QCoreApplication::instance())
+        resumeWaitingSave();
+    else
+        QMetaObject::invokeMethod(this, &CropModel::resumeWaitingSave, Qt::QueuedConnection);
+}
+
 void CropModel::finishSave(const QUuid& id, const QString& written) {
     setSaveConfirmation(QFileInfo(written).fileName());
     setErrorMessage(std::nullopt);
-    advanceToNextUnsaved(id);
+    // The queue moves on from the picture saved, and only while it is the one shown: a person who
+    // went on to another picture meanwhile stays there.
+    if (m_activeID && *m_activeID == id) advanceToNextUnsaved(id);
 }
 
 void CropModel::saveOverOriginal() {
+    if (waitsUntilFinal(&CropModel::saveOverOriginal, false)) return;
     const Item* item = itemToSave();
     if (!item) return;
-    const QUuid id = item->id;
-    const SavePlan::Choice choice = saveTypeChoice(*item);
+    for (const auto& writing : m_writing)
+        if (writing.first == item->id) return; // already being written: once is enough
+    auto job = std::make_unique<SaveJob>();
+    job->id = item->id;
+    job->image = m_processedImage;
+    job->choice = saveTypeChoice(*item);
     // When PNG is forced the old file stays on disk: only the new name is written.
-    const QString target = SavePlan::overOriginal(item->path, choice);
-    const QByteArray bytes = ImageFile::encode(m_processedImage, choice.type, item->storage,
-                                               ImageFile::interactiveQuality(choice.type));
-    if (bytes.isEmpty() || !AtomicFile::write(target, bytes)) {
-        setErrorMessage(tr("Couldn’t write to “%1”.").arg(QFileInfo(target).fileName()));
-        return;
-    }
-    if (Item* saved = findItem(id)) {
-        // The written pixels become the item's source, read back from the very bytes written; a
-        // failed read-back keeps the old ones.
-        if (auto loaded = ImageFile::loadFromData(bytes, m_loadOptions)) {
-            if (auto buffer = CropEngine::Buffer::make(loaded->image)) {
-                saved->buffer = *buffer;
-                saved->memory = loaded->hold;
-                saved->storage = loaded->storage;
-                if (!saved->encoded.isEmpty()) saved->encoded = bytes;
-                if (m_makesThumbnails) saved->thumbnail = thumbnailOf(buffer->image());
-                invalidateVision(id);
-            }
-        }
-        saved->path = target;
-        saved->type = choice.type;
-        saved->saved = true;
-        itemsChanged();
-    }
-    finishSave(id, target);
+    job->target = SavePlan::overOriginal(item->path, job->choice);
+    job->storage = item->storage;
+    job->overOriginal = true;
+    job->loadOptions = m_loadOptions;
+    job->thumbnail = m_makesThumbnails;
+    startWrite(std::move(job));
 }
 
 void CropModel::saveAsNewFile() {
+    if (waitsUntilFinal(&CropModel::saveAsNewFile, false)) return;
     const Item* item = itemToSave();
-    if (!item) return;
-    const QUuid id = item->id;
-    const SavePlan::Choice choice = saveTypeChoice(*item);
-    const QString proposed = SavePlan::newFileName(item->path, choice);
-    if (!m_panels) return;
-    const auto chosen = m_panels->saveFile(folderOf(item->path), proposed, choice.type);
+    if (!item || !m_panels) return;
+    auto job = std::make_unique<SaveJob>();
+    job->id = item->id;
+    job->image = m_processedImage; // what is shown now, whatever happens while the panel is open
+    job->choice = saveTypeChoice(*item);
+    job->storage = item->storage;
+    const QString proposed = SavePlan::newFileName(item->path, job->choice);
+    const auto chosen = m_panels->saveFile(folderOf(item->path), proposed, job->choice.type);
     if (!chosen || chosen->isEmpty()) return;
-    if (!ImageFile::save(m_processedImage, *chosen, choice.type, item->storage,
-                         ImageFile::interactiveQuality(choice.type))) {
-        setErrorMessage(tr("Couldn’t write to “%1”.").arg(QFileInfo(*chosen).fileName()));
+    job->target = *chosen;
+    startWrite(std::move(job));
+}
+
+void CropModel::startWrite(std::unique_ptr<SaveJob> job) {
+    const auto work = [](SaveJob& task) {
+        try {
+            task.bytes = ImageFile::encode(task.image, task.choice.type, task.storage,
+                                           ImageFile::interactiveQuality(task.choice.type));
+            task.written = !task.bytes.isEmpty() && AtomicFile::write(task.target, task.bytes);
+            // The written pixels become the item's source, read back from the very bytes written;
+            // a failed read-back keeps the old ones.
+            if (task.written && task.overOriginal) {
+                task.loaded = ImageFile::loadFromData(task.bytes, task.loadOptions);
+                if (task.loaded) task.buffer = CropEngine::Buffer::make(task.loaded->image);
+                if (task.buffer && task.thumbnail) task.thumbnailImage = thumbnailOf(task.buffer->image());
+            }
+        } catch (const std::exception&) {
+            task.written = task.written && !task.overOriginal; // a read-back that failed is no failed write
+        }
+        task.image = QImage();
+    };
+    m_writing.append({job->id, job->target});
+    notify(Field::saving);
+    // Without an event loop (a program with no application object) nothing could come back.
+    if (m_synchronousWork || !QCoreApplication::instance()) {
+        work(*job);
+        finishWrite(*job);
         return;
     }
-    if (Item* saved = findItem(id)) {
+    runOffThread(
+        this, std::move(job), work, [](CropModel& self, SaveJob& task) { self.finishWrite(task); },
+        &writePool());
+}
+
+void CropModel::finishWrite(SaveJob& job) {
+    for (qsizetype i = 0; i < m_writing.size(); ++i)
+        if (m_writing[i].first == job.id && m_writing[i].second == job.target) {
+            m_writing.removeAt(i);
+            break;
+        }
+    notify(Field::saving);
+    if (!job.written) {
+        // The item stays unsaved; the person hears which file.
+        setErrorMessage(tr("Couldn’t write to “%1”.").arg(QFileInfo(job.target).fileName()));
+        return;
+    }
+    if (Item* saved = findItem(job.id)) {
+        if (job.buffer) {
+            saved->buffer = *job.buffer;
+            saved->memory = job.loaded->hold;
+            saved->storage = job.loaded->storage;
+            if (!saved->encoded.isEmpty()) saved->encoded = job.bytes;
+            if (job.thumbnail) saved->thumbnail = job.thumbnailImage;
+            invalidateVision(job.id);
+        }
+        if (job.overOriginal) {
+            saved->path = job.target;
+            saved->type = job.choice.type;
+        }
         saved->saved = true;
         itemsChanged();
     }
-    finishSave(id, *chosen);
+    finishSave(job.id, job.target);
 }
 
 QString CropModel::splitPieceName(const Item& item, int position, int number) {

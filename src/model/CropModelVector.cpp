@@ -121,6 +121,7 @@ void CropModel::finishVectorPass(const VectorJob& job, const VectorResult& resul
 void CropModel::stopVectorWorker() {
     m_vectorWorkerRunning = false;
     setIsVectorizing(false);
+    if (m_waitingSave) resumeWaitingSaveSoon();
 }
 
 bool CropModel::hasVectorOutput() const {
@@ -144,6 +145,7 @@ std::optional<QString> CropModel::currentSVG() const {
 }
 
 void CropModel::exportSVG() {
+    if (waitsUntilFinal(&CropModel::exportSVG, true)) return;
     const auto text = currentSVG();
     const Item* item = active();
     if (!text || !item) {
@@ -178,6 +180,7 @@ void CropModel::writeVector(const QByteArray& bytes, const QString& sourcePath, 
 }
 
 void CropModel::copySVG() {
+    if (waitsUntilFinal(&CropModel::copySVG, true)) return;
     const auto text = currentSVG();
     if (!text) {
         setErrorMessage(tr("Nothing to vectorize."));

@@ -7,6 +7,7 @@
 #include <QCheckBox>
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QScrollArea>
 #include <QVBoxLayout>
@@ -28,6 +29,7 @@ SettingsSidebar::SettingsSidebar(CropModel* model, QWidget* parent)
         case CropModel::Field::errorMessage:
         case CropModel::Field::saveConfirmation:
         case CropModel::Field::noticeMessage:
+        case CropModel::Field::saving:
         case CropModel::Field::vectorizeEnabled:
         case CropModel::Field::vectorFullColor:
         case CropModel::Field::vectorTrace:
@@ -48,6 +50,7 @@ QString SettingsSidebar::statusText(const CropModel& m, bool* warning) {
         if (warning) *warning = true;
         return *m.errorMessage();
     }
+    if (m.savingMessage()) return *m.savingMessage();
     if (m.allSaved()) return tr("All %1 images saved.").arg(qint64(m.items().size()));
     if (m.saveConfirmation() && m.items().size() > 1)
         return tr("Saved %1 — next image ready.").arg(*m.saveConfirmation());
@@ -138,9 +141,19 @@ void SettingsSidebar::build() {
     auto* footColumn = new QVBoxLayout(foot);
     footColumn->setContentsMargins(14, 14, 14, 14);
     footColumn->setSpacing(10);
+    // While a save waits or writes, a small indeterminate bar beside its text says it is alive.
+    auto* statusRow = new QHBoxLayout;
+    statusRow->setSpacing(6);
+    m_busy = new QProgressBar(foot);
+    m_busy->setRange(0, 0);
+    m_busy->setTextVisible(false);
+    m_busy->setFixedSize(28, 8);
+    m_busy->setAccessibleName(tr("Saving"));
     m_status = new QLabel(foot);
     m_status->setWordWrap(true);
-    footColumn->addWidget(m_status);
+    statusRow->addWidget(m_busy);
+    statusRow->addWidget(m_status, 1);
+    footColumn->addLayout(statusRow);
     auto button = [&](const QString& text, bool prominent, void (CropModel::*action)()) {
         auto* b = new QPushButton(text, foot);
         b->setMinimumHeight(30);
@@ -171,11 +184,17 @@ void SettingsSidebar::refresh() {
 
     bool warning = false;
     const QString text = statusText(m, &warning);
+    const bool busy = !warning && m.savingMessage().has_value();
+    m_busy->setVisible(busy);
     m_status->setVisible(!text.isEmpty());
-    const QString colour = warning ? QStringLiteral("#d9730d") : QStringLiteral("#2e9d4f");
-    m_status->setText(
-        QStringLiteral("<span style='color:%1'>%2 %3</span>")
-            .arg(colour, warning ? QStringLiteral("⚠") : QStringLiteral("✔"), text.toHtmlEscaped()));
+    if (busy) {
+        m_status->setText(text.toHtmlEscaped());
+    } else {
+        const QString colour = warning ? QStringLiteral("#d9730d") : QStringLiteral("#2e9d4f");
+        m_status->setText(
+            QStringLiteral("<span style='color:%1'>%2 %3</span>")
+                .arg(colour, warning ? QStringLiteral("⚠") : QStringLiteral("✔"), text.toHtmlEscaped()));
+    }
 
     const bool vector = m.vectorizeEnabled();
     m_save->setVisible(!vector);

@@ -10,6 +10,7 @@
 
 class QCheckBox;
 class QLabel;
+class QProgressBar;
 class QPushButton;
 class QVBoxLayout;
 
@@ -52,6 +53,7 @@ private:
     QLabel* m_empty = nullptr;
     QWidget* m_settings = nullptr;
     QLabel* m_status = nullptr;
+    QProgressBar* m_busy = nullptr;
     QPushButton* m_save = nullptr;
     QPushButton* m_saveAs = nullptr;
     QPushButton* m_export = nullptr;
