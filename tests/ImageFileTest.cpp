@@ -392,6 +392,32 @@ TEST_F(ImageFileTest, PngEffortChoosesZlibsLevelAndNeverThePixels) {
                                                                           : -1);
 }
 
+TEST_F(ImageFileTest, AnOpaquePictureInAFormatWithAlphaIsWrittenWithoutIt) {
+    QImage image = coordinates(30, 20).convertToFormat(QImage::Format_RGBA8888_Premultiplied);
+    ASSERT_TRUE(image.hasAlphaChannel());
+    EXPECT_FALSE(ImageFile::hasTransparency(image));
+    const QByteArray opaque = ImageFile::encode(image, QStringLiteral("image/png"));
+    EXPECT_EQ(opaque.at(25), 2) << "IHDR colour type: RGB, no alpha channel";
+    const auto back = ImageFile::loadFromData(opaque);
+    ASSERT_TRUE(back);
+    const QImage pixels = back->image.convertToFormat(QImage::Format_RGBA8888_Premultiplied);
+    ASSERT_EQ(pixels.size(), image.size());
+    for (int y = 0; y < 20; ++y)
+        EXPECT_EQ(std::memcmp(pixels.constScanLine(y), image.constScanLine(y), 30 * 4), 0) << "row " << y;
+    // One pixel that isn't quite opaque keeps the channel.
+    image.setPixel(29, 19, qRgba(0, 0, 0, 254));
+    EXPECT_TRUE(ImageFile::hasTransparency(image));
+    EXPECT_TRUE(ImageFile::hasTransparency(image.convertToFormat(QImage::Format_ARGB32)));
+    EXPECT_EQ(ImageFile::encode(image, QStringLiteral("image/png")).at(25), 6) << "RGBA";
+    if (ImageCodecs::hasHeifEncoder()) {
+        // Nor does a HEIC of an opaque picture carry an alpha picture (which costs a second encode).
+        const auto heic = ImageFile::loadFromData(ImageCodecs::encodeHeif(
+            coordinates(64, 64).convertToFormat(QImage::Format_ARGB32_Premultiplied)));
+        ASSERT_TRUE(heic);
+        EXPECT_FALSE(heic->image.hasAlphaChannel());
+    }
+}
+
 TEST_F(ImageFileTest, AlphaSupportIsByTypeEquality) {
     for (const char* t : {"image/png", "image/tiff", "image/gif", "image/heic", "image/heif", "image/webp"})
         EXPECT_TRUE(ImageFile::supportsAlpha(QLatin1String(t))) << t;

@@ -28,21 +28,6 @@ QJsonArray rectJson(const QRectF& r) {
     return QJsonArray{r.x(), r.y(), r.width(), r.height()};
 }
 
-/// True when some pixel of `image` isn't fully opaque.
-bool hasTransparency(const QImage& image) {
-    if (!image.hasAlphaChannel()) return false;
-    const QImage argb =
-        image.format() == QImage::Format_ARGB32 || image.format() == QImage::Format_ARGB32_Premultiplied
-            ? image
-            : image.convertToFormat(QImage::Format_ARGB32_Premultiplied);
-    for (int y = 0; y < argb.height(); ++y) {
-        const QRgb* p = reinterpret_cast<const QRgb*>(argb.constScanLine(y));
-        for (int x = 0; x < argb.width(); ++x)
-            if (qAlpha(p[x]) != 255) return true;
-    }
-    return false;
-}
-
 // The model with the input opened and the run's settings applied: the settings, then the sizes
 // given by name written again as a person would type them (so that a locked aspect follows the
 // image as it stands before the resize), each build stopping before the resize; then the resize
@@ -111,7 +96,7 @@ std::optional<QString> typeOf(const CropModel& model, const OutputPlan::Plan& pl
         asked = ImageFile::typeForExtension(QFileInfo(plan.file).suffix());
     if (asked.isEmpty()) return std::nullopt;
     // Asked for by name: written so, or refused when it would lose the transparency.
-    if (!ImageFile::supportsAlpha(asked) && hasTransparency(model.processedImage()))
+    if (!ImageFile::supportsAlpha(asked) && ImageFile::hasTransparency(model.processedImage()))
         return QStringLiteral("%1 can’t hold the result’s transparency; choose --format png or webp, or lay "
                               "a background")
             .arg(ImageFile::preferredExtension(asked));

@@ -363,8 +363,17 @@ QByteArray encode(const QImage& source, const QString& type, const Storage& stor
         if (!direct.isEmpty()) return direct;
     }
     // A crop is a view inside a wider image; the encoders' conversions want pictures of their own.
-    const QImage image =
+    QImage image =
         source.bytesPerLine() == qsizetype(source.width()) * (source.depth() / 8) ? source : source.copy();
+    // A picture whose format could hold transparency and holds none is a PNG of three channels: a
+    // quarter smaller, and read back as opaque (alpha 255 reads the same premultiplied or not).
+    if (target == kPng && !hasTransparency(image)) {
+        const QImage::Format f = image.format();
+        if (f == QImage::Format_RGBA8888 || f == QImage::Format_RGBA8888_Premultiplied)
+            image.reinterpretAsFormat(QImage::Format_RGBX8888);
+        else if (f == QImage::Format_ARGB32 || f == QImage::Format_ARGB32_Premultiplied)
+            image.reinterpretAsFormat(QImage::Format_RGB32);
+    }
     if (isHeifType(target))
         return ImageCodecs::encodeHeif(image, asked ? quality : 92, metadata.exif, metadata.xmp);
     if (target == kGif) return ImageCodecs::encodeGif(image);
@@ -387,6 +396,27 @@ QByteArray encode(const QImage& source, const QString& type, const Storage& stor
                                                   : 92);
     if (!writer.write(image)) return QByteArray();
     return bytes;
+}
+
+bool hasTransparency(const QImage& image) {
+    if (!image.hasAlphaChannel()) return false;
+    const QImage::Format f = image.format();
+    const bool byteOrder = f == QImage::Format_RGBA8888 || f == QImage::Format_RGBA8888_Premultiplied;
+    const QImage argb = byteOrder || f == QImage::Format_ARGB32 || f == QImage::Format_ARGB32_Premultiplied
+                            ? image
+                            : image.convertToFormat(QImage::Format_ARGB32_Premultiplied);
+    for (int y = 0; y < argb.height(); ++y) {
+        const uchar* row = argb.constScanLine(y);
+        if (byteOrder) {
+            for (int x = 0; x < argb.width(); ++x)
+                if (row[4 * x + 3] != 255) return true;
+        } else {
+            const QRgb* p = reinterpret_cast<const QRgb*>(row);
+            for (int x = 0; x < argb.width(); ++x)
+                if (qAlpha(p[x]) != 255) return true;
+        }
+    }
+    return false;
 }
 
 int interactiveQuality(const QString& type) {

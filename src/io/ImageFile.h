@@ -107,6 +107,8 @@ inline constexpr int kInteractivePngEffort = 40;
 /// The `quality` for a save in the window of a picture of `type`: the PNG effort above for PNG, the
 /// save rules (-1) for every other type.
 int interactiveQuality(const QString& type);
+/// True when some pixel of `image` isn't fully opaque (a format with alpha says only that it could be).
+bool hasTransparency(const QImage& image);
 
 /// Encodes without writing; empty on failure. `metadata` goes into the types whose encoder writes
 /// it (HEIC, HEIF; see `ImageMetadata::carriedByEncoder`) and is ignored by the others.

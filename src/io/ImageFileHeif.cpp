@@ -281,11 +281,14 @@ heif_error writeToBuffer(heif_context*, const void* data, size_t size, void* use
 
 } // namespace
 
-QByteArray encodeHeif(const QImage& source, int quality, const QByteArray& exif, const QByteArray& xmp) {
+QByteArray encodeHeif(const QImage& source, int quality, const QByteArray& exif, const QByteArray& xmp,
+                      const char* preset) {
     if (source.isNull()) return QByteArray();
     const QImage rgba = source.convertToFormat(QImage::Format_RGBA8888); // libheif wants straight alpha
     if (rgba.isNull()) return QByteArray();
-    const bool alpha = source.hasAlphaChannel();
+    // A picture that could hold transparency and holds none is written without an alpha plane,
+    // which the encoder would otherwise encode as a second picture.
+    const bool alpha = ImageFile::hasTransparency(source);
 
     HeifContext ctx(heif_context_alloc());
     heif_encoder* encoder = nullptr;
@@ -294,6 +297,8 @@ QByteArray encodeHeif(const QImage& source, int quality, const QByteArray& exif,
     std::unique_ptr<heif_encoder, decltype(&heif_encoder_release)> encoderGuard(encoder,
                                                                                 heif_encoder_release);
     heif_encoder_set_lossy_quality(encoder, quality);
+    // An encoder without the parameter (not x265) keeps its own speed.
+    if (preset) (void)heif_encoder_set_parameter_string(encoder, "preset", preset);
 
     heif_image* rawImage = nullptr;
     const heif_chroma chroma = alpha ? heif_chroma_interleaved_RGBA : heif_chroma_interleaved_RGB;
