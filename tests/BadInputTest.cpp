@@ -287,3 +287,33 @@ TEST_F(BadInputTest, ASaveRacingAnotherWriterLeavesOneWholeFile) {
     EXPECT_TRUE(ours.contains(end) || end == theirs) << "never a mixture (" << end.size() << " bytes)";
     EXPECT_TRUE(ImageFile::load(target));
 }
+
+TEST_F(BadInputTest, AJpegThatEndsEarlyOpensAndIsSaidToBeDamaged) {
+    QImage photo(320, 240, QImage::Format_RGB32);
+    for (int y = 0; y < 240; ++y)
+        for (int x = 0; x < 320; ++x)
+            photo.setPixel(x, y, qRgb(x % 256, y, (x * y) % 256));
+    const QString whole = m_dir.filePath(QStringLiteral("whole.jpg"));
+    ASSERT_TRUE(writeImage(photo, whole, "jpeg", 90));
+    const QByteArray bytes = readBytes(whole);
+    const auto sound = ImageFile::loadFromData(bytes);
+    ASSERT_TRUE(sound);
+    EXPECT_TRUE(sound->damage.isEmpty());
+
+    const QString cut = m_dir.filePath(QStringLiteral("cut.jpg"));
+    ASSERT_TRUE(writeBytes(cut, bytes.left(bytes.size() * 6 / 10)));
+    const auto partial = ImageFile::load(cut);
+    ASSERT_TRUE(partial) << "what the file holds still shows";
+    EXPECT_EQ(partial->damage, QStringLiteral("ends early"));
+    EXPECT_EQ(partial->image.size(), QSize(320, 240));
+
+    CropModel model;
+    model.open({whole});
+    EXPECT_FALSE(model.errorMessage());
+    model.open({cut});
+    EXPECT_EQ(
+        model.errorMessage(),
+        QStringLiteral("“cut.jpg” is damaged: the file ends early, and the rest of the picture shows grey."));
+    EXPECT_EQ(model.items().size(), 2u);
+    EXPECT_EQ(model.active()->path, cut);
+}

@@ -120,3 +120,31 @@ TEST(ColorPicker, SwatchRowOpensThePicker) {
     row.popover()->pickPalette(0, 8);
     EXPECT_EQ(bound.color.name().toUpper(), QStringLiteral("#2979FF"));
 }
+
+TEST(ColorPicker, ThePopoverStaysWholeOnTheScreenAtEveryEdge) {
+    const QRect screen(0, 0, 1280, 800);
+    const QSize popover(244, 420);
+    const auto place = [&](QPoint rowAt) {
+        return QRect(ColorSwatchRow::popoverPosition(QRect(rowAt, QSize(150, 24)), popover, screen), popover);
+    };
+    // In the middle: to the row's left, centred on it.
+    EXPECT_EQ(place(QPoint(800, 400)), QRect(QPoint(800 - 6 - 244, 411 - 210), popover));
+    // Near the bottom: lifted so that its lower rows (Clear, the hex field) stay in reach.
+    const QRect bottom = place(QPoint(800, 780));
+    EXPECT_EQ(bottom.bottom(), screen.bottom());
+    EXPECT_EQ(bottom.right(), 800 - 6 - 1);
+    // Near the top: pushed down to the top edge.
+    EXPECT_EQ(place(QPoint(800, 4)).top(), 0);
+    // Near the left: no room there, so on the row's right.
+    EXPECT_EQ(place(QPoint(100, 400)).left(), 100 + 150 + 6);
+    // Near the right: to the left as always, whole.
+    EXPECT_TRUE(screen.contains(place(QPoint(1130, 400))));
+    // A screen smaller than the popover keeps its top-left in reach.
+    const QRect tiny(0, 0, 200, 300);
+    EXPECT_EQ(ColorSwatchRow::popoverPosition(QRect(20, 280, 150, 24), popover, tiny), QPoint(0, 0));
+    // On a second screen to the right of the first, the same rules in its coordinates.
+    const QRect second(1280, 0, 1920, 1080);
+    const QRect there(ColorSwatchRow::popoverPosition(QRect(1290, 1060, 150, 20), popover, second), popover);
+    EXPECT_TRUE(second.contains(there));
+    EXPECT_EQ(there.left(), 1290 + 150 + 6);
+}

@@ -2,6 +2,7 @@
 
 #include "ui/ContentView.h"
 #include "ui/CropEditorSheet.h"
+#include "ui/FileOpenInbox.h"
 #include "ui/MainWindow.h"
 
 #include <QApplication>
@@ -165,4 +166,30 @@ TEST(CropSheetInWindow, TurningTheCropOnOpensTheSheetAndDoneCommits) {
     window.content()->cropEditor()->accept(); // Done
     EXPECT_EQ(model.manualCropRect(), QRectF(0.5, 0, 0.5, 1));
     EXPECT_EQ(model.processedImage().size(), QSize(100, 100));
+}
+
+TEST(CropSheetInWindow, FilesHandedOverWhileTheSheetIsOpenWaitForIt) {
+    QTemporaryDir dir;
+    MainWindow window;
+    window.show();
+    CropModel& model = window.content()->model();
+    model.open({savePng(dir, QStringLiteral("a.png"), coordinates(200, 100))});
+    const auto cropped = model.activeID();
+    model.setManualCropEnabled(true);
+    CropEditorSheet* sheet = window.content()->cropEditor();
+    ASSERT_NE(sheet, nullptr);
+    // A second start hands a file over while the sheet is open.
+    FileOpenInbox::instance().deliver({savePng(dir, QStringLiteral("other.png"), coordinates(80, 80))});
+    QApplication::processEvents();
+    EXPECT_EQ(model.items().size(), 1u) << "nothing opens behind the sheet";
+    EXPECT_EQ(model.activeID(), cropped);
+    sheet->overlay()->setCrop(QRectF(0.5, 0, 0.5, 1));
+    sheet->accept(); // Done
+    EXPECT_EQ(model.manualCropRect(), QRectF(0.5, 0, 0.5, 1));
+    EXPECT_EQ(model.processedImage().size(), QSize(100, 100))
+        << "the crop went to the picture it was drawn on";
+    QTest::qWait(0);
+    QApplication::processEvents();
+    ASSERT_EQ(model.items().size(), 2u) << "then the file opens";
+    EXPECT_TRUE(FileOpenInbox::instance().pending().isEmpty());
 }

@@ -285,3 +285,40 @@ TEST(WindowLayout, MenusHoldTheCommandsWithTheirKeysAndStates) {
     model.open({savePng(dir, QStringLiteral("pair.png"), sheet)});
     EXPECT_TRUE(split->isEnabled());
 }
+
+TEST(WindowLayout, ALockedAspectShowsTheLinkedSizeInTheFieldTabMovesTo) {
+    QTemporaryDir dir;
+    MainWindow window;
+    window.resize(900, 700);
+    window.show();
+    QApplication::setActiveWindow(&window);
+    CropModel& model = window.content()->model();
+    model.open({savePng(dir, QStringLiteral("photo.png"), coordinates(400, 300))});
+    model.setResizeEnabled(true);
+    ASSERT_TRUE(model.resizeLockAspect());
+    const QList<QLineEdit*> fields = window.findChildren<QLineEdit*>(QStringLiteral("pixelField"));
+    ASSERT_EQ(fields.size(), 2);
+    QLineEdit* width = fields[0];
+    QLineEdit* height = fields[1];
+    width->setFocus();
+    width->selectAll();
+    QTest::keyClicks(width, QStringLiteral("120"));
+    QTest::keyClick(width, Qt::Key_Tab);
+    ASSERT_TRUE(height->hasFocus());
+    EXPECT_EQ(model.resizeWidth(), 120);
+    EXPECT_EQ(model.resizeHeight(), 90);
+    EXPECT_EQ(height->text(), QStringLiteral("90")) << "the field Tab moved to shows the linked height";
+    // Return on the height as it stands writes nothing back: the size stays the one typed.
+    QTest::keyClick(height, Qt::Key_Return);
+    EXPECT_EQ(model.resizeWidth(), 120);
+    EXPECT_EQ(model.resizeHeight(), 90);
+    EXPECT_EQ(width->text(), QStringLiteral("120"));
+    // Typing there still counts, and the width follows.
+    height->selectAll();
+    QTest::keyClicks(height, QStringLiteral("150"));
+    QTest::keyClick(height, Qt::Key_Return);
+    EXPECT_EQ(model.resizeHeight(), 150);
+    EXPECT_EQ(model.resizeWidth(), 200);
+    EXPECT_EQ(height->text(), QStringLiteral("150"));
+    EXPECT_EQ(width->text(), QStringLiteral("200"));
+}

@@ -198,7 +198,7 @@ std::optional<Loaded> finish(QImage image, const QString& type, MemoryBudget::Ho
     if (image.isNull()) return std::nullopt;
     if (hold.bytes() > 0) hold.shrinkTo(qint64(image.sizeInBytes()));
     const bool lossless = type != ImageFile::kJpeg && !ImageFile::isHeifType(type);
-    Loaded loaded{std::move(image), type, nullptr, {lossless, -1}};
+    Loaded loaded{std::move(image), type, nullptr, {lossless, -1}, QString()};
     if (hold.bytes() > 0) loaded.hold = std::make_shared<const MemoryBudget::Hold>(std::move(hold));
     return loaded;
 }

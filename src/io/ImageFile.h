@@ -40,6 +40,9 @@ struct Loaded {
     std::shared_ptr<const MemoryBudget::Hold> hold;
     /// How the file stored its pixels.
     Storage storage;
+    /// What is wrong with a file that opened all the same ("ends early": the rest of the picture
+    /// is grey); empty for a sound one.
+    QString damage;
 };
 
 struct LoadOptions {

@@ -17,6 +17,8 @@
 #include <vector>
 
 #include <jpeglib.h>
+// after jpeglib.h, which it needs
+#include <jerror.h>
 
 namespace cutlark::ImageCodecs {
 
@@ -28,6 +30,7 @@ namespace {
 struct ErrorManager {
     jpeg_error_mgr base;
     std::jmp_buf jump;
+    bool endMissing = false; ///< the data ended before the picture did: its last rows are grey
 };
 
 [[noreturn]] void onError(j_common_ptr cinfo) {
@@ -36,6 +39,14 @@ struct ErrorManager {
 }
 
 void onMessage(j_common_ptr) {}
+
+// Every warning counted, one remembered: a file that ends early, which the person should hear of.
+void onWarning(j_common_ptr cinfo, int level) {
+    if (level >= 0) return; // trace messages
+    auto* errors = reinterpret_cast<ErrorManager*>(cinfo->err);
+    ++errors->base.num_warnings;
+    if (errors->base.msg_code == JWRN_JPEG_EOF) errors->endMissing = true;
+}
 
 // Called before each pass over the input's rows: a file with more scans than any encoder writes is
 // given up on at once, instead of paying a full pass for each of its thousands of scans.
@@ -315,6 +326,7 @@ std::optional<ImageFile::Loaded> decodeJpeg(const uchar* data, size_t size,
     d->cinfo.err = jpeg_std_error(&d->errors.base);
     d->errors.base.error_exit = onError;
     d->errors.base.output_message = onMessage;
+    d->errors.base.emit_message = onWarning;
     d->progress.base.progress_monitor = checkScans;
     std::optional<MemoryBudget::Hold> hold;
     jpeg_create_decompress(&d->cinfo);
@@ -337,7 +349,9 @@ std::optional<ImageFile::Loaded> decodeJpeg(const uchar* data, size_t size,
         if (!turned) return std::nullopt;
         image = std::move(*turned);
     }
-    return finish(std::move(image), QStringLiteral("image/jpeg"), std::move(*hold));
+    auto loaded = finish(std::move(image), QStringLiteral("image/jpeg"), std::move(*hold));
+    if (loaded && d->errors.endMissing) loaded->damage = QStringLiteral("ends early");
+    return loaded;
 }
 
 } // namespace cutlark::ImageCodecs

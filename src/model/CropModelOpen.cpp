@@ -162,6 +162,7 @@ void CropModel::openNow(const QStringList& paths) {
     if (!candidates.empty() && !decodeAll(candidates)) return; // cancelled: the queue stays as it was
     std::vector<Item> fresh;
     m_openRefusal.clear();
+    QString damaged; // the first file that opened with something missing
     for (const DecodedFile& d : candidates) {
         if (!d.loaded || !d.buffer) {
             ++skipped;
@@ -169,6 +170,7 @@ void CropModel::openNow(const QStringList& paths) {
                 m_openRefusal = QStringLiteral("“%1” %2").arg(QFileInfo(d.path).fileName(), d.refusal);
             continue;
         }
+        if (damaged.isEmpty() && !d.loaded->damage.isEmpty()) damaged = QFileInfo(d.path).fileName();
         fresh.push_back(Item{QUuid::createUuid(), NativePath::absolute(d.path), d.loaded->type, *d.buffer,
                              false, Settings(), d.loaded->hold, d.loaded->storage, d.encoded, d.thumbnail});
     }
@@ -194,6 +196,10 @@ void CropModel::openNow(const QStringList& paths) {
     setSaveConfirmation(std::nullopt);
     setErrorMessage(skipped > 0 ? std::optional<QString>(withRefusal(skipMessage(skipped))) : std::nullopt);
     activate(first);
+    // Said once the pictures are up (a rebuild clears notices), unless files were refused: that comes first.
+    if (!damaged.isEmpty() && skipped == 0)
+        setErrorMessage(
+            tr("“%1” is damaged: the file ends early, and the rest of the picture shows grey.").arg(damaged));
 }
 
 void CropModel::openPanel() {

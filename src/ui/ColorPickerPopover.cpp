@@ -10,9 +10,11 @@
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
+#include <QScreen>
 #include <QTimer>
 #include <QVBoxLayout>
 
+#include <algorithm>
 #include <cmath>
 
 namespace cutlark {
@@ -341,9 +343,24 @@ ColorSwatchRow::ColorSwatchRow(const QString& label, std::function<QColor()> get
         m_popover = new ColorPickerPopover(m_get, m_set, {}, frame);
         column->addWidget(m_popover);
         frame->adjustSize();
-        frame->move(mapToGlobal(QPoint(-frame->width() - 6, (height() - frame->height()) / 2)));
+        const QRect anchor(mapToGlobal(QPoint(0, 0)), size());
+        const QRect available =
+            screen() ? screen()->availableGeometry() : QRect(anchor.topLeft(), frame->size());
+        frame->move(popoverPosition(anchor, frame->size(), available));
         frame->show();
     });
+}
+
+QPoint ColorSwatchRow::popoverPosition(const QRect& anchor, const QSize& size, const QRect& screen) {
+    constexpr int gap = 6;
+    int x = anchor.left() - gap - size.width();
+    if (x < screen.left()) x = anchor.right() + 1 + gap; // no room on the left: the right
+    int y = anchor.center().y() - size.height() / 2;
+    // Pushed in from the right and bottom first, so that a popover bigger than the screen keeps its
+    // top-left (the pad and the first rows) in reach.
+    x = std::max(screen.left(), std::min(x, screen.right() + 1 - size.width()));
+    y = std::max(screen.top(), std::min(y, screen.bottom() + 1 - size.height()));
+    return QPoint(x, y);
 }
 
 QSize ColorSwatchRow::sizeHint() const {

@@ -101,6 +101,10 @@ public:
     /// The bound colour changed (from the picker or from elsewhere).
     void colorChanged();
     ColorPickerPopover* popover() const { return m_popover.data(); }
+    /// Where a popover of `size` goes for a row at `anchor` (global coordinates): to the row's left,
+    /// centred on it, else to its right when the left has no room; always whole on `screen` (the
+    /// screen's available area), pushed in from any edge it would cross.
+    static QPoint popoverPosition(const QRect& anchor, const QSize& size, const QRect& screen);
 
 protected:
     void paintEvent(QPaintEvent*) override;

@@ -229,7 +229,14 @@ void ContentView::openCropEditor() {
     m_cropEditor->setAttribute(Qt::WA_DeleteOnClose);
     // Cancel keeps nothing of the editing; a crop just turned on stays on with the rectangle it had.
     CropEditorSheet* sheet = m_cropEditor;
-    connect(sheet, &QDialog::accepted, this, [this, sheet] { m_model.setManualCrop(sheet->crop()); });
+    // The crop drawn belongs to the picture it was drawn on, never to one that became active since.
+    const std::optional<QUuid> drawnOn = m_model.activeID();
+    connect(sheet, &QDialog::accepted, this, [this, sheet, drawnOn] {
+        if (m_model.activeID() == drawnOn) m_model.setManualCrop(sheet->crop());
+    });
+    // Files handed over while the sheet was open wait for it, then open.
+    connect(sheet, &QDialog::finished, this,
+            [this] { QTimer::singleShot(0, this, &ContentView::drainInbox); });
     m_cropEditor->resize(760, 600);
     m_cropEditor->open();
 }
@@ -253,6 +260,8 @@ void ContentView::showEvent(QShowEvent* event) {
 }
 
 void ContentView::drainInbox() {
+    // Not behind the crop sheet: the picture being cropped stays the active one until it closes.
+    if (m_cropEditor) return;
     const QStringList files = FileOpenInbox::instance().take();
     if (!files.isEmpty()) m_model.open(files);
 }

@@ -28,13 +28,19 @@ QWidget* resize(SidebarControls& c, QWidget* parent) {
         edit->setObjectName(QStringLiteral("pixelField"));
         edit->setFixedWidth(64);
         edit->setAlignment(Qt::AlignRight);
+        // Only what the person is typing is left alone: a field that has the focus and no edit of
+        // its own (Tab just moved there) shows the value the other field's link gave it.
         const auto show = [model, edit, get] {
-            if (!edit->hasFocus()) edit->setText(QLocale().toString((model->*get)(), 'f', 0));
+            if (!edit->hasFocus() || !edit->isModified())
+                edit->setText(QLocale().toString((model->*get)(), 'f', 0));
         };
         QObject::connect(edit, &QLineEdit::editingFinished, edit, [&c, model, edit, set, show] {
             bool ok = false;
             const double v = QLocale().toDouble(edit->text(), &ok);
-            if (ok && !c.following())
+            // Text the person didn't touch is no value of theirs: Return there writes nothing back.
+            const bool typed = edit->isModified();
+            edit->setModified(false);
+            if (ok && typed && !c.following())
                 (model->*set)(v);
             else
                 show();
