@@ -3,6 +3,7 @@
 #include "ui/ColorPickerPopover.h"
 
 #include <QApplication>
+#include <QLineEdit>
 #include <QTest>
 
 #include <gtest/gtest.h>
@@ -147,4 +148,53 @@ TEST(ColorPicker, ThePopoverStaysWholeOnTheScreenAtEveryEdge) {
     const QRect there(ColorSwatchRow::popoverPosition(QRect(1290, 1060, 150, 20), popover, second), popover);
     EXPECT_TRUE(second.contains(there));
     EXPECT_EQ(there.left(), 1290 + 150 + 6);
+}
+
+TEST(ColorPicker, EveryPartWorksFromTheKeyboard) {
+    Binding bound;
+    bound.color = QColor::fromHsvF(0.5f, 0.5f, 0.5f, 1.0f);
+    ColorPickerPopover picker(bound.get(), bound.set());
+    picker.show();
+    picker.setFocus();
+    ASSERT_EQ(picker.keyArea(), ColorPickerPopover::KeyArea::pad);
+    QTest::keyClick(&picker, Qt::Key_Right);
+    EXPECT_NEAR(picker.sat(), 0.51, 1e-3);
+    QTest::keyClick(&picker, Qt::Key_Up, Qt::ShiftModifier);
+    EXPECT_NEAR(picker.bri(), 0.6, 1e-3);
+    EXPECT_NEAR(bound.color.valueF(), 0.6, 0.01) << "each key writes the bound colour";
+
+    QTest::keyClick(&picker, Qt::Key_Tab);
+    EXPECT_EQ(picker.keyArea(), ColorPickerPopover::KeyArea::hue);
+    EXPECT_EQ(picker.focusWidget(), &picker) << "Tab walks the picker's parts first";
+    const double hue = picker.hue();
+    QTest::keyClick(&picker, Qt::Key_Right);
+    EXPECT_NEAR(picker.hue(), hue + 1.0 / 360, 1e-6);
+
+    QTest::keyClick(&picker, Qt::Key_Tab);
+    EXPECT_EQ(picker.keyArea(), ColorPickerPopover::KeyArea::alpha);
+    QTest::keyClick(&picker, Qt::Key_Left, Qt::ShiftModifier);
+    EXPECT_NEAR(bound.color.alphaF(), 0.9, 0.01);
+
+    QTest::keyClick(&picker, Qt::Key_Tab);
+    EXPECT_EQ(picker.keyArea(), ColorPickerPopover::KeyArea::palette);
+    QTest::keyClick(&picker, Qt::Key_Right);
+    QTest::keyClick(&picker, Qt::Key_Right);
+    QTest::keyClick(&picker, Qt::Key_Down);
+    EXPECT_EQ(picker.paletteCursor(), QPoint(2, 1));
+    const QString entry = ColorPickerPopover::palette()[1][2];
+    EXPECT_EQ(picker.accessibleDescription(), QLatin1Char('#') + entry.toUpper())
+        << "the entry reached is said";
+    QTest::keyClick(&picker, Qt::Key_Return);
+    EXPECT_EQ(bound.color.name().toUpper(), QLatin1Char('#') + entry.toUpper());
+    EXPECT_EQ(bound.color.alpha(), 255);
+    // The cursor stops at the palette's edges.
+    for (int i = 0; i < 20; ++i)
+        QTest::keyClick(&picker, Qt::Key_Down);
+    EXPECT_EQ(picker.paletteCursor(), QPoint(2, 4));
+
+    QTest::keyClick(&picker, Qt::Key_Tab);
+    EXPECT_TRUE(qobject_cast<QLineEdit*>(picker.focusWidget())) << "then the hex field has its turn";
+    EXPECT_EQ(picker.toolTipAt(QPointF(ColorPickerPopover::kEdge + 5, ColorPickerPopover::kEdge + 5)),
+              QString())
+        << "the pad has no tooltip";
 }

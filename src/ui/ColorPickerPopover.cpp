@@ -4,6 +4,7 @@
 
 #include <QFontDatabase>
 #include <QHBoxLayout>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QLinearGradient>
 #include <QLineEdit>
@@ -12,6 +13,7 @@
 #include <QPainterPath>
 #include <QScreen>
 #include <QTimer>
+#include <QToolTip>
 #include <QVBoxLayout>
 
 #include <algorithm>
@@ -126,7 +128,90 @@ ColorPickerPopover::ColorPickerPopover(std::function<QColor()> get, std::functio
     m_hexField->setGeometry(kEdge + 20, rowTop, kWidth - 20 - 8 - 44, 22);
     m_percent->setGeometry(kEdge + kWidth - 44, rowTop, 44, 22);
     connect(m_hexField, &QLineEdit::returnPressed, this, [this] { commitHex(m_hexField->text()); });
+    setFocusPolicy(Qt::StrongFocus);
+    setAccessibleName(tr("Colour"));
+    describeKeyArea();
     syncFrom(m_get()); // on appearing
+}
+
+void ColorPickerPopover::describeKeyArea() {
+    static const char* const names[] = {
+        QT_TR_NOOP("Saturation and brightness: arrow keys"), QT_TR_NOOP("Hue: left and right arrows"),
+        QT_TR_NOOP("Opacity: left and right arrows"), QT_TR_NOOP("Palette: arrow keys, Return to choose")};
+    setAccessibleDescription(tr(names[int(m_keyArea)]));
+}
+
+bool ColorPickerPopover::focusNextPrevChild(bool next) {
+    // Inside the picture, Tab walks its parts before the hex field has its turn.
+    // Asked also when the hex field has the focus (a child asks its parent): then it's Qt's turn.
+    const bool focused = window()->focusWidget() == this;
+    if (focused && next && m_keyArea != KeyArea::palette) {
+        m_keyArea = KeyArea(int(m_keyArea) + 1);
+    } else if (focused && !next && m_keyArea != KeyArea::pad) {
+        m_keyArea = KeyArea(int(m_keyArea) - 1);
+    } else {
+        return QWidget::focusNextPrevChild(next);
+    }
+    describeKeyArea();
+    update();
+    return true;
+}
+
+void ColorPickerPopover::keyPressEvent(QKeyEvent* e) {
+    const int dx = (e->key() == Qt::Key_Right) - (e->key() == Qt::Key_Left);
+    const int dy = (e->key() == Qt::Key_Down) - (e->key() == Qt::Key_Up);
+    const bool choose = e->key() == Qt::Key_Return || e->key() == Qt::Key_Enter || e->key() == Qt::Key_Space;
+    if (!dx && !dy && !choose) {
+        QWidget::keyPressEvent(e);
+        return;
+    }
+    // A step is a hundredth of the range, ten with Shift (a degree of hue, ten with Shift).
+    const double step = (e->modifiers() & Qt::ShiftModifier) ? 0.1 : 0.01;
+    switch (m_keyArea) {
+    case KeyArea::pad:
+        setLocal(m_hue, std::clamp(m_sat + dx * step, 0.0, 1.0), std::clamp(m_bri - dy * step, 0.0, 1.0),
+                 m_alpha);
+        break;
+    case KeyArea::hue: {
+        const double h = m_hue + (dx - dy) * (step == 0.01 ? 1.0 : 10.0) / 360.0;
+        setLocal(std::clamp(h, 0.0, 0.9999), m_sat, m_bri, m_alpha); // short of 1, as a drag stops
+        break;
+    }
+    case KeyArea::alpha:
+        setLocal(m_hue, m_sat, m_bri, std::clamp(m_alpha + (dx - dy) * step, 0.0, 1.0));
+        break;
+    case KeyArea::palette:
+        m_paletteCursor =
+            QPoint(std::clamp(m_paletteCursor.x() + dx, 0, 10), std::clamp(m_paletteCursor.y() + dy, 0, 4));
+        if (choose) pickPalette(m_paletteCursor.y(), m_paletteCursor.x());
+        setAccessibleDescription(toolTipAt(swatchRect(m_paletteCursor.y(), m_paletteCursor.x()).center()));
+        update();
+        break;
+    }
+    e->accept();
+}
+
+QString ColorPickerPopover::toolTipAt(const QPointF& p) const {
+    for (int row = 0; row < 5; ++row)
+        for (int col = 0; col < 11; ++col)
+            if (swatchRect(row, col).contains(p)) {
+                const QString entry = palette()[row][col];
+                return entry == QLatin1String("CLEAR") ? tr("Clear") : QLatin1Char('#') + entry.toUpper();
+            }
+    return QString();
+}
+
+bool ColorPickerPopover::event(QEvent* e) {
+    if (e->type() == QEvent::ToolTip) {
+        auto* help = static_cast<QHelpEvent*>(e);
+        const QString tip = toolTipAt(help->pos());
+        if (tip.isEmpty())
+            QToolTip::hideText();
+        else
+            QToolTip::showText(help->globalPos(), tip, this);
+        return true;
+    }
+    return QWidget::event(e);
 }
 
 void ColorPickerPopover::colorChanged() {
@@ -323,6 +408,18 @@ void ColorPickerPopover::paintEvent(QPaintEvent*) {
             p.setBrush(Qt::NoBrush);
             p.drawPath(shape);
         }
+
+    // Where the keyboard works, ringed while the picker has the focus.
+    if (hasFocus()) {
+        const QRectF ring = m_keyArea == KeyArea::pad   ? pad
+                            : m_keyArea == KeyArea::hue ? hueRect()
+                            : m_keyArea == KeyArea::alpha
+                                ? alpha
+                                : swatchRect(m_paletteCursor.y(), m_paletteCursor.x());
+        p.setPen(QPen(QWidget::palette().color(QPalette::Highlight), 2));
+        p.setBrush(Qt::NoBrush);
+        p.drawRoundedRect(ring.adjusted(-3, -3, 3, 3), 6, 6);
+    }
 }
 
 // --- the swatch row ---

@@ -65,8 +65,20 @@ public:
     /// Where the three thumbs are drawn now: on the pad, the hue strip and the alpha strip.
     QList<QRectF> thumbRects() const;
 
+    /// The part the keyboard works on: Tab goes from the pad to the hue strip, the alpha strip and
+    /// the palette, then on to the hex field.
+    enum class KeyArea { pad, hue, alpha, palette };
+    KeyArea keyArea() const { return m_keyArea; }
+    /// The palette entry the arrows have reached (row, column).
+    QPoint paletteCursor() const { return m_paletteCursor; }
+    /// What a palette entry under `p` is called ("#FF3B30", or "Clear"); empty elsewhere.
+    QString toolTipAt(const QPointF& p) const;
+
 protected:
     void paintEvent(QPaintEvent*) override;
+    void keyPressEvent(QKeyEvent* e) override;
+    bool focusNextPrevChild(bool next) override;
+    bool event(QEvent* e) override;
     void mousePressEvent(QMouseEvent* e) override;
     void mouseMoveEvent(QMouseEvent* e) override;
 
@@ -86,6 +98,9 @@ private:
     QString m_hexText = QStringLiteral("FFFFFF");
     bool m_suppressInbound = false;
     int m_dragArea = -1; // 0 pad, 1 hue, 2 alpha
+    KeyArea m_keyArea = KeyArea::pad;
+    QPoint m_paletteCursor{0, 0};
+    void describeKeyArea();
     QLineEdit* m_hexField;
     QLabel* m_percent;
 };

@@ -298,7 +298,7 @@ void ContentView::refresh() {
         const QImage& out = m_model.processedImage();
         m_dims->setVisible(!out.isNull());
         if (!out.isNull()) {
-            const QString accent = m_model.willTrim() ? palette().color(QPalette::Highlight).name()
+            const QString accent = m_model.willTrim() ? readableAccent(palette()).name()
                                                       : palette().color(QPalette::PlaceholderText).name();
             // The arrow stays with the first size; where even the second line is too narrow, the
             // result's size goes to a line of its own rather than being cut.

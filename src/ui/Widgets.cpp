@@ -10,6 +10,7 @@
 #include <QStyle>
 
 #include <algorithm>
+#include <cmath>
 
 namespace cutlark {
 
@@ -236,6 +237,33 @@ QWidget* symbolLabel(const QString& symbolName, const QString& text, QWidget* pa
     label->setObjectName(QStringLiteral("text"));
     row->addWidget(label, 1);
     return w;
+}
+
+namespace {
+double relativeLuminance(const QColor& c) {
+    const auto linear = [](double v) {
+        return v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4);
+    };
+    return 0.2126 * linear(c.redF()) + 0.7152 * linear(c.greenF()) + 0.0722 * linear(c.blueF());
+}
+} // namespace
+
+double contrastRatio(const QColor& a, const QColor& b) {
+    const double x = relativeLuminance(a), y = relativeLuminance(b);
+    return (std::max(x, y) + 0.05) / (std::min(x, y) + 0.05);
+}
+
+QColor readableAccent(const QPalette& palette) {
+    const QColor window = palette.color(QPalette::Window);
+    QColor accent = palette.color(QPalette::Highlight);
+    const bool dark = relativeLuminance(window) < 0.18;
+    // Lightness in steps of 2 % keeps the hue; 50 steps reach white or black, which always read.
+    for (int i = 0; i < 50 && contrastRatio(accent, window) < 4.5; ++i) {
+        const float h = std::max(0.0f, accent.hslHueF()), s = accent.hslSaturationF(),
+                    l = accent.lightnessF();
+        accent = QColor::fromHslF(h, s, std::clamp(l + (dark ? 0.02f : -0.02f), 0.0f, 1.0f));
+    }
+    return accent;
 }
 
 QLabel* captionLabel(const QString& text, QWidget* parent) {

@@ -69,6 +69,12 @@ QWidget* symbolLabel(const QString& symbolName, const QString& text, QWidget* pa
 
 /// Text styles: a label made smaller and dimmed like a caption, or secondary body text.
 QLabel* captionLabel(const QString& text, QWidget* parent = nullptr);
+
+/// WCAG's contrast ratio of two colours, 1 to 21.
+double contrastRatio(const QColor& a, const QColor& b);
+/// The palette's accent for text on its window colour: the highlight itself when it reads at 4.5:1
+/// or better, else the same hue made lighter (on a dark window) or darker until it does.
+QColor readableAccent(const QPalette& palette);
 QLabel* secondaryLabel(const QString& text, QWidget* parent = nullptr);
 
 /// A thin horizontal or vertical line.

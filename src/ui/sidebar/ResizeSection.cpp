@@ -26,6 +26,7 @@ QWidget* resize(SidebarControls& c, QWidget* parent) {
                                 void (CropModel::*set)(const double&)) {
         auto* edit = new QLineEdit(sizes);
         edit->setObjectName(QStringLiteral("pixelField"));
+        edit->setAccessibleName(SidebarControls::spokenName(field));
         edit->setFixedWidth(64);
         edit->setAlignment(Qt::AlignRight);
         // Only what the person is typing is left alone: a field that has the focus and no edit of

@@ -75,6 +75,13 @@ void SidebarControls::refreshAll() {
     m_following = false;
 }
 
+QString SidebarControls::spokenName(Field field) {
+    const SettingInfo* row = Settings::info(settingName(field));
+    QString meaning = row ? QString::fromUtf8(row->meaning) : settingName(field);
+    if (!meaning.isEmpty()) meaning[0] = meaning[0].toUpper();
+    return meaning;
+}
+
 QSlider* SidebarControls::slider(QWidget* parent, Field field) {
     const SettingInfo* row = Settings::info(settingName(field));
     Q_ASSERT(row && row->isNumber());
@@ -82,6 +89,7 @@ QSlider* SidebarControls::slider(QWidget* parent, Field field) {
     const Binding<double> b = binding<double>(field);
     auto* s = new QSlider(Qt::Horizontal, parent);
     s->setObjectName(settingName(field));
+    s->setAccessibleName(spokenName(field));
     s->setRange(0, kSliderSteps);
     connect(s, &QSlider::valueChanged, this, [this, s, lo, hi, b](int v) {
         if (!m_following && m_model) (m_model.data()->*b.set)(lo + (hi - lo) * v / double(s->maximum()));
@@ -188,6 +196,16 @@ QWidget* SidebarControls::section(QWidget* parent, const QString& title, const Q
     row->addWidget(toggle);
     column->addWidget(head);
     column->addWidget(body);
+    // The body was made before its switch, so Tab would reach its controls first: they are chained
+    // again, in their order, after the switch.
+    QList<QWidget*> controls;
+    for (QWidget* w = body->nextInFocusChain(); w && w != body && w != toggle; w = w->nextInFocusChain())
+        if (body->isAncestorOf(w) && (w->focusPolicy() & Qt::TabFocus)) controls << w;
+    QWidget* before = toggle;
+    for (QWidget* control : controls) {
+        QWidget::setTabOrder(before, control);
+        before = control;
+    }
     connect(toggle, &ToggleSwitch::toggled, this, [this, b](bool on) {
         if (!m_following && m_model) (m_model.data()->*b.set)(on);
     });

@@ -45,7 +45,10 @@ public:
 
     // --- factories; each control is named after the setting it shows ---
 
-    /// A continuous slider over the setting's range in the settings table.
+    /// What assistive technology calls the control of `field`: the settings table's meaning of it,
+    /// capitalised ("Padding on every side").
+    static QString spokenName(Field field);
+    /// A continuous slider over the setting's range in the settings table, named for screen readers.
     QSlider* slider(QWidget* parent, Field field);
     /// Symbol, slider, symbol.
     QWidget* sliderRow(QWidget* parent, const QString& leftSymbol, const QString& rightSymbol, Field field);
