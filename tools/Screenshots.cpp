@@ -18,6 +18,7 @@
 #include <QTimer>
 
 #include <cstdio>
+#include <tuple>
 
 using namespace cutlark;
 
@@ -246,6 +247,29 @@ int main(int argc, char** argv) {
         model.setPaddingEnabled(true);
         settle(model);
         ok &= shoot(window, out + QStringLiteral("/08-laptop-12pt.png"));
+        QApplication::setFont(saved);
+    }
+    {
+        // A 14-point font in a window of 900 pixels with every section a product shot uses on, and
+        // the narrowest window at 12 points: labels and columns grow with the font.
+        QFont font = QApplication::font();
+        const QFont saved = font;
+        for (const auto& [points, width, name] :
+             {std::tuple{14.0, 900, "/10-14pt.png"}, std::tuple{12.0, 660, "/11-narrow-12pt.png"}}) {
+            font.setPointSizeF(points);
+            QApplication::setFont(font);
+            MainWindow window;
+            window.resize(width, 800);
+            window.show();
+            CropModel& model = window.content()->model();
+            model.open({birds[0], birds[1]});
+            model.setKeyWhiteEnabled(true);
+            model.setStickerEnabled(true);
+            model.setBackgroundEnabled(true);
+            model.setBackgroundKind(BackgroundKind::gradient);
+            settle(model);
+            ok &= shoot(window, out + QLatin1String(name));
+        }
         QApplication::setFont(saved);
     }
     {

@@ -317,7 +317,26 @@ void ContentView::refresh() {
 
 void ContentView::resizeEvent(QResizeEvent* event) {
     QWidget::resizeEvent(event);
+    sizeColumns();
     arrangeHeader();
+}
+
+void ContentView::changeEvent(QEvent* event) {
+    QWidget::changeEvent(event);
+    if (event->type() == QEvent::FontChange) sizeColumns();
+}
+
+void ContentView::sizeColumns() {
+    // The sidebar grows with the font, whatever the window: its controls are cut otherwise. The queue
+    // grows too as far as the picture keeps 320 pixels; in a narrow window it gives back what the
+    // sidebar took, down to 150, so that the picture keeps the width it has at 10 points.
+    constexpr int sidebarBase = 252, queueBase = 208, queueLeast = 150, pictureAtLeast = 320;
+    const double scale = fontScale(font());
+    const int sidebar = int(sidebarBase * scale);
+    const int floor = std::max(queueLeast, queueBase - (sidebar - sidebarBase));
+    const int queue = std::max(floor, std::min(int(queueBase * scale), width() - sidebar - pictureAtLeast));
+    if (m_sidebar->width() != sidebar) m_sidebar->setFixedWidth(sidebar);
+    m_queue->setFullWidth(queue);
 }
 
 void ContentView::arrangeHeader() {

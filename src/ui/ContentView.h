@@ -55,12 +55,15 @@ protected:
     void dropEvent(QDropEvent* event) override;
     void paintEvent(QPaintEvent* event) override;
     void resizeEvent(QResizeEvent* event) override;
+    void changeEvent(QEvent* event) override;
     void showEvent(QShowEvent* event) override;
     bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
     void drainInbox();
     void arrangeHeader();
+    /// The sidebar's and the queue's widths for the font and the window.
+    void sizeColumns();
     void refresh();
     void setTargeted(bool on);
 

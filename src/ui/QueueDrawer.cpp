@@ -104,6 +104,14 @@ QString QueueDrawer::shownName(int row) const {
                               m_list->iconSize().height());
 }
 
+void QueueDrawer::setFullWidth(int width) {
+    if (width == m_fullWidth) return;
+    m_fullWidth = width;
+    // The column's width is its size hint (a fixed policy); a motion under way keeps its own limit.
+    if (!property("cutlarkTransition").toBool() && maximumWidth() != QWIDGETSIZE_MAX) setMaximumWidth(width);
+    updateGeometry();
+}
+
 bool QueueDrawer::showsSavedMark(int row) const {
     const QListWidgetItem* item = m_list->item(row);
     return item && item->data(kSavedRole).toBool();
@@ -113,7 +121,7 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
     : QWidget(parent), m_model(model), m_count(captionLabel(QString())), m_list(new QListWidget(this)),
       m_remove(new QToolButton(this)) {
     setMinimumWidth(0);
-    setMaximumWidth(208);
+    setMaximumWidth(m_fullWidth);
     setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Preferred);
     auto* column = new QVBoxLayout(this);
     column->setContentsMargins(0, 0, 0, 0);

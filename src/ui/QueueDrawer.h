@@ -25,7 +25,10 @@ public:
 
     /// "saved/total", as the head shows it.
     QString countText() const;
-    QSize sizeHint() const override { return QSize(208, QWidget::sizeHint().height()); }
+    QSize sizeHint() const override { return QSize(m_fullWidth, QWidget::sizeHint().height()); }
+    /// The width the column has when it is all in: 208 at 10 points, more with a bigger font.
+    void setFullWidth(int width);
+    int fullWidth() const { return m_fullWidth; }
     QListWidget* list() const { return m_list; }
 
     /// The row's data role that marks a saved item.
@@ -47,6 +50,7 @@ private:
     /// Thumbnails already drawn, by item and by the version of its source: a queue of hundreds of
     /// 12-megapixel images mustn't scale every one of them again whenever one item changes.
     QHash<QPair<QUuid, qint64>, QIcon> m_thumbnails;
+    int m_fullWidth = 208;
 };
 
 } // namespace cutlark

@@ -248,6 +248,11 @@ double relativeLuminance(const QColor& c) {
 }
 } // namespace
 
+double fontScale(const QFont& font) {
+    const double points = font.pointSizeF() > 0 ? font.pointSizeF() : font.pixelSize() * 0.75;
+    return std::max(1.0, points / 10.0);
+}
+
 double contrastRatio(const QColor& a, const QColor& b) {
     const double x = relativeLuminance(a), y = relativeLuminance(b);
     return (std::max(x, y) + 0.05) / (std::min(x, y) + 0.05);

@@ -70,6 +70,9 @@ QWidget* symbolLabel(const QString& symbolName, const QString& text, QWidget* pa
 /// Text styles: a label made smaller and dimmed like a caption, or secondary body text.
 QLabel* captionLabel(const QString& text, QWidget* parent = nullptr);
 
+/// How much bigger than 10 points `font` is (1 at 10 points or less): what the columns grow by.
+double fontScale(const QFont& font);
+
 /// WCAG's contrast ratio of two colours, 1 to 21.
 double contrastRatio(const QColor& a, const QColor& b);
 /// The palette's accent for text on its window colour: the highlight itself when it reads at 4.5:1

@@ -3,6 +3,7 @@
 #include "ui/Transition.h"
 #include "ui/Widgets.h"
 
+#include <QApplication>
 #include <QButtonGroup>
 #include <QCheckBox>
 #include <QHBoxLayout>
@@ -128,7 +129,7 @@ QCheckBox* SidebarControls::checkbox(QWidget* parent, const QString& text, const
 QLabel* SidebarControls::readout(QWidget* parent, int width, std::initializer_list<Field> fields,
                                  std::function<QString()> text) {
     auto* l = captionLabel(QString(), parent);
-    l->setFixedWidth(width);
+    l->setFixedWidth(int(width * fontScale(QApplication::font()))); // "100 %" whole at any font
     l->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
     follow(fields, [l, text] { l->setText(text()); });
     return l;
