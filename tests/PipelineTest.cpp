@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
+
 using namespace cutlark;
 using namespace cutlark::test;
 
@@ -323,4 +326,70 @@ TEST_F(PipelineTest, ADeferredResizeWaitsForItsSwitchAndThumbnailsCanBeLeftOut) 
     bare.open({model.active()->path});
     ASSERT_TRUE(bare.active());
     EXPECT_TRUE(bare.active()->thumbnail.isNull());
+}
+
+TEST_F(PipelineTest, ADragShowsDraftsAndItsEndIsTheFullPictureByteForByte) {
+    // A product shot bigger than a view: white sheet, a coloured block, every section a shot uses.
+    QImage sheet = solid(3200, 2000, Qt::white);
+    for (int y = 500; y < 1500; ++y)
+        for (int x = 700; x < 2500; ++x)
+            sheet.setPixel(x, y, qRgb((x * 7) & 255, (y * 3) & 255, 90));
+    const QString path = savePng(m_dir, QStringLiteral("shot.png"), sheet);
+    const auto lookOf = [](CropModel& m, double padding) {
+        m.setKeyWhiteEnabled(true);
+        m.setBgRemovalMode(BGRemovalMode::white);
+        m.setTrimEnabled(true);
+        m.setStickerEnabled(true);
+        m.setPaddingEnabled(true);
+        m.setBackgroundEnabled(true);
+        m.setBackgroundKind(BackgroundKind::gradient);
+        m.setPadAmount(padding);
+    };
+    model.open({path});
+    lookOf(model, 40);
+    model.setDraft(true);
+    model.setPadAmount(90); // a step of the drag
+    ASSERT_TRUE(model.processedIsDraft());
+    const QImage draft = model.processedImage();
+    EXPECT_LE(std::max(draft.width(), draft.height()), CropModel::kDraftLongSide);
+
+    // What a build without drafts makes of the same settings.
+    CropModel whole;
+    whole.open({path});
+    lookOf(whole, 90);
+    ASSERT_FALSE(whole.processedIsDraft());
+    const QImage full = whole.processedImage();
+    EXPECT_NEAR(model.resultSize().width(), full.width(), 3) << "the size said during the drag";
+    EXPECT_NEAR(model.resultSize().height(), full.height(), 3);
+
+    // A save in the middle of the drag writes the full picture, never the draft.
+    saveAndWait(model, &CropModel::saveAsNewFile); // no panels: nothing written, nothing broken
+    model.setDraft(false);
+    EXPECT_FALSE(model.processedIsDraft());
+    EXPECT_EQ(model.resultSize(), full.size());
+    const QImage released = model.processedImage();
+    ASSERT_EQ(released.size(), full.size());
+    ASSERT_EQ(released.format(), full.format());
+    for (int y = 0; y < full.height(); ++y)
+        ASSERT_EQ(std::memcmp(released.constScanLine(y), full.constScanLine(y), size_t(full.bytesPerLine())),
+                  0)
+            << "row " << y;
+
+    // Saving while held writes what a build without drafts writes.
+    model.setDraft(true);
+    model.setPadAmount(40);
+    ASSERT_TRUE(model.processedIsDraft());
+    saveAndWait(model);
+    EXPECT_TRUE(model.items().front().saved);
+    whole.setPadAmount(40);
+    const auto written = ImageFile::load(path);
+    ASSERT_TRUE(written);
+    EXPECT_EQ(written->image.size(), whole.processedImage().size());
+
+    // A picture no bigger than a view is never drafted.
+    CropModel small;
+    small.open({savePng(m_dir, QStringLiteral("small.png"), coordinates(800, 600))});
+    small.setDraft(true);
+    small.setPaddingEnabled(true);
+    EXPECT_FALSE(small.processedIsDraft());
 }

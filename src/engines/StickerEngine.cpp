@@ -231,20 +231,20 @@ void composite(const QImage& subject, int margin, const cv::Mat& outline, const 
 
 } // namespace
 
-Metrics metrics(double strokeWidth) {
+Metrics metrics(double strokeWidth, double scale) {
     const double w = (strokeWidth > 0 && std::isfinite(strokeWidth)) ? strokeWidth : 0.0;
     Metrics m{};
     m.strokeWidth = w;
     m.softness = std::max(w * 0.35, 1.0);
-    m.shadowBlur = w * 0.9 + 6;
-    m.shadowDrop = w * 0.4 + 6;
+    m.shadowBlur = w * 0.9 + 6 * scale;
+    m.shadowDrop = w * 0.4 + 6 * scale;
     m.workingMargin = int(std::min(std::ceil(w) + 2, 1e9));
     m.renderMargin = int(std::min(std::ceil(m.shadowBlur * 2.5 + w + m.shadowDrop) + 2, 1e9));
     return m;
 }
 
-std::optional<QImage> make(const QImage& image, double strokeWidth) {
-    const Metrics m = metrics(strokeWidth);
+std::optional<QImage> make(const QImage& image, double strokeWidth, double scale) {
+    const Metrics m = metrics(strokeWidth, scale);
     // The transparent margin goes first, so it makes no difference to the result.
     QImage subject = image;
     if (auto buffer = CropEngine::Buffer::make(image))

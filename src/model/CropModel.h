@@ -289,6 +289,18 @@ public:
 
     /// Rebuilds `processedImage` from the active item's source; does nothing while a snapshot is applied.
     void recomputeActive();
+    /// While on (a slider is held), a rebuild of a picture much bigger than a view is a draft: made
+    /// from the source shrunk to `kDraftLongSide` on its long side with every length in pixels
+    /// shrunk alike, which looks the same at the view's size. Off builds the picture in full again,
+    /// byte for byte what a build without drafts gives; saves and traces never take a draft.
+    void setDraft(bool on);
+    bool processedIsDraft() const {
+        return m_processedIsDraft;
+    }
+    /// The result's size: `processedImage`'s, or for a draft the size the full build will have, to a
+    /// pixel or so.
+    QSize resultSize() const;
+    static constexpr int kDraftLongSide = 1280;
 
     // --- opening ---
 
@@ -393,6 +405,8 @@ private:
     void writeVector(const QByteArray& bytes, const QString& sourcePath, const QString& extension,
                      const QString& type);
     QImage buildProcessed(const Item& item);
+    /// The draft of `item` while drafts are on and it is big enough to gain from one.
+    std::optional<QImage> buildDraft(const Item& item);
     void advanceToNextUnsaved(const QUuid& after);
     /// The active item when there is a result to save, else null with "Nothing to save." said.
     const Item* itemToSave();
@@ -485,6 +499,18 @@ private:
         QStringList failed; ///< the stages it asked for and couldn't do
     };
     std::optional<PreResize> m_preResize;
+    /// The source (and cutout) shrunk for drafts, kept while the same picture is dragged on.
+    struct DraftSource {
+        QUuid item;
+        qint64 source = 0;
+        qint64 cutout = 0;
+        double scale = 1;
+        QImage image;
+        QImage cutoutImage;
+    };
+    std::optional<DraftSource> m_draftSource;
+    bool m_draft = false;
+    bool m_processedIsDraft = false;
     QSet<QUuid> m_prefetching;
     bool m_linkingResizeFields = false;
     std::optional<VectorTrace> m_vectorTrace;

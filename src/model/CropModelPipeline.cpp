@@ -2,8 +2,12 @@
 // between the resize's two sizes.
 #include "model/CropModel.h"
 
+#include "engines/AreaResize.h"
 #include "model/Pipeline.h"
 
+#include <QColorSpace>
+
+#include <algorithm>
 #include <cmath>
 #include <exception>
 #include <limits>
@@ -36,8 +40,72 @@ void CropModel::recomputeActive() {
     if (wantsVision()) ensureVisionCutout();
 }
 
+namespace {
+
+// `image` shrunk to `w` × `h` by area averaging, in its own four-byte format.
+QImage shrunk(const QImage& image, int w, int h) {
+    const QImage src =
+        image.depth() == 32 ? image : image.convertToFormat(QImage::Format_RGBA8888_Premultiplied);
+    QImage out(w, h, src.format());
+    if (out.isNull()) return QImage();
+    AreaResize::shrink(src.constBits(), src.width(), src.height(), size_t(src.bytesPerLine()), out.bits(), w,
+                       h, size_t(out.bytesPerLine()));
+    out.setColorSpace(src.colorSpace());
+    return out;
+}
+
+} // namespace
+
+void CropModel::setDraft(bool on) {
+    m_draft = on;
+    if (on) return;
+    m_draftSource.reset(); // its memory goes with the drag
+    if (m_processedIsDraft) recomputeActive();
+}
+
+QSize CropModel::resultSize() const {
+    if (!m_processedIsDraft || !m_draftSource) return m_processedImage.size();
+    const double k = m_draftSource->scale;
+    return QSize(int(std::lround(m_processedImage.width() / k)),
+                 int(std::lround(m_processedImage.height() / k)));
+}
+
+std::optional<QImage> CropModel::buildDraft(const Item& item) {
+    const QImage& full = item.buffer.image();
+    const int longSide = std::max(full.width(), full.height());
+    if (longSide <= kDraftLongSide * 5 / 4) return std::nullopt; // small enough to build whole
+    QImage cutout;
+    if (m_settings.keyWhiteEnabled && m_settings.bgRemovalMode == BGRemovalMode::subject)
+        cutout = m_cutouts.cutout(item.id);
+    if (!m_draftSource || m_draftSource->item != item.id || m_draftSource->source != full.cacheKey() ||
+        m_draftSource->cutout != (cutout.isNull() ? 0 : cutout.cacheKey())) {
+        const double k = double(kDraftLongSide) / longSide;
+        const int w = std::max(1, int(std::lround(full.width() * k)));
+        const int h = std::max(1, int(std::lround(full.height() * k)));
+        DraftSource d{item.id, full.cacheKey(),    cutout.isNull() ? 0 : cutout.cacheKey(),
+                      k,       shrunk(full, w, h), cutout.isNull() ? QImage() : shrunk(cutout, w, h)};
+        if (d.image.isNull() || (!cutout.isNull() && d.cutoutImage.isNull())) return std::nullopt;
+        m_draftSource = std::move(d);
+    }
+    const Settings scaled = m_settings.scaledPixels(m_draftSource->scale);
+    Pipeline::Built built = Pipeline::beforeResize(m_draftSource->image, scaled, m_draftSource->cutoutImage,
+                                                   m_draftSource->scale);
+    built = Pipeline::resized(std::move(built), scaled);
+    m_failedStages = built.failed;
+    setActiveContentRect(QRectF(0, 0, built.image.width(), built.image.height()));
+    return built.image;
+}
+
 QImage CropModel::buildProcessed(const Item& item) {
     const Settings& s = m_settings;
+    m_processedIsDraft = false;
+    // A draft only where the full build is what is kept afterwards: the command line never drafts.
+    if (m_draft && !m_defersResize && !m_synchronousWork) {
+        if (auto draft = buildDraft(item)) {
+            m_processedIsDraft = true;
+            return *draft;
+        }
+    }
     // What the stages before the resize depend on; when it is what the last build had, its picture
     // before the resize is taken as it is.
     PreResize key;

@@ -79,6 +79,13 @@ CropModel::~CropModel() {
 }
 
 const CropModel::Item* CropModel::itemToSave() {
+    // A save during a drag writes the picture in full, never its draft.
+    if (m_processedIsDraft) {
+        const bool drafting = m_draft;
+        m_draft = false;
+        recomputeActive();
+        m_draft = drafting;
+    }
     const Item* item = active();
     if (!item || m_processedImage.isNull()) setErrorMessage(tr("Nothing to save."));
     return item && !m_processedImage.isNull() ? item : nullptr;

@@ -34,7 +34,8 @@ VectorResult traceSafely(const CropModel::VectorTracer& tracer, const VectorJob&
 } // namespace
 
 void CropModel::updateVector() {
-    if (m_isApplyingSettingsSnapshot) return;
+    // A draft is no picture to trace; the full build that ends the drag is.
+    if (m_isApplyingSettingsSnapshot || m_processedIsDraft) return;
     if (m_settings.vectorizeEnabled && !m_processedImage.isNull()) {
         m_vectorNeedsTrace = true;
         setIsVectorizing(true);

@@ -38,7 +38,7 @@ template <class Stage> std::optional<QImage> attempt(Stage&& stage) {
 
 } // namespace
 
-Built beforeResize(const QImage& source, const Settings& s, const QImage& cutout) {
+Built beforeResize(const QImage& source, const Settings& s, const QImage& cutout, double scale) {
     QStringList failed;
     // 1. Start from the upright source.
     QImage work = source;
@@ -71,7 +71,8 @@ Built beforeResize(const QImage& source, const Settings& s, const QImage& cutout
 
     // 5. Outline or trim; the outline trims by itself, so it wins.
     if (s.stickerEnabled) {
-        if (auto sticker = attempt([&] { return StickerEngine::make(work, s.strokeWidth); })) work = *sticker;
+        if (auto sticker = attempt([&] { return StickerEngine::make(work, s.strokeWidth, scale); }))
+            work = *sticker;
     } else if (s.trimEnabled) {
         const auto trimmed = attempt([&]() -> std::optional<QImage> {
             const auto buffer = CropEngine::Buffer::make(work);

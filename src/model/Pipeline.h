@@ -25,7 +25,9 @@ struct Built {
 
 /// Stages 1 to 7. `cutout` is the subject cutout of the whole untouched source, used in subject
 /// mode (null: none yet, the picture goes on unkeyed).
-Built beforeResize(const QImage& source, const Settings& settings, const QImage& cutout);
+/// `scale` is for a draft: the source is that many times the picture's size, and the settings'
+/// lengths in pixels were scaled alike (`Settings::scaledPixels`); lengths of the stages' own follow.
+Built beforeResize(const QImage& source, const Settings& settings, const QImage& cutout, double scale = 1);
 
 /// Stage 9 on the picture before the resize: the resize or the canvas the settings ask for, or the
 /// picture itself when they ask for none. Adds to `built.failed` when it can't be done.

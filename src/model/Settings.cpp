@@ -6,6 +6,8 @@
 #include <QJsonValue>
 
 #include <cmath>
+#include <string_view>
+#include <type_traits>
 
 namespace cutlark {
 
@@ -234,6 +236,21 @@ bool same(const QImage& a, const QImage& b) {
 }
 
 } // namespace
+
+namespace {
+template <class T> void scaleIfPixels(T& value, const char* unit, double scale) {
+    if constexpr (std::is_same_v<T, double>)
+        if (std::string_view(unit) == "px") value *= scale;
+}
+} // namespace
+
+Settings Settings::scaledPixels(double scale) const {
+    Settings out = *this;
+#define CUTLARK_SCALE_PIXELS(Type, name, Name, def, lo, hi, unit, ...) scaleIfPixels(out.name, unit, scale);
+    CUTLARK_SETTINGS(CUTLARK_SCALE_PIXELS)
+#undef CUTLARK_SCALE_PIXELS
+    return out;
+}
 
 bool Settings::operator==(const Settings& other) const {
 #define CUTLARK_COMPARE(Type, name, Name, def, ...)                                                          \

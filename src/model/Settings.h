@@ -122,6 +122,10 @@ struct Settings {
 
     /// The settings as JSON, every field by name (`backgroundImage` as its size, or null).
     QJsonObject toJson() const;
+
+    /// The same settings for a picture `scale` times the size: every length in pixels (the table's
+    /// "px" unit) multiplied by it. What a draft of the picture at a smaller size is built with.
+    Settings scaledPixels(double scale) const;
 };
 
 QString toString(BGRemovalMode mode);

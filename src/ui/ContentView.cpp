@@ -24,6 +24,8 @@
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
+#include <QPaintEvent>
+#include <QPixmap>
 #include <QPushButton>
 #include <QShortcut>
 #include <QStackedWidget>
@@ -113,14 +115,23 @@ public:
     StripedRegion(const ContentView* view, QWidget* parent) : QWidget(parent), m_view(view) {}
 
 protected:
-    void paintEvent(QPaintEvent*) override {
+    void paintEvent(QPaintEvent* event) override {
+        // One fill with a 10-pixel tile of the stripe: the picture in front is drawn over this at
+        // every step of a drag, and a line at a time cost tens of milliseconds a frame.
+        const QColor window = palette().color(QPalette::Window);
+        if (m_tile.isNull() || m_tileWindow != window) {
+            m_tileWindow = window;
+            m_tile = QPixmap(10, 10);
+            m_tile.fill(window);
+            QPainter tp(&m_tile);
+            tp.setRenderHint(QPainter::Antialiasing);
+            tp.setPen(QPen(QColor(128, 128, 128, int(0.05 * 255 * 2)), 1.5));
+            for (int x = -10; x <= 10; x += 10) // the neighbours' stripes, where they cross the tile
+                tp.drawLine(QPointF(x, 0), QPointF(x + 10, 10));
+        }
         QPainter p(this);
-        p.fillRect(rect(), palette().color(QPalette::Window));
+        p.fillRect(event->rect(), QBrush(m_tile));
         p.setRenderHint(QPainter::Antialiasing);
-        p.setPen(QPen(QColor(128, 128, 128, int(0.05 * 255 * 2)), 1.5));
-        const int w = width(), h = height();
-        for (int x = -h; x < w; x += 10)
-            p.drawLine(QPointF(x, 0), QPointF(x + h, h));
         if (m_view->isTargeted()) {
             // The drop ring, inside the region's edges.
             p.setPen(QPen(palette().color(QPalette::Highlight), 3));
@@ -131,6 +142,8 @@ protected:
 
 private:
     const ContentView* m_view;
+    QPixmap m_tile;
+    QColor m_tileWindow;
 };
 
 } // namespace
@@ -273,8 +286,8 @@ QString ContentView::nameText() const {
 
 QString ContentView::dimsText() const {
     const auto* item = const_cast<CropModel&>(m_model).active();
-    const QImage& out = m_model.processedImage();
-    if (!item || out.isNull()) return QString();
+    if (!item || m_model.processedImage().isNull()) return QString();
+    const QSize out = m_model.resultSize();
     return QStringLiteral("%1×%2 → %3×%4")
         .arg(item->buffer.width())
         .arg(item->buffer.height())
@@ -295,9 +308,10 @@ void ContentView::refresh() {
         const auto position = m_model.activePosition();
         m_badge->setVisible(several && position.has_value());
         if (position) m_badge->setText(tr("%1 of %2").arg(*position).arg(qint64(m_model.items().size())));
-        const QImage& out = m_model.processedImage();
-        m_dims->setVisible(!out.isNull());
-        if (!out.isNull()) {
+        const QImage& image = m_model.processedImage();
+        const QSize out = m_model.resultSize(); // a draft's too, during a drag
+        m_dims->setVisible(!image.isNull());
+        if (!image.isNull()) {
             const QString accent = m_model.willTrim() ? readableAccent(palette()).name()
                                                       : palette().color(QPalette::PlaceholderText).name();
             // The arrow stays with the first size; where even the second line is too narrow, the

@@ -4,6 +4,7 @@
 
 #include <QPainter>
 #include <QPainterPath>
+#include <QPixmap>
 #include <QTimer>
 
 #include <cmath>
@@ -12,16 +13,23 @@ namespace cutlark {
 
 namespace {
 
-// The checkerboard behind transparent results: 16-point squares, drawn as a whole at 0.6.
+// The checkerboard behind transparent results: 16-point squares, drawn as a whole at 0.6. One fill
+// with a tile, not a rectangle per square: a drag repaints it at every step.
 void paintCheckerboard(QPainter& p, const QRectF& r) {
+    static const QPixmap tile = [] {
+        QPixmap t(32, 32);
+        t.fill(QColor::fromRgbF(0.92f, 0.92f, 0.92f));
+        QPainter tp(&t);
+        const QColor dark = QColor::fromRgbF(0.82f, 0.82f, 0.82f);
+        tp.fillRect(0, 0, 16, 16, dark);
+        tp.fillRect(16, 16, 16, 16, dark);
+        return t;
+    }();
     p.save();
     p.setClipRect(r);
     p.setOpacity(p.opacity() * 0.6);
-    p.fillRect(r, QColor::fromRgbF(0.92f, 0.92f, 0.92f));
-    const QColor dark = QColor::fromRgbF(0.82f, 0.82f, 0.82f);
-    for (int row = 0; row * 16 < r.height(); ++row)
-        for (double x = (row % 2 == 0) ? 0 : 16; x < r.width(); x += 32)
-            p.fillRect(QRectF(r.left() + x, r.top() + row * 16, 16, 16), dark);
+    p.setBrushOrigin(r.topLeft());
+    p.fillRect(r, QBrush(tile));
     p.restore();
 }
 
@@ -142,7 +150,15 @@ void ImagePreview::paintEvent(QPaintEvent*) {
     p.setBrush(QColor(0, 0, 0, int(0.55 * 255)));
     p.drawRoundedRect(badge, badge.height() / 2, badge.height() / 2);
     p.setPen(Qt::white);
-    p.drawText(badge, Qt::AlignCenter, tr("%1 × %2 px").arg(image.width()).arg(image.height()));
+    p.drawText(badge, Qt::AlignCenter, badgeText(image));
+}
+
+QString ImagePreview::badgeText(const QImage& image) const {
+    // A draft shown during a drag says the size the result will have, not its own.
+    const QSize size = m_model && image.cacheKey() == m_model->processedImage().cacheKey()
+                           ? m_model->resultSize()
+                           : image.size();
+    return tr("%1 × %2 px").arg(size.width()).arg(size.height());
 }
 
 QFont ImagePreview::badgeFont() const {
@@ -156,8 +172,7 @@ QRectF ImagePreview::badgeRect() const {
     const QImage image = m_model ? m_model->vectorDisplayImage() : QImage();
     if (image.isNull() || m_shownRect.isEmpty()) return QRectF();
     const QFontMetricsF fm(badgeFont());
-    const QSizeF badge(fm.horizontalAdvance(tr("%1 × %2 px").arg(image.width()).arg(image.height())) + 14,
-                       fm.height() + 4);
+    const QSizeF badge(fm.horizontalAdvance(badgeText(image)) + 14, fm.height() + 4);
     const QRectF& r = m_shownRect;
     return QRectF(r.center().x() - badge.width() / 2, std::max(0.0, r.top() - 11), badge.width(),
                   badge.height());

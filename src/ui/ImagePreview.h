@@ -28,6 +28,7 @@ public:
     static constexpr int kInset = 28;
     /// Where the size badge is drawn; empty without a picture.
     QRectF badgeRect() const;
+    QString badgeText(const QImage& image) const;
     bool revealed() const { return m_revealed; }
     double revealProgress() const { return m_revealProgress; }
 

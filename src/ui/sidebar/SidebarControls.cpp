@@ -92,6 +92,14 @@ QSlider* SidebarControls::slider(QWidget* parent, Field field) {
     s->setObjectName(settingName(field));
     s->setAccessibleName(spokenName(field));
     s->setRange(0, kSliderSteps);
+    // Held, the slider asks for drafts: each step rebuilds the picture at the view's size, and the
+    // release builds it in full.
+    connect(s, &QSlider::sliderPressed, this, [this] {
+        if (m_model) m_model->setDraft(true);
+    });
+    connect(s, &QSlider::sliderReleased, this, [this] {
+        if (m_model) m_model->setDraft(false);
+    });
     connect(s, &QSlider::valueChanged, this, [this, s, lo, hi, b](int v) {
         if (!m_following && m_model) (m_model.data()->*b.set)(lo + (hi - lo) * v / double(s->maximum()));
     });
