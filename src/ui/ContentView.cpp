@@ -314,16 +314,22 @@ void ContentView::refresh() {
         if (!image.isNull()) {
             const QString accent = m_model.willTrim() ? readableAccent(palette()).name()
                                                       : palette().color(QPalette::PlaceholderText).name();
-            // The arrow stays with the first size; where even the second line is too narrow, the
-            // result's size goes to a line of its own rather than being cut.
-            m_dims->setText(
+            // Where the whole line doesn't fit under the name, the result's size alone (the source's
+            // is in the tooltip), so the header never takes a third line.
+            m_dimsFull =
                 QStringLiteral("<span style='color:%1'>%2×%3</span>&nbsp;→ <b style='color:%4'>%5×%6</b>")
                     .arg(palette().color(QPalette::PlaceholderText).name())
                     .arg(item->buffer.width())
                     .arg(item->buffer.height())
                     .arg(accent)
                     .arg(out.width())
-                    .arg(out.height()));
+                    .arg(out.height());
+            m_dimsCompact = QStringLiteral("→ <b style='color:%1'>%2×%3</b>")
+                                .arg(accent)
+                                .arg(out.width())
+                                .arg(out.height());
+            m_dims->setText(m_dimsFull);
+            m_dims->setToolTip(dimsText());
         }
         arrangeHeader();
     }
@@ -357,9 +363,20 @@ void ContentView::arrangeHeader() {
     // One row while the name (at least 110 wide), the badge, a gap of 12 and the whole sizes fit;
     // otherwise the name over the sizes, the header as tall as the two lines need.
     m_dims->setWordWrap(false);
+    if (!m_dimsFull.isEmpty()) m_dims->setText(m_dimsFull); // measured whole, whatever was shown last
     const int needed = 16 + 110 + 8 + (m_badge->isVisible() ? m_badge->sizeHint().width() + 8 : 0) + 12 +
                        m_dims->sizeHint().width() + 16;
     const bool oneRow = m_header->width() >= needed;
+    if (!m_dimsFull.isEmpty()) {
+        // The sizes' width as drawn, the result's part in bold.
+        QFont bold = m_dims->font();
+        bold.setBold(true);
+        const QString source = dimsText().section(QStringLiteral(" → "), 0, 0);
+        const QString result = dimsText().section(QStringLiteral(" → "), 1);
+        const int whole = m_dims->fontMetrics().horizontalAdvance(source + QStringLiteral(" → ")) +
+                          QFontMetrics(bold).horizontalAdvance(result);
+        m_dims->setText(oneRow || whole <= m_header->width() - 32 ? m_dimsFull : m_dimsCompact);
+    }
     m_dims->setWordWrap(!oneRow);
     m_dims->setMinimumWidth(oneRow ? m_dims->sizeHint().width() : 0);
     m_headerLayout->setDirection(oneRow ? QBoxLayout::LeftToRight : QBoxLayout::TopToBottom);

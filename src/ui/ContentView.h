@@ -76,6 +76,8 @@ private:
     QLabel* m_name;
     QLabel* m_badge;
     QLabel* m_dims;
+    QString m_dimsFull;    ///< "source → result", as rich text
+    QString m_dimsCompact; ///< "→ result", for a header too narrow for the whole line
     QStackedWidget* m_region;
     QWidget* m_dropZone;
     ImagePreview* m_preview;
