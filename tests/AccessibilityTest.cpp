@@ -25,6 +25,17 @@ QString spoken(QWidget* w) {
 }
 
 // Every section on, so that every control exists and shows.
+void everySectionOn(CropModel& model);
+
+void showWithEverySectionOn(MainWindow& window, const QTemporaryDir& dir) {
+    window.resize(1100, 800);
+    window.show();
+    CropModel& model = window.content()->model();
+    model.open({savePng(dir, QStringLiteral("photo.png"), coordinates(120, 80))});
+    everySectionOn(model);
+    QApplication::processEvents();
+}
+
 void everySectionOn(CropModel& model) {
     model.setTrimEnabled(true);
     model.setKeyWhiteEnabled(true);
@@ -40,12 +51,7 @@ void everySectionOn(CropModel& model) {
 TEST(Accessibility, EverySliderAndPixelFieldHasAName) {
     QTemporaryDir dir;
     MainWindow window;
-    window.resize(1100, 800);
-    window.show();
-    CropModel& model = window.content()->model();
-    model.open({savePng(dir, QStringLiteral("photo.png"), coordinates(120, 80))});
-    everySectionOn(model);
-    QApplication::processEvents();
+    showWithEverySectionOn(window, dir);
     const QList<QSlider*> sliders = window.findChildren<QSlider*>();
     EXPECT_GE(sliders.size(), 12);
     QStringList names;
@@ -64,12 +70,7 @@ TEST(Accessibility, EverySliderAndPixelFieldHasAName) {
 TEST(Accessibility, TabReachesEachSectionsSwitchBeforeItsControls) {
     QTemporaryDir dir;
     MainWindow window;
-    window.resize(1100, 800);
-    window.show();
-    CropModel& model = window.content()->model();
-    model.open({savePng(dir, QStringLiteral("photo.png"), coordinates(120, 80))});
-    everySectionOn(model);
-    QApplication::processEvents();
+    showWithEverySectionOn(window, dir);
     // The order Tab takes, from the window's first widget round to it again.
     QList<QWidget*> order;
     QWidget* w = &window;
