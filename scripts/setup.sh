@@ -20,7 +20,7 @@ packages=(
     liblcms2-dev                              # the colour oracle the colour tests compare with
     libbenchmark-dev                          # the micro-benchmarks in bench/
     breeze-icon-theme                         # fallback icon theme for the window
-    dpkg-dev appstream groff-base             # the .deb's dependencies; checking metainfo and man pages
+    dpkg-dev appstream groff-base lintian     # the .deb's dependencies; checking it, its metainfo and man pages
     parallel                                  # GNU parallel: the sharded-batch recipe is tested with it
     strace                                    # the privacy test watches every program's system calls
     python3-onnx                              # converts the subject network to fp32 once

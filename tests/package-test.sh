@@ -23,11 +23,20 @@ root="$work/root/usr"
 QT_QPA_PLATFORM=offscreen "$root/bin/cutlark" --version | grep -q '^cutlark ' || fail "cutlark --version"
 
 for page in cutlark cutlark-cli; do
-    warnings="$(groff -k -man -ww -z "$root/share/man/man1/$page.1" 2>&1)"
+    warnings="$(zcat "$root/share/man/man1/$page.1.gz" | groff -k -man -ww -z 2>&1)"
     [ -z "$warnings" ] || fail "$page.1: $warnings"
 done
-grep -q 'stdout' "$root/share/man/man1/cutlark-cli.1" || fail "the man page lacks the process options"
-grep -q 'resizeWidth' "$root/share/man/man1/cutlark-cli.1" || fail "the man page lacks the settings"
+zgrep -q 'stdout' "$root/share/man/man1/cutlark-cli.1.gz" || fail "the man page lacks the process options"
+zgrep -q 'resizeWidth' "$root/share/man/man1/cutlark-cli.1.gz" || fail "the man page lacks the settings"
+
+# Debian's own checks: no errors (unstripped programs, uncompressed pages, a missing copyright file
+# or changelog, an empty description were all errors once).
+errors="$(lintian "$deb" 2>&1 | grep '^E:' || true)"
+[ -z "$errors" ] || fail "lintian: $errors"
+for needed in libqt6svg6 breeze-icon-theme qt6-image-formats-plugins; do
+    [[ "$depends" == *"$needed"* ]] || fail "Depends lacks $needed, which is loaded at run time: $depends"
+done
+[ -f "$root/share/doc/cutlark/copyright" ] || fail "no copyright file"
 
 appstreamcli validate --no-net "$root/share/metainfo/io.github.cutlark.Cutlark.metainfo.xml" >/dev/null ||
     fail "the metainfo doesn't validate"
