@@ -6,7 +6,7 @@
 set -euo pipefail
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 seconds="${1:-60}"
-"$here/scripts/setup.sh" >/dev/null
+CUTLARK_SETUP_TESTS=1 "$here/scripts/setup.sh" >/dev/null
 need=()
 command -v clang++ >/dev/null || need+=(clang)
 dpkg-query -W -f='${Status}' libclang-rt-14-dev 2>/dev/null | grep -q "install ok installed" || need+=(libclang-rt-14-dev)

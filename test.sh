@@ -3,7 +3,7 @@
 # with sanitizers and runs it again (CUTLARK_SANITIZERS=0 skips that part).
 set -euo pipefail
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
-CUTLARK_TEST_DATA=1 "$here/scripts/setup.sh"
+CUTLARK_TEST_DATA=1 CUTLARK_SETUP_TESTS=1 "$here/scripts/setup.sh"
 "$here/scripts/format-check.sh"
 export QT_QPA_PLATFORM=offscreen
 (

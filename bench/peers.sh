@@ -16,7 +16,7 @@ if ((${#need[@]})); then
     sudo_cmd=(); [ "$(id -u)" -ne 0 ] && sudo_cmd=(sudo)
     "${sudo_cmd[@]}" apt-get update && "${sudo_cmd[@]}" apt-get install -y --no-install-recommends "${need[@]}"
 fi
-"$here/scripts/setup.sh" >/dev/null
+CUTLARK_SETUP_TESTS=1 "$here/scripts/setup.sh" >/dev/null
 
 work="$(mktemp -d /dev/shm/cutlark-peers.XXXXXX 2>/dev/null || mktemp -d)"
 trap 'rm -rf "$work"' EXIT

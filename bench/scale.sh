@@ -18,7 +18,7 @@ here="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 build="${CUTLARK_BUILD_DIR:-$here/build}"
 cli="$build/cutlark-cli"
 cache="${XDG_CACHE_HOME:-$HOME/.cache}/cutlark"
-command -v parallel >/dev/null || "$here/scripts/setup.sh" >/dev/null
+command -v parallel >/dev/null || CUTLARK_SETUP_TESTS=1 "$here/scripts/setup.sh" >/dev/null
 if [ ! -x /usr/bin/time ]; then
     sudo_cmd=(); [ "$(id -u)" -ne 0 ] && sudo_cmd=(sudo)
     "${sudo_cmd[@]}" apt-get update && "${sudo_cmd[@]}" apt-get install -y --no-install-recommends time
