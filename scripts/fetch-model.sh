@@ -27,12 +27,34 @@ fi
 
 command -v npm >/dev/null || { echo "cutlark: npm is needed to fetch the subject network" >&2; exit 1; }
 mkdir -p "$cache"
+
+# An unreachable registry is found out in seconds, said once with what still works, and remembered
+# for an hour, so that every later ./run.sh doesn't wait again (CUTLARK_FETCH_RETRY=1 tries anyway).
+unreachable="$cache/registry-unreachable"
+missing_what="the subject network and ONNX Runtime"
+if have "$target" "$converted_sha"; then missing_what="ONNX Runtime"; fi
+still_works="everything but subject mode works; try again later with CUTLARK_FETCH_RETRY=1 scripts/fetch-model.sh"
+if [ "$missing_what" = "ONNX Runtime" ]; then still_works="subject mode runs on OpenCV, three times slower"; fi
+if [ -f "$unreachable" ] && [ "${CUTLARK_FETCH_RETRY:-0}" != 1 ] &&
+    [ -n "$(find "$unreachable" -mmin -60 2>/dev/null)" ]; then
+    echo "cutlark: not fetching $missing_what: the npm registry was unreachable $(date -r "$unreachable" '+at %H:%M'); $still_works" >&2
+    exit 1
+fi
+if ! timeout 20 npm view --fetch-timeout=15000 --fetch-retries=0 onnxruntime-node@1.30.0 version >/dev/null 2>&1; then
+    touch "$unreachable"
+    echo "cutlark: the npm registry can't be reached, so $missing_what can't be fetched; $still_works" >&2
+    exit 1
+fi
+rm -f "$unreachable"
+
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
-fetch() { (cd "$work" && npm pack --silent --cache "$work/npm-cache" "$1" >/dev/null 2>&1); }
+# npm's own progress shows on a terminal; the sizes are said first.
+fetch() { (cd "$work" && npm pack --cache "$work/npm-cache" --fetch-retries=1 "$1" >/dev/null); }
 
 # The runtime: without it subject mode runs on OpenCV, three times slower.
 if [ "$(uname -m)" = x86_64 ] && ! have "$runtime" "$runtime_sha"; then
+    echo "cutlark: fetching ONNX Runtime (onnxruntime-node 1.30.0, about 136 MB, once)…" >&2
     if fetch onnxruntime-node@1.30.0 &&
         tar -xzf "$work"/onnxruntime-node-1.30.0.tgz -C "$work" package/bin/napi-v6/linux/x64/libonnxruntime.so.1 &&
         have "$work/package/bin/napi-v6/linux/x64/libonnxruntime.so.1" "$runtime_sha"; then
@@ -47,7 +69,11 @@ if have "$target" "$converted_sha"; then
     exit 0
 fi
 
-fetch @imgly/background-removal-data@1.4.5
+echo "cutlark: fetching the subject network (@imgly/background-removal-data 1.4.5, once)…" >&2
+fetch @imgly/background-removal-data@1.4.5 || {
+    echo "cutlark: the subject network couldn't be fetched; everything but subject mode works" >&2
+    exit 1
+}
 tar -xzf "$work"/imgly-background-removal-data-1.4.5.tgz -C "$work"
 
 # The package lists the chunks of each model with their byte offsets; join them in that order.

@@ -53,8 +53,9 @@ if ((${#missing[@]})); then
     DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y --no-install-recommends "${missing[@]}"
 fi
 
-# The subject network, once, into the user's cache folder. Without it the tool works, minus subject mode.
-"$here/scripts/fetch-model.sh" || echo "cutlark: the subject network couldn't be fetched; subject mode is off" >&2
+# The subject network, once, into the user's cache folder. Without it the tool works, minus subject
+# mode; the fetch says itself what is missing and why.
+"$here/scripts/fetch-model.sh" || true
 if [ "${CUTLARK_TEST_DATA:-0}" = 1 ]; then
     "$here/scripts/fetch-testdata.sh"
 fi
