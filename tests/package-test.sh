@@ -10,7 +10,8 @@ trap 'rm -rf "$work"' EXIT
 fail() { echo "package test: $*" >&2; exit 1; }
 
 (cd "$build" && cpack -B "$work/out" >"$work/cpack.log" 2>&1) || { cat "$work/cpack.log" >&2; fail "cpack failed"; }
-deb="$(ls "$work"/out/*.deb)"
+deb="$(ls "$work"/out/cutlark_*.deb)"
+network="$(ls "$work"/out/cutlark-network_*.deb 2>/dev/null || true)"
 depends="$(dpkg-deb -f "$deb" Depends)"
 for lib in libqt6widgets6 libheif1 libjpeg62-turbo libopencv-core406 libexiv2-27; do
     [[ "$depends" == *"$lib"* ]] || fail "Depends lacks $lib: $depends"
@@ -61,4 +62,33 @@ webp
 backgroundImageURL=
 true
 white subject" ] || fail "completion offered: $offered"
-echo "package test: $(basename "$deb") ok"
+
+# The network's package, made where the set-up fetched the network: Debian's checks pass, the program
+# recommends it, and the programs installed from the two packages find it with nothing in the cache.
+cache="${XDG_CACHE_HOME:-$HOME/.cache}/cutlark"
+if [ -f "$cache/isnet-medium-fp32.onnx" ] && [ -f "$cache/libonnxruntime.so.1" ]; then
+    [ -n "$network" ] || fail "the set-up fetched the network, and cpack made no cutlark-network package"
+    errors="$(lintian "$network" 2>&1 | grep '^E:' || true)"
+    [ -z "$errors" ] || fail "lintian: $errors"
+    [ "$(dpkg-deb -f "$deb" Recommends)" = cutlark-network ] || fail "cutlark doesn't recommend cutlark-network"
+    dpkg -x "$network" "$work/root"
+    [ -f "$root/share/doc/cutlark-network/copyright" ] || fail "no copyright file in cutlark-network"
+    mkdir -p "$work/home/cache"
+    # A small photograph-like picture (no white edges), as a BMP.
+    python3 -c '
+import struct, sys
+w, h = 96, 64
+rows = b"".join(bytes(((x * y) % 256, y * 3 % 256, x * 2 % 256)) for y in range(h) for x in range(w))
+header = b"BM" + struct.pack("<IHHI", 54 + len(rows), 0, 0, 54)
+info = struct.pack("<IiiHHIIiiII", 40, w, h, 1, 24, 0, len(rows), 2835, 2835, 0, 0)
+sys.stdout.buffer.write(header + info + rows)' >"$work/photo.bmp"
+    # Run with an empty cache: only the packaged files can serve.
+    env HOME="$work/home" XDG_CACHE_HOME="$work/home/cache" "$root/bin/cutlark-cli" process --format png \
+        --set keyWhiteEnabled=true --set bgRemovalMode=subject -o "$work/out-subject" --overwrite \
+        "$work/photo.bmp" >"$work/subject.json" 2>"$work/subject.err" || fail "subject cutout: $(cat "$work/subject.err")"
+    grep -q '"output"' "$work/subject.json" || fail "no result: $(cat "$work/subject.json" "$work/subject.err")"
+    if grep -Eq 'OpenCV|damaged|can.t run|install the cutlark-network' "$work/subject.err"; then
+        fail "the packaged network wasn't used: $(cat "$work/subject.err")"
+    fi
+fi
+echo "package test: $(basename "$deb")${network:+ and $(basename "$network")} ok"

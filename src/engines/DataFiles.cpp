@@ -79,10 +79,15 @@ QString find(const QString& name, const QString& overridePath) {
     if (QCoreApplication::instance()) {
         const QString bin = QCoreApplication::applicationDirPath();
         candidates << QDir(bin).filePath(name)
-                   << QDir(bin).filePath(QStringLiteral("../share/cutlark/") + name);
+                   << QDir(bin).filePath(QStringLiteral("../share/cutlark/") + name)
+                   << QDir(bin).filePath(QStringLiteral("../lib/cutlark/") + name);
     }
+    // The network is data (share); its runtime is a library for this machine (lib), as installed by
+    // the cutlark-network package.
     candidates << QStringLiteral("/usr/local/share/cutlark/") + name
-               << QStringLiteral("/usr/share/cutlark/") + name;
+               << QStringLiteral("/usr/share/cutlark/") + name
+               << QStringLiteral("/usr/local/lib/cutlark/") + name
+               << QStringLiteral("/usr/lib/cutlark/") + name;
     for (const QString& c : candidates)
         if (QFileInfo(c).isFile()) return QFileInfo(c).absoluteFilePath();
     return QString();

@@ -8,7 +8,8 @@ namespace cutlark::DataFiles {
 
 /// `overridePath` when it is a file; when it is empty, the first that exists of the user's cache
 /// folder (`cutlark/<name>`), beside the running binary, `../share/cutlark/` from it,
-/// `/usr/local/share/cutlark/` and `/usr/share/cutlark/`. Empty when none has it.
+/// `../lib/cutlark/` from it, `/usr/local/share/cutlark/`, `/usr/share/cutlark/`, `/usr/local/lib/cutlark/`
+/// and `/usr/lib/cutlark/`. Empty when none has it.
 QString find(const QString& name, const QString& overridePath = QString());
 
 /// The SHA-256 (lower-case hex) of the copy of `name` that the set-up fetches and the network
