@@ -10,6 +10,10 @@ export QT_QPA_PLATFORM=offscreen
     cd "${CUTLARK_BUILD_DIR:-$here/build}"
     ctest --output-on-failure --parallel "$(nproc)" "$@"
 )
+# The packages installed into a clean Debian 12 (root, debootstrap and Debian's registry; minutes).
+if [ "${CUTLARK_CHROOT_TEST:-0}" = 1 ]; then
+    "$here/tests/chroot-test.sh" "${CUTLARK_BUILD_DIR:-$here/build}"
+fi
 if [ "${CUTLARK_SANITIZERS:-1}" != 0 ]; then
     "$here/scripts/sanitizers.sh"
 fi
