@@ -7,6 +7,8 @@
 # Prints images per second and peak resident memory. COUNT (200) and JOBS (2) can be set; BASELINE
 # names another build's cutlark-cli (an earlier commit's, say) to run the same batch beside ours.
 set -euo pipefail
+# An older build given as BASELINE may predate the in-process opt-out of ONNX Runtime's telemetry.
+export ORT_DISABLE_TELEMETRY=1
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 build="${CUTLARK_BUILD_DIR:-$here/build}"
 count="${COUNT:-200}"

@@ -14,6 +14,8 @@
 #
 # BASELINE names another build's cutlark-cli to plan the folder beside ours (it has no --files-from).
 set -euo pipefail
+# An older build given as BASELINE may predate the in-process opt-out of ONNX Runtime's telemetry.
+export ORT_DISABLE_TELEMETRY=1
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 build="${CUTLARK_BUILD_DIR:-$here/build}"
 cli="$build/cutlark-cli"

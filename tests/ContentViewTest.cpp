@@ -425,3 +425,27 @@ TEST(RealNetworkWindow, TheKeyingSwitchCutsOutTheSubjectOfAPhotograph) {
     EXPECT_EQ(qAlpha(model.processedImage().pixel(5, 5)), 0) << "the table top is gone";
     EXPECT_EQ(qAlpha(model.processedImage().pixel(240, 110)), 255) << "the coffee stays";
 }
+
+TEST_F(WindowTest, AHeldSliderShowsDraftsAndItsReleaseTheFullPicture) {
+    QTemporaryDir dir;
+    model->open({savePng(dir, QStringLiteral("big.png"), coordinates(2400, 1600))});
+    model->setPaddingEnabled(true);
+    QApplication::processEvents();
+    auto* padding = window.findChild<QSlider*>(QStringLiteral("padAmount"));
+    ASSERT_TRUE(padding);
+    const QSize before = model->processedImage().size();
+    padding->setSliderDown(true); // a mouse drag holds the slider
+    padding->setValue(padding->value() + 500);
+    EXPECT_TRUE(model->processedIsDraft());
+    EXPECT_LT(model->processedImage().width(), before.width()) << "drawn at the view's size";
+    EXPECT_GT(model->resultSize().width(), before.width()) << "the size said is the full one, padding grown";
+    EXPECT_EQ(view->dimsText(), QStringLiteral("2400×1600 → %1×%2")
+                                    .arg(model->resultSize().width())
+                                    .arg(model->resultSize().height()));
+    padding->setSliderDown(false);
+    EXPECT_FALSE(model->processedIsDraft());
+    EXPECT_EQ(model->processedImage().size(), model->resultSize());
+    // A key on the slider builds in full at once.
+    padding->setValue(padding->value() + 100);
+    EXPECT_FALSE(model->processedIsDraft());
+}

@@ -1,14 +1,21 @@
 #pragma once
 
+#include "TestSupport.h"
+
 #include "model/CropModel.h"
 
+#include <QCoreApplication>
 #include <QImage>
 #include <QSemaphore>
 #include <QString>
+#include <QTemporaryDir>
+#include <QThreadPool>
 
 #include <atomic>
 #include <cstring>
 #include <optional>
+
+#include <gtest/gtest.h>
 
 namespace cutlark::test {
 
@@ -36,6 +43,23 @@ struct FakeCutouts {
                 [this] { return problem; }, [this] { ++prepared; }};
     }
     void release(int n = 1) { gate.release(n); }
+};
+
+/// A model with the fake as its cutout service, and a folder for its files. Every computation a test
+/// started ends, and every save is written, before the fake goes away.
+class FakeCutoutsTest : public ::testing::Test {
+protected:
+    void SetUp() override { model.setCutoutService(fake.service()); }
+    void TearDown() override {
+        fake.open = true;
+        fake.release(100);
+        QThreadPool::globalInstance()->waitForDone();
+        waitUntil([&] { return !model.savingMessage(); });
+        QCoreApplication::processEvents();
+    }
+    QTemporaryDir m_dir;
+    FakeCutouts fake;
+    CropModel model;
 };
 
 } // namespace cutlark::test

@@ -18,15 +18,8 @@ using namespace cutlark::test;
 
 namespace {
 
-class SaveInBackgroundTest : public ::testing::Test {
+class SaveInBackgroundTest : public FakeCutoutsTest {
 protected:
-    void SetUp() override { model.setCutoutService(fake.service()); }
-    void TearDown() override {
-        fake.open = true;
-        fake.release(100);
-        QThreadPool::globalInstance()->waitForDone();
-        waitUntil([&] { return !model.savingMessage(); });
-    }
     // Three photo-like pictures (no white edges), the first active.
     QStringList openThree() {
         const QStringList paths = {savePng(m_dir, QStringLiteral("img1.png"), coordinates(40, 30)),
@@ -41,10 +34,6 @@ protected:
             n += item.saved;
         return n;
     }
-
-    QTemporaryDir m_dir;
-    FakeCutouts fake;
-    CropModel model;
 };
 
 } // namespace

@@ -36,17 +36,8 @@ bool sameBytes(const QImage& a, const QImage& b) {
     return true;
 }
 
-class CutoutTest : public ::testing::Test {
+class CutoutTest : public FakeCutoutsTest {
 protected:
-    void SetUp() override { model.setCutoutService(fake.service()); }
-    // Let every computation this test started end before the fake goes away.
-    void TearDown() override {
-        fake.open = true;
-        fake.release(100);
-        QThreadPool::globalInstance()->waitForDone();
-        QCoreApplication::processEvents();
-    }
-
     // Two photo-like images (no white edges) in the queue, the first active.
     QList<QUuid> openTwo() {
         model.open({savePng(m_dir, QStringLiteral("a.png"), coordinates(40, 30)),
@@ -62,10 +53,6 @@ protected:
             std::memset(cut.scanLine(y), 0, size_t(cut.width() / 2) * 4);
         return cut;
     }
-
-    QTemporaryDir m_dir;
-    FakeCutouts fake;
-    CropModel model;
 };
 
 } // namespace

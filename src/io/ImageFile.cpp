@@ -363,16 +363,25 @@ QByteArray encode(const QImage& source, const QString& type, const Storage& stor
         if (!direct.isEmpty()) return direct;
     }
     // A crop is a view inside a wider image; the encoders' conversions want pictures of their own.
-    QImage image =
+    const QImage image =
         source.bytesPerLine() == qsizetype(source.width()) * (source.depth() / 8) ? source : source.copy();
     // A picture whose format could hold transparency and holds none is a PNG of three channels: a
     // quarter smaller, and read back as opaque (alpha 255 reads the same premultiplied or not).
+    // A view of the same bytes, not a copy; `image` keeps them alive until the writer is done.
+    QImage view;
     if (target == kPng && !hasTransparency(image)) {
         const QImage::Format f = image.format();
-        if (f == QImage::Format_RGBA8888 || f == QImage::Format_RGBA8888_Premultiplied)
-            image.reinterpretAsFormat(QImage::Format_RGBX8888);
-        else if (f == QImage::Format_ARGB32 || f == QImage::Format_ARGB32_Premultiplied)
-            image.reinterpretAsFormat(QImage::Format_RGB32);
+        const QImage::Format opaque =
+            f == QImage::Format_RGBA8888 || f == QImage::Format_RGBA8888_Premultiplied
+                ? QImage::Format_RGBX8888
+            : f == QImage::Format_ARGB32 || f == QImage::Format_ARGB32_Premultiplied ? QImage::Format_RGB32
+                                                                                     : f;
+        if (opaque != f) {
+            view = QImage(image.constBits(), image.width(), image.height(), image.bytesPerLine(), opaque);
+            view.setColorSpace(image.colorSpace());
+            view.setDotsPerMeterX(image.dotsPerMeterX());
+            view.setDotsPerMeterY(image.dotsPerMeterY());
+        }
     }
     if (isHeifType(target))
         return ImageCodecs::encodeHeif(image, asked ? quality : 92, metadata.exif, metadata.xmp);
@@ -394,7 +403,7 @@ QByteArray encode(const QImage& source, const QString& type, const Storage& stor
                           : storedAs.lossless     ? 100
                           : storedAs.quality >= 0 ? qMin(storedAs.quality, 92)
                                                   : 92);
-    if (!writer.write(image)) return QByteArray();
+    if (!writer.write(view.isNull() ? image : view)) return QByteArray();
     return bytes;
 }
 
