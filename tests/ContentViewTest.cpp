@@ -17,6 +17,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QListWidget>
+#include <QMenuBar>
 #include <QMimeData>
 #include <QProgressDialog>
 #include <QPushButton>
@@ -448,4 +449,59 @@ TEST_F(WindowTest, AHeldSliderShowsDraftsAndItsReleaseTheFullPicture) {
     // A key on the slider builds in full at once.
     padding->setValue(padding->value() + 100);
     EXPECT_FALSE(model->processedIsDraft());
+}
+
+TEST(NetworkMenu, ListsTheNetworksInTheFolderAndChoosesOne) {
+    QTemporaryDir data;
+    const QByteArray before = qgetenv("XDG_DATA_HOME");
+    qputenv("XDG_DATA_HOME", QFile::encodeName(data.path()));
+    const QString folder = data.filePath(QStringLiteral("cutlark/networks"));
+    ASSERT_TRUE(QDir().mkpath(folder));
+    ASSERT_TRUE(writeBytes(folder + QStringLiteral("/u2net.onnx"), QByteArray("graph")));
+    ASSERT_TRUE(writeBytes(folder + QStringLiteral("/BiRefNet.onnx"), QByteArray("graph")));
+    ASSERT_TRUE(writeBytes(folder + QStringLiteral("/BiRefNet.json"), QByteArray(R"({"sigmoid": true})")));
+    ASSERT_TRUE(writeBytes(folder + QStringLiteral("/broken.onnx"), QByteArray("graph")));
+    ASSERT_TRUE(writeBytes(folder + QStringLiteral("/broken.json"), QByteArray(R"({"std": -1})")));
+    ASSERT_TRUE(writeBytes(folder + QStringLiteral("/notes.txt"), QByteArray("not a network")));
+
+    MainWindow window;
+    QMenu* menu = nullptr;
+    for (QAction* a : window.menuBar()->actions())
+        if (a->text().remove(QLatin1Char('&')) == QStringLiteral("Subject network")) menu = a->menu();
+    ASSERT_TRUE(menu);
+    emit menu->aboutToShow();
+    QStringList names;
+    for (QAction* a : menu->actions())
+        if (!a->isSeparator()) names << a->text();
+    EXPECT_EQ(names, (QStringList{QStringLiteral("IS-Net (installed)"), QStringLiteral("BiRefNet"),
+                                  QStringLiteral("broken"), QStringLiteral("u2net")}));
+    EXPECT_TRUE(menu->actions().first()->isChecked()) << "the installed network is the default";
+
+    CropModel& model = window.content()->model();
+    const auto action = [&](const QString& text) {
+        for (QAction* a : menu->actions())
+            if (a->text() == text) return a;
+        return static_cast<QAction*>(nullptr);
+    };
+    action(QStringLiteral("BiRefNet"))->trigger();
+    EXPECT_EQ(model.subjectNetwork().path, folder + QStringLiteral("/BiRefNet.onnx"));
+    EXPECT_TRUE(model.subjectNetwork().sigmoid) << "its descriptor was read";
+    EXPECT_EQ(VisionEngine::chosenNetwork(), model.subjectNetwork());
+    emit menu->aboutToShow();
+    EXPECT_TRUE(action(QStringLiteral("BiRefNet"))->isChecked());
+
+    // A descriptor that isn't one: said, naming the file, and the choice stays.
+    action(QStringLiteral("broken"))->trigger();
+    ASSERT_TRUE(model.errorMessage());
+    EXPECT_TRUE(model.errorMessage()->contains(folder + QStringLiteral("/broken.json")))
+        << model.errorMessage()->toStdString();
+    EXPECT_EQ(model.subjectNetwork().path, folder + QStringLiteral("/BiRefNet.onnx"));
+
+    action(QStringLiteral("IS-Net (installed)"))->trigger();
+    EXPECT_EQ(model.subjectNetwork(), NetworkSpec{});
+    EXPECT_EQ(VisionEngine::chosenNetwork(), NetworkSpec{});
+    if (before.isNull())
+        qunsetenv("XDG_DATA_HOME");
+    else
+        qputenv("XDG_DATA_HOME", before);
 }

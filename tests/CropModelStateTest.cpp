@@ -304,11 +304,11 @@ TEST_F(ModelTest, LinksDoNothingWithoutAnImage) {
 TEST_F(ModelTest, KeyingOnPicksWhiteWithoutASubjectNetwork) {
     int computed = 0;
     model.setCutoutService({[] { return false; },
-                            [&](const QImage&) {
+                            [&](const QImage&, const NetworkSpec&) {
                                 ++computed;
                                 return std::optional<QImage>();
                             },
-                            [] { return QString(); }, nullptr});
+                            [] { return QString(); }, nullptr, nullptr});
     openImages(1);
     model.setBgRemovalMode(BGRemovalMode::subject);
     model.setKeyWhiteEnabled(true);

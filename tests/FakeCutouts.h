@@ -20,27 +20,32 @@
 namespace cutlark::test {
 
 // A cutout service the test controls: each computation waits at the gate until released, and hands
-// back the source with its left half cleared (or nothing, when told so).
+// back the source with its left half cleared (its right half, for a network other than the
+// default; or nothing, when told so).
 struct FakeCutouts {
     QSemaphore gate;
     std::atomic<int> calls{0};
     std::atomic<bool> findsNothing{false};
     std::atomic<bool> open{false};
     std::atomic<int> prepared{0};
-    QString problem; // what the service says is wrong with its network; set before use
+    QString problem;    // what the service says is wrong with its network; set before use
+    NetworkSpec chosen; // the network the model last chose
 
     CropModel::CutoutService service() {
         return {[] { return true; },
-                [this](const QImage& source) -> std::optional<QImage> {
+                [this](const QImage& source, const NetworkSpec& network) -> std::optional<QImage> {
                     ++calls;
                     if (!open) gate.acquire();
                     if (findsNothing) return std::nullopt;
                     QImage cut = source.convertToFormat(QImage::Format_RGBA8888_Premultiplied);
+                    const size_t half = size_t(cut.width() / 2);
+                    const size_t from = network.path.isEmpty() ? 0 : size_t(cut.width()) - half;
                     for (int y = 0; y < cut.height(); ++y)
-                        std::memset(cut.scanLine(y), 0, size_t(cut.width() / 2) * 4);
+                        std::memset(cut.scanLine(y) + 4 * from, 0, half * 4);
                     return cut;
                 },
-                [this] { return problem; }, [this] { ++prepared; }};
+                [this] { return problem; }, [this] { ++prepared; },
+                [this](const NetworkSpec& network) { chosen = network; }};
     }
     void release(int n = 1) { gate.release(n); }
 };

@@ -46,13 +46,13 @@ QImage productShot(int n) {
 /// A cutout that clears the left third: cheap, and a different image from its source.
 CropModel::CutoutService cheapCutouts() {
     return {[] { return true; },
-            [](const QImage& source) -> std::optional<QImage> {
+            [](const QImage& source, const NetworkSpec&) -> std::optional<QImage> {
                 QImage cut = source.convertToFormat(QImage::Format_RGBA8888_Premultiplied);
                 for (int y = 0; y < cut.height(); ++y)
                     memset(cut.scanLine(y), 0, size_t(cut.width() / 3) * 4);
                 return cut;
             },
-            [] { return QString(); }, nullptr};
+            [] { return QString(); }, nullptr, nullptr};
 }
 
 } // namespace

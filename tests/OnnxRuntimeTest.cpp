@@ -1,6 +1,7 @@
 // The binding to ONNX Runtime against the real library the set-up fetches, on a tiny graph written
 // here with the subject network's input and output names.
 #include "TestSupport.h"
+#include "TinyNetworks.h"
 
 #include "engines/OnnxRuntime.h"
 
@@ -14,73 +15,6 @@
 
 using namespace cutlark;
 using namespace cutlark::test;
-
-namespace {
-
-// Just enough of protobuf's wire format to write an ONNX model.
-class Message {
-public:
-    Message& varint(int field, uint64_t value) {
-        key(field, 0);
-        raw(value);
-        return *this;
-    }
-    Message& bytes(int field, const std::string& value) {
-        key(field, 2);
-        raw(value.size());
-        m_out += value;
-        return *this;
-    }
-    Message& message(int field, const Message& inner) { return bytes(field, inner.m_out); }
-    const std::string& data() const { return m_out; }
-
-private:
-    void key(int field, int wireType) { raw(uint64_t(field) << 3 | uint64_t(wireType)); }
-    void raw(uint64_t v) {
-        do {
-            const uint8_t b = v & 0x7f;
-            v >>= 7;
-            m_out += char(v ? (b | 0x80) : b);
-        } while (v);
-    }
-    std::string m_out;
-};
-
-// ValueInfoProto of a float tensor named `name` with fixed dimensions.
-Message floatTensor(const std::string& name, std::initializer_list<int64_t> dims) {
-    Message shape;
-    for (int64_t d : dims)
-        shape.message(1, Message().varint(1, uint64_t(d))); // dim { dim_value }
-    Message tensor;
-    tensor.varint(1, 1).message(2, shape); // elem_type FLOAT, shape
-    return Message().bytes(1, name).message(2, Message().message(1, tensor));
-}
-
-// A graph like the network's contract: "input" 1 × 3 × 2 × 2 in, its mean over the channels as
-// "output" 1 × 1 × 2 × 2 out (ReduceMean, opset 13, axes as an attribute).
-QByteArray channelMeanModel() {
-    Message axes;
-    axes.bytes(1, "axes").varint(20, 7).varint(8, 1); // name, type INTS, ints: [1]
-    Message keep;
-    keep.bytes(1, "keepdims").varint(20, 2).varint(3, 1); // name, type INT, i: 1
-    Message node;
-    node.bytes(1, "input")
-        .bytes(2, "output")
-        .bytes(3, "mean")
-        .bytes(4, "ReduceMean")
-        .message(5, axes)
-        .message(5, keep);
-    Message graph;
-    graph.message(1, node)
-        .bytes(2, "tiny")
-        .message(11, floatTensor("input", {1, 3, 2, 2}))
-        .message(12, floatTensor("output", {1, 1, 2, 2}));
-    Message model;
-    model.varint(1, 8).message(8, Message().bytes(1, "").varint(2, 13)).message(7, graph);
-    return QByteArray::fromStdString(model.data());
-}
-
-} // namespace
 
 TEST(OnnxRuntime, LoadsTheRealLibraryAndRunsATinyGraph) {
     // What isn't ONNX Runtime is refused with a reason, and doesn't stop the real one loading next.
@@ -108,6 +42,15 @@ TEST(OnnxRuntime, LoadsTheRealLibraryAndRunsATinyGraph) {
     ASSERT_TRUE(writeBytes(modelPath, channelMeanModel()));
     auto session = OnnxRuntime::Session::open(modelPath, 2, &why);
     ASSERT_TRUE(session) << why.toStdString();
+    // The graph's declared ports, as a network's checks read them.
+    ASSERT_EQ(session->inputs().size(), 1u);
+    EXPECT_EQ(session->inputs()[0].name, "input");
+    EXPECT_TRUE(session->inputs()[0].tensor);
+    EXPECT_EQ(session->inputs()[0].elementType, 1);
+    EXPECT_EQ(session->inputs()[0].shape, (std::vector<int64_t>{1, 3, 2, 2}));
+    ASSERT_EQ(session->outputs().size(), 1u);
+    EXPECT_EQ(session->outputs()[0].name, "output");
+    EXPECT_EQ(session->outputs()[0].shape, (std::vector<int64_t>{1, 1, 2, 2}));
 
     // Channel planes 1..4, 10..40 and 100..400: the mean of each position is 37, 74, 111, 148.
     OnnxRuntime::Session::Tensor input{{1, 3, 2, 2}, {1, 2, 3, 4, 10, 20, 30, 40, 100, 200, 300, 400}};
@@ -126,6 +69,20 @@ TEST(OnnxRuntime, LoadsTheRealLibraryAndRunsATinyGraph) {
     OnnxRuntime::Session::Tensor short_{{1, 3, 2, 2}, {1, 2, 3}};
     EXPECT_FALSE(session->run("input", short_, "output", &why)) << "values that don't fill the shape";
     EXPECT_TRUE(session->run("input", input, "output"));
+
+    // Open dimensions read as −1; an integer output keeps its element type.
+    const QString open = dir.filePath(QStringLiteral("open.onnx"));
+    ASSERT_TRUE(writeBytes(open, channelNetwork(0, {.out = {1, 1, -1, -1}})));
+    auto openSession = OnnxRuntime::Session::open(open, 1, &why);
+    ASSERT_TRUE(openSession) << why.toStdString();
+    EXPECT_EQ(openSession->inputs()[0].name, "image");
+    EXPECT_EQ(openSession->inputs()[0].shape, (std::vector<int64_t>{1, 3, -1, -1}));
+    EXPECT_EQ(openSession->outputs()[0].name, "mask");
+    EXPECT_EQ(openSession->outputs()[0].shape, (std::vector<int64_t>{1, 1, -1, -1}));
+    OnnxRuntime::Session::Tensor rgb{{1, 3, 1, 2}, {0.25f, 0.5f, 7, 8, 9, 10}};
+    const auto red = openSession->run("image", rgb, "mask", &why);
+    ASSERT_TRUE(red) << why.toStdString();
+    EXPECT_EQ(red->values, (std::vector<float>{0.25f, 0.5f})) << "the network answers with the red channel";
 
     // A file that isn't a model is refused when the session is made.
     const QString junk = dir.filePath(QStringLiteral("junk.onnx"));

@@ -140,6 +140,41 @@ TEST_F(CutoutTest, WhileComputingTheImageStaysUnkeyedThenTheCutoutArrives) {
     EXPECT_EQ(fake.calls, 1) << "no new computation";
 }
 
+TEST_F(CutoutTest, AnotherNetworkCutsOutAgainAndTheOldOnesLateResultIsDropped) {
+    const auto ids = openTwo();
+    const QImage source = model.active()->buffer.image();
+    model.setKeyWhiteEnabled(true);
+    fake.release();
+    ASSERT_TRUE(waitUntil([&] { return !model.isDetectingSubject(); }));
+    ASSERT_TRUE(sameBytes(model.processedImage(), expectedCut(source)));
+
+    // The other network clears the right half; choosing it asks for a new cutout at once.
+    NetworkSpec other;
+    other.path = QStringLiteral("/networks/other.onnx");
+    model.setSubjectNetwork(other);
+    EXPECT_EQ(fake.chosen, other) << "the service now speaks of the chosen network";
+    EXPECT_TRUE(model.isDetectingSubject());
+    EXPECT_EQ(model.processedImage().cacheKey(), source.cacheKey()) << "the old network's cutout is gone";
+    fake.release();
+    ASSERT_TRUE(waitUntil([&] { return !model.isDetectingSubject(); }));
+    EXPECT_EQ(qAlpha(model.processedImage().pixel(0, 0)), 255);
+    EXPECT_EQ(qAlpha(model.processedImage().pixel(39, 0)), 0);
+    EXPECT_EQ(fake.calls, 2);
+
+    // Switching back while a cutout runs: the late result of the network left is never shown.
+    model.select(ids[1]);
+    model.setKeyWhiteEnabled(true); // each item has settings of its own
+    ASSERT_TRUE(model.isDetectingSubject());
+    model.setSubjectNetwork(NetworkSpec{});
+    fake.release(2);
+    ASSERT_TRUE(waitUntil([&] { return fake.calls == 4 && !model.isDetectingSubject(); }));
+    QThreadPool::globalInstance()->waitForDone();
+    QCoreApplication::processEvents();
+    EXPECT_EQ(qAlpha(model.processedImage().pixel(0, 0)), 0) << "the default network's cutout";
+    EXPECT_EQ(qAlpha(model.processedImage().pixel(49, 0)), 255);
+    EXPECT_EQ(model.subjectNetwork(), NetworkSpec{});
+}
+
 TEST_F(CutoutTest, LeavingAComputingItemLetsItFinishWithoutARebuild) {
     const auto ids = openTwo();
     model.setKeyWhiteEnabled(true);
@@ -440,9 +475,10 @@ TEST_F(RealNetwork, TheModelCutsOutTheCupOfARealPhotograph) {
 }
 
 TEST_F(CutoutTest, ACutoutThatRunsOutOfMemoryCountsAsNoSubject) {
-    model.setCutoutService({[] { return true; },
-                            [](const QImage&) -> std::optional<QImage> { throw std::bad_alloc(); },
-                            [] { return QString(); }, nullptr});
+    model.setCutoutService(
+        {[] { return true; },
+         [](const QImage&, const NetworkSpec&) -> std::optional<QImage> { throw std::bad_alloc(); },
+         [] { return QString(); }, nullptr, nullptr});
     openTwo();
     model.setBgRemovalMode(BGRemovalMode::subject);
     model.setKeyWhiteEnabled(true);

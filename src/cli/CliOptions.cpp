@@ -160,6 +160,11 @@ const std::vector<CliOptions::Option> kOptions = {
      "skip the inputs FILE records as done with the same settings, and go on\n"
      "recording there (unless --manifest names another file)",
      [](const QString& v, CliOptions& o) { return fileValue(v, o.resumePath, "resume"); }},
+    {"network", "", "FILE", kProcess | kInfo,
+     "cut subjects out with the segmentation network FILE.onnx (its input\n"
+     "size, normalisation and output read from FILE.json beside it);\n"
+     "info --network FILE describes it without inputs",
+     [](const QString& v, CliOptions& o) { return fileValue(v, o.networkPath, "network"); }},
     {"verbose", "v", "", kReaders,
      "let the libraries underneath speak too (image readers' warnings such\n"
      "as libpng's, kept off standard error without it)",
@@ -272,7 +277,8 @@ std::optional<QString> checkCombinations(CliOptions& out) {
         out.outputDir.isEmpty())
         return QStringLiteral("the result of standard input (“-”) needs --stdout or -o DIR");
     if (out.command != Command::settings && out.command != Command::help && out.command != Command::version &&
-        out.inputs.isEmpty() && out.filesFrom.isEmpty())
+        out.inputs.isEmpty() && out.filesFrom.isEmpty() &&
+        !(out.command == Command::info && !out.networkPath.isEmpty()))
         return QStringLiteral("no input given");
     if (out.manifestPath.isEmpty()) out.manifestPath = out.resumePath; // a resumed run goes on recording
     if (out.toStdout && !out.manifestPath.isEmpty())

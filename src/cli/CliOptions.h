@@ -35,6 +35,7 @@ struct CliOptions {
     bool recursive = false;              ///< -r: folders' subfolders too, mirrored below -o
     QString filesFrom;                   ///< --files-from FILE: more inputs, one a line ("-": standard input)
     bool nulSeparated = false;           ///< -0: the list's names end in NUL bytes, not line feeds
+    QString networkPath;                 ///< --network FILE.onnx: the subject network to run
     bool verbose = false;                ///< --verbose: the libraries' own messages too
     bool json = false;                   ///< --json (manifest): the summary as JSON
     bool help = false;                   ///< --help after a command: that command's help

@@ -62,6 +62,13 @@ int CliRunner::runProcess(const CliOptions& asked) {
     QStringList given;
     if (auto code = readSettings(options, run.settings, run.sizeWrites, given)) return *code;
     run.idle = warnIdle(run.settings, given);
+    const bool subjects =
+        run.settings.keyWhiteEnabled && run.settings.bgRemovalMode == BGRemovalMode::subject;
+    if (!options.networkPath.isEmpty() && !subjects)
+        std::fprintf(m_err, "cutlark-cli: warning: --network is only used with keyWhiteEnabled=true and "
+                            "bgRemovalMode=subject\n");
+    if (!options.networkPath.isEmpty() && subjects)
+        if (auto code = chooseNetwork(options, false)) return *code;
     StandardInput stdinput;
     QList<CliInputs::Input> inputs;
     QStringList failures;
@@ -85,7 +92,7 @@ int CliRunner::runProcess(const CliOptions& asked) {
     // The network loads while the first input decodes. No warm-up run: here the first cutout is
     // that run, and a blank one before it would only add its own second.
     std::jthread loadNetwork;
-    if (run.settings.keyWhiteEnabled && run.settings.bgRemovalMode == BGRemovalMode::subject)
+    if (subjects && options.networkPath.isEmpty())
         loadNetwork = std::jthread([] { VisionEngine::preload(false); });
 
     // N workers take the inputs in turn, each with a model of its own, so at most N images are in

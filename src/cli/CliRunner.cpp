@@ -2,6 +2,7 @@
 
 #include "cli/CliInputs.h"
 #include "cli/Manifest.h"
+#include "engines/OnnxRuntime.h"
 #include "engines/VisionEngine.h"
 #include "io/ImageFile.h"
 #include "model/CropModel.h"
@@ -143,7 +144,49 @@ std::optional<int> CliRunner::gatherInputs(const CliOptions& options, StandardIn
     return std::nullopt;
 }
 
+std::optional<int> CliRunner::chooseNetwork(const CliOptions& options, bool describe) {
+    QString why;
+    const std::optional<NetworkSpec> spec = NetworkSpec::read(options.networkPath, &why);
+    const char* after = describe ? "" : "; nothing was written";
+    if (!spec) {
+        std::fprintf(m_err, "cutlark-cli: %s%s\n", qPrintable(why), after);
+        return 1;
+    }
+    VisionEngine::useNetwork(*spec);
+    // Checked before any input is read: a network that doesn't fit fails the run, not each picture.
+    const std::optional<VisionEngine::NetworkInfo> info = VisionEngine::networkInfo();
+    const QString runtimeProblem = VisionEngine::runtimeProblem();
+    if (!info) {
+        std::fprintf(m_err, "cutlark-cli: %s%s\n", qPrintable(VisionEngine::problem()), after);
+        return 1;
+    }
+    if (options.verbose && !runtimeProblem.isEmpty())
+        std::fprintf(m_err, "cutlark-cli: %s\n", qPrintable(runtimeProblem));
+    if (!describe) return std::nullopt;
+    const auto triple = [](const std::array<double, 3>& v) { return QJsonArray{v[0], v[1], v[2]}; };
+    QString runtimeVersion;
+    const bool onRuntime = VisionEngine::loadedBackend() == VisionEngine::Backend::onnxRuntime;
+    if (onRuntime) runtimeVersion = OnnxRuntime::version().value_or(QString());
+    QJsonObject json{{QStringLiteral("network"), options.networkPath},
+                     {QStringLiteral("input"), info->input},
+                     {QStringLiteral("output"), info->output},
+                     {QStringLiteral("size"), QJsonArray{info->width, info->height}},
+                     {QStringLiteral("mean"), triple(spec->mean)},
+                     {QStringLiteral("std"), triple(spec->stdDev)},
+                     {QStringLiteral("sigmoid"), spec->sigmoid},
+                     {QStringLiteral("runsOn"),
+                      onRuntime ? QStringLiteral("ONNX Runtime %1 on the CPU").arg(runtimeVersion)
+                                : QStringLiteral("OpenCV on the CPU")}};
+    if (!runtimeProblem.isEmpty()) json.insert(QStringLiteral("runtimeProblem"), runtimeProblem);
+    m_terminal.print(json);
+    return std::nullopt;
+}
+
 int CliRunner::runInfo(const CliOptions& options) {
+    if (!options.networkPath.isEmpty()) {
+        if (auto code = chooseNetwork(options, true)) return *code;
+        if (options.inputs.isEmpty() && options.filesFrom.isEmpty()) return 0;
+    }
     QStringList failures;
     StandardInput stdinput;
     QList<CliInputs::Input> inputs;

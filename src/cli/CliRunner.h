@@ -31,6 +31,9 @@ public:
 private:
     int runSettings();
     int runInfo(const CliOptions& options);
+    /// Chooses --network's network and loads it; with `describe`, prints what it is as JSON. A
+    /// code to exit with when it can't be had.
+    std::optional<int> chooseNetwork(const CliOptions& options, bool describe);
     int runProcess(const CliOptions& options);
     int runTrace(const CliOptions& options);
     int runSplit(const CliOptions& options);

@@ -32,19 +32,30 @@ enum Entry : int {
     kSetSessionGraphOptimizationLevel = 23,
     kSetIntraOpNumThreads = 24,
     kSetInterOpNumThreads = 25,
+    kSessionGetInputCount = 30,
+    kSessionGetOutputCount = 31,
+    kSessionGetInputTypeInfo = 33,
+    kSessionGetOutputTypeInfo = 34,
+    kSessionGetInputName = 36,
+    kSessionGetOutputName = 37,
     kCreateTensorWithDataAsOrtValue = 49,
     kGetTensorMutableData = 51,
+    kCastTypeInfoToTensorInfo = 55,
+    kGetOnnxTypeFromTypeInfo = 56,
     kGetDimensionsCount = 61,
     kGetDimensions = 62,
     kGetTensorElementType = 60,
     kGetTensorShapeElementCount = 64,
     kGetTensorTypeAndShape = 65,
     kCreateCpuMemoryInfo = 69,
+    kAllocatorFree = 76,
+    kGetAllocatorWithDefaultOptions = 78,
     kReleaseEnv = 92,
     kReleaseStatus = 93,
     kReleaseMemoryInfo = 94,
     kReleaseSession = 95,
     kReleaseValue = 96,
+    kReleaseTypeInfo = 98,
     kReleaseTensorTypeAndShapeInfo = 99,
     kReleaseSessionOptions = 100,
 };
@@ -53,6 +64,7 @@ constexpr int kOptimizeAll = 99;     // GraphOptimizationLevel: every rewrite
 constexpr int kDeviceAllocator = 0;  // OrtAllocatorType: plain allocations, no arena
 constexpr int kMemTypeDefault = 0;   // OrtMemType
 constexpr int kElementFloat = 1;     // ONNXTensorElementDataType
+constexpr int kOnnxTypeTensor = 1;   // ONNXType
 constexpr uint32_t kApiVersion = 16; // the oldest table asked for; every entry above is in it
 constexpr int kOldestMinor = 16;     // 1.16, with that table
 
@@ -182,6 +194,57 @@ struct Released {
     }
 };
 
+// The names, element types and shapes of a loaded graph's inputs (or outputs). Called with the
+// library's mutex held.
+QString describe(const Library& l, const void* session, bool inputs, std::vector<Session::Port>& ports) {
+    using Count = Status (*)(const void*, size_t*) noexcept;
+    using TypeInfo = Status (*)(const void*, size_t, void**) noexcept;
+    using Name = Status (*)(const void*, size_t, void*, char**) noexcept;
+    size_t count = 0;
+    QString failed =
+        take(l, entry<Count>(l, inputs ? kSessionGetInputCount : kSessionGetOutputCount)(session, &count));
+    void* allocator = nullptr;
+    if (failed.isEmpty())
+        failed = take(l, entry<Status (*)(void**) noexcept>(l, kGetAllocatorWithDefaultOptions)(&allocator));
+    for (size_t i = 0; failed.isEmpty() && i < count; ++i) {
+        Session::Port port;
+        char* name = nullptr;
+        failed = take(l, entry<Name>(l, inputs ? kSessionGetInputName
+                                               : kSessionGetOutputName)(session, i, allocator, &name));
+        if (!failed.isEmpty()) break;
+        if (name) {
+            port.name = name;
+            entry<Status (*)(void*, void*) noexcept>(l, kAllocatorFree)(allocator, name);
+        }
+        Released info{l, kReleaseTypeInfo};
+        failed = take(l, entry<TypeInfo>(l, inputs ? kSessionGetInputTypeInfo
+                                                   : kSessionGetOutputTypeInfo)(session, i, &info.object));
+        int onnxType = 0;
+        if (failed.isEmpty())
+            failed = take(l, entry<Status (*)(const void*, int*) noexcept>(l, kGetOnnxTypeFromTypeInfo)(
+                                 info.object, &onnxType));
+        if (failed.isEmpty() && onnxType == kOnnxTypeTensor) {
+            const void* tensor = nullptr; // belongs to the type info
+            failed = take(l, entry<Status (*)(const void*, const void**) noexcept>(
+                                 l, kCastTypeInfoToTensorInfo)(info.object, &tensor));
+            size_t rank = 0;
+            if (failed.isEmpty())
+                failed = take(l, entry<Status (*)(const void*, int*) noexcept>(l, kGetTensorElementType)(
+                                     tensor, &port.elementType));
+            if (failed.isEmpty())
+                failed = take(l, entry<Status (*)(const void*, size_t*) noexcept>(l, kGetDimensionsCount)(
+                                     tensor, &rank));
+            port.shape.resize(rank);
+            if (failed.isEmpty())
+                failed = take(l, entry<Status (*)(const void*, int64_t*, size_t) noexcept>(l, kGetDimensions)(
+                                     tensor, port.shape.data(), rank));
+        }
+        port.tensor = onnxType == kOnnxTypeTensor;
+        ports.push_back(std::move(port));
+    }
+    return failed;
+}
+
 } // namespace
 
 QString libraryPath() {
@@ -238,6 +301,9 @@ std::unique_ptr<Session> Session::open(const QString& modelPath, int threads, QS
     failed = take(l, entry<Status (*)(void*, const char*, void*, void**) noexcept>(l, kCreateSession)(
                          l.env, path.constData(), options.object, &session->m_session));
     if (!failed.isEmpty() || !session->m_session) return fail(failed);
+    failed = describe(l, session->m_session, true, session->m_inputs);
+    if (failed.isEmpty()) failed = describe(l, session->m_session, false, session->m_outputs);
+    if (!failed.isEmpty()) return fail(failed);
     return session;
 }
 

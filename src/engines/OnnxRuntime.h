@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <vector>
 
 /// ONNX Runtime, loaded at run time from its shared library (`libonnxruntime.so.1`, which the set-up
@@ -59,9 +60,21 @@ public:
         return run(inputName, TensorView{input.shape, input.values}, outputName, error);
     }
 
+    /// One of the graph's inputs or outputs as the graph declares it.
+    struct Port {
+        std::string name;
+        bool tensor = false;        ///< a tensor (not a sequence or a map)
+        int elementType = 0;        ///< ONNX's element type: 1 is float
+        std::vector<int64_t> shape; ///< −1 where the graph leaves a dimension open
+    };
+    const std::vector<Port>& inputs() const { return m_inputs; }
+    const std::vector<Port>& outputs() const { return m_outputs; }
+
 private:
     Session() = default;
     void* m_session = nullptr;
+    std::vector<Port> m_inputs;
+    std::vector<Port> m_outputs;
 };
 
 } // namespace cutlark::OnnxRuntime

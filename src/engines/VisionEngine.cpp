@@ -7,6 +7,8 @@
 #include "engines/PixelOps.h"
 #include "engines/PooledMat.h"
 
+#include <QFileInfo>
+#include <QStringList>
 #include <QThread>
 
 #include <opencv2/dnn.hpp>
@@ -24,24 +26,29 @@ namespace {
 using namespace PixelOps;
 
 const QString kModelFile = QStringLiteral("isnet-medium-fp32.onnx");
-constexpr int kSide = 1024; // the graph takes exactly 1024 × 1024
+constexpr int kSide = 1024; // the mask's side, whatever the network's own size
 
-// One network for the process, loaded on first use and kept for the life of the process.
+// One network loaded at a time for the process, kept until another is chosen.
 struct Network {
     std::mutex mutex; // held while the network loads and while it runs
     QString overridePath;
     QString loadedFrom;
     Backend wanted = Backend::automatic;
+    NetworkSpec loadedSpec;                        // what the state below is about
     std::unique_ptr<OnnxRuntime::Session> session; // ONNX Runtime's, when it could be had
     cv::dnn::Net net;                              // else OpenCV's
-    bool failed = false;                           // a file that didn't load isn't tried again
-    bool warm = false;                             // one run has been made
-    QString problem;                               // why it failed, for the person
-    QString runtimeProblem;                        // why ONNX Runtime wasn't used, when it is there
+    std::string inputName = "input", outputName = "output";
+    int width = kSide, height = kSide; // the input's size in use
+    bool failed = false;               // a file that didn't load isn't tried again
+    bool warm = false;                 // one run has been made
+    QString problem;                   // why it failed, for the person
+    QString runtimeProblem;            // why ONNX Runtime wasn't used, when it is there
 
     // What the window asks from its main thread, copied out under a lock of its own: a load (a
-    // second of hashing) or a run must not make the window wait for an answer.
+    // second of hashing) or a run must not make the window wait for an answer. The network chosen
+    // lives here too, so that choosing one never waits for a run.
     struct Status {
+        NetworkSpec spec;
         QString overridePath;
         bool loaded = false;
         bool failed = false;
@@ -50,16 +57,23 @@ struct Network {
     };
     std::mutex statusMutex;
     Status status;
+    NetworkSpec chosen;
 
     bool loaded() const { return session || !net.empty(); }
     /// Copies the state into `status`; called with `mutex` held after every change.
     void publish() {
         std::lock_guard lock(statusMutex);
-        status = {overridePath, loaded(), failed, problem, runtimeProblem};
+        status = {loadedSpec, overridePath, loaded(), failed, problem, runtimeProblem};
     }
     Status snapshot() {
         std::lock_guard lock(statusMutex);
-        return status;
+        Status s = status;
+        if (!(s.spec == chosen)) s = {chosen, overridePath, false, false, {}, {}}; // not tried yet
+        return s;
+    }
+    NetworkSpec chosenSpec() {
+        std::lock_guard lock(statusMutex);
+        return chosen;
     }
     void forget() {
         session.reset();
@@ -68,6 +82,9 @@ struct Network {
         warm = false;
         problem.clear();
         runtimeProblem.clear();
+        inputName = "input";
+        outputName = "output";
+        width = height = kSide;
         publish();
     }
 };
@@ -77,21 +94,117 @@ Network& network() {
     return n;
 }
 
-QString findModel(const QString& overridePath) {
+QString findModel(const NetworkSpec& spec, const QString& overridePath) {
+    if (!spec.path.isEmpty()) return QFileInfo(spec.path).isFile() ? spec.path : QString();
     return DataFiles::find(kModelFile, overridePath);
 }
 
-// Loads the network if it isn't yet; false when it can't be had. Called with the mutex held.
+QString shapeText(const std::vector<int64_t>& shape) {
+    QStringList dims;
+    for (int64_t d : shape)
+        dims << (d < 0 ? QStringLiteral("?") : QString::number(d));
+    return dims.isEmpty() ? QStringLiteral("a scalar") : dims.join(QStringLiteral(" × "));
+}
+
+// True when a declared dimension is open or is `want`.
+bool fits(int64_t declared, int64_t want) {
+    return declared < 0 || declared == want;
+}
+
+// Checks what a loaded graph declares against a subject network's contract and settles its input's
+// size and the names to run by: one float input of 1 × 3 × H × W, and the first float output of
+// 1 × 1 × H × W or 1 × H × W. An empty answer when it fits; else what is wrong.
+QString checkPorts(Network& n, const QString& path) {
+    const auto& ins = n.session->inputs();
+    const auto& outs = n.session->outputs();
+    const QString contract = QStringLiteral(" (a subject network takes one float input of 1 × 3 × H × W "
+                                            "and gives an output of 1 × 1 × H × W or 1 × H × W)");
+    if (ins.size() != 1) return QStringLiteral("“%1” takes %2 inputs").arg(path).arg(ins.size()) + contract;
+    const OnnxRuntime::Session::Port& in = ins[0];
+    if (!in.tensor || in.elementType != 1 || in.shape.size() != 4 || !fits(in.shape[0], 1) ||
+        !fits(in.shape[1], 3))
+        return QStringLiteral("“%1” takes %2 %3")
+                   .arg(path,
+                        in.tensor && in.elementType == 1 ? QStringLiteral("floats of")
+                                                         : QStringLiteral("a non-float input of"),
+                        shapeText(in.shape)) +
+               contract;
+    const NetworkSpec& spec = n.loadedSpec;
+    int w = spec.width, h = spec.height;
+    if (in.shape[2] > 0 && in.shape[3] > 0) {
+        if (spec.sizeGiven && (in.shape[3] != w || in.shape[2] != h))
+            return QStringLiteral("“%1” takes pictures of %2 × %3, but “%4” says %5 × %6")
+                .arg(path)
+                .arg(in.shape[3])
+                .arg(in.shape[2])
+                .arg(NetworkSpec::descriptorPath(path))
+                .arg(w)
+                .arg(h);
+        if (in.shape[3] > 4096 || in.shape[2] > 4096)
+            return QStringLiteral("“%1” takes pictures of %2, more than 4096 pixels a side")
+                .arg(path, shapeText(in.shape));
+        w = int(in.shape[3]);
+        h = int(in.shape[2]);
+    } else if (in.shape[2] > 0 || in.shape[3] > 0) {
+        if (!fits(in.shape[2], h) || !fits(in.shape[3], w))
+            return QStringLiteral("“%1” takes pictures of %2; give their size in “%3”")
+                .arg(path, shapeText(in.shape), NetworkSpec::descriptorPath(path));
+    }
+    for (const OnnxRuntime::Session::Port& out : outs) {
+        const auto& s = out.shape;
+        const bool four = s.size() == 4 && fits(s[0], 1) && fits(s[1], 1) && fits(s[2], h) && fits(s[3], w);
+        const bool three = s.size() == 3 && fits(s[0], 1) && fits(s[1], h) && fits(s[2], w);
+        if (out.tensor && out.elementType == 1 && (four || three)) {
+            n.inputName = in.name;
+            n.outputName = out.name;
+            n.width = w;
+            n.height = h;
+            return QString();
+        }
+    }
+    QStringList declared;
+    for (const OnnxRuntime::Session::Port& out : outs)
+        declared << QStringLiteral("%1 (%2)").arg(QString::fromStdString(out.name), shapeText(out.shape));
+    return QStringLiteral("“%1” gives no output of 1 × 1 × %2 × %3 floats (it gives %4)")
+               .arg(path)
+               .arg(h)
+               .arg(w)
+               .arg(declared.isEmpty() ? QStringLiteral("none") : declared.join(QStringLiteral(", "))) +
+           contract;
+}
+
+// Loads on ONNX Runtime; false when it couldn't (the reason in `why`), or when the graph doesn't
+// fit (then `n.failed` is set: OpenCV would fare no better). Called with the mutex held.
+bool loadOnRuntime(Network& n, const QString& path, QString& why) {
+    // Operators split over the cores; past eight the network gains nothing more.
+    const int threads = std::clamp(QThread::idealThreadCount(), 1, 8);
+    n.session = OnnxRuntime::Session::open(path, threads, &why);
+    if (!n.session) return false;
+    const QString misfit = checkPorts(n, path);
+    if (!misfit.isEmpty()) {
+        n.session.reset();
+        n.problem = misfit;
+        n.failed = true;
+        return false;
+    }
+    n.loadedFrom = path;
+    return true;
+}
+
+// Loads the chosen network if it isn't yet; false when it can't be had. Called with the mutex held.
 bool loadNetwork(Network& n) {
     if (n.loaded()) return true;
     if (n.failed) return false;
-    const QString path = findModel(n.overridePath);
+    const NetworkSpec& spec = n.loadedSpec;
+    const QString path = findModel(spec, n.overridePath);
     if (path.isEmpty()) {
-        n.problem = QStringLiteral("the subject network isn’t installed; ") + DataFiles::howToInstall();
+        n.problem = spec.path.isEmpty()
+                        ? QStringLiteral("the subject network isn’t installed; ") + DataFiles::howToInstall()
+                        : QStringLiteral("“%1” doesn’t exist").arg(spec.path);
         return false;
     }
     // A file cut short or replaced would run and find nothing, or take any amount of memory.
-    if (n.overridePath.isEmpty()) {
+    if (spec.path.isEmpty() && n.overridePath.isEmpty()) {
         n.problem = DataFiles::damage(path, kModelFile);
         if (!n.problem.isEmpty()) {
             n.failed = true;
@@ -111,14 +224,9 @@ bool loadNetwork(Network& n) {
         return false;
     }
     if (onnxRuntimeUsable && n.wanted != Backend::openCV) {
-        // Operators split over the cores; past eight the network gains nothing more.
-        const int threads = std::clamp(QThread::idealThreadCount(), 1, 8);
         QString why;
-        n.session = OnnxRuntime::Session::open(path, threads, &why);
-        if (n.session) {
-            n.loadedFrom = path;
-            return true;
-        }
+        if (loadOnRuntime(n, path, why)) return true;
+        if (n.failed) return false;
         // A machine without the library runs on OpenCV as designed; one whose library is there
         // and refused hears why.
         if (!OnnxRuntime::libraryPath().isEmpty()) n.runtimeProblem = why;
@@ -133,6 +241,8 @@ bool loadNetwork(Network& n) {
         n.net.setPreferableBackend(cv::dnn::DNN_BACKEND_OPENCV);
         n.net.setPreferableTarget(cv::dnn::DNN_TARGET_CPU);
         n.loadedFrom = path;
+        n.width = spec.width;
+        n.height = spec.height;
     } catch (const cv::Exception&) {
         n.net = cv::dnn::Net();
     }
@@ -143,54 +253,98 @@ bool loadNetwork(Network& n) {
     return !n.net.empty();
 }
 
-bool ensureLoaded(Network& n) {
+// Loads `chosen`, forgetting another network loaded before.
+bool ensureLoaded(Network& n, const NetworkSpec& chosen) {
+    if (!(chosen == n.loadedSpec)) {
+        n.forget();
+        n.loadedSpec = chosen;
+    }
     if (n.loaded()) return true;
     const bool ok = loadNetwork(n);
     n.publish();
     return ok;
 }
 
-// The network's input for a side² RGBA picture: three planes R, G, B of (value − 127.5) / 255.
-std::vector<float> inputPlanes(const cv::Mat& rgba) {
-    constexpr size_t plane = size_t(kSide) * kSide;
+// The network's input for a w × h RGBA picture: three planes R, G, B of (value − 255·mean) / (255·std);
+// for IS-Net (value − 127.5) / 255.
+std::vector<float> inputPlanes(const cv::Mat& rgba, const NetworkSpec& spec) {
+    const int w = rgba.cols, h = rgba.rows;
+    const size_t plane = size_t(w) * size_t(h);
     std::vector<float> out(3 * plane);
-    for (int y = 0; y < kSide; ++y) {
+    float offset[3];
+    double scale[3];
+    for (size_t c = 0; c < 3; ++c) {
+        offset[c] = float(255.0 * spec.mean[c]);
+        scale[c] = 1.0 / (255.0 * spec.stdDev[c]);
+    }
+    for (int y = 0; y < h; ++y) {
         const uchar* p = rgba.ptr<uchar>(y);
-        float* r = out.data() + size_t(y) * kSide;
+        float* r = out.data() + size_t(y) * size_t(w);
         float* g = r + plane;
         float* b = g + plane;
-        for (int x = 0; x < kSide; ++x) {
-            r[x] = float((float(p[4 * x]) - 127.5f) * (1.0 / 255.0));
-            g[x] = float((float(p[4 * x + 1]) - 127.5f) * (1.0 / 255.0));
-            b[x] = float((float(p[4 * x + 2]) - 127.5f) * (1.0 / 255.0));
+        for (int x = 0; x < w; ++x) {
+            r[x] = float((float(p[4 * x]) - offset[0]) * scale[0]);
+            g[x] = float((float(p[4 * x + 1]) - offset[1]) * scale[1]);
+            b[x] = float((float(p[4 * x + 2]) - offset[2]) * scale[2]);
         }
     }
     return out;
 }
 
-// The network's output for the 1 × 3 × side² input, as side² floats; empty when it fails. Called
+// The network's output for the 1 × 3 × h × w input, as h × w floats; empty when it fails. Called
 // with the mutex held and the network loaded. The input is read where it lies.
 cv::Mat infer(Network& n, std::vector<float>& planes) {
+    const int w = n.width, h = n.height;
     if (n.session) {
-        static constexpr int64_t shape[] = {1, 3, kSide, kSide};
-        auto out = n.session->run("input", OnnxRuntime::Session::TensorView{shape, planes}, "output");
-        if (!out || out->values.size() != size_t(kSide) * kSide) return cv::Mat();
-        return cv::Mat(kSide, kSide, CV_32F, out->values.data()).clone();
+        const int64_t shape[] = {1, 3, h, w};
+        QString why;
+        auto out = n.session->run(n.inputName.c_str(), OnnxRuntime::Session::TensorView{shape, planes},
+                                  n.outputName.c_str(), &why);
+        if (!out || out->values.size() != size_t(w) * size_t(h)) {
+            // A network whose output isn't the size of its input would be resized wrong.
+            if (!n.loadedSpec.path.isEmpty())
+                n.problem = out ? QStringLiteral("“%1” gave %2 values for a %3 × %4 input")
+                                      .arg(n.loadedFrom)
+                                      .arg(out->values.size())
+                                      .arg(w)
+                                      .arg(h)
+                                : QStringLiteral("“%1” couldn’t run: %2").arg(n.loadedFrom, why);
+            return cv::Mat();
+        }
+        return cv::Mat(h, w, CV_32F, out->values.data()).clone();
     }
-    const int dims[] = {1, 3, kSide, kSide};
+    const int dims[] = {1, 3, h, w};
     const cv::Mat blob(4, dims, CV_32F, planes.data());
-    n.net.setInput(blob);
-    const cv::Mat out = n.net.forward("output"); // the final, fused mask of the graph's outputs
-    if (out.total() != size_t(kSide) * kSide) return cv::Mat();
-    return cv::Mat(kSide, kSide, CV_32F, const_cast<float*>(out.ptr<float>())).clone();
+    cv::Mat out;
+    try {
+        n.net.setInput(blob);
+        // IS-Net's final, fused mask is named; another network's first output is taken.
+        out = n.loadedSpec.path.isEmpty() ? n.net.forward("output") : n.net.forward();
+    } catch (const cv::Exception& e) {
+        if (!n.loadedSpec.path.isEmpty())
+            n.problem =
+                QStringLiteral("“%1” couldn’t run: %2").arg(n.loadedFrom, QString::fromStdString(e.msg));
+        return cv::Mat();
+    }
+    if (out.total() != size_t(w) * size_t(h)) {
+        if (!n.loadedSpec.path.isEmpty())
+            n.problem = QStringLiteral("“%1” gave %2 values for a %3 × %4 input")
+                            .arg(n.loadedFrom)
+                            .arg(out.total())
+                            .arg(w)
+                            .arg(h);
+        return cv::Mat();
+    }
+    return cv::Mat(h, w, CV_32F, const_cast<float*>(out.ptr<float>())).clone();
 }
 
 } // namespace
 
 QString modelPath() {
     Network& n = network();
+    const NetworkSpec chosen = n.chosenSpec();
     std::lock_guard lock(n.mutex);
-    return findModel(n.overridePath);
+    return findModel(chosen, n.overridePath);
 }
 
 void setModelPath(const QString& path) {
@@ -198,6 +352,24 @@ void setModelPath(const QString& path) {
     std::lock_guard lock(n.mutex);
     n.overridePath = path;
     n.forget();
+}
+
+void useNetwork(const NetworkSpec& spec) {
+    Network& n = network();
+    std::lock_guard lock(n.statusMutex);
+    n.chosen = spec;
+}
+
+NetworkSpec chosenNetwork() {
+    return network().chosenSpec();
+}
+
+std::optional<NetworkInfo> networkInfo() {
+    Network& n = network();
+    std::lock_guard lock(n.mutex);
+    if (!ensureLoaded(n, n.chosenSpec())) return std::nullopt;
+    return NetworkInfo{n.loadedFrom, QString::fromStdString(n.inputName),
+                       QString::fromStdString(n.outputName), n.width, n.height};
 }
 
 void setBackend(Backend backend) {
@@ -216,15 +388,17 @@ Backend loadedBackend() {
 bool isAvailable() {
     const Network::Status s = network().snapshot();
     if (s.failed) return false;
-    return s.loaded || !findModel(s.overridePath).isEmpty();
+    return s.loaded || !findModel(s.spec, s.overridePath).isEmpty();
 }
 
 QString problem() {
     const Network::Status s = network().snapshot();
-    if (s.loaded) return QString();
     if (!s.problem.isEmpty()) return s.problem;
-    if (findModel(s.overridePath).isEmpty())
-        return QStringLiteral("the subject network isn’t installed; ") + DataFiles::howToInstall();
+    if (s.loaded) return QString();
+    if (findModel(s.spec, s.overridePath).isEmpty())
+        return s.spec.path.isEmpty()
+                   ? QStringLiteral("the subject network isn’t installed; ") + DataFiles::howToInstall()
+                   : QStringLiteral("“%1” doesn’t exist").arg(s.spec.path);
     return QString();
 }
 
@@ -236,7 +410,7 @@ void preload(bool warmUp) {
     {
         Network& n = network();
         std::lock_guard lock(n.mutex);
-        if (!ensureLoaded(n) || n.warm || !warmUp) return;
+        if (!ensureLoaded(n, n.chosenSpec()) || n.warm || !warmUp) return;
     }
     // The runtime plans its buffers and kernels on the first runs; a blank picture pays for that.
     QImage blank(64, 64, QImage::Format_RGBA8888_Premultiplied);
@@ -245,29 +419,43 @@ void preload(bool warmUp) {
 }
 
 QImage mask(const QImage& source) {
+    return mask(source, chosenNetwork());
+}
+
+QImage mask(const QImage& source, const NetworkSpec& spec) {
     const QImage src = rgbaPixels(source);
     if (src.isNull()) return QImage();
     try {
-        // The network sees the picture at 1024², in RGB, as (value − 127.5) / 255.
+        // The network sees the picture at its own size, in RGB, normalised as its spec says.
         const cv::Mat rgba(src.height(), src.width(), CV_8UC4, const_cast<uchar*>(src.constBits()),
                            size_t(src.bytesPerLine()));
+        Network& n = network();
+        std::unique_lock lock(n.mutex);
+        if (!ensureLoaded(n, spec)) return QImage();
+        const int w = n.width, h = n.height;
         cv::Mat small;
-        cv::resize(rgba, small, cv::Size(kSide, kSide), 0, 0,
-                   src.width() > kSide || src.height() > kSide ? cv::INTER_AREA : cv::INTER_LINEAR);
-        std::vector<float> planes = inputPlanes(small);
+        cv::resize(rgba, small, cv::Size(w, h), 0, 0,
+                   src.width() > w || src.height() > h ? cv::INTER_AREA : cv::INTER_LINEAR);
+        std::vector<float> planes = inputPlanes(small, spec);
         small.release();
-        cv::Mat plane;
-        {
-            Network& n = network();
-            std::lock_guard lock(n.mutex);
-            if (!ensureLoaded(n)) return QImage();
-            plane = infer(n, planes);
-            n.warm = true;
-        }
+        cv::Mat plane = infer(n, planes);
+        n.warm = true;
+        n.publish();
+        lock.unlock();
         if (plane.empty()) return QImage();
-        QImage result(kSide, kSide, QImage::Format_Grayscale8);
-        cv::Mat bytes(kSide, kSide, CV_8U, result.bits(), size_t(result.bytesPerLine()));
+        if (spec.sigmoid) { // 1 / (1 + e^−x)
+            cv::exp(-plane, plane);
+            plane = 1.0 / (1.0 + plane);
+        }
+        cv::Mat bytes(h, w, CV_8U);
         plane.convertTo(bytes, CV_8U, 255.0);
+        // The shaping's distances are in pixels of a 1024² mask, whatever the network's size.
+        QImage result(kSide, kSide, QImage::Format_Grayscale8);
+        cv::Mat out(kSide, kSide, CV_8U, result.bits(), size_t(result.bytesPerLine()));
+        if (w == kSide && h == kSide)
+            bytes.copyTo(out);
+        else
+            cv::resize(bytes, out, out.size(), 0, 0, cv::INTER_LINEAR);
         return result;
     } catch (const cv::Exception&) {
         return QImage();
@@ -384,8 +572,12 @@ std::optional<QImage> composite(const QImage& source, const QImage& maskImage, b
 }
 
 std::optional<QImage> computeCutout(const QImage& source) {
+    return computeCutout(source, chosenNetwork());
+}
+
+std::optional<QImage> computeCutout(const QImage& source, const NetworkSpec& spec) {
     if (source.width() < 1 || source.height() < 1) return std::nullopt;
-    const QImage m = mask(source);
+    const QImage m = mask(source, spec);
     if (m.isNull() || isEmptyMask(m)) return std::nullopt;
     const QImage shaped = shapeMask(m);
     if (shaped.isNull() || isEmptyMask(shaped)) return std::nullopt;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "engines/NetworkSpec.h"
+
 #include <QImage>
 #include <QString>
 
@@ -15,6 +17,22 @@ QString modelPath();
 
 /// Test seam: use this file instead of searching (empty to search again). Forgets a loaded network.
 void setModelPath(const QString& path);
+
+/// Cutouts from now on run this network (the default spec: the installed IS-Net). Doesn't wait for
+/// a run in progress: the network loads, and one chosen before is forgotten, on the next cutout.
+void useNetwork(const NetworkSpec& spec);
+NetworkSpec chosenNetwork();
+
+/// The chosen network as loaded: its file, the names it runs by and its input's size.
+struct NetworkInfo {
+    QString path;
+    QString input;
+    QString output;
+    int width = 0;
+    int height = 0;
+};
+/// Loads the chosen network (blocking) and describes it; absent when it can't be had (`problem`).
+std::optional<NetworkInfo> networkInfo();
 
 /// What runs the network: ONNX Runtime when its library can be loaded (about three times faster),
 /// else OpenCV's own inference. `automatic` chooses so; the others are for benchmarks and tests.
@@ -45,9 +63,12 @@ QString runtimeProblem();
 /// background thread.
 void preload(bool warmUp = true);
 
-/// The network's mask for `source` at 1024 × 1024, values 0…1 as bytes 0…255; empty when the
-/// network can't be had. Blocking. Safe to call from several threads (inference is serialised).
+/// The chosen network's mask for `source` at 1024 × 1024 (resized from the network's own size), values 0…1 as
+/// bytes 0…255; empty when the network can't be had. Blocking. Safe to call from several threads (inference
+/// is serialised).
 QImage mask(const QImage& source);
+/// The same with `spec`'s network (loaded in place of another), whatever is chosen.
+QImage mask(const QImage& source, const NetworkSpec& spec);
 
 /// How the network's probabilities become a mask like a platform's foreground mask: opaque inside,
 /// transparent outside, soft only along the edge. Measured on twelve objects of known shape over
@@ -91,5 +112,6 @@ std::optional<QImage> composite(const QImage& source, const QImage& mask, bool d
 /// The whole cutout of `source` at its own size; absent when no subject is found or the network
 /// fails. Blocking; call it off the main thread.
 std::optional<QImage> computeCutout(const QImage& source);
+std::optional<QImage> computeCutout(const QImage& source, const NetworkSpec& spec);
 
 } // namespace cutlark::VisionEngine

@@ -36,8 +36,12 @@ template <class T> const T& normalized(const T& v) {
 } // namespace
 
 CropModel::CropModel(QObject* parent)
-    : QObject(parent), m_cutoutService{&VisionEngine::isAvailable, &VisionEngine::computeCutout,
-                                       &CropModel::subjectNetworkProblem, &CropModel::prepareSubjectNetwork},
+    : QObject(parent), m_cutoutService{&VisionEngine::isAvailable,
+                                       [](const QImage& source, const NetworkSpec& network) {
+                                           return VisionEngine::computeCutout(source, network);
+                                       },
+                                       &CropModel::subjectNetworkProblem, &CropModel::prepareSubjectNetwork,
+                                       &VisionEngine::useNetwork},
       m_vectorTracer(&VectorSettings::trace) {}
 
 // Each setter stores, notifies, then runs the field's hook — also for an unchanged value.

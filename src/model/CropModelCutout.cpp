@@ -18,10 +18,10 @@ namespace cutlark {
 namespace {
 
 // A cutout that runs out of memory or meets a library error counts as no subject found.
-std::optional<QImage> cutoutSafely(const std::function<std::optional<QImage>(const QImage&)>& compute,
-                                   const QImage& source) {
+std::optional<QImage> cutoutSafely(const CropModel::CutoutService& service, const QImage& source,
+                                   const NetworkSpec& network) {
     try {
-        return compute(source);
+        return service.compute(source, network);
     } catch (const std::exception&) {
         return std::nullopt;
     }
@@ -83,7 +83,7 @@ void CropModel::ensureVisionCutout() {
     // The unturned, uncropped source: a turn or a mirror later needs no new computation.
     const QImage source = item->buffer.image();
     if (m_synchronousWork) {
-        finishCutout(id, cutoutSafely(m_cutoutService.compute, source));
+        finishCutout(id, m_cutouts.network(), cutoutSafely(m_cutoutService, source, m_cutouts.network()));
         return;
     }
     // Computed on the thread pool; the result comes back to this model's thread, and is dropped if
@@ -91,21 +91,45 @@ void CropModel::ensureVisionCutout() {
     struct Task {
         QUuid id;
         QImage source;
-        std::function<std::optional<QImage>(const QImage&)> compute;
+        CutoutService service;
+        NetworkSpec network;
         std::optional<QImage> cutout;
     };
     runOffThread(
-        this, std::make_unique<Task>(Task{id, source, m_cutoutService.compute, std::nullopt}),
+        this, std::make_unique<Task>(Task{id, source, m_cutoutService, m_cutouts.network(), std::nullopt}),
         [](Task& task) {
-            task.cutout = cutoutSafely(task.compute, task.source);
-            task.compute = nullptr;
+            task.cutout = cutoutSafely(task.service, task.source, task.network);
+            task.service = {};
             task.source = QImage();
         },
-        [](CropModel& self, Task& task) { self.finishCutout(task.id, task.cutout); });
+        [](CropModel& self, Task& task) { self.finishCutout(task.id, task.network, task.cutout); });
 }
 
-void CropModel::finishCutout(const QUuid& id, const std::optional<QImage>& cutout) {
-    m_cutouts.finish(id, cutout);
+void CropModel::setSubjectNetwork(const NetworkSpec& network) {
+    if (m_cutoutService.choose) m_cutoutService.choose(network);
+    m_cutouts.setNetwork(network);
+    notify(Field::visionComputing);
+    if (!wantsVision()) return;
+    recomputeActive(); // without the old network's cutout, and asking for the new one's
+    if (m_cutoutService.prepare && m_cutoutService.available && m_cutoutService.available())
+        m_cutoutService.prepare();
+}
+
+bool CropModel::chooseSubjectNetwork(const QString& onnxPath) {
+    QString why;
+    const std::optional<NetworkSpec> network = NetworkSpec::read(onnxPath, &why);
+    if (!network) {
+        setErrorMessage(why);
+        return false;
+    }
+    setSubjectNetwork(*network);
+    return true;
+}
+
+void CropModel::finishCutout(const QUuid& id, const NetworkSpec& network,
+                             const std::optional<QImage>& cutout) {
+    if (!(network == m_cutouts.network())) return; // cut out by a network chosen before
+    m_cutouts.finish(id, network, cutout);
     notify(Field::visionComputing);
     // Only the active image is rebuilt; a result for another item waits until it is selected.
     if (m_activeID && *m_activeID == id) recomputeActive();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "engines/NetworkSpec.h"
+
 #include <QHash>
 #include <QImage>
 #include <QSet>
@@ -23,10 +25,23 @@ public:
         return m_attempted.contains(id) && !m_cutouts.contains(id) && !m_computing.contains(id);
     }
 
+    /// The network the cutouts are of. Choosing another forgets them all: each item is cut out
+    /// again when it is shown; a cutout still running for the old one is dropped when it comes back.
+    const NetworkSpec& network() const { return m_network; }
+    void setNetwork(const NetworkSpec& network) {
+        if (network == m_network) return;
+        m_network = network;
+        m_cutouts.clear();
+        m_attempted.clear();
+        m_computing.clear();
+    }
+
     /// A cutout for `id` has started.
     void start(const QUuid& id) { m_computing.insert(id); }
-    /// The cutout for `id` has come back, with what it found.
-    void finish(const QUuid& id, const std::optional<QImage>& cutout) {
+    /// The cutout for `id` has come back, with what `network` found; dropped when it isn't the
+    /// network of the cache any more.
+    void finish(const QUuid& id, const NetworkSpec& network, const std::optional<QImage>& cutout) {
+        if (!(network == m_network)) return;
         m_computing.remove(id);
         m_attempted.insert(id);
         if (cutout) m_cutouts.insert(id, *cutout);
@@ -44,6 +59,7 @@ public:
     const QSet<QUuid>& computingItems() const { return m_computing; }
 
 private:
+    NetworkSpec m_network;
     QHash<QUuid, QImage> m_cutouts;
     QSet<QUuid> m_attempted;
     QSet<QUuid> m_computing;

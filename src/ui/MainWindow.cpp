@@ -4,7 +4,10 @@
 #include "ui/ContentView.h"
 #include "ui/FileOpenInbox.h"
 
+#include "engines/NetworkSpec.h"
+
 #include <QAction>
+#include <QActionGroup>
 #include <QApplication>
 #include <QDesktopServices>
 #include <QDir>
@@ -53,6 +56,7 @@ MainWindow::MainWindow(QWidget* parent)
     m_commands << remove;
     connect(&m_content->model(), &CropModel::changed, this, &MainWindow::updateCommands);
     updateCommands();
+    addNetworkMenu();
     QMenu* help = menuBar()->addMenu(tr("&Help"));
     help->addAction(tr("Cutlark Help"), this, [] {
         // The guide installed with the application, or the one of the source tree beside a build.
@@ -65,6 +69,46 @@ MainWindow::MainWindow(QWidget* parent)
             }
         }
     });
+}
+
+void MainWindow::addNetworkMenu() {
+    // Read again each time it opens: a network copied into the folder shows up without a restart.
+    m_networkMenu = menuBar()->addMenu(tr("Subject &network"));
+    connect(m_networkMenu, &QMenu::aboutToShow, this, &MainWindow::fillNetworkMenu);
+    fillNetworkMenu();
+}
+
+void MainWindow::fillNetworkMenu() {
+    m_networkMenu->clear();
+    auto* group = new QActionGroup(m_networkMenu);
+    CropModel& model = m_content->model();
+    const QString chosen = model.subjectNetwork().path;
+    const auto add = [&](const QString& text, const QString& path) {
+        QAction* a = m_networkMenu->addAction(text);
+        a->setCheckable(true);
+        a->setChecked(path == chosen);
+        a->setData(path);
+        group->addAction(a);
+        connect(a, &QAction::triggered, this, [this, path] {
+            CropModel& m = m_content->model();
+            if (path.isEmpty())
+                m.setSubjectNetwork(NetworkSpec{});
+            else
+                m.chooseSubjectNetwork(path);
+        });
+    };
+    add(tr("IS-Net (installed)"), QString());
+    m_networkMenu->addSeparator();
+    const QStringList found = NetworkSpec::userNetworks();
+    for (const QString& path : found)
+        add(NetworkSpec{path}.displayName(), path);
+    // A network chosen before and gone from the folder since stays listed while it is in use.
+    if (!chosen.isEmpty() && !found.contains(chosen)) add(NetworkSpec{chosen}.displayName(), chosen);
+    if (found.isEmpty()) {
+        QAction* none = m_networkMenu->addAction(
+            tr("More networks: put .onnx files into %1").arg(NetworkSpec::userFolder()));
+        none->setEnabled(false);
+    }
 }
 
 QAction* MainWindow::command(const QString& text) const {

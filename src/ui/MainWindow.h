@@ -4,6 +4,7 @@
 
 #include <QAction>
 #include <QMainWindow>
+#include <QMenu>
 
 namespace cutlark {
 
@@ -22,9 +23,12 @@ public:
 
 private:
     void updateCommands();
+    void addNetworkMenu();
+    void fillNetworkMenu();
 
     ContentView* m_content;
     QList<QAction*> m_commands;
+    QMenu* m_networkMenu = nullptr;
     QtPanels m_panels;
 };
 
