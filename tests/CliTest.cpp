@@ -35,7 +35,8 @@ TEST_F(CliTest, SettingsListsTheDefaultsInOrder) {
     const CliRun run = cli({QStringLiteral("settings")});
     ASSERT_EQ(run.exitCode, 0);
     const QJsonObject all = QJsonDocument::fromJson(run.out).object();
-    EXPECT_EQ(all.size(), 42);
+    EXPECT_EQ(all.size(), 43);
+    EXPECT_EQ(all.value(QStringLiteral("maskEdits")).toString(QStringLiteral("?")), QString());
     EXPECT_FALSE(all.value(QStringLiteral("vectorCurves")).toBool(true));
     EXPECT_EQ(all.value(QStringLiteral("threshold")).toDouble(), 25);
     EXPECT_EQ(all.value(QStringLiteral("bgRemovalMode")).toString(), QStringLiteral("white"));

@@ -139,7 +139,7 @@ TEST(CliOptions, SettingsHelpComesFromTheTable) {
     ASSERT_EQ(help.exitCode, 0);
     EXPECT_EQ(runCli({QStringLiteral("settings"), QStringLiteral("--help")}).out, help.out);
     const QJsonObject defaults = QJsonDocument::fromJson(runCli({QStringLiteral("settings")}).out).object();
-    ASSERT_EQ(defaults.size(), 42);
+    ASSERT_EQ(defaults.size(), 43);
     for (const QString& name : defaults.keys())
         EXPECT_TRUE(help.out.contains("\n  " + name.toUtf8() + ' ')) << name.toStdString();
     EXPECT_TRUE(help.out.contains("  strokeWidth          number 0…40 px, default 14; needs stickerEnabled\n"

@@ -97,7 +97,7 @@ TEST(Settings, JsonRoundTripsThroughThePresetReader) {
     changed.manualCropRect = QRectF(0.25, 0, 0.5, 1);
     changed.vectorCurves = true;
     const QJsonObject json = changed.toJson();
-    EXPECT_EQ(json.size(), 42);
+    EXPECT_EQ(json.size(), 43);
     EXPECT_TRUE(json.value(QStringLiteral("vectorCurves")).toBool());
     EXPECT_EQ(json.value(QStringLiteral("gradientStart")).toString(), QStringLiteral("#01020304"));
 

@@ -175,6 +175,50 @@ TEST_F(CutoutTest, AnotherNetworkCutsOutAgainAndTheOldOnesLateResultIsDropped) {
     EXPECT_EQ(model.subjectNetwork(), NetworkSpec{});
 }
 
+TEST_F(CutoutTest, TouchUpsChangeThePixelsUnderThemAndFollowTheTurn) {
+    const auto ids = openTwo();
+    const QImage source = model.active()->buffer.image(); // 40 × 30; the fake clears its left half
+    model.setKeyWhiteEnabled(true);
+    fake.release();
+    ASSERT_TRUE(waitUntil([&] { return !model.isDetectingSubject(); }));
+    const QImage before = model.processedImage();
+
+    // Restore a dab in the cleared half, erase one in the kept half: 8 px across, hard.
+    MaskEdit restore{MaskEdit::Kind::restore, 0.2, 0, {{10.5 / 40, 15.5 / 30}}};
+    MaskEdit erase{MaskEdit::Kind::erase, 0.2, 0, {{30.5 / 40, 15.5 / 30}}};
+    model.setMaskEdits({restore, erase});
+    const QImage after = model.processedImage();
+    EXPECT_EQ(after.pixel(10, 15), source.pixel(10, 15)) << "restored to the source's own pixel";
+    EXPECT_EQ(qAlpha(after.pixel(30, 15)), 0);
+    int changedElsewhere = 0;
+    for (int y = 0; y < 30; ++y)
+        for (int x = 0; x < 40; ++x)
+            if (std::hypot(x - 10, y - 15) > 6 && std::hypot(x - 30, y - 15) > 6)
+                changedElsewhere += after.pixel(x, y) != before.pixel(x, y);
+    EXPECT_EQ(changedElsewhere, 0) << "only the pixels under the brushes change";
+
+    // A quarter turn carries the touch-ups along: the erased dab is where its source point went.
+    model.setQuarterTurns(1);
+    const QPointF p = MaskEditing::fromSource(erase.points[0], 1, false);
+    const QImage turned = model.processedImage();
+    ASSERT_EQ(turned.size(), QSize(30, 40));
+    EXPECT_EQ(qAlpha(turned.pixel(int(p.x() * 30), int(p.y() * 40))), 0);
+    // A setting change keeps them; padding moves them by its width.
+    model.setPadAmount(5);
+    model.setPaddingEnabled(true);
+    EXPECT_EQ(qAlpha(model.processedImage().pixel(int(p.x() * 30) + 5, int(p.y() * 40) + 5)), 0);
+    EXPECT_EQ(model.maskEdits().size(), 2);
+
+    // Synced, the touch-ups go with the other settings to the next item.
+    model.setSyncSettingsAcrossQueue(true);
+    model.select(ids[1]);
+    EXPECT_EQ(model.maskEdits(), (MaskEdits{restore, erase}));
+    fake.release();
+    ASSERT_TRUE(waitUntil([&] { return !model.isDetectingSubject(); }));
+    EXPECT_EQ(qAlpha(model.processedImage().pixel(int(p.x() * 20) + 5, int(p.y() * 50) + 5)), 0)
+        << "the second item's cutout has the same touch-ups";
+}
+
 TEST_F(CutoutTest, LeavingAComputingItemLetsItFinishWithoutARebuild) {
     const auto ids = openTwo();
     model.setKeyWhiteEnabled(true);

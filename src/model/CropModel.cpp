@@ -110,6 +110,9 @@ void CropModel::runHook(Field field, bool wasOn) {
     case Field::resizeCanvas:
         if (live()) recomputeActive();
         break;
+    case Field::maskEdits:
+        if (live(s.bgRemovalMode == BGRemovalMode::subject)) recomputeActive();
+        break;
     case Field::keyThreshold:
     case Field::keyInternal:
         if (live(s.bgRemovalMode == BGRemovalMode::white)) recomputeActive();

@@ -22,7 +22,7 @@
 
 namespace cutlark {
 
-/// The state of one window: the queue, the active item, the 42 live settings, the processed result,
+/// The state of one window: the queue, the active item, the 43 live settings, the processed result,
 /// the status texts and the bookkeeping of background work. Lives on the main thread; every write of
 /// an observable field emits `changed`, also when the value is the same, and every write of a setting
 /// runs its change hook, which decides whether the image is rebuilt.
@@ -218,7 +218,7 @@ public:
         return m_collageRects;
     }
 
-    // The 42 settings: a getter and a setter each. Every write notifies and runs the field's hook.
+    // The 43 settings: a getter and a setter each. Every write notifies and runs the field's hook.
 #define CUTLARK_ACCESSORS(Type, name, Name, def, ...)                                                        \
     const Type& name() const {                                                                               \
         return m_settings.name;                                                                              \

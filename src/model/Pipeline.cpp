@@ -1,6 +1,7 @@
 #include "model/Pipeline.h"
 
 #include "engines/ColorComponents.h"
+#include "engines/MaskEdits.h"
 #include "engines/StickerEngine.h"
 
 #include <cmath>
@@ -58,10 +59,19 @@ Built beforeResize(const QImage& source, const Settings& s, const QImage& cutout
     if (s.keyWhiteEnabled) {
         if (s.bgRemovalMode == BGRemovalMode::subject) {
             // The cutout is of the whole source, so it replaces what the crop made.
-            if (!cutout.isNull()) {
+            // The touch-ups by hand are in the source's coordinates, so they go on before the turn.
+            QImage touched = cutout;
+            if (!cutout.isNull() && !s.maskEdits.isEmpty()) {
+                const auto edited = attempt([&]() -> std::optional<QImage> {
+                    QImage e = MaskEditing::apply(cutout, source, s.maskEdits);
+                    return e.isNull() ? std::nullopt : std::optional(e);
+                });
+                if (edited) touched = *edited;
+            }
+            if (!touched.isNull()) {
                 auto turned =
-                    attempt([&] { return CropEngine::oriented(cutout, s.quarterTurns, s.mirrored); });
-                work = turned ? *turned : cutout;
+                    attempt([&] { return CropEngine::oriented(touched, s.quarterTurns, s.mirrored); });
+                work = turned ? *turned : touched;
             }
         } else if (auto keyed = attempt(
                        [&] { return CropEngine::keyOutWhite(work, s.keyThreshold, s.keyInternal); })) {

@@ -82,6 +82,16 @@ const char* typeName(const QImage&) {
 const char* typeName(const QString&) {
     return "path";
 }
+const char* typeName(const MaskEdits&) {
+    return "edits";
+}
+
+bool parseValue(const QString& text, MaskEdits& out) {
+    const auto edits = MaskEditing::fromText(text);
+    if (!edits) return false;
+    out = *edits;
+    return true;
+}
 
 bool parseValue(const QString& text, qint64& out) {
     bool ok = false;
@@ -192,6 +202,9 @@ QJsonValue jsonValue(VectorizeStyle v) {
 QJsonValue jsonValue(const QImage& image) {
     if (image.isNull()) return QJsonValue::Null;
     return QString::number(image.width()) + QLatin1Char('x') + QString::number(image.height());
+}
+QJsonValue jsonValue(const MaskEdits& edits) {
+    return MaskEditing::toText(edits);
 }
 QJsonValue jsonValue(const QString& s) {
     return s.isEmpty() ? QJsonValue(QJsonValue::Null) : QJsonValue(s);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "engines/ColorComponents.h"
+#include "engines/MaskEdits.h"
 #include "vectorize/TraceParams.h"
 
 #include <QColor>
@@ -18,7 +19,7 @@ namespace cutlark {
 enum class BGRemovalMode { white, subject };
 enum class BackgroundKind { color, gradient, image };
 
-// The 42 settings, declared once, in their fixed order. Everything that lists settings — the record,
+// The 43 settings, declared once, in their fixed order. Everything that lists settings — the record,
 // the model's field enum, its setters, snapshot/apply, the sidebar's ranges, the command line's
 // --set parser, its help and `cutlark-cli settings` — is derived from this table.
 //
@@ -38,6 +39,7 @@ enum class BackgroundKind { color, gradient, image };
     X(BGRemovalMode, bgRemovalMode, BgRemovalMode, BGRemovalMode::white, 0, 0, "", "white: key out a white background; subject: cut out the subject of a photograph", "keyWhiteEnabled") \
     X(double, keyThreshold, KeyThreshold, 30, 0, 100, "%", "how far from white a pixel may be and still be keyed out", "keyWhiteEnabled") \
     X(bool, keyInternal, KeyInternal, false, 0, 0, "", "key out enclosed white too, not only the background around the subject", "keyWhiteEnabled") \
+    X(MaskEdits, maskEdits, MaskEdits, MaskEdits(), 0, 0, "", "the subject cutout touched up by hand: \"erase|restore SIZE SOFTNESS x,y x,y…; drop x,y\", sizes as fractions of the longer side, points as fractions of the unturned source", "keyWhiteEnabled") \
     X(bool, stickerEnabled, StickerEnabled, false, 0, 0, "", "a white sticker outline with a soft shadow", "") \
     X(double, strokeWidth, StrokeWidth, 14, 0, 40, "px", "width of the sticker outline", "stickerEnabled")                   \
     X(bool, paddingEnabled, PaddingEnabled, false, 0, 0, "", "transparent padding around the picture", "")    \
@@ -84,7 +86,7 @@ struct SettingInfo {
     bool isNumber() const { return minimum != maximum; }
 };
 
-/// One item's dormant copy of the 42 settings; `Settings()` holds the defaults.
+/// One item's dormant copy of the 43 settings; `Settings()` holds the defaults.
 struct Settings {
 #define CUTLARK_DECLARE_FIELD(Type, name, Name, def, ...) Type name = def;
     CUTLARK_SETTINGS(CUTLARK_DECLARE_FIELD)
@@ -93,7 +95,7 @@ struct Settings {
     /// Field-by-field equality; pictures compare by identity (`cacheKey`), not by pixels.
     bool operator==(const Settings& other) const;
 
-    /// Names of the 42 fields in table order.
+    /// Names of the 43 fields in table order.
     static const QStringList& names();
 
     /// The table's rows, in table order.
