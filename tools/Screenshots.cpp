@@ -1,14 +1,18 @@
 // Drives the window offscreen through a few states and writes a PNG of each, for the README.
+#include "engines/VisionEngine.h"
 #include "ui/ColorPickerPopover.h"
 #include "ui/ContentView.h"
 #include "ui/CropEditorSheet.h"
 #include "ui/MainWindow.h"
 #include "ui/QtPanels.h"
+#include "ui/RefineCanvas.h"
+#include "ui/RefineSheet.h"
 #include "ui/Widgets.h"
 
 #include <QApplication>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QIcon>
 #include <QPainter>
 #include <QPainterPath>
@@ -176,6 +180,39 @@ int main(int argc, char** argv) {
             const bool wrote = sheet->grab().save(out + QStringLiteral("/05-crop-editor.png"));
             std::printf("%s %s\n", wrote ? "wrote" : "couldn't write",
                         qPrintable(out + QStringLiteral("/05-crop-editor.png")));
+            ok &= wrote;
+        }
+    }
+    if (const QString photo = QDir::homePath() + QStringLiteral("/.cache/cutlark/testdata/chelsea.png");
+        QFileInfo::exists(photo) && VisionEngine::isAvailable()) {
+        // The refine sheet on a photograph's real cutout, a stroke of each brush drawn.
+        MainWindow window;
+        window.resize(900, 640);
+        window.show();
+        CropModel& model = window.content()->model();
+        model.open({photo});
+        model.setBgRemovalMode(BGRemovalMode::subject);
+        model.setKeyWhiteEnabled(true);
+        settle(model);
+        window.content()->openRefineSheet();
+        if (RefineSheet* sheet = window.content()->refineSheet()) {
+            sheet->resize(900, 640);
+            QApplication::processEvents();
+            sheet->setBrushSize(0.05);
+            sheet->setTool(MaskEdit::Kind::erase);
+            sheet->canvas()->beginStroke({0.1, 0.15});
+            for (int i = 1; i <= 20; ++i)
+                sheet->canvas()->extendStroke({0.1 + i * 0.01, 0.15 + i * 0.012});
+            sheet->canvas()->endStroke();
+            sheet->setTool(MaskEdit::Kind::restore);
+            sheet->canvas()->beginStroke({0.8, 0.8});
+            for (int i = 1; i <= 12; ++i)
+                sheet->canvas()->extendStroke({0.8 + i * 0.01, 0.8 - i * 0.01});
+            sheet->canvas()->endStroke();
+            QApplication::processEvents();
+            const QString path = out + QStringLiteral("/12-refine.png");
+            const bool wrote = sheet->grab().save(path);
+            std::printf("%s %s\n", wrote ? "wrote" : "couldn't write", qPrintable(path));
             ok &= wrote;
         }
     }

@@ -196,6 +196,28 @@ QRect paintBrush(QImage& into, const MaskEdit& edit) {
     return box;
 }
 
+void blendBox(QImage& out, const QImage& base, const QImage& source, const QImage& cover, const QRect& box,
+              MaskEdit::Kind kind) {
+    const QRect r = box.intersected(out.rect());
+    const bool erase = kind == MaskEdit::Kind::erase;
+    for (int y = r.top(); y <= r.bottom() && !r.isEmpty(); ++y) {
+        const uchar* c = cover.constScanLine(y);
+        const uchar* s = source.constScanLine(y);
+        const uchar* b = base.constScanLine(y);
+        uchar* d = out.scanLine(y);
+        for (int x = r.left(); x <= r.right(); ++x) {
+            const int a = c[x];
+            for (int k = 4 * x; k < 4 * x + 4; ++k) {
+                // Restore moves towards the source's own pixel (the cutout's edge colours may lie
+                // on either side of it), Erase towards nothing.
+                const int target = erase ? 0 : s[k];
+                const int diff = (target - b[k]) * a;
+                d[k] = uchar(b[k] + (diff >= 0 ? (diff + 127) / 255 : -((-diff + 127) / 255)));
+            }
+        }
+    }
+}
+
 QImage apply(const QImage& cutout, const QImage& source, const MaskEdits& edits) {
     if (edits.isEmpty() || cutout.isNull()) return cutout;
     QImage out = rgbaPixels(cutout).copy();
@@ -215,24 +237,9 @@ QImage apply(const QImage& cutout, const QImage& source, const MaskEdits& edits)
         }
         // Only the brush's box is read and cleared again, so a stroke costs what it covers.
         const QRect box = paintBrush(cover, e);
-        const bool erase = e.kind == MaskEdit::Kind::erase;
-        for (int y = box.top(); y <= box.bottom() && !box.isEmpty(); ++y) {
-            uchar* c = cover.scanLine(y);
-            const uchar* s = src.constScanLine(y);
-            uchar* d = out.scanLine(y);
-            for (int x = box.left(); x <= box.right(); ++x) {
-                const int a = c[x];
-                c[x] = 0;
-                if (!a) continue;
-                for (int k = 4 * x; k < 4 * x + 4; ++k) {
-                    // Restore moves towards the source's own pixel (the cutout's edge colours may
-                    // lie on either side of it), Erase towards nothing.
-                    const int target = erase ? 0 : s[k];
-                    const int diff = (target - d[k]) * a;
-                    d[k] = uchar(d[k] + (diff >= 0 ? (diff + 127) / 255 : -((-diff + 127) / 255)));
-                }
-            }
-        }
+        blendBox(out, out, src, cover, box, e.kind);
+        for (int y = box.top(); y <= box.bottom() && !box.isEmpty(); ++y)
+            std::fill_n(cover.scanLine(y) + box.left(), box.width(), uchar(0));
     }
     return out;
 }

@@ -47,6 +47,12 @@ QPointF fromSource(const QPointF& source, int quarterTurns, bool mirrored);
 /// the box it touched.
 QRect paintBrush(QImage& into, const MaskEdit& edit);
 
+/// Within `box`, `out` becomes `base` moved by `cover` (Grayscale8) towards nothing (Erase) or
+/// towards `source`'s own pixels (Restore). All four the same size, premultiplied RGBA but `cover`;
+/// `out` may be `base`. What a stroke does, and what a stroke being drawn shows.
+void blendBox(QImage& out, const QImage& base, const QImage& source, const QImage& cover, const QRect& box,
+              MaskEdit::Kind kind);
+
 /// `cutout` (premultiplied RGBA, the source's size) with `edits` applied in order: Erase takes
 /// coverage away, Restore brings the source's own pixels back, a dropped island (the opaque region
 /// under its point, with its soft rim) goes whole. The cutout itself when there are no edits; null

@@ -118,6 +118,11 @@ public:
     const NetworkSpec& subjectNetwork() const {
         return m_cutouts.network();
     }
+    /// The active item's cutout as the network gave it (unturned, before any touch-up); null when
+    /// there is none (not subject mode, not computed yet, or no subject found).
+    QImage activeCutout() const {
+        return m_activeID ? m_cutouts.cutout(*m_activeID) : QImage();
+    }
     /// Compute cutouts and traces on the calling thread, inside the call that asks for them (the
     /// command line, which has no event loop to bring results back).
     void setSynchronousWork(bool on) {

@@ -4,6 +4,7 @@
 #include "ui/FileOpenInbox.h"
 #include "ui/ImagePreview.h"
 #include "ui/QueueDrawer.h"
+#include "ui/RefineSheet.h"
 #include "ui/SettingsSidebar.h"
 #include "ui/Transition.h"
 #include "ui/Widgets.h"
@@ -225,6 +226,7 @@ ContentView::ContentView(QWidget* parent)
         refresh();
     });
     connect(m_sidebar, &SettingsSidebar::editCropRequested, this, &ContentView::openCropEditor);
+    connect(m_sidebar, &SettingsSidebar::refineRequested, this, &ContentView::openRefineSheet);
     connect(&FileOpenInbox::instance(), &FileOpenInbox::didReceive, this, [this] {
         if (isVisible()) drainInbox();
     });
@@ -254,6 +256,30 @@ void ContentView::openCropEditor() {
     m_cropEditor->open();
 }
 
+RefineSheet* ContentView::refineSheet() const {
+    return m_refineSheet.data();
+}
+
+void ContentView::openRefineSheet() {
+    const CropModel::Item* item = m_model.active();
+    const QImage cutout = m_model.activeCutout();
+    if (!item || cutout.isNull() || m_refineSheet || m_cropEditor) return;
+    m_refineSheet = new RefineSheet(item->buffer.image(), cutout, m_model.maskEdits(),
+                                    int(m_model.quarterTurns()), m_model.mirrored(), this);
+    m_refineSheet->setAttribute(Qt::WA_DeleteOnClose);
+    RefineSheet* sheet = m_refineSheet;
+    // The touch-ups belong to the picture they were drawn on, never to one that became active since.
+    const std::optional<QUuid> drawnOn = m_model.activeID();
+    connect(sheet, &QDialog::accepted, this, [this, sheet, drawnOn] {
+        if (m_model.activeID() == drawnOn && sheet->edits() != m_model.maskEdits())
+            m_model.setMaskEdits(sheet->edits());
+    });
+    connect(sheet, &QDialog::finished, this,
+            [this] { QTimer::singleShot(0, this, &ContentView::drainInbox); });
+    m_refineSheet->resize(std::max(760, width() * 9 / 10), std::max(600, height() * 9 / 10));
+    m_refineSheet->open();
+}
+
 void ContentView::commitEditing() {
     // Leaving the field finishes its edit, which writes the model; the field then shows its value.
     if (auto* edit = qobject_cast<QLineEdit*>(QApplication::focusWidget()); edit && isAncestorOf(edit))
@@ -273,8 +299,8 @@ void ContentView::showEvent(QShowEvent* event) {
 }
 
 void ContentView::drainInbox() {
-    // Not behind the crop sheet: the picture being cropped stays the active one until it closes.
-    if (m_cropEditor) return;
+    // Not behind a sheet: the picture being cropped or refined stays the active one until it closes.
+    if (m_cropEditor || m_refineSheet) return;
     const QStringList files = FileOpenInbox::instance().take();
     if (!files.isEmpty()) m_model.open(files);
 }

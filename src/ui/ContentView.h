@@ -41,6 +41,9 @@ public:
     QWidget* header() const { return m_header; }
     /// The crop sheet while it is open.
     class CropEditorSheet* cropEditor() const;
+    /// The sheet touching up the active item's cutout, while it is open.
+    class RefineSheet* refineSheet() const;
+    void openRefineSheet();
     /// Opens the crop sheet on the turned source (nothing without an active item).
     void openCropEditor();
     /// Hands a field being typed in to the model, as Return would: what an action writes is then what
@@ -86,6 +89,7 @@ private:
     QStringList m_dropFolders; ///< private folders of dropped image data, removed with the window
     bool m_cropWasEnabled = false;
     QPointer<class CropEditorSheet> m_cropEditor;
+    QPointer<class RefineSheet> m_refineSheet;
 };
 
 } // namespace cutlark

@@ -54,6 +54,9 @@ MainWindow::MainWindow(QWidget* parent)
         if (model.activeID()) model.remove(*model.activeID());
     });
     m_commands << remove;
+    QAction* refine = edit->addAction(tr("Refine Cutout…"), QKeySequence(Qt::CTRL | Qt::Key_R), this,
+                                      [this] { m_content->openRefineSheet(); });
+    m_commands << refine;
     connect(&m_content->model(), &CropModel::changed, this, &MainWindow::updateCommands);
     updateCommands();
     addNetworkMenu();
@@ -127,6 +130,7 @@ void MainWindow::updateCommands() {
     command(tr("Copy SVG"))->setEnabled(vector && model.hasVectorOutput());
     command(tr("Split into Files…"))->setEnabled(model.collageRects().size() >= 2);
     command(tr("Remove from Queue"))->setEnabled(hasItem);
+    command(tr("Refine Cutout…"))->setEnabled(model.wantsVision() && !model.activeCutout().isNull());
 }
 
 } // namespace cutlark

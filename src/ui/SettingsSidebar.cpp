@@ -128,7 +128,7 @@ void SettingsSidebar::build() {
     SidebarSections::collageCallout(c, m_settings, rows);
     add(SidebarSections::crop(c, m_settings, [this] { emit editCropRequested(); }));
     add(SidebarSections::trim(c, m_settings));
-    add(SidebarSections::backgroundRemoval(c, m_settings));
+    add(SidebarSections::backgroundRemoval(c, m_settings, [this] { emit refineRequested(); }));
     add(SidebarSections::sticker(c, m_settings));
     add(SidebarSections::padding(c, m_settings));
     add(SidebarSections::background(c, m_settings));

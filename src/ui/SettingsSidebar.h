@@ -40,6 +40,7 @@ public:
 
 signals:
     void editCropRequested();
+    void refineRequested();
     /// A button asks for one of the model's actions (the view commits any edit first).
     void actionRequested(cutlark::ModelAction action);
 

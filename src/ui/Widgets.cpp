@@ -169,6 +169,7 @@ QIcon symbol(const QString& name) {
         {QStringLiteral("arrow.triangle.2.circlepath"), QStringLiteral("view-refresh")},
         {QStringLiteral("square.grid.2x2"), QStringLiteral("view-grid")},
         {QStringLiteral("arrow.right"), QStringLiteral("go-next")},
+        {QStringLiteral("paintbrush"), QStringLiteral("draw-brush")},
     };
     return QIcon::fromTheme(names.value(name, name));
 }

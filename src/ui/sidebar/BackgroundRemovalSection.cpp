@@ -2,13 +2,16 @@
 #include "ui/sidebar/Sections.h"
 #include "ui/sidebar/SidebarControls.h"
 
+#include "ui/Widgets.h"
+
 #include <QCheckBox>
 #include <QLabel>
+#include <QPushButton>
 #include <QVBoxLayout>
 
 namespace cutlark::SidebarSections {
 
-QWidget* backgroundRemoval(SidebarControls& c, QWidget* parent) {
+QWidget* backgroundRemoval(SidebarControls& c, QWidget* parent, std::function<void()> refine) {
     using Field = CropModel::Field;
     CropModel* model = c.model();
     auto [body, l] = SidebarControls::column(parent);
@@ -41,9 +44,20 @@ QWidget* backgroundRemoval(SidebarControls& c, QWidget* parent) {
                                           ? QObject::tr("Detecting subject…")
                                           : QObject::tr("No subject found — try White."));
              });
+    // The cutout touched up by hand, once there is one.
+    auto* refineButton = new QPushButton(symbol(QStringLiteral("paintbrush")), QObject::tr("Refine…"), body);
+    refineButton->setToolTip(QObject::tr("Erase or restore parts of the cutout by hand"));
+    QObject::connect(refineButton, &QPushButton::clicked, body, refine);
+    c.follow({Field::bgRemovalMode, Field::keyWhiteEnabled, Field::visionComputing, Field::activeID},
+             [model, refineButton] {
+                 refineButton->setVisible(model->bgRemovalMode() == BGRemovalMode::subject &&
+                                          model->subjectModeOffered());
+                 refineButton->setEnabled(!model->activeCutout().isNull());
+             });
     l->addWidget(threshold);
     l->addWidget(internal);
     l->addWidget(status.row);
+    l->addWidget(refineButton);
     return c.section(parent, QObject::tr("Remove background"), QStringLiteral("wand.and.stars"),
                      Field::keyWhiteEnabled, body, 150);
 }

@@ -19,7 +19,7 @@ QWidget* orientation(SidebarControls& controls, QWidget* parent);
 void collageCallout(SidebarControls& controls, QWidget* parent, QVBoxLayout* rows);
 QWidget* crop(SidebarControls& controls, QWidget* parent, std::function<void()> editCrop);
 QWidget* trim(SidebarControls& controls, QWidget* parent);
-QWidget* backgroundRemoval(SidebarControls& controls, QWidget* parent);
+QWidget* backgroundRemoval(SidebarControls& controls, QWidget* parent, std::function<void()> refine);
 QWidget* sticker(SidebarControls& controls, QWidget* parent);
 QWidget* padding(SidebarControls& controls, QWidget* parent);
 QWidget* background(SidebarControls& controls, QWidget* parent);
