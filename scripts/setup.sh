@@ -30,6 +30,7 @@ if [ "$tests" = 1 ]; then
         dpkg-dev appstream groff-base lintian # the .deb's dependencies; checking it, its metainfo and man pages
         parallel                              # GNU parallel: the sharded-batch recipe is tested with it
         strace                                # the privacy test watches every program's system calls
+        mesa-vulkan-drivers                   # a software Vulkan device: the GPU path and its fallback
     )
 fi
 

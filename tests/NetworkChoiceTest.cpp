@@ -202,3 +202,42 @@ TEST_F(NetworkChoice, TheInstalledNetworkByNameGivesTheSameBytes) {
     EXPECT_FALSE(a.isEmpty());
     EXPECT_TRUE(a == readBytes(m_dir.filePath(QStringLiteral("b/cat-out.png"))));
 }
+
+TEST_F(NetworkChoice, OnASoftwareGpuTheMaskIsTheCpusOrTheReasonIsSaid) {
+    // Allowed to take a software Vulkan device, the runtime's WebGPU back end either runs the network
+    // (and gives the CPU's mask within one level) or is refused with the reason, and the CPU runs it.
+    const QString red = write(QStringLiteral("red.onnx"), channelNetwork(0));
+    write(QStringLiteral("red.json"), R"({"mean": 0, "std": 1})");
+    const QString input = m_dir.filePath(QStringLiteral("shot.png"));
+    ASSERT_TRUE(redOnBlue().save(input));
+    QProcessEnvironment cpu = QProcessEnvironment::systemEnvironment();
+    cpu.insert(QStringLiteral("CUTLARK_GPU"), QStringLiteral("off"));
+    QProcessEnvironment gpu = QProcessEnvironment::systemEnvironment();
+    gpu.insert(QStringLiteral("CUTLARK_GPU"), QStringLiteral("software"));
+    const CliRun off = cli({QStringLiteral("info"), QStringLiteral("--network"), red}, cpu);
+    ASSERT_EQ(off.exitCode, 0) << off.err.toStdString();
+    EXPECT_EQ(off.lines[0].value(QStringLiteral("notOnGpu")).toString(),
+              QStringLiteral("the GPU is switched off (CUTLARK_GPU=off)"));
+    const CliRun info = cli({QStringLiteral("info"), QStringLiteral("--network"), red}, gpu);
+    ASSERT_EQ(info.exitCode, 0) << info.err.toStdString();
+    const QString runsOn = info.lines[0].value(QStringLiteral("runsOn")).toString();
+    const QString whyNot = info.lines[0].value(QStringLiteral("notOnGpu")).toString();
+    EXPECT_TRUE(runsOn.contains(QStringLiteral("on the GPU")) != !whyNot.isEmpty())
+        << "on the GPU, or a reason why not: " << runsOn.toStdString() << " / " << whyNot.toStdString();
+    const auto run = [&](const QProcessEnvironment& env, const QString& out) {
+        const CliRun r = cli(QStringList{QStringLiteral("process"), QStringLiteral("--network"), red,
+                                         QStringLiteral("-o"), m_dir.filePath(out), input} +
+                                 kSubject,
+                             env);
+        EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
+        return QImage(m_dir.filePath(out + QStringLiteral("/shot-out.png")));
+    };
+    const QImage a = run(cpu, QStringLiteral("cpu"));
+    const QImage b = run(gpu, QStringLiteral("gpu"));
+    ASSERT_EQ(a.size(), b.size());
+    int worst = 0;
+    for (int y = 0; y < a.height(); ++y)
+        for (int x = 0; x < a.width(); ++x)
+            worst = std::max(worst, std::abs(qAlpha(a.pixel(x, y)) - qAlpha(b.pixel(x, y))));
+    EXPECT_LE(worst, 1);
+}

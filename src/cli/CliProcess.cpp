@@ -128,6 +128,7 @@ int CliRunner::runProcess(const CliOptions& asked) {
     }
     // Only now: all may be finished while lines are still to print, each on a cleared line.
     m_terminal.endProgress();
+    if (options.verbose && subjects && options.networkPath.isEmpty()) sayWhereTheNetworkRuns();
     // The failures named, then the run in one line: the last thing said.
     const int code = m_terminal.reportFailures(failures);
     if (!options.toStdout)

@@ -162,11 +162,15 @@ std::optional<int> CliRunner::chooseNetwork(const CliOptions& options, bool desc
     }
     if (options.verbose && !runtimeProblem.isEmpty())
         std::fprintf(m_err, "cutlark-cli: %s\n", qPrintable(runtimeProblem));
+    if (options.verbose) sayWhereTheNetworkRuns();
     if (!describe) return std::nullopt;
     const auto triple = [](const std::array<double, 3>& v) { return QJsonArray{v[0], v[1], v[2]}; };
     QString runtimeVersion;
     const bool onRuntime = VisionEngine::loadedBackend() == VisionEngine::Backend::onnxRuntime;
     if (onRuntime) runtimeVersion = OnnxRuntime::version().value_or(QString());
+    const VisionEngine::GpuStatus gpu = VisionEngine::gpuStatus();
+    const QString where =
+        gpu.device.isEmpty() ? QStringLiteral("the CPU") : QStringLiteral("the GPU (%1)").arg(gpu.device);
     QJsonObject json{{QStringLiteral("network"), options.networkPath},
                      {QStringLiteral("input"), info->input},
                      {QStringLiteral("output"), info->output},
@@ -175,11 +179,21 @@ std::optional<int> CliRunner::chooseNetwork(const CliOptions& options, bool desc
                      {QStringLiteral("std"), triple(spec->stdDev)},
                      {QStringLiteral("sigmoid"), spec->sigmoid},
                      {QStringLiteral("runsOn"),
-                      onRuntime ? QStringLiteral("ONNX Runtime %1 on the CPU").arg(runtimeVersion)
+                      onRuntime ? QStringLiteral("ONNX Runtime %1 on %2").arg(runtimeVersion, where)
                                 : QStringLiteral("OpenCV on the CPU")}};
     if (!runtimeProblem.isEmpty()) json.insert(QStringLiteral("runtimeProblem"), runtimeProblem);
+    if (!gpu.whyNot.isEmpty()) json.insert(QStringLiteral("notOnGpu"), gpu.whyNot);
     m_terminal.print(json);
     return std::nullopt;
+}
+
+void CliRunner::sayWhereTheNetworkRuns() {
+    const VisionEngine::GpuStatus gpu = VisionEngine::gpuStatus();
+    if (!gpu.device.isEmpty())
+        std::fprintf(m_err, "cutlark-cli: the subject network runs on the GPU (%s)\n",
+                     qPrintable(gpu.device));
+    else if (!gpu.whyNot.isEmpty())
+        std::fprintf(m_err, "cutlark-cli: the subject network runs on the CPU: %s\n", qPrintable(gpu.whyNot));
 }
 
 int CliRunner::runInfo(const CliOptions& options) {

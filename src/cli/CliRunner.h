@@ -34,6 +34,8 @@ private:
     /// Chooses --network's network and loads it; with `describe`, prints what it is as JSON. A
     /// code to exit with when it can't be had.
     std::optional<int> chooseNetwork(const CliOptions& options, bool describe);
+    /// With --verbose: on which device the subject network runs, or why not on the GPU.
+    void sayWhereTheNetworkRuns();
     int runProcess(const CliOptions& options);
     int runTrace(const CliOptions& options);
     int runSplit(const CliOptions& options);

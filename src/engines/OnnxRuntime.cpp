@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <string>
 
 namespace cutlark::OnnxRuntime {
 
@@ -58,6 +59,7 @@ enum Entry : int {
     kReleaseTypeInfo = 98,
     kReleaseTensorTypeAndShapeInfo = 99,
     kReleaseSessionOptions = 100,
+    kSessionOptionsAppendExecutionProvider = 216, // since 1.12
 };
 constexpr int kLoggingError = 3;     // OrtLoggingLevel: warnings stay quiet
 constexpr int kOptimizeAll = 99;     // GraphOptimizationLevel: every rewrite
@@ -119,6 +121,23 @@ bool optOutOfTelemetry() {
     return ::setenv("ORT_DISABLE_TELEMETRY", "1", 1) == 0;
 }
 [[maybe_unused]] const bool kTelemetryOptedOut = optOutOfTelemetry();
+
+// The GPU drivers the runtime's WebGPU back end may load keep compiled shaders in caches of their
+// own in the home folder (Mesa's, NVIDIA's). They go below Cutlark's cache folder instead; set
+// while the process is one thread, and only where the user hasn't chosen a place.
+bool keepShaderCachesInOurs() {
+    const char* cache = std::getenv("XDG_CACHE_HOME");
+    const char* home = std::getenv("HOME");
+    std::string base = cache && *cache ? cache
+                       : home && *home ? std::string(home) + "/.cache"
+                                       : std::string();
+    if (base.empty()) return false;
+    const std::string folder = base + "/cutlark/gpu-shaders";
+    for (const char* name : {"MESA_SHADER_CACHE_DIR", "MESA_GLSL_CACHE_DIR", "__GL_SHADER_DISK_CACHE_PATH"})
+        ::setenv(name, folder.c_str(), 0);
+    return true;
+}
+[[maybe_unused]] const bool kShaderCachesKept = keepShaderCachesInOurs();
 
 // Loads the library once; true when its table and environment are ready. Called with the mutex held.
 bool ensureLoaded(Library& l) {
@@ -273,7 +292,7 @@ std::optional<QString> version(QString* error) {
     return l.version;
 }
 
-std::unique_ptr<Session> Session::open(const QString& modelPath, int threads, QString* error) {
+std::unique_ptr<Session> Session::open(const QString& modelPath, int threads, QString* error, bool webGpu) {
     Library& l = library();
     std::lock_guard lock(l.mutex);
     const auto fail = [&](const QString& why) {
@@ -295,6 +314,10 @@ std::unique_ptr<Session> Session::open(const QString& modelPath, int threads, QS
         failed = take(l, entry<Status (*)(void*) noexcept>(l, kDisableMemPattern)(options.object));
     if (failed.isEmpty())
         failed = take(l, entry<Status (*)(void*) noexcept>(l, kDisableCpuMemArena)(options.object));
+    if (failed.isEmpty() && webGpu)
+        failed = take(
+            l, entry<Status (*)(void*, const char*, const char* const*, const char* const*, size_t) noexcept>(
+                   l, kSessionOptionsAppendExecutionProvider)(options.object, "WebGPU", nullptr, nullptr, 0));
     if (!failed.isEmpty()) return fail(failed);
     std::unique_ptr<Session> session(new Session);
     const QByteArray path = QFile::encodeName(modelPath);

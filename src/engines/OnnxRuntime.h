@@ -37,7 +37,10 @@ public:
     /// that also holds a queue of photographs. The memory pattern goes too: it keeps a second,
     /// planned block (peak 1.98 GB against 1.35 GB with the arena) and makes the run no faster. Null
     /// with `error` on failure.
-    static std::unique_ptr<Session> open(const QString& modelPath, int threads, QString* error = nullptr);
+    /// With `webGpu`, the runtime's WebGPU execution provider (Dawn over Vulkan) runs what it can and
+    /// the CPU the rest; the session fails when that provider can't be had.
+    static std::unique_ptr<Session> open(const QString& modelPath, int threads, QString* error = nullptr,
+                                         bool webGpu = false);
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;

@@ -6,6 +6,7 @@
 #include "engines/OnnxRuntime.h"
 #include "engines/PixelOps.h"
 #include "engines/PooledMat.h"
+#include "engines/VulkanDevices.h"
 
 #include <QFileInfo>
 #include <QStringList>
@@ -43,6 +44,8 @@ struct Network {
     bool warm = false;                 // one run has been made
     QString problem;                   // why it failed, for the person
     QString runtimeProblem;            // why ONNX Runtime wasn't used, when it is there
+    QString gpuDevice;                 // the GPU the session runs on; empty: the CPU
+    QString gpuProblem;                // why not on a GPU
 
     // What the window asks from its main thread, copied out under a lock of its own: a load (a
     // second of hashing) or a run must not make the window wait for an answer. The network chosen
@@ -54,6 +57,8 @@ struct Network {
         bool failed = false;
         QString problem;
         QString runtimeProblem;
+        QString gpuDevice;
+        QString gpuProblem;
     };
     std::mutex statusMutex;
     Status status;
@@ -63,12 +68,12 @@ struct Network {
     /// Copies the state into `status`; called with `mutex` held after every change.
     void publish() {
         std::lock_guard lock(statusMutex);
-        status = {loadedSpec, overridePath, loaded(), failed, problem, runtimeProblem};
+        status = {loadedSpec, overridePath, loaded(), failed, problem, runtimeProblem, gpuDevice, gpuProblem};
     }
     Status snapshot() {
         std::lock_guard lock(statusMutex);
         Status s = status;
-        if (!(s.spec == chosen)) s = {chosen, overridePath, false, false, {}, {}}; // not tried yet
+        if (!(s.spec == chosen)) s = {chosen, overridePath, false, false, {}, {}, {}, {}}; // not tried yet
         return s;
     }
     NetworkSpec chosenSpec() {
@@ -82,6 +87,8 @@ struct Network {
         warm = false;
         problem.clear();
         runtimeProblem.clear();
+        gpuDevice.clear();
+        gpuProblem.clear();
         inputName = "input";
         outputName = "output";
         width = height = kSide;
@@ -173,12 +180,45 @@ QString checkPorts(Network& n, const QString& path) {
            contract;
 }
 
-// Loads on ONNX Runtime; false when it couldn't (the reason in `why`), or when the graph doesn't
-// fit (then `n.failed` is set: OpenCV would fare no better). Called with the mutex held.
+// The GPU to run on, if any: a Vulkan device that isn't a rasteriser on the CPU (which would only
+// be slower than the runtime's own CPU kernels). CUTLARK_GPU=off keeps to the CPU; =software lets a
+// software device count, so that the path can be checked on a machine without a GPU. Empty with
+// `device` named when there is one; else why not.
+QString gpuChoice(QString& device) {
+    const QByteArray mode = qgetenv("CUTLARK_GPU");
+    if (mode == "off") return QStringLiteral("the GPU is switched off (CUTLARK_GPU=off)");
+    QString why;
+    const std::vector<VulkanDevices::Device> devices = VulkanDevices::devices(&why);
+    if (devices.empty()) return why;
+    for (const VulkanDevices::Device& d : devices) {
+        if (!d.software || mode == "software") {
+            device = d.name;
+            return QString();
+        }
+    }
+    return QStringLiteral("the only Vulkan device is a software rasteriser (%1)").arg(devices.front().name);
+}
+
+// Operators split over the cores; past eight the network gains nothing more.
+int cpuThreads() {
+    return std::clamp(QThread::idealThreadCount(), 1, 8);
+}
+
+// Loads on ONNX Runtime, on the GPU where one is had (the CPU when it fails there); false when it
+// couldn't (the reason in `why`), or when the graph doesn't fit (then `n.failed` is set: OpenCV
+// would fare no better). Called with the mutex held.
 bool loadOnRuntime(Network& n, const QString& path, QString& why) {
-    // Operators split over the cores; past eight the network gains nothing more.
-    const int threads = std::clamp(QThread::idealThreadCount(), 1, 8);
-    n.session = OnnxRuntime::Session::open(path, threads, &why);
+    QString device;
+    n.gpuProblem = gpuChoice(device);
+    if (n.gpuProblem.isEmpty()) {
+        n.session = OnnxRuntime::Session::open(path, cpuThreads(), &why, true);
+        if (n.session)
+            n.gpuDevice = device;
+        else
+            n.gpuProblem =
+                QStringLiteral("the GPU (%1) couldn’t take the network: %2").arg(device, why.trimmed());
+    }
+    if (!n.session) n.session = OnnxRuntime::Session::open(path, cpuThreads(), &why);
     if (!n.session) return false;
     const QString misfit = checkPorts(n, path);
     if (!misfit.isEmpty()) {
@@ -300,6 +340,19 @@ cv::Mat infer(Network& n, std::vector<float>& planes) {
         QString why;
         auto out = n.session->run(n.inputName.c_str(), OnnxRuntime::Session::TensorView{shape, planes},
                                   n.outputName.c_str(), &why);
+        if (!out && !n.gpuDevice.isEmpty()) {
+            // A run the GPU refused (out of its memory, a lost device) goes again on the CPU, which
+            // keeps the network from then on.
+            QString cpuWhy;
+            if (auto cpu = OnnxRuntime::Session::open(n.loadedFrom, cpuThreads(), &cpuWhy)) {
+                n.gpuProblem =
+                    QStringLiteral("the GPU (%1) failed on a run: %2").arg(n.gpuDevice, why.trimmed());
+                n.gpuDevice.clear();
+                n.session = std::move(cpu);
+                out = n.session->run(n.inputName.c_str(), OnnxRuntime::Session::TensorView{shape, planes},
+                                     n.outputName.c_str(), &why);
+            }
+        }
         if (!out || out->values.size() != size_t(w) * size_t(h)) {
             // A network whose output isn't the size of its input would be resized wrong.
             if (!n.loadedSpec.path.isEmpty())
@@ -404,6 +457,11 @@ QString problem() {
 
 QString runtimeProblem() {
     return network().snapshot().runtimeProblem;
+}
+
+GpuStatus gpuStatus() {
+    const Network::Status s = network().snapshot();
+    return {s.gpuDevice, s.gpuProblem};
 }
 
 void preload(bool warmUp) {

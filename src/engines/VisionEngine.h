@@ -57,6 +57,15 @@ QString problem();
 /// network runs on OpenCV, three times slower; empty otherwise.
 QString runtimeProblem();
 
+/// Where the loaded network runs: the GPU's name when on one (ONNX Runtime's WebGPU back end over
+/// Vulkan), else why not (no Vulkan device, only a software one, switched off, or the GPU failed);
+/// both empty before the network has loaded, or when it runs on OpenCV.
+struct GpuStatus {
+    QString device;
+    QString whyNot;
+};
+GpuStatus gpuStatus();
+
 /// Loads the network now, if it is present and not loaded yet, and with `warmUp` runs it once on a
 /// blank picture: the runtime's first run takes twice as long as the next ones (it sizes its
 /// buffers), so a window that warms up at start has its first cutout at full speed. Blocking; for a
