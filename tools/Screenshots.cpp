@@ -14,6 +14,7 @@
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QIcon>
+#include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
 #include <QPalette>
@@ -214,6 +215,27 @@ int main(int argc, char** argv) {
             const bool wrote = sheet->grab().save(path);
             std::printf("%s %s\n", wrote ? "wrote" : "couldn't write", qPrintable(path));
             ok &= wrote;
+            // An erase stroke drawn with the mouse, the loupe showing while the button is down.
+            RefineCanvas* canvas = sheet->canvas();
+            sheet->setTool(MaskEdit::Kind::erase);
+            sheet->setBrushSize(0.02);
+            const QRectF r = canvas->imageRect();
+            const auto at = [&](double u, double v) {
+                return QPointF(r.left() + u * r.width(), r.top() + v * r.height());
+            };
+            const auto send = [&](QEvent::Type type, const QPointF& p, Qt::MouseButtons buttons) {
+                QMouseEvent e(type, p, canvas->mapToGlobal(p), Qt::LeftButton, buttons, Qt::NoModifier);
+                QApplication::sendEvent(canvas, &e);
+            };
+            send(QEvent::MouseButtonPress, at(0.45, 0.55), Qt::LeftButton);
+            for (int i = 1; i <= 10; ++i)
+                send(QEvent::MouseMove, at(0.45 + i * 0.01, 0.55 + i * 0.005), Qt::LeftButton);
+            QApplication::processEvents();
+            const QString loupe = out + QStringLiteral("/13-refine-loupe.png");
+            const bool wroteLoupe = sheet->grab().save(loupe);
+            send(QEvent::MouseButtonRelease, at(0.55, 0.6), Qt::NoButton);
+            std::printf("%s %s\n", wroteLoupe ? "wrote" : "couldn't write", qPrintable(loupe));
+            ok &= wroteLoupe;
         }
     }
     {

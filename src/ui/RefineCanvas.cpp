@@ -5,6 +5,7 @@
 #include <QApplication>
 #include <QMouseEvent>
 #include <QPainter>
+#include <QPainterPath>
 #include <QWheelEvent>
 
 #include <algorithm>
@@ -164,16 +165,7 @@ void RefineCanvas::paintEvent(QPaintEvent*) {
     QPainter p(this);
     p.fillRect(rect(), palette().window());
     const QRectF r = imageRect();
-    // The checkerboard behind: what is transparent reads as such.
-    p.save();
-    p.setClipRect(r);
-    const int cell = 8;
-    const QColor light(0xEE, 0xEE, 0xEE), dark(0xCC, 0xCC, 0xCC);
-    for (int y = int(std::floor(r.top())); y < r.bottom(); y += cell)
-        for (int x = int(std::floor(r.left())); x < r.right(); x += cell)
-            p.fillRect(x, y, cell, cell,
-                       ((x - int(r.left())) / cell + (y - int(r.top())) / cell) % 2 ? dark : light);
-    p.restore();
+    paintChecker(p, r);
     p.setRenderHint(QPainter::SmoothPixmapTransform,
                     m_zoom * r.width() / std::max(1.0, orientedSize().width()) < 2);
     p.setTransform(previewToWidget());
@@ -201,6 +193,62 @@ void RefineCanvas::paintEvent(QPaintEvent*) {
         p.drawLine(*m_cursor - QPointF(8, 0), *m_cursor + QPointF(8, 0));
         p.drawLine(*m_cursor - QPointF(0, 8), *m_cursor + QPointF(0, 8));
     }
+    if (m_stroke && m_cursor) paintLoupe(p);
+}
+
+void RefineCanvas::paintChecker(QPainter& p, const QRectF& r) const {
+    // The checkerboard behind: what is transparent reads as such.
+    p.save();
+    p.setClipRect(r, Qt::IntersectClip);
+    const int cell = 8;
+    const QColor light(0xEE, 0xEE, 0xEE), dark(0xCC, 0xCC, 0xCC);
+    for (int y = int(std::floor(r.top())); y < r.bottom(); y += cell)
+        for (int x = int(std::floor(r.left())); x < r.right(); x += cell)
+            p.fillRect(x, y, cell, cell,
+                       ((x - int(r.left())) / cell + (y - int(r.top())) / cell) % 2 ? dark : light);
+    p.restore();
+}
+
+QRectF RefineCanvas::loupeBox() const {
+    if (!m_cursor) return QRectF();
+    const double w = 220, h = 132;
+    // Above the pointer, out of the brush's way; below it near the top edge.
+    double y = m_cursor->y() - 40 - h;
+    if (y < 4) y = m_cursor->y() + 40;
+    const double x = std::clamp(m_cursor->x() - w / 2, 4.0, std::max(4.0, width() - w - 4));
+    return QRectF(x, y, w, h);
+}
+
+void RefineCanvas::paintLoupe(QPainter& p) {
+    const QRectF box = loupeBox();
+    constexpr double kMagnify = 4;
+    p.save();
+    QPainterPath shape;
+    shape.addRoundedRect(box, 8, 8);
+    p.setClipPath(shape);
+    p.fillRect(box, palette().window());
+    // The work area four times larger about the pointer, the pointer at the box's centre.
+    const QTransform zoomed = QTransform::fromTranslate(-m_cursor->x(), -m_cursor->y()) *
+                              QTransform::fromScale(kMagnify, kMagnify) *
+                              QTransform::fromTranslate(box.center().x(), box.center().y());
+    p.setTransform(zoomed);
+    paintChecker(p, imageRect());
+    p.setTransform(previewToWidget() * zoomed);
+    p.setRenderHint(QPainter::SmoothPixmapTransform, false);
+    p.setOpacity(0.5);
+    p.drawImage(0, 0, m_dimmed);
+    p.setOpacity(1);
+    p.drawImage(0, 0, m_view);
+    p.resetTransform();
+    const double radius = kMagnify * m_size * std::max(imageRect().width(), imageRect().height()) / 2;
+    p.setRenderHint(QPainter::Antialiasing);
+    p.setBrush(Qt::NoBrush);
+    p.setPen(QPen(m_kind == MaskEdit::Kind::erase ? QColor(255, 90, 90) : QColor(90, 220, 120), 1.5));
+    p.drawEllipse(box.center(), radius, radius);
+    p.setClipping(false);
+    p.setPen(QPen(palette().mid().color(), 1));
+    p.drawRoundedRect(box.adjusted(0.5, 0.5, -0.5, -0.5), 8, 8);
+    p.restore();
 }
 
 void RefineCanvas::mousePressEvent(QMouseEvent* e) {
@@ -225,8 +273,14 @@ void RefineCanvas::mouseMoveEvent(QMouseEvent* e) {
         return;
     }
     const std::optional<QPointF> was = m_cursor;
+    const QRectF loupeWas = m_stroke ? loupeBox() : QRectF();
     m_cursor = at;
-    if (m_stroke) extendStroke(toOriented(at));
+    if (m_stroke) {
+        extendStroke(toOriented(at));
+        update(loupeWas.toAlignedRect()
+                   .adjusted(-2, -2, 2, 2)
+                   .united(loupeBox().toAlignedRect().adjusted(-2, -2, 2, 2)));
+    }
     // The brush's circle, where it was and where it is.
     const double radius = m_size * std::max(imageRect().width(), imageRect().height()) / 2 + 4;
     for (const auto& c : {was, m_cursor})
@@ -241,7 +295,11 @@ void RefineCanvas::mouseReleaseEvent(QMouseEvent* e) {
         setCursor(Qt::BlankCursor);
         return;
     }
-    if (e->button() == Qt::LeftButton) endStroke();
+    if (e->button() == Qt::LeftButton) {
+        const QRectF loupe = loupeBox();
+        endStroke();
+        update(loupe.toAlignedRect().adjusted(-2, -2, 2, 2)); // the loupe goes with the stroke
+    }
 }
 
 void RefineCanvas::wheelEvent(QWheelEvent* e) {

@@ -3,6 +3,7 @@
 #include "engines/MaskEdits.h"
 
 #include <QImage>
+#include <QPainter>
 #include <QTransform>
 #include <QWidget>
 
@@ -60,6 +61,10 @@ protected:
 
 private:
     QTransform previewToWidget() const;
+    /// While a stroke is drawn: the box above the pointer where the loupe shows it four times larger.
+    QRectF loupeBox() const;
+    void paintLoupe(QPainter& p);
+    void paintChecker(QPainter& p, const QRectF& area) const;
     QSizeF orientedSize() const;
     void clampPan();
 
