@@ -20,6 +20,10 @@ configure "$base/build-asan" address,undefined
 cmake --build "$base/build-asan" --parallel "$(nproc)"
 (
     cd "$base/build-asan"
+    # The Vulkan drivers the GPU probe loads (not instrumented) leave an allocation behind in code
+    # they unload, which LeakSanitizer can only report as "<unknown module>". Here the loader finds
+    # no driver, so the probe and the CPU fallback still run; the drivers themselves are left out.
+    VK_ICD_FILENAMES=/nonexistent/cutlark-no-driver.json VK_DRIVER_FILES=/nonexistent/cutlark-no-driver.json \
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:detect_stack_use_after_return=1 \
     LSAN_OPTIONS="suppressions=$supp/lsan.supp:print_suppressions=0" \
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
