@@ -185,12 +185,16 @@ double polygonArea(const Contour& c) {
 } // namespace
 
 std::optional<BinaryMask> binaryMask(const QImage& image) {
+    return binaryMask(image, 1400);
+}
+
+std::optional<BinaryMask> binaryMask(const QImage& image, int longestSide) {
     const int W = image.width(), H = image.height();
     if (W < 1 || H < 1) return std::nullopt;
     const QImage src = rgbaPixels(image);
     if (src.isNull()) return std::nullopt;
     const double L = std::max(W, H);
-    const double scale = L <= 1400 ? 1.0 : 1400.0 / L;
+    const double scale = L <= longestSide ? 1.0 : longestSide / L;
     const int w = roundedSide(W * scale), h = roundedSide(H * scale);
     cv::Mat drawn;
     try {
@@ -235,8 +239,45 @@ double epsilonFor(double smoothing) {
     return std::max(smoothing, 0.0) / 100 * 0.024 + 0.001; // NaN counts as 0
 }
 
+namespace {
+
+// The curves of every chain of `foreground` (the mask at its own size, mw × mh), scaled to the
+// source: corners found among the vertices of each chain's polygon at `epsilon`, chains whose
+// polygon holds less than `floor` source pixels left out, as the polygons are.
+QList<CurvedContour> curvesAtFullSize(const cv::Mat& foreground, double epsilon, double floor, int fullW,
+                                      int fullH) {
+    QList<CurvedContour> out;
+    std::vector<std::vector<cv::Point>> chains;
+    try {
+        cv::findContours(foreground, chains, cv::RETR_LIST, cv::CHAIN_APPROX_NONE);
+    } catch (const cv::Exception&) {
+        return out;
+    }
+    const int mw = foreground.cols, mh = foreground.rows;
+    const double sx = double(fullW) / mw, sy = double(fullH) / mh;
+    for (const auto& chain : chains) {
+        if (chain.size() < 2) continue;
+        const std::vector<cv::Point2f> points = clamped(onPixelEdges(chain), mw, mh);
+        std::vector<cv::Point2f> approx;
+        try {
+            cv::approxPolyDP(points, approx, epsilon, true);
+        } catch (const cv::Exception&) {
+            approx = points;
+        }
+        if (approx.size() < 3) continue;
+        Contour c;
+        for (const cv::Point2f& p : approx)
+            c.append(QPointF(double(p.x) * sx, double(p.y) * sy));
+        if (polygonArea(c) < floor) continue;
+        out.append(curved(chain, points, approx, mw, mh, sx, sy));
+    }
+    return out;
+}
+
+} // namespace
+
 QList<Contour> contours(const QImage& mask, int fullW, int fullH, double smoothing, double minAreaFrac,
-                        QList<CurvedContour>* curves) {
+                        QList<CurvedContour>* curves, const QImage& curveMask) {
     QList<Contour> out;
     if (mask.isNull() || fullW < 1 || fullH < 1) return out;
     const QImage grey =
@@ -246,11 +287,18 @@ QList<Contour> contours(const QImage& mask, int fullW, int fullH, double smoothi
     const double detectorScale = std::min(1.0, 1024.0 / std::max(mw, mh));
     const int dw = roundedSide(mw * detectorScale), dh = roundedSide(mh * detectorScale);
     std::vector<std::vector<cv::Point>> chains;
+    cv::Mat wholeForeground; // the mask at its own size, for curves, when the detector shrinks it
     try {
         const cv::Mat m(mh, mw, CV_8U, const_cast<uchar*>(grey.constBits()), size_t(grey.bytesPerLine()));
         cv::Mat foreground;
         cv::threshold(m, foreground, 127, 255, cv::THRESH_BINARY_INV); // dark on light: 0 is foreground
+        if (curves && !curveMask.isNull() && curveMask.format() == QImage::Format_Grayscale8) {
+            const cv::Mat fine(curveMask.height(), curveMask.width(), CV_8U,
+                               const_cast<uchar*>(curveMask.constBits()), size_t(curveMask.bytesPerLine()));
+            cv::threshold(fine, wholeForeground, 127, 255, cv::THRESH_BINARY_INV);
+        }
         if (dw != mw || dh != mh) {
+            if (curves && wholeForeground.empty()) wholeForeground = foreground.clone();
             cv::Mat scaled;
             cv::resize(foreground, scaled, cv::Size(dw, dh), 0, 0, cv::INTER_LINEAR);
             cv::threshold(scaled, foreground, 127, 255, cv::THRESH_BINARY);
@@ -286,8 +334,13 @@ QList<Contour> contours(const QImage& mask, int fullW, int fullH, double smoothi
         if (c.size() < 3) continue;
         if (polygonArea(c) < floor) continue; // holes are judged by themselves, like outlines
         out.append(std::move(c));
-        if (curves) curves->append(curved(chain, points, approx, dw, dh, sx, sy));
+        if (curves && wholeForeground.empty()) curves->append(curved(chain, points, approx, dw, dh, sx, sy));
     }
+    // Curves follow the mask at its own size: fitted to the detector's shrunk chain, a large
+    // glyph's edges would only be as exact as that raster's pixels, a pixel or two of the source.
+    if (curves && !wholeForeground.empty())
+        curves->append(
+            curvesAtFullSize(wholeForeground, epsilon * wholeForeground.cols / dw, floor, fullW, fullH));
     return out;
 }
 
@@ -332,7 +385,11 @@ VectorTraceOutcome trace(const QImage& image, const TraceParams& params) {
         return outcome;
     }
     QList<CurvedContour> fitted;
-    QList<Contour> found = contours(mask->mask, W, H, smoothing, 0.0004, curves ? &fitted : nullptr);
+    // Curves of a picture larger than the working mask follow a mask at the picture's own size.
+    QImage fine;
+    if (curves && mask->mask.size() != QSize(W, H))
+        if (const auto whole = binaryMask(image, std::max(W, H))) fine = whole->mask;
+    QList<Contour> found = contours(mask->mask, W, H, smoothing, 0.0004, curves ? &fitted : nullptr, fine);
     if (found.isEmpty()) return outcome;
     outcome.kind = VectorTraceOutcome::Kind::traced;
     outcome.trace = VectorTrace{std::move(found), QSizeF(W, H), std::move(fitted)};

@@ -23,15 +23,20 @@ struct BinaryMask {
 /// The mask at a working size of at most 1400 on the long side. Alpha decides when any pixel has
 /// alpha below 250, darkness (255 − luma) otherwise; a value of 129 or more is foreground.
 std::optional<BinaryMask> binaryMask(const QImage& image);
+/// The same at a working size of at most `longestSide`.
+std::optional<BinaryMask> binaryMask(const QImage& image, int longestSide);
 
 /// The contours of the mask's foreground at every nesting level, found on the mask brought to at most
 /// 1024 on its long side, approximated with the epsilon that `smoothing` gives, scaled to pixels of a
 /// `fullW` × `fullH` source, straightened, and each dropped when its area is below
 /// `minAreaFrac` × `fullW` × `fullH`. Never fails: an empty list when nothing is found. With
 /// `curves`, each kept contour's boundary is also fitted with curves (`CurveFit`, within
-/// `kCurveTolerance` of the boundary on the detector's pixels) and appended there, in step.
+/// `kCurveTolerance` of the boundary on the detector's pixels) and appended there, in step — unless
+/// the mask is larger than the detector's: then the curves are fitted to the chains of the mask
+/// at its own size (or of `curveMask`, a finer mask of the same picture, when given), with the same
+/// speck floor, so that a large drawing's curves are as exact as its own pixels.
 QList<Contour> contours(const QImage& mask, int fullW, int fullH, double smoothing, double minAreaFrac,
-                        QList<CurvedContour>* curves = nullptr);
+                        QList<CurvedContour>* curves = nullptr, const QImage& curveMask = QImage());
 
 /// How far a fitted curve may pass from the boundary's points, in pixels of the detector's mask. The
 /// points are the pixel edges' midlines, smoothed, within about 0.1 pixel of the true outline;
