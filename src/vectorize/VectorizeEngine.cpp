@@ -136,8 +136,8 @@ std::vector<QPointF> onEdgeMidlines(const std::vector<cv::Point>& chain,
 // The chain fitted with curves, its corners found among the polygon's vertices, scaled to pixels of
 // the source.
 CurvedContour curved(const std::vector<cv::Point>& raw, const std::vector<cv::Point2f>& points,
-                     const std::vector<cv::Point2f>& vertices, double maxX, double maxY, double sx,
-                     double sy) {
+                     const std::vector<cv::Point2f>& vertices, double maxX, double maxY, double sx, double sy,
+                     double tolerance = kCurveTolerance) {
     std::vector<QPointF> chain;
     chain.reserve(points.size());
     for (const cv::Point2f& p : points)
@@ -160,7 +160,7 @@ CurvedContour curved(const std::vector<cv::Point>& raw, const std::vector<cv::Po
     candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
     const std::vector<int> corners = CurveFit::corners(chain, candidates);
     CurvedContour c =
-        CurveFit::fitClosed(onEdgeMidlines(raw, points, corners, maxX, maxY), corners, kCurveTolerance);
+        CurveFit::fitClosed(onEdgeMidlines(raw, points, corners, maxX, maxY), corners, tolerance);
     const auto scaled = [&](QPointF p) { return QPointF(p.x() * sx, p.y() * sy); };
     c.start = scaled(c.start);
     for (CurveSegment& s : c.segments) {
@@ -255,6 +255,9 @@ QList<CurvedContour> curvesAtFullSize(const cv::Mat& foreground, double epsilon,
     }
     const int mw = foreground.cols, mh = foreground.rows;
     const double sx = double(fullW) / mw, sy = double(fullH) / mh;
+    // A third of a pixel up to 2048 pixels a side; beyond, the same share of the picture, so that a
+    // 12-megapixel silhouette isn't followed into every step of its staircase edges.
+    const double tolerance = kCurveTolerance * std::max(1.0, std::max(mw, mh) / 2048.0);
     for (const auto& chain : chains) {
         if (chain.size() < 2) continue;
         const std::vector<cv::Point2f> points = clamped(onPixelEdges(chain), mw, mh);
@@ -269,7 +272,7 @@ QList<CurvedContour> curvesAtFullSize(const cv::Mat& foreground, double epsilon,
         for (const cv::Point2f& p : approx)
             c.append(QPointF(double(p.x) * sx, double(p.y) * sy));
         if (polygonArea(c) < floor) continue;
-        out.append(curved(chain, points, approx, mw, mh, sx, sy));
+        out.append(curved(chain, points, approx, mw, mh, sx, sy, tolerance));
     }
     return out;
 }
