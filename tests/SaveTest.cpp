@@ -362,3 +362,106 @@ TEST_F(SaveTest, TheCommandLineWritesWhatTheWindowBuildsSettingBySetting) {
         EXPECT_EQ(ImageFile::load(output)->image.width(), 150);
     }
 }
+
+// A look built in the window, exported as settings, runs on the command line with the same bytes;
+// imported into another window it is the same look. (Here for the reason given above.)
+TEST_F(SaveTest, ExportedSettingsGiveTheCommandLineTheWindowsBytes) {
+    QImage art(320, 240, QImage::Format_RGB32);
+    art.fill(Qt::white);
+    {
+        QPainter painter(&art);
+        painter.setBrush(QColor(200, 60, 40));
+        painter.drawEllipse(QRect(60, 40, 170, 130));
+    }
+    const QString input = m_dir.filePath(QStringLiteral("shot.jpg"));
+    ASSERT_TRUE(art.save(input, nullptr, 92));
+    CropModel window;
+    window.open({input});
+    ASSERT_TRUE(window.active());
+    window.setQuarterTurns(1);
+    window.setKeyWhiteEnabled(true);
+    window.setStickerEnabled(true);
+    window.setStrokeWidth(9);
+    window.setPaddingEnabled(true);
+    window.setPadAmount(20);
+    window.setBackgroundEnabled(true);
+    window.setBackgroundKind(BackgroundKind::gradient);
+    window.setGradientAngle(33);
+    window.setGradientEnd(QColor::fromHsvF(0.61f, 0.83f, 0.77f)); // as the picker's pad gives it
+    window.setResizeEnabled(true);
+    window.setResizeWidth(200);
+    const QString preset = m_dir.filePath(QStringLiteral("look.json"));
+    ASSERT_TRUE(window.exportSettings(preset));
+    EXPECT_EQ(window.noticeMessage(), QStringLiteral("Settings exported to “look.json”."));
+
+    QProcess cli;
+    cli.start(QStringLiteral(CUTLARK_CLI_PATH),
+              {QStringLiteral("process"), QStringLiteral("--preset"), preset, QStringLiteral("-o"),
+               m_dir.filePath(QStringLiteral("out")), input});
+    ASSERT_TRUE(cli.waitForFinished(120000));
+    ASSERT_EQ(cli.exitCode(), 0) << cli.readAllStandardError().toStdString();
+    const QJsonObject line = QJsonDocument::fromJson(cli.readAllStandardOutput().trimmed()).object();
+    const auto choice = window.saveTypeChoice(*window.active());
+    const QByteArray expected =
+        ImageFile::encode(window.processedImage(), choice.type, window.active()->storage);
+    EXPECT_FALSE(expected.isEmpty());
+    EXPECT_EQ(readBytes(line.value(QStringLiteral("output")).toString()), expected);
+
+    // Imported into another window, over settings of its own: the same look, and its picture.
+    CropModel other;
+    other.open({input});
+    other.setTrimEnabled(true);
+    ASSERT_TRUE(other.importSettings(preset));
+    EXPECT_TRUE(other.snapshotCurrentSettings() == window.snapshotCurrentSettings());
+    EXPECT_EQ(other.processedImage(), window.processedImage());
+    EXPECT_EQ(other.noticeMessage(), QStringLiteral("Settings imported from “look.json”."));
+
+    // What isn't settings is named and changes nothing.
+    const Settings before = other.snapshotCurrentSettings();
+    const QList<QPair<QByteArray, QString>> bad = {
+        {"{\"padAmount\": 20,\n \"strokWidth\": 3}",
+         QStringLiteral("“bad.json” isn’t settings Cutlark can use: unknown setting “strokWidth”")},
+        {"{\"padAmount\": 20,\n  oops}", QStringLiteral("“bad.json” isn’t settings: ")},
+        {"[1, 2]", QStringLiteral("“bad.json” isn’t settings: they are a JSON object")},
+        {"{\"padAmount\": 9000}", QStringLiteral("“bad.json” isn’t settings Cutlark can use: ")},
+    };
+    for (const auto& [text, says] : bad) {
+        ASSERT_TRUE(writeBytes(m_dir.filePath(QStringLiteral("bad.json")), text));
+        EXPECT_FALSE(other.importSettings(m_dir.filePath(QStringLiteral("bad.json"))));
+        ASSERT_TRUE(other.errorMessage());
+        EXPECT_TRUE(other.errorMessage()->startsWith(says)) << other.errorMessage()->toStdString();
+        EXPECT_TRUE(other.snapshotCurrentSettings() == before);
+    }
+    EXPECT_TRUE(other.errorMessage()->contains(QStringLiteral("line 2")) || !other.errorMessage()->isEmpty());
+    EXPECT_FALSE(other.importSettings(m_dir.filePath(QStringLiteral("missing.json"))));
+    EXPECT_EQ(*other.errorMessage(), QStringLiteral("“missing.json” can’t be read as settings"));
+}
+
+TEST_F(SaveTest, SettingsAreExportedAndImportedWhereThePanelsSay) {
+    ScriptedPanels panels;
+    CropModel model;
+    model.setPanels(&panels);
+    model.open({png(QStringLiteral("a.png"), 40, 30), png(QStringLiteral("b.png"), 30, 40)});
+    model.setSyncSettingsAcrossQueue(true);
+    model.setPaddingEnabled(true);
+    model.setPadAmount(7);
+    const QString file = m_dir.filePath(QStringLiteral("chosen.json"));
+    panels.saveAnswers.push_back(file);
+    model.exportSettingsAs();
+    EXPECT_EQ(panels.proposedNames, QStringList{QStringLiteral("cutlark-settings.json")});
+    EXPECT_EQ(panels.saveTypes, QStringList{QStringLiteral("application/json")});
+    ASSERT_TRUE(QFileInfo::exists(file));
+    EXPECT_FALSE(readBytes(file).contains("\"backgroundImage\"")) << "the picture comes with its file";
+
+    model.exportSettingsAs(); // cancelled: nothing asked of the model
+    model.setPaddingEnabled(false);
+    model.setPadAmount(40);
+    panels.fileAnswers.push_back(file);
+    model.importSettingsFrom();
+    EXPECT_TRUE(model.paddingEnabled());
+    EXPECT_EQ(model.padAmount(), 7);
+    // Synced, the imported look is every item's.
+    model.select(model.items()[1].id);
+    EXPECT_EQ(model.padAmount(), 7);
+    EXPECT_EQ(model.processedImage().size(), QSize(44, 54));
+}

@@ -205,6 +205,10 @@ std::optional<QString> ScriptedPanels::saveFile(const QString&, const QString& p
     return takeFront(saveAnswers);
 }
 
+std::optional<QString> ScriptedPanels::openFile(const QString&) {
+    return takeFront(fileAnswers);
+}
+
 std::optional<QString> ScriptedPanels::chooseFolder(const QString&, const QString&, const QString&) {
     ++folderCalls;
     return takeFront(folderAnswers);

@@ -83,6 +83,7 @@ public:
     std::deque<std::optional<QStringList>> openAnswers;
     std::deque<std::optional<QString>> saveAnswers;
     std::deque<std::optional<QString>> folderAnswers;
+    std::deque<std::optional<QString>> fileAnswers;
     QStringList proposedNames;
     QStringList saveTypes;
     int openCalls = 0, saveCalls = 0, folderCalls = 0;
@@ -90,6 +91,7 @@ public:
     std::optional<QStringList> openImages(bool) override;
     std::optional<QString> saveFile(const QString& directory, const QString& proposedName,
                                     const QString& type) override;
+    std::optional<QString> openFile(const QString& type) override;
     std::optional<QString> chooseFolder(const QString&, const QString&, const QString&) override;
 };
 

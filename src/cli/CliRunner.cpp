@@ -38,6 +38,7 @@ public:
     explicit CliPanels(QString outputDir) : m_outputDir(std::move(outputDir)) {}
 
     std::optional<QStringList> openImages(bool) override { return std::nullopt; }
+    std::optional<QString> openFile(const QString&) override { return std::nullopt; }
     std::optional<QString> saveFile(const QString& directory, const QString& proposedName,
                                     const QString&) override {
         const QString folder = m_outputDir.isEmpty() ? directory : m_outputDir;

@@ -29,6 +29,11 @@ template <class T> bool flagOf(const T&) {
 qint64 normalized(qint64 v) {
     return ((v % 4) + 4) % 4;
 }
+// Colours are kept to what a preset can say (#RRGGBBAA), so a look exported and read back by the
+// command line is the same look to the last bit.
+QColor normalized(const QColor& c) {
+    return c.isValid() ? QColor::fromRgba(c.rgba()) : c;
+}
 template <class T> const T& normalized(const T& v) {
     return v;
 }

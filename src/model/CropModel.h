@@ -301,6 +301,16 @@ public:
     void flipVertical();
     Settings snapshotCurrentSettings() const;
     void applySettings(const Settings& settings);
+    /// The active settings written as a preset `cutlark-cli --preset` reads; false with the error
+    /// message set when the file can't be written.
+    bool exportSettings(const QString& path);
+    /// A preset read into the active item's settings (every item's, when synced): the defaults with
+    /// what it says, as the command line reads it, each written through its setter. False with the
+    /// error message set (naming the file) when it isn't one; nothing changes then.
+    bool importSettings(const QString& path);
+    /// The same, asking the panels for the file (File ▸ Export Settings…, Import Settings…).
+    void exportSettingsAs();
+    void importSettingsFrom();
 
     // --- pipeline ---
 

@@ -20,6 +20,9 @@ public:
     virtual std::optional<QString> saveFile(const QString& directory, const QString& proposedName,
                                             const QString& type) = 0;
 
+    /// Choose one existing file of `type` (a MIME type).
+    virtual std::optional<QString> openFile(const QString& type) = 0;
+
     /// Choose one folder, starting in `directory`; folders may be created on the way.
     virtual std::optional<QString> chooseFolder(const QString& directory, const QString& prompt,
                                                 const QString& message) = 0;

@@ -51,9 +51,9 @@ enum class BackgroundKind { color, gradient, image };
     X(double, padLeft, PadLeft, 40, 0, 512, "px", "padding on the left", "paddingEnabled")                                   \
     X(bool, backgroundEnabled, BackgroundEnabled, false, 0, 0, "", "lay a background behind the picture", "") \
     X(BackgroundKind, backgroundKind, BackgroundKind, BackgroundKind::color, 0, 0, "", "color, gradient or image", "backgroundEnabled") \
-    X(QColor, backgroundColor, BackgroundColor, QColor::fromRgbF(1, 1, 1, 1), 0, 0, "", "the background colour, #RRGGBB or #RRGGBBAA", "backgroundEnabled") \
-    X(QColor, gradientStart, GradientStart, QColor::fromRgbF(0.53f, 0.81f, 0.98f, 1), 0, 0, "", "the gradient's first colour", "backgroundEnabled") \
-    X(QColor, gradientEnd, GradientEnd, QColor::fromRgbF(0.15f, 0.39f, 0.78f, 1), 0, 0, "", "the gradient's last colour", "backgroundEnabled") \
+    X(QColor, backgroundColor, BackgroundColor, QColor(0xFF, 0xFF, 0xFF), 0, 0, "", "the background colour, #RRGGBB or #RRGGBBAA", "backgroundEnabled") \
+    X(QColor, gradientStart, GradientStart, QColor(0x87, 0xCF, 0xFA), 0, 0, "", "the gradient's first colour", "backgroundEnabled") \
+    X(QColor, gradientEnd, GradientEnd, QColor(0x26, 0x63, 0xC7), 0, 0, "", "the gradient's last colour", "backgroundEnabled") \
     X(double, gradientAngle, GradientAngle, 90, 0, 360, "°", "direction of the gradient, clockwise on screen", "backgroundEnabled") \
     X(QImage, backgroundImage, BackgroundImage, QImage(), 0, 0, "", "the background picture (comes with backgroundImageURL)", "backgroundEnabled") \
     X(QString, backgroundImageURL, BackgroundImageURL, QString(), 0, 0, "", "the background picture's file", "backgroundEnabled") \

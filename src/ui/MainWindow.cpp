@@ -44,6 +44,9 @@ MainWindow::MainWindow(QWidget* parent)
     file->addSeparator();
     command(file, tr("Split into Files…"), QKeySequence(), &CropModel::splitCollage);
     file->addSeparator();
+    command(file, tr("Export Settings…"), QKeySequence(), &CropModel::exportSettingsAs);
+    command(file, tr("Import Settings…"), QKeySequence(), &CropModel::importSettingsFrom);
+    file->addSeparator();
     file->addAction(tr("Quit"), QKeySequence::Quit, qApp, &QApplication::quit);
 
     QMenu* edit = menuBar()->addMenu(tr("&Edit"));
@@ -130,6 +133,8 @@ void MainWindow::updateCommands() {
     command(tr("Copy SVG"))->setEnabled(vector && model.hasVectorOutput());
     command(tr("Split into Files…"))->setEnabled(model.collageRects().size() >= 2);
     command(tr("Remove from Queue"))->setEnabled(hasItem);
+    command(tr("Export Settings…"))->setEnabled(hasItem);
+    command(tr("Import Settings…"))->setEnabled(hasItem);
     command(tr("Refine Cutout…"))->setEnabled(model.wantsVision() && !model.activeCutout().isNull());
 }
 

@@ -45,6 +45,14 @@ std::optional<QString> QtPanels::saveFile(const QString& directory, const QStrin
     return dialog.selectedFiles().first();
 }
 
+std::optional<QString> QtPanels::openFile(const QString& type) {
+    QFileDialog dialog(m_parent, QObject::tr("Open"));
+    dialog.setFileMode(QFileDialog::ExistingFile);
+    dialog.setMimeTypeFilters({type});
+    if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty()) return std::nullopt;
+    return dialog.selectedFiles().first();
+}
+
 std::optional<QString> QtPanels::chooseFolder(const QString& directory, const QString& prompt,
                                               const QString& message) {
     QFileDialog dialog(m_parent, message, directory);

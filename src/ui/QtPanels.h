@@ -18,6 +18,7 @@ public:
     std::optional<QStringList> openImages(bool allowMultiple) override;
     std::optional<QString> saveFile(const QString& directory, const QString& proposedName,
                                     const QString& type) override;
+    std::optional<QString> openFile(const QString& type) override;
     std::optional<QString> chooseFolder(const QString& directory, const QString& prompt,
                                         const QString& message) override;
 
