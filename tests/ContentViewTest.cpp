@@ -498,8 +498,8 @@ TEST(NetworkMenu, ListsTheNetworksInTheFolderAndChoosesOne) {
     EXPECT_EQ(model.subjectNetwork().path, folder + QStringLiteral("/BiRefNet.onnx"));
 
     action(QStringLiteral("IS-Net (installed)"))->trigger();
-    EXPECT_EQ(model.subjectNetwork(), NetworkSpec{});
-    EXPECT_EQ(VisionEngine::chosenNetwork(), NetworkSpec{});
+    EXPECT_EQ(model.subjectNetwork(), SubjectNetwork{});
+    EXPECT_EQ(VisionEngine::chosenNetwork(), SubjectNetwork{});
     if (before.isNull())
         qunsetenv("XDG_DATA_HOME");
     else

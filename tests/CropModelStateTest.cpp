@@ -304,7 +304,7 @@ TEST_F(ModelTest, LinksDoNothingWithoutAnImage) {
 TEST_F(ModelTest, KeyingOnPicksWhiteWithoutASubjectNetwork) {
     int computed = 0;
     model.setCutoutService({[] { return false; },
-                            [&](const QImage&, const NetworkSpec&) {
+                            [&](const QImage&, const SubjectNetwork&) {
                                 ++computed;
                                 return std::optional<QImage>();
                             },

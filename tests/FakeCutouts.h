@@ -28,12 +28,12 @@ struct FakeCutouts {
     std::atomic<bool> findsNothing{false};
     std::atomic<bool> open{false};
     std::atomic<int> prepared{0};
-    QString problem;    // what the service says is wrong with its network; set before use
-    NetworkSpec chosen; // the network the model last chose
+    QString problem;       // what the service says is wrong with its network; set before use
+    SubjectNetwork chosen; // the network the model last chose
 
     CropModel::CutoutService service() {
         return {[] { return true; },
-                [this](const QImage& source, const NetworkSpec& network) -> std::optional<QImage> {
+                [this](const QImage& source, const SubjectNetwork& network) -> std::optional<QImage> {
                     ++calls;
                     if (!open) gate.acquire();
                     if (findsNothing) return std::nullopt;
@@ -45,7 +45,7 @@ struct FakeCutouts {
                     return cut;
                 },
                 [this] { return problem; }, [this] { ++prepared; },
-                [this](const NetworkSpec& network) { chosen = network; }};
+                [this](const SubjectNetwork& network) { chosen = network; }};
     }
     void release(int n = 1) { gate.release(n); }
 };

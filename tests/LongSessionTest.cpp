@@ -46,7 +46,7 @@ QImage productShot(int n) {
 /// A cutout that clears the left third: cheap, and a different image from its source.
 CropModel::CutoutService cheapCutouts() {
     return {[] { return true; },
-            [](const QImage& source, const NetworkSpec&) -> std::optional<QImage> {
+            [](const QImage& source, const SubjectNetwork&) -> std::optional<QImage> {
                 QImage cut = source.convertToFormat(QImage::Format_RGBA8888_Premultiplied);
                 for (int y = 0; y < cut.height(); ++y)
                     memset(cut.scanLine(y), 0, size_t(cut.width() / 3) * 4);

@@ -16,15 +16,6 @@ using namespace cutlark::test;
 
 namespace {
 
-// A source of distinct colours, and its cutout: opaque everywhere (so every change shows).
-QImage source(int w, int h) {
-    QImage s(w, h, QImage::Format_RGBA8888_Premultiplied);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x)
-            s.setPixel(x, y, qRgba(x * 255 / w, y * 255 / h, 90, 255));
-    return s;
-}
-
 MaskEdit brush(MaskEdit::Kind kind, double size, double softness, QList<QPointF> points) {
     MaskEdit e;
     e.kind = kind;
@@ -71,7 +62,7 @@ TEST(MaskEdits, PointsFollowEveryTurnAndMirrorAsThePixelsDo) {
 }
 
 TEST(MaskEdits, EraseAndRestoreChangeExactlyThePixelsUnderTheBrush) {
-    const QImage src = source(200, 100);
+    const QImage src = coordinates(200, 100);
     const QImage cut = src.copy();
     EXPECT_EQ(MaskEditing::apply(cut, src, {}).cacheKey(), cut.cacheKey()) << "no edits: the cutout itself";
 
@@ -108,7 +99,7 @@ TEST(MaskEdits, EraseAndRestoreChangeExactlyThePixelsUnderTheBrush) {
 }
 
 TEST(MaskEdits, ADroppedIslandGoesWholeWithItsRimAndNothingElse) {
-    const QImage src = source(120, 80);
+    const QImage src = coordinates(120, 80);
     // Two opaque discs with soft rims on nothing.
     QImage cut(120, 80, QImage::Format_RGBA8888_Premultiplied);
     cut.fill(Qt::transparent);

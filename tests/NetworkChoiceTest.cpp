@@ -4,7 +4,7 @@
 #include "CliProgram.h"
 #include "TinyNetworks.h"
 
-#include "engines/NetworkSpec.h"
+#include "engines/SubjectNetwork.h"
 #include "engines/VisionEngine.h"
 
 #include <QImage>
@@ -38,11 +38,11 @@ protected:
         EXPECT_TRUE(writeBytes(path, bytes));
         return path;
     }
-    NetworkSpec spec(const QString& onnx) {
+    SubjectNetwork choice(const QString& onnx) {
         QString why;
-        const auto s = NetworkSpec::read(onnx, &why);
+        const auto s = SubjectNetwork::read(onnx, &why);
         EXPECT_TRUE(s) << why.toStdString();
-        return s.value_or(NetworkSpec{});
+        return s.value_or(SubjectNetwork{});
     }
     QTemporaryDir m_dir;
 };
@@ -57,7 +57,7 @@ TEST_F(NetworkChoice, TheMaskIsExactlyTheChannelTheNetworkAnswersWith) {
     for (int y = 0; y < 1024; ++y)
         for (int x = 0; x < 1024; ++x)
             ramp.setPixel(x, y, qRgb((x + y) & 255, 255 - (x & 255), 77));
-    VisionEngine::useNetwork(spec(red));
+    VisionEngine::useNetwork(choice(red));
     const QImage mask = VisionEngine::mask(ramp);
     ASSERT_EQ(mask.size(), QSize(1024, 1024)) << VisionEngine::problem().toStdString();
     int wrong = 0;
@@ -69,7 +69,7 @@ TEST_F(NetworkChoice, TheMaskIsExactlyTheChannelTheNetworkAnswersWith) {
     // The green channel through a sigmoid: (value / 255 − 0.5) / 0.05 runs from −10 to 10.
     const QString green = write(QStringLiteral("green.onnx"), channelNetwork(1));
     write(QStringLiteral("green.json"), R"({"mean": [0.1, 0.5, 0.9], "std": 0.05, "sigmoid": true})");
-    VisionEngine::useNetwork(spec(green));
+    VisionEngine::useNetwork(choice(green));
     const QImage logits = VisionEngine::mask(ramp);
     ASSERT_FALSE(logits.isNull()) << VisionEngine::problem().toStdString();
     for (int x : {0, 100, 127, 128, 130, 200, 255}) {
@@ -85,7 +85,7 @@ TEST_F(NetworkChoice, AFixedSizeNetworkRunsAtItsSizeAndTheMaskComesBackAt1024) {
     const QString path =
         write(QStringLiteral("fixed.onnx"), channelNetwork(0, {.in = {1, 3, 48, 64}, .out = {1, 48, 64}}));
     write(QStringLiteral("fixed.json"), R"({"mean": 0, "std": 1})");
-    VisionEngine::useNetwork(spec(path));
+    VisionEngine::useNetwork(choice(path));
     const auto info = VisionEngine::networkInfo();
     ASSERT_TRUE(info) << VisionEngine::problem().toStdString();
     EXPECT_EQ(info->width, 64);

@@ -20,14 +20,6 @@ using namespace cutlark::test;
 
 namespace {
 
-QImage sourceImage(int w, int h) {
-    QImage s(w, h, QImage::Format_RGBA8888_Premultiplied);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x)
-            s.setPixel(x, y, qRgba(x * 255 / w, y * 255 / h, 120, 255));
-    return s;
-}
-
 // The source with its left half cleared, as a network might have cut it.
 QImage halfCut(const QImage& s) {
     QImage c = s.copy();
@@ -46,7 +38,7 @@ void stroke(RefineCanvas* canvas, const QList<QPointF>& oriented) {
 } // namespace
 
 TEST(RefineSheet, WhatTheSheetShowsWhileDrawingIsWhatTheEditGives) {
-    const QImage src = sourceImage(300, 200);
+    const QImage src = coordinates(300, 200);
     const QImage cut = halfCut(src);
     RefineSheet sheet(src, cut, {}, 0, false);
     RefineCanvas* canvas = sheet.canvas();
@@ -68,7 +60,7 @@ TEST(RefineSheet, WhatTheSheetShowsWhileDrawingIsWhatTheEditGives) {
 }
 
 TEST(RefineSheet, StrokesAreKeptInTheSourcesCoordinatesWhateverTheTurn) {
-    const QImage src = sourceImage(300, 200);
+    const QImage src = coordinates(300, 200);
     for (bool mirrored : {false, true})
         for (int turns = 0; turns < 4; ++turns) {
             RefineSheet sheet(src, halfCut(src), {}, turns, mirrored);
@@ -91,7 +83,7 @@ TEST(RefineSheet, StrokesAreKeptInTheSourcesCoordinatesWhateverTheTurn) {
 }
 
 TEST(RefineSheet, UndoRedoClearKeysAndDroppingAnIsland) {
-    const QImage src = sourceImage(200, 100);
+    const QImage src = coordinates(200, 100);
     QImage cut(200, 100, QImage::Format_RGBA8888_Premultiplied);
     cut.fill(Qt::transparent);
     for (int y = 40; y < 60; ++y) // two opaque islands

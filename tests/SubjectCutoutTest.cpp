@@ -149,7 +149,7 @@ TEST_F(CutoutTest, AnotherNetworkCutsOutAgainAndTheOldOnesLateResultIsDropped) {
     ASSERT_TRUE(sameBytes(model.processedImage(), expectedCut(source)));
 
     // The other network clears the right half; choosing it asks for a new cutout at once.
-    NetworkSpec other;
+    SubjectNetwork other;
     other.path = QStringLiteral("/networks/other.onnx");
     model.setSubjectNetwork(other);
     EXPECT_EQ(fake.chosen, other) << "the service now speaks of the chosen network";
@@ -165,14 +165,14 @@ TEST_F(CutoutTest, AnotherNetworkCutsOutAgainAndTheOldOnesLateResultIsDropped) {
     model.select(ids[1]);
     model.setKeyWhiteEnabled(true); // each item has settings of its own
     ASSERT_TRUE(model.isDetectingSubject());
-    model.setSubjectNetwork(NetworkSpec{});
+    model.setSubjectNetwork(SubjectNetwork{});
     fake.release(2);
     ASSERT_TRUE(waitUntil([&] { return fake.calls == 4 && !model.isDetectingSubject(); }));
     QThreadPool::globalInstance()->waitForDone();
     QCoreApplication::processEvents();
     EXPECT_EQ(qAlpha(model.processedImage().pixel(0, 0)), 0) << "the default network's cutout";
     EXPECT_EQ(qAlpha(model.processedImage().pixel(49, 0)), 255);
-    EXPECT_EQ(model.subjectNetwork(), NetworkSpec{});
+    EXPECT_EQ(model.subjectNetwork(), SubjectNetwork{});
 }
 
 TEST_F(CutoutTest, TouchUpsChangeThePixelsUnderThemAndFollowTheTurn) {
@@ -521,7 +521,7 @@ TEST_F(RealNetwork, TheModelCutsOutTheCupOfARealPhotograph) {
 TEST_F(CutoutTest, ACutoutThatRunsOutOfMemoryCountsAsNoSubject) {
     model.setCutoutService(
         {[] { return true; },
-         [](const QImage&, const NetworkSpec&) -> std::optional<QImage> { throw std::bad_alloc(); },
+         [](const QImage&, const SubjectNetwork&) -> std::optional<QImage> { throw std::bad_alloc(); },
          [] { return QString(); }, nullptr, nullptr});
     openTwo();
     model.setBgRemovalMode(BGRemovalMode::subject);

@@ -147,13 +147,13 @@ std::optional<int> CliRunner::gatherInputs(const CliOptions& options, StandardIn
 
 std::optional<int> CliRunner::chooseNetwork(const CliOptions& options, bool describe) {
     QString why;
-    const std::optional<NetworkSpec> spec = NetworkSpec::read(options.networkPath, &why);
+    const std::optional<SubjectNetwork> choice = SubjectNetwork::read(options.networkPath, &why);
     const char* after = describe ? "" : "; nothing was written";
-    if (!spec) {
+    if (!choice) {
         std::fprintf(m_err, "cutlark-cli: %s%s\n", qPrintable(why), after);
         return 1;
     }
-    VisionEngine::useNetwork(*spec);
+    VisionEngine::useNetwork(*choice);
     // Checked before any input is read: a network that doesn't fit fails the run, not each picture.
     const std::optional<VisionEngine::NetworkInfo> info = VisionEngine::networkInfo();
     const QString runtimeProblem = VisionEngine::runtimeProblem();
@@ -176,9 +176,9 @@ std::optional<int> CliRunner::chooseNetwork(const CliOptions& options, bool desc
                      {QStringLiteral("input"), info->input},
                      {QStringLiteral("output"), info->output},
                      {QStringLiteral("size"), QJsonArray{info->width, info->height}},
-                     {QStringLiteral("mean"), triple(spec->mean)},
-                     {QStringLiteral("std"), triple(spec->stdDev)},
-                     {QStringLiteral("sigmoid"), spec->sigmoid},
+                     {QStringLiteral("mean"), triple(choice->mean)},
+                     {QStringLiteral("std"), triple(choice->stdDev)},
+                     {QStringLiteral("sigmoid"), choice->sigmoid},
                      {QStringLiteral("runsOn"),
                       onRuntime ? QStringLiteral("ONNX Runtime %1 on %2").arg(runtimeVersion, where)
                                 : QStringLiteral("OpenCV on the CPU")}};

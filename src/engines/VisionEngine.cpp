@@ -35,7 +35,7 @@ struct Network {
     QString overridePath;
     QString loadedFrom;
     Backend wanted = Backend::automatic;
-    NetworkSpec loadedSpec;                        // what the state below is about
+    SubjectNetwork loadedChoice;                   // what the state below is about
     std::unique_ptr<OnnxRuntime::Session> session; // ONNX Runtime's, when it could be had
     cv::dnn::Net net;                              // else OpenCV's
     std::string inputName = "input", outputName = "output";
@@ -51,7 +51,7 @@ struct Network {
     // second of hashing) or a run must not make the window wait for an answer. The network chosen
     // lives here too, so that choosing one never waits for a run.
     struct Status {
-        NetworkSpec spec;
+        SubjectNetwork choice;
         QString overridePath;
         bool loaded = false;
         bool failed = false;
@@ -62,21 +62,22 @@ struct Network {
     };
     std::mutex statusMutex;
     Status status;
-    NetworkSpec chosen;
+    SubjectNetwork chosen;
 
     bool loaded() const { return session || !net.empty(); }
     /// Copies the state into `status`; called with `mutex` held after every change.
     void publish() {
         std::lock_guard lock(statusMutex);
-        status = {loadedSpec, overridePath, loaded(), failed, problem, runtimeProblem, gpuDevice, gpuProblem};
+        status = {loadedChoice, overridePath,   loaded(),  failed,
+                  problem,      runtimeProblem, gpuDevice, gpuProblem};
     }
     Status snapshot() {
         std::lock_guard lock(statusMutex);
         Status s = status;
-        if (!(s.spec == chosen)) s = {chosen, overridePath, false, false, {}, {}, {}, {}}; // not tried yet
+        if (!(s.choice == chosen)) s = {chosen, overridePath, false, false, {}, {}, {}, {}}; // not tried yet
         return s;
     }
-    NetworkSpec chosenSpec() {
+    SubjectNetwork chosenNow() {
         std::lock_guard lock(statusMutex);
         return chosen;
     }
@@ -101,8 +102,8 @@ Network& network() {
     return n;
 }
 
-QString findModel(const NetworkSpec& spec, const QString& overridePath) {
-    if (!spec.path.isEmpty()) return QFileInfo(spec.path).isFile() ? spec.path : QString();
+QString findModel(const SubjectNetwork& choice, const QString& overridePath) {
+    if (!choice.path.isEmpty()) return QFileInfo(choice.path).isFile() ? choice.path : QString();
     return DataFiles::find(kModelFile, overridePath);
 }
 
@@ -136,15 +137,15 @@ QString checkPorts(Network& n, const QString& path) {
                                                          : QStringLiteral("a non-float input of"),
                         shapeText(in.shape)) +
                contract;
-    const NetworkSpec& spec = n.loadedSpec;
-    int w = spec.width, h = spec.height;
+    const SubjectNetwork& choice = n.loadedChoice;
+    int w = choice.width, h = choice.height;
     if (in.shape[2] > 0 && in.shape[3] > 0) {
-        if (spec.sizeGiven && (in.shape[3] != w || in.shape[2] != h))
+        if (choice.sizeGiven && (in.shape[3] != w || in.shape[2] != h))
             return QStringLiteral("“%1” takes pictures of %2 × %3, but “%4” says %5 × %6")
                 .arg(path)
                 .arg(in.shape[3])
                 .arg(in.shape[2])
-                .arg(NetworkSpec::descriptorPath(path))
+                .arg(SubjectNetwork::descriptorPath(path))
                 .arg(w)
                 .arg(h);
         if (in.shape[3] > 4096 || in.shape[2] > 4096)
@@ -155,7 +156,7 @@ QString checkPorts(Network& n, const QString& path) {
     } else if (in.shape[2] > 0 || in.shape[3] > 0) {
         if (!fits(in.shape[2], h) || !fits(in.shape[3], w))
             return QStringLiteral("“%1” takes pictures of %2; give their size in “%3”")
-                .arg(path, shapeText(in.shape), NetworkSpec::descriptorPath(path));
+                .arg(path, shapeText(in.shape), SubjectNetwork::descriptorPath(path));
     }
     for (const OnnxRuntime::Session::Port& out : outs) {
         const auto& s = out.shape;
@@ -235,16 +236,16 @@ bool loadOnRuntime(Network& n, const QString& path, QString& why) {
 bool loadNetwork(Network& n) {
     if (n.loaded()) return true;
     if (n.failed) return false;
-    const NetworkSpec& spec = n.loadedSpec;
-    const QString path = findModel(spec, n.overridePath);
+    const SubjectNetwork& choice = n.loadedChoice;
+    const QString path = findModel(choice, n.overridePath);
     if (path.isEmpty()) {
-        n.problem = spec.path.isEmpty()
+        n.problem = choice.path.isEmpty()
                         ? QStringLiteral("the subject network isn’t installed; ") + DataFiles::howToInstall()
-                        : QStringLiteral("“%1” doesn’t exist").arg(spec.path);
+                        : QStringLiteral("“%1” doesn’t exist").arg(choice.path);
         return false;
     }
     // A file cut short or replaced would run and find nothing, or take any amount of memory.
-    if (spec.path.isEmpty() && n.overridePath.isEmpty()) {
+    if (choice.path.isEmpty() && n.overridePath.isEmpty()) {
         n.problem = DataFiles::damage(path, kModelFile);
         if (!n.problem.isEmpty()) {
             n.failed = true;
@@ -281,8 +282,8 @@ bool loadNetwork(Network& n) {
         n.net.setPreferableBackend(cv::dnn::DNN_BACKEND_OPENCV);
         n.net.setPreferableTarget(cv::dnn::DNN_TARGET_CPU);
         n.loadedFrom = path;
-        n.width = spec.width;
-        n.height = spec.height;
+        n.width = choice.width;
+        n.height = choice.height;
     } catch (const cv::Exception&) {
         n.net = cv::dnn::Net();
     }
@@ -294,10 +295,10 @@ bool loadNetwork(Network& n) {
 }
 
 // Loads `chosen`, forgetting another network loaded before.
-bool ensureLoaded(Network& n, const NetworkSpec& chosen) {
-    if (!(chosen == n.loadedSpec)) {
+bool ensureLoaded(Network& n, const SubjectNetwork& chosen) {
+    if (!(chosen == n.loadedChoice)) {
         n.forget();
-        n.loadedSpec = chosen;
+        n.loadedChoice = chosen;
     }
     if (n.loaded()) return true;
     const bool ok = loadNetwork(n);
@@ -307,15 +308,15 @@ bool ensureLoaded(Network& n, const NetworkSpec& chosen) {
 
 // The network's input for a w × h RGBA picture: three planes R, G, B of (value − 255·mean) / (255·std);
 // for IS-Net (value − 127.5) / 255.
-std::vector<float> inputPlanes(const cv::Mat& rgba, const NetworkSpec& spec) {
+std::vector<float> inputPlanes(const cv::Mat& rgba, const SubjectNetwork& choice) {
     const int w = rgba.cols, h = rgba.rows;
     const size_t plane = size_t(w) * size_t(h);
     std::vector<float> out(3 * plane);
     float offset[3];
     double scale[3];
     for (size_t c = 0; c < 3; ++c) {
-        offset[c] = float(255.0 * spec.mean[c]);
-        scale[c] = 1.0 / (255.0 * spec.stdDev[c]);
+        offset[c] = float(255.0 * choice.mean[c]);
+        scale[c] = 1.0 / (255.0 * choice.stdDev[c]);
     }
     for (int y = 0; y < h; ++y) {
         const uchar* p = rgba.ptr<uchar>(y);
@@ -355,7 +356,7 @@ cv::Mat infer(Network& n, std::vector<float>& planes) {
         }
         if (!out || out->values.size() != size_t(w) * size_t(h)) {
             // A network whose output isn't the size of its input would be resized wrong.
-            if (!n.loadedSpec.path.isEmpty())
+            if (!n.loadedChoice.path.isEmpty())
                 n.problem = out ? QStringLiteral("“%1” gave %2 values for a %3 × %4 input")
                                       .arg(n.loadedFrom)
                                       .arg(out->values.size())
@@ -372,15 +373,15 @@ cv::Mat infer(Network& n, std::vector<float>& planes) {
     try {
         n.net.setInput(blob);
         // IS-Net's final, fused mask is named; another network's first output is taken.
-        out = n.loadedSpec.path.isEmpty() ? n.net.forward("output") : n.net.forward();
+        out = n.loadedChoice.path.isEmpty() ? n.net.forward("output") : n.net.forward();
     } catch (const cv::Exception& e) {
-        if (!n.loadedSpec.path.isEmpty())
+        if (!n.loadedChoice.path.isEmpty())
             n.problem =
                 QStringLiteral("“%1” couldn’t run: %2").arg(n.loadedFrom, QString::fromStdString(e.msg));
         return cv::Mat();
     }
     if (out.total() != size_t(w) * size_t(h)) {
-        if (!n.loadedSpec.path.isEmpty())
+        if (!n.loadedChoice.path.isEmpty())
             n.problem = QStringLiteral("“%1” gave %2 values for a %3 × %4 input")
                             .arg(n.loadedFrom)
                             .arg(out.total())
@@ -395,7 +396,7 @@ cv::Mat infer(Network& n, std::vector<float>& planes) {
 
 QString modelPath() {
     Network& n = network();
-    const NetworkSpec chosen = n.chosenSpec();
+    const SubjectNetwork chosen = n.chosenNow();
     std::lock_guard lock(n.mutex);
     return findModel(chosen, n.overridePath);
 }
@@ -407,20 +408,20 @@ void setModelPath(const QString& path) {
     n.forget();
 }
 
-void useNetwork(const NetworkSpec& spec) {
+void useNetwork(const SubjectNetwork& choice) {
     Network& n = network();
     std::lock_guard lock(n.statusMutex);
-    n.chosen = spec;
+    n.chosen = choice;
 }
 
-NetworkSpec chosenNetwork() {
-    return network().chosenSpec();
+SubjectNetwork chosenNetwork() {
+    return network().chosenNow();
 }
 
 std::optional<NetworkInfo> networkInfo() {
     Network& n = network();
     std::lock_guard lock(n.mutex);
-    if (!ensureLoaded(n, n.chosenSpec())) return std::nullopt;
+    if (!ensureLoaded(n, n.chosenNow())) return std::nullopt;
     return NetworkInfo{n.loadedFrom, QString::fromStdString(n.inputName),
                        QString::fromStdString(n.outputName), n.width, n.height};
 }
@@ -441,17 +442,17 @@ Backend loadedBackend() {
 bool isAvailable() {
     const Network::Status s = network().snapshot();
     if (s.failed) return false;
-    return s.loaded || !findModel(s.spec, s.overridePath).isEmpty();
+    return s.loaded || !findModel(s.choice, s.overridePath).isEmpty();
 }
 
 QString problem() {
     const Network::Status s = network().snapshot();
     if (!s.problem.isEmpty()) return s.problem;
     if (s.loaded) return QString();
-    if (findModel(s.spec, s.overridePath).isEmpty())
-        return s.spec.path.isEmpty()
+    if (findModel(s.choice, s.overridePath).isEmpty())
+        return s.choice.path.isEmpty()
                    ? QStringLiteral("the subject network isn’t installed; ") + DataFiles::howToInstall()
-                   : QStringLiteral("“%1” doesn’t exist").arg(s.spec.path);
+                   : QStringLiteral("“%1” doesn’t exist").arg(s.choice.path);
     return QString();
 }
 
@@ -468,7 +469,7 @@ void preload(bool warmUp) {
     {
         Network& n = network();
         std::lock_guard lock(n.mutex);
-        if (!ensureLoaded(n, n.chosenSpec()) || n.warm || !warmUp) return;
+        if (!ensureLoaded(n, n.chosenNow()) || n.warm || !warmUp) return;
     }
     // The runtime plans its buffers and kernels on the first runs; a blank picture pays for that.
     QImage blank(64, 64, QImage::Format_RGBA8888_Premultiplied);
@@ -480,28 +481,33 @@ QImage mask(const QImage& source) {
     return mask(source, chosenNetwork());
 }
 
-QImage mask(const QImage& source, const NetworkSpec& spec) {
+QImage mask(const QImage& source, const SubjectNetwork& choice) {
     const QImage src = rgbaPixels(source);
     if (src.isNull()) return QImage();
     try {
-        // The network sees the picture at its own size, in RGB, normalised as its spec says.
+        // The network sees the picture at its own size, in RGB, normalised as its descriptor says.
         const cv::Mat rgba(src.height(), src.width(), CV_8UC4, const_cast<uchar*>(src.constBits()),
                            size_t(src.bytesPerLine()));
         Network& n = network();
         std::unique_lock lock(n.mutex);
-        if (!ensureLoaded(n, spec)) return QImage();
+        if (!ensureLoaded(n, choice)) return QImage();
         const int w = n.width, h = n.height;
+        // The input is made with the lock let go, so that parallel jobs only wait for the run itself;
+        // should another network have been loaded meanwhile, this one is loaded again below.
+        lock.unlock();
         cv::Mat small;
         cv::resize(rgba, small, cv::Size(w, h), 0, 0,
                    src.width() > w || src.height() > h ? cv::INTER_AREA : cv::INTER_LINEAR);
-        std::vector<float> planes = inputPlanes(small, spec);
+        std::vector<float> planes = inputPlanes(small, choice);
         small.release();
+        lock.lock();
+        if (!ensureLoaded(n, choice) || n.width != w || n.height != h) return QImage();
         cv::Mat plane = infer(n, planes);
         n.warm = true;
         n.publish();
         lock.unlock();
         if (plane.empty()) return QImage();
-        if (spec.sigmoid) { // 1 / (1 + e^−x)
+        if (choice.sigmoid) { // 1 / (1 + e^−x)
             cv::exp(-plane, plane);
             plane = 1.0 / (1.0 + plane);
         }
@@ -524,9 +530,9 @@ std::optional<QImage> computeCutout(const QImage& source) {
     return computeCutout(source, chosenNetwork());
 }
 
-std::optional<QImage> computeCutout(const QImage& source, const NetworkSpec& spec) {
+std::optional<QImage> computeCutout(const QImage& source, const SubjectNetwork& choice) {
     if (source.width() < 1 || source.height() < 1) return std::nullopt;
-    const QImage m = mask(source, spec);
+    const QImage m = mask(source, choice);
     if (m.isNull() || isEmptyMask(m)) return std::nullopt;
     const QImage shaped = shapeMask(m);
     if (shaped.isNull() || isEmptyMask(shaped)) return std::nullopt;

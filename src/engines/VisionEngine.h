@@ -1,6 +1,6 @@
 #pragma once
 
-#include "engines/NetworkSpec.h"
+#include "engines/SubjectNetwork.h"
 
 #include <QImage>
 #include <QString>
@@ -18,10 +18,10 @@ QString modelPath();
 /// Test seam: use this file instead of searching (empty to search again). Forgets a loaded network.
 void setModelPath(const QString& path);
 
-/// Cutouts from now on run this network (the default spec: the installed IS-Net). Doesn't wait for
+/// Cutouts from now on run this network (the default choice: the installed IS-Net). Doesn't wait for
 /// a run in progress: the network loads, and one chosen before is forgotten, on the next cutout.
-void useNetwork(const NetworkSpec& spec);
-NetworkSpec chosenNetwork();
+void useNetwork(const SubjectNetwork& choice);
+SubjectNetwork chosenNetwork();
 
 /// The chosen network as loaded: its file, the names it runs by and its input's size.
 struct NetworkInfo {
@@ -76,8 +76,8 @@ void preload(bool warmUp = true);
 /// bytes 0…255; empty when the network can't be had. Blocking. Safe to call from several threads (inference
 /// is serialised).
 QImage mask(const QImage& source);
-/// The same with `spec`'s network (loaded in place of another), whatever is chosen.
-QImage mask(const QImage& source, const NetworkSpec& spec);
+/// The same with the network `choice` (loaded in place of another), whatever is chosen.
+QImage mask(const QImage& source, const SubjectNetwork& choice);
 
 /// How the network's probabilities become a mask like a platform's foreground mask: opaque inside,
 /// transparent outside, soft only along the edge. Measured on twelve objects of known shape over
@@ -121,6 +121,6 @@ std::optional<QImage> composite(const QImage& source, const QImage& mask, bool d
 /// The whole cutout of `source` at its own size; absent when no subject is found or the network
 /// fails. Blocking; call it off the main thread.
 std::optional<QImage> computeCutout(const QImage& source);
-std::optional<QImage> computeCutout(const QImage& source, const NetworkSpec& spec);
+std::optional<QImage> computeCutout(const QImage& source, const SubjectNetwork& choice);
 
 } // namespace cutlark::VisionEngine

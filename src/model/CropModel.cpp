@@ -42,7 +42,7 @@ template <class T> const T& normalized(const T& v) {
 
 CropModel::CropModel(QObject* parent)
     : QObject(parent), m_cutoutService{&VisionEngine::isAvailable,
-                                       [](const QImage& source, const NetworkSpec& network) {
+                                       [](const QImage& source, const SubjectNetwork& network) {
                                            return VisionEngine::computeCutout(source, network);
                                        },
                                        &CropModel::subjectNetworkProblem, &CropModel::prepareSubjectNetwork,

@@ -98,24 +98,24 @@ public:
     struct CutoutService {
         std::function<bool()> available; ///< whether subject mode is offered
         /// Blocking; runs off the main thread, with the network chosen when it was asked for.
-        std::function<std::optional<QImage>(const QImage&, const NetworkSpec&)> compute;
+        std::function<std::optional<QImage>(const QImage&, const SubjectNetwork&)> compute;
         /// Why cutouts can't be had (the network missing or damaged), empty when nothing is wrong.
         std::function<QString()> problem;
         /// Loads the network ahead of its first cutout, without blocking the caller; may be empty.
         std::function<void()> prepare;
         /// Makes `available` and `problem` speak of this network from now on; may be empty.
-        std::function<void(const NetworkSpec&)> choose;
+        std::function<void(const SubjectNetwork&)> choose;
     };
     void setCutoutService(CutoutService service) {
         m_cutoutService = std::move(service);
     }
-    /// The network subject mode runs (the default spec: the installed one). Choosing another cuts
+    /// The network subject mode runs (the default choice: the installed one). Choosing another cuts
     /// the active item out again with it; the others are cut out again when they are shown.
-    void setSubjectNetwork(const NetworkSpec& network);
+    void setSubjectNetwork(const SubjectNetwork& network);
     /// The network at `onnxPath` with its descriptor, chosen; false with the error message set
     /// (naming the file and what is wrong) when the descriptor isn't one.
     bool chooseSubjectNetwork(const QString& onnxPath);
-    const NetworkSpec& subjectNetwork() const {
+    const SubjectNetwork& subjectNetwork() const {
         return m_cutouts.network();
     }
     /// The active item's cutout as the network gave it (unturned, before any touch-up); null when
@@ -457,7 +457,7 @@ private:
     }
     Item* findItem(const QUuid& id);
     QString skipMessage(int count) const;
-    void finishCutout(const QUuid& id, const NetworkSpec& network, const std::optional<QImage>& cutout);
+    void finishCutout(const QUuid& id, const SubjectNetwork& network, const std::optional<QImage>& cutout);
     void runVectorPass();
     void finishVectorPass(const VectorJob& job, const VectorResult& result);
     void stopVectorWorker();

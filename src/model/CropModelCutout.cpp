@@ -19,7 +19,7 @@ namespace {
 
 // A cutout that runs out of memory or meets a library error counts as no subject found.
 std::optional<QImage> cutoutSafely(const CropModel::CutoutService& service, const QImage& source,
-                                   const NetworkSpec& network) {
+                                   const SubjectNetwork& network) {
     try {
         return service.compute(source, network);
     } catch (const std::exception&) {
@@ -92,7 +92,7 @@ void CropModel::ensureVisionCutout() {
         QUuid id;
         QImage source;
         CutoutService service;
-        NetworkSpec network;
+        SubjectNetwork network;
         std::optional<QImage> cutout;
     };
     runOffThread(
@@ -105,7 +105,7 @@ void CropModel::ensureVisionCutout() {
         [](CropModel& self, Task& task) { self.finishCutout(task.id, task.network, task.cutout); });
 }
 
-void CropModel::setSubjectNetwork(const NetworkSpec& network) {
+void CropModel::setSubjectNetwork(const SubjectNetwork& network) {
     if (m_cutoutService.choose) m_cutoutService.choose(network);
     m_cutouts.setNetwork(network);
     notify(Field::visionComputing);
@@ -117,7 +117,7 @@ void CropModel::setSubjectNetwork(const NetworkSpec& network) {
 
 bool CropModel::chooseSubjectNetwork(const QString& onnxPath) {
     QString why;
-    const std::optional<NetworkSpec> network = NetworkSpec::read(onnxPath, &why);
+    const std::optional<SubjectNetwork> network = SubjectNetwork::read(onnxPath, &why);
     if (!network) {
         setErrorMessage(why);
         return false;
@@ -126,7 +126,7 @@ bool CropModel::chooseSubjectNetwork(const QString& onnxPath) {
     return true;
 }
 
-void CropModel::finishCutout(const QUuid& id, const NetworkSpec& network,
+void CropModel::finishCutout(const QUuid& id, const SubjectNetwork& network,
                              const std::optional<QImage>& cutout) {
     if (!(network == m_cutouts.network())) return; // cut out by a network chosen before
     m_cutouts.finish(id, network, cutout);

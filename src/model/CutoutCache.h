@@ -1,6 +1,6 @@
 #pragma once
 
-#include "engines/NetworkSpec.h"
+#include "engines/SubjectNetwork.h"
 
 #include <QHash>
 #include <QImage>
@@ -27,8 +27,8 @@ public:
 
     /// The network the cutouts are of. Choosing another forgets them all: each item is cut out
     /// again when it is shown; a cutout still running for the old one is dropped when it comes back.
-    const NetworkSpec& network() const { return m_network; }
-    void setNetwork(const NetworkSpec& network) {
+    const SubjectNetwork& network() const { return m_network; }
+    void setNetwork(const SubjectNetwork& network) {
         if (network == m_network) return;
         m_network = network;
         m_cutouts.clear();
@@ -40,7 +40,7 @@ public:
     void start(const QUuid& id) { m_computing.insert(id); }
     /// The cutout for `id` has come back, with what `network` found; dropped when it isn't the
     /// network of the cache any more.
-    void finish(const QUuid& id, const NetworkSpec& network, const std::optional<QImage>& cutout) {
+    void finish(const QUuid& id, const SubjectNetwork& network, const std::optional<QImage>& cutout) {
         if (!(network == m_network)) return;
         m_computing.remove(id);
         m_attempted.insert(id);
@@ -59,7 +59,7 @@ public:
     const QSet<QUuid>& computingItems() const { return m_computing; }
 
 private:
-    NetworkSpec m_network;
+    SubjectNetwork m_network;
     QHash<QUuid, QImage> m_cutouts;
     QSet<QUuid> m_attempted;
     QSet<QUuid> m_computing;

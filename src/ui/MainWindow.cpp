@@ -4,7 +4,7 @@
 #include "ui/ContentView.h"
 #include "ui/FileOpenInbox.h"
 
-#include "engines/NetworkSpec.h"
+#include "engines/SubjectNetwork.h"
 
 #include <QAction>
 #include <QActionGroup>
@@ -98,21 +98,21 @@ void MainWindow::fillNetworkMenu() {
         connect(a, &QAction::triggered, this, [this, path] {
             CropModel& m = m_content->model();
             if (path.isEmpty())
-                m.setSubjectNetwork(NetworkSpec{});
+                m.setSubjectNetwork(SubjectNetwork{});
             else
                 m.chooseSubjectNetwork(path);
         });
     };
     add(tr("IS-Net (installed)"), QString());
     m_networkMenu->addSeparator();
-    const QStringList found = NetworkSpec::userNetworks();
+    const QStringList found = SubjectNetwork::userNetworks();
     for (const QString& path : found)
-        add(NetworkSpec{path}.displayName(), path);
+        add(SubjectNetwork{path}.displayName(), path);
     // A network chosen before and gone from the folder since stays listed while it is in use.
-    if (!chosen.isEmpty() && !found.contains(chosen)) add(NetworkSpec{chosen}.displayName(), chosen);
+    if (!chosen.isEmpty() && !found.contains(chosen)) add(SubjectNetwork{chosen}.displayName(), chosen);
     if (found.isEmpty()) {
         QAction* none = m_networkMenu->addAction(
-            tr("More networks: put .onnx files into %1").arg(NetworkSpec::userFolder()));
+            tr("More networks: put .onnx files into %1").arg(SubjectNetwork::userFolder()));
         none->setEnabled(false);
     }
 }

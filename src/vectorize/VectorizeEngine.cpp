@@ -241,6 +241,31 @@ double epsilonFor(double smoothing) {
 
 namespace {
 
+// A chain on a w × h raster as the points along its pixel edges, the polygon approximating them at
+// `epsilon`, and that polygon scaled to the source by sx, sy; absent when it has under 3 vertices.
+struct ChainPolygon {
+    std::vector<cv::Point2f> points;
+    std::vector<cv::Point2f> approx;
+    Contour scaled;
+};
+std::optional<ChainPolygon> chainPolygon(const std::vector<cv::Point>& chain, int w, int h, double epsilon,
+                                         double sx, double sy) {
+    if (chain.size() < 2) return std::nullopt;
+    ChainPolygon p;
+    // The approximation works on 32-bit floats, like the detector's normalised points.
+    p.points = clamped(onPixelEdges(chain), w, h);
+    try {
+        cv::approxPolyDP(p.points, p.approx, epsilon, true);
+    } catch (const cv::Exception&) {
+        p.approx = p.points; // the raw contour stands in for a failed approximation
+    }
+    if (p.approx.size() < 3) return std::nullopt;
+    p.scaled.reserve(qsizetype(p.approx.size()));
+    for (const cv::Point2f& v : p.approx)
+        p.scaled.append(QPointF(double(v.x) * sx, double(v.y) * sy));
+    return p;
+}
+
 // The curves of every chain of `foreground` (the mask at its own size, mw × mh), scaled to the
 // source: corners found among the vertices of each chain's polygon at `epsilon`, chains whose
 // polygon holds less than `floor` source pixels left out, as the polygons are.
@@ -259,20 +284,9 @@ QList<CurvedContour> curvesAtFullSize(const cv::Mat& foreground, double epsilon,
     // 12-megapixel silhouette isn't followed into every step of its staircase edges.
     const double tolerance = kCurveTolerance * std::max(1.0, std::max(mw, mh) / 2048.0);
     for (const auto& chain : chains) {
-        if (chain.size() < 2) continue;
-        const std::vector<cv::Point2f> points = clamped(onPixelEdges(chain), mw, mh);
-        std::vector<cv::Point2f> approx;
-        try {
-            cv::approxPolyDP(points, approx, epsilon, true);
-        } catch (const cv::Exception&) {
-            approx = points;
-        }
-        if (approx.size() < 3) continue;
-        Contour c;
-        for (const cv::Point2f& p : approx)
-            c.append(QPointF(double(p.x) * sx, double(p.y) * sy));
-        if (polygonArea(c) < floor) continue;
-        out.append(curved(chain, points, approx, mw, mh, sx, sy, tolerance));
+        const auto p = chainPolygon(chain, mw, mh, epsilon, sx, sy);
+        if (!p || polygonArea(p->scaled) < floor) continue;
+        out.append(curved(chain, p->points, p->approx, mw, mh, sx, sy, tolerance));
     }
     return out;
 }
@@ -319,25 +333,14 @@ QList<Contour> contours(const QImage& mask, int fullW, int fullH, double smoothi
     const double floor = minAreaFrac * double(fullW) * double(fullH);
     const double sx = double(fullW) / dw, sy = double(fullH) / dh;
     for (const auto& chain : chains) {
-        if (chain.size() < 2) continue;
-        // The approximation works on 32-bit floats, like the detector's normalised points.
-        const std::vector<cv::Point2f> points = clamped(onPixelEdges(chain), dw, dh);
-        std::vector<cv::Point2f> approx;
-        try {
-            cv::approxPolyDP(points, approx, epsilon, true);
-        } catch (const cv::Exception&) {
-            approx = points; // the raw contour stands in for a failed approximation
-        }
-        if (approx.size() < 3) continue;
-        Contour c;
-        c.reserve(qsizetype(approx.size()));
-        for (const cv::Point2f& p : approx)
-            c.append(QPointF(double(p.x) * sx, double(p.y) * sy));
-        c = straighten(std::move(c), tolerance);
+        auto p = chainPolygon(chain, dw, dh, epsilon, sx, sy);
+        if (!p) continue;
+        Contour c = straighten(std::move(p->scaled), tolerance);
         if (c.size() < 3) continue;
         if (polygonArea(c) < floor) continue; // holes are judged by themselves, like outlines
         out.append(std::move(c));
-        if (curves && wholeForeground.empty()) curves->append(curved(chain, points, approx, dw, dh, sx, sy));
+        if (curves && wholeForeground.empty())
+            curves->append(curved(chain, p->points, p->approx, dw, dh, sx, sy));
     }
     // Curves follow the mask at its own size: fitted to the detector's shrunk chain, a large
     // glyph's edges would only be as exact as that raster's pixels, a pixel or two of the source.

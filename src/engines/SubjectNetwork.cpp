@@ -1,4 +1,4 @@
-#include "engines/NetworkSpec.h"
+#include "engines/SubjectNetwork.h"
 
 #include <QDir>
 #include <QFile>
@@ -44,25 +44,25 @@ bool wholeSide(const QJsonValue& v, int& out) {
 
 } // namespace
 
-QString NetworkSpec::descriptorPath(const QString& onnxPath) {
+QString SubjectNetwork::descriptorPath(const QString& onnxPath) {
     const QFileInfo info(onnxPath);
     const QString name = info.fileName();
     const QString base = name.endsWith(QLatin1String(".onnx"), Qt::CaseInsensitive) ? name.chopped(5) : name;
     return info.dir().filePath(base + QStringLiteral(".json"));
 }
 
-QString NetworkSpec::displayName() const {
+QString SubjectNetwork::displayName() const {
     if (path.isEmpty()) return QStringLiteral("IS-Net");
     const QString name = QFileInfo(path).fileName();
     return name.endsWith(QLatin1String(".onnx"), Qt::CaseInsensitive) ? name.chopped(5) : name;
 }
 
-QString NetworkSpec::userFolder() {
+QString SubjectNetwork::userFolder() {
     return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) +
            QStringLiteral("/cutlark/networks");
 }
 
-QStringList NetworkSpec::userNetworks() {
+QStringList SubjectNetwork::userNetworks() {
     const QDir folder(userFolder());
     QStringList paths;
     const QFileInfoList found = folder.entryInfoList({QStringLiteral("*.onnx")}, QDir::Files | QDir::Readable,
@@ -72,19 +72,19 @@ QStringList NetworkSpec::userNetworks() {
     return paths;
 }
 
-std::optional<NetworkSpec> NetworkSpec::read(const QString& onnxPath, QString* error) {
+std::optional<SubjectNetwork> SubjectNetwork::read(const QString& onnxPath, QString* error) {
     const auto fail = [&](const QString& why) {
         if (error) *error = why;
-        return std::optional<NetworkSpec>();
+        return std::optional<SubjectNetwork>();
     };
     const QFileInfo network(onnxPath);
     if (!network.exists()) return fail(QStringLiteral("“%1” doesn’t exist").arg(onnxPath));
     if (!network.isFile()) return fail(QStringLiteral("“%1” isn’t a file").arg(onnxPath));
-    NetworkSpec spec;
-    spec.path = onnxPath;
+    SubjectNetwork choice;
+    choice.path = onnxPath;
     const QString descriptor = descriptorPath(onnxPath);
     const QFileInfo info(descriptor);
-    if (!info.exists()) return spec;
+    if (!info.exists()) return choice;
     QFile file(descriptor);
     if (!info.isFile() || info.size() > kLargestDescriptor || !file.open(QIODevice::ReadOnly))
         return fail(QStringLiteral("“%1” can’t be read as a network’s descriptor").arg(descriptor));
@@ -104,23 +104,23 @@ std::optional<NetworkSpec> NetworkSpec::read(const QString& onnxPath, QString* e
         const QString key = it.key();
         if (key == QLatin1String("size")) {
             const QJsonArray a = it->toArray();
-            if (!it->isArray() || a.size() != 2 || !wholeSide(a[0], spec.width) ||
-                !wholeSide(a[1], spec.height))
+            if (!it->isArray() || a.size() != 2 || !wholeSide(a[0], choice.width) ||
+                !wholeSide(a[1], choice.height))
                 return bad("size", "two whole numbers from 16 to 4096: [width, height]");
-            spec.sizeGiven = true;
+            choice.sizeGiven = true;
         } else if (key == QLatin1String("mean")) {
-            if (!readTriple(*it, spec.mean) || !std::all_of(spec.mean.begin(), spec.mean.end(), [](double m) {
-                    return std::isfinite(m) && std::abs(m) <= 10;
-                }))
+            if (!readTriple(*it, choice.mean) ||
+                !std::all_of(choice.mean.begin(), choice.mean.end(),
+                             [](double m) { return std::isfinite(m) && std::abs(m) <= 10; }))
                 return bad("mean", "one number or three (R, G, B) from −10 to 10, on values scaled to 0…1");
         } else if (key == QLatin1String("std")) {
-            if (!readTriple(*it, spec.stdDev) ||
-                !std::all_of(spec.stdDev.begin(), spec.stdDev.end(),
+            if (!readTriple(*it, choice.stdDev) ||
+                !std::all_of(choice.stdDev.begin(), choice.stdDev.end(),
                              [](double s) { return std::isfinite(s) && s >= 1e-3 && s <= 100; }))
                 return bad("std", "one number or three (R, G, B) from 0.001 to 100");
         } else if (key == QLatin1String("sigmoid")) {
             if (!it->isBool()) return bad("sigmoid", "true (the output is a logit) or false (a probability)");
-            spec.sigmoid = it->toBool();
+            choice.sigmoid = it->toBool();
         } else {
             return fail(
                 QStringLiteral("“%1”: \"%2\" isn’t a key of a network’s descriptor (they are \"size\", "
@@ -128,7 +128,7 @@ std::optional<NetworkSpec> NetworkSpec::read(const QString& onnxPath, QString* e
                     .arg(descriptor, key));
         }
     }
-    return spec;
+    return choice;
 }
 
 } // namespace cutlark

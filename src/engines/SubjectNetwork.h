@@ -10,7 +10,7 @@ namespace cutlark {
 /// A segmentation network and how a picture becomes its input and its output a mask. The
 /// defaults are the installed IS-Net's conventions: 1024 × 1024 pixels, input = value / 255 − 0.5,
 /// output already a probability.
-struct NetworkSpec {
+struct SubjectNetwork {
     QString path;     ///< the .onnx file; empty: the installed IS-Net
     int width = 1024; ///< its input's size in pixels
     int height = 1024;
@@ -19,7 +19,7 @@ struct NetworkSpec {
     std::array<double, 3> stdDev{1.0, 1.0, 1.0}; ///< input = (value / 255 − mean) / std
     bool sigmoid = false;                        ///< the output is a logit, not yet a probability
 
-    bool operator==(const NetworkSpec&) const = default;
+    bool operator==(const SubjectNetwork&) const = default;
 
     /// The descriptor read beside a network: `FILE.json` for `FILE.onnx`.
     static QString descriptorPath(const QString& onnxPath);
@@ -29,7 +29,7 @@ struct NetworkSpec {
     /// number or three, "sigmoid": true or false. Absent with `error` naming the file and what is
     /// wrong when the network file isn't there or the descriptor isn't one (an unknown key too, so
     /// that a typing slip isn't silently ignored).
-    static std::optional<NetworkSpec> read(const QString& onnxPath, QString* error = nullptr);
+    static std::optional<SubjectNetwork> read(const QString& onnxPath, QString* error = nullptr);
 
     /// A person's name for it: the file's name without ".onnx", or "IS-Net" for the default.
     QString displayName() const;
